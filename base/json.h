@@ -1,0 +1,119 @@
+// The request tree: JSON with its keys in order, repeated keys kept, integers and reals apart, arrays of numbers packed.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tolvan {
+
+/// Value types; the numbers are those of the request standard.
+enum class JsonType { null = 0, object = 2, array = 3, logical = 4, integer = 5, real = 6, string = 7 };
+
+/// One value with its key.  Children keep their addresses while siblings come and go.
+///
+/// An array that holds numbers alone is packed: its elements are read through number_count(), is_integer(k), number(k)
+/// and integer(k), not through children().  Every reader must therefore ask packed() first; element(k), which
+/// unpacks on demand, is the convenient slow road for short arrays.
+class JsonNode {
+ public:
+  using Children = std::vector<std::unique_ptr<JsonNode>>;
+
+  explicit JsonNode(JsonType type = JsonType::null, std::string key = {});
+  JsonNode(const JsonNode& other);  // a deep copy without parent
+  JsonNode(JsonNode&& other) noexcept;
+  JsonNode& operator=(const JsonNode&) = delete;
+  JsonNode& operator=(JsonNode&&) = delete;
+  ~JsonNode();
+
+  std::string name;  // the key inside an object, empty inside an array
+
+  JsonType type() const { return type_; }
+  bool is(JsonType t) const { return type_ == t; }
+  bool is_number() const { return type_ == JsonType::integer || type_ == JsonType::real; }
+  bool is_text(std::string_view s) const { return type_ == JsonType::string && text_ == s; }
+  JsonNode* parent() const { return parent_; }
+
+  // Scalars.  A reader of the wrong type gives 0, false or the empty text.
+  bool logical() const { return type_ == JsonType::logical && integer_ != 0; }
+  std::int64_t integer() const { return type_ == JsonType::integer ? integer_ : 0; }
+  double number() const;  // of an integer or a real
+  const std::string& text() const { return text_; }
+
+  void set_null();
+  void set(bool value);
+  void set(std::int64_t value);
+  void set(double value);
+  void set(std::string value);
+  void set(const char* value) { set(std::string(value)); }
+  void set_object();  // empty
+  void set_array();   // empty
+
+  // Objects and unpacked arrays.
+  const Children& children() const { return children_; }
+  std::int64_t size() const;  // children, or packed numbers
+  JsonNode* find(std::string_view key) const;            // first child of that key; null if none
+  std::int64_t count(std::string_view key) const;        // children of that key
+  JsonNode& add(std::string key, JsonType type);         // appends a child ("" inside an array)
+  JsonNode& add(std::unique_ptr<JsonNode> child);        // takes it over
+  JsonNode& insert(std::int64_t position, std::unique_ptr<JsonNode> child);  // before the child of that index
+  template <class Value>
+  JsonNode& add_value(std::string key, Value value)
+  {
+    JsonNode& node = add(std::move(key), JsonType::null);
+    node.set(std::move(value));
+    return node;
+  }
+  std::unique_ptr<JsonNode> detach(JsonNode* child);     // takes a child out; null if it is none
+  std::unique_ptr<JsonNode> remove(std::string_view key);  // detaches the first child of that key
+  std::int64_t index_of(const JsonNode* child) const;    // -1 if it is none
+  void replace_with(std::unique_ptr<JsonNode> other);    // takes over value and children, keeps key and parent
+  std::unique_ptr<JsonNode> clone() const { return std::make_unique<JsonNode>(*this); }
+
+  // Packed arrays.
+  bool packed() const { return packed_; }
+  std::int64_t number_count() const { return static_cast<std::int64_t>(numbers_.size()); }
+  bool is_integer(std::int64_t k) const;
+  double number(std::int64_t k) const;
+  std::int64_t integer(std::int64_t k) const;
+  void append_number(std::int64_t value);  // the node must be an array that is empty or packed
+  void append_number(double value);
+  JsonNode& element(std::int64_t k);       // unpacks the array if need be
+  void unpack();
+
+ private:
+  friend class JsonBuilder;
+  JsonType type_;
+  bool packed_ = false;
+  std::int64_t integer_ = 0;
+  double real_ = 0.0;
+  std::string text_;
+  Children children_;
+  // Eight bytes a number: an integer's or a real's bits; kinds_ has a bit a number (1 integer) once both occur.
+  std::vector<std::uint64_t> numbers_;
+  std::vector<bool> kinds_;
+  bool all_integer_ = true;
+  JsonNode* parent_ = nullptr;
+};
+
+/// What went wrong while reading a text; position counts bytes from 1.
+struct JsonError {
+  std::string message;  // empty: nothing
+  std::int64_t position = 0;
+  explicit operator bool() const { return !message.empty(); }
+};
+
+/// Reads a whole JSON document.  Null on failure, with the error filled.  Depth is limited to 1000 levels.
+std::unique_ptr<JsonNode> parse_json(std::string_view text, JsonError& error);
+/// The text of a node's value, without its key; indent 0 writes one line.
+std::string json_text(const JsonNode& node, int indent = 0);
+/// The dotted path of a node from below the root ("model.random.terms[2]"), for messages.
+std::string json_path(const JsonNode& node);
+/// Case-free walk by keys separated with ':'; an array element goes by its number from 1.  Null if absent.
+JsonNode* json_walk(JsonNode& root, std::string_view path);
+/// The shortest text that reads back to the same double, always with a point or an exponent; "null" if not finite.
+std::string real_text(double x);
+
+}  // namespace tolvan

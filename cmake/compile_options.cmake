@@ -1,0 +1,16 @@
+# How all code of the project is compiled.  Contraction is off: tests such as "equal to the tolerance is accepted"
+# must not turn on the machine's fused multiply-add.
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -ffp-contract=off)
+add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>)
+if(TOLVAN_WERROR)
+  add_compile_options(-Werror)
+endif()
+if(TOLVAN_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release)
+endif()
+set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
+set(CMAKE_CXX_FLAGS_DEBUG "-O1 -g")
