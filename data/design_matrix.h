@@ -1,0 +1,57 @@
+// The design: for each analysis record its response, weight and the equations present in it.
+// Routines: DMT_SETUP, DMT_ADD_ROWS, DMT_RESIZE_TO, AIDSGN, MORE_AIDATA_SETUP, CHECK_AND_CONFORMITY.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "api/error_handler.h"
+#include "api/fit_options.h"
+#include "data/data_store.h"
+#include "data/variable_table.h"
+#include "model/factor_table.h"
+#include "model/term_table.h"
+
+namespace tolvan {
+
+/// Rows of (equation, value) pairs, equations from 0 in model order and rising within a row; compressed rows.
+struct DESIGN_MTX {
+  std::vector<std::int64_t> start{0};  // one more than rows
+  std::vector<std::int32_t> equation;
+  std::vector<double> value;
+
+  std::vector<double> response;        // one an analysis record; 0 where mv estimates it
+  std::vector<double> weight;          // empty: all 1
+  std::vector<std::int64_t> record;    // data record of each analysis record, from 1
+  std::vector<std::int64_t> mv;        // analysis records (from 0) whose response is estimated, in equation order
+  std::int64_t data_records = 0;       // records of the data store
+  std::int64_t negative_weights = 0, zero_weights = 0;
+
+  std::int64_t rows() const { return static_cast<std::int64_t>(start.size()) - 1; }
+  std::span<const std::int32_t> equations(std::int64_t row) const
+  {
+    const auto i = static_cast<std::size_t>(row);
+    return {equation.data() + start[i], static_cast<std::size_t>(start[i + 1] - start[i])};
+  }
+  std::span<const double> values(std::int64_t row) const
+  {
+    const auto i = static_cast<std::size_t>(row);
+    return {value.data() + start[i], static_cast<std::size_t>(start[i + 1] - start[i])};
+  }
+};
+
+/// DMT_SETUP: empties a design and reserves for a number of rows and of elements a row.
+void DMT_SETUP(ERROR_HANDLER& eh, DESIGN_MTX& design, std::int64_t rows, std::int64_t elements_a_row);
+/// DMT_RESIZE_TO: gives back memory beyond the rows in use.
+void DMT_RESIZE_TO(ERROR_HANDLER& eh, DESIGN_MTX& design);
+
+/// AIDSGN: forms the design row of every record, treating missing responses and design values as the options say.
+///   terms     first equations are set (SET_TERM_EQUATIONS); the mv term, last of all, gets its equation count here
+void AIDSGN(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TABLE& variables, const DATA_STORE& store,
+            FACTOR_TABLE& factors, TERM_TABLE& terms, const MODEL_INFO& info, DESIGN_MTX& design);
+
+/// CHECK_AND_CONFORMITY: checks that factors joined by and() agree.
+void CHECK_AND_CONFORMITY(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_TABLE& terms);
+
+}  // namespace tolvan

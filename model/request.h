@@ -1,0 +1,28 @@
+// Standardisation of a request: formula text becomes term nodes, calls get their arguments in order, shorthand
+// keys become options.  Routines: API_.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "api/communication.h"
+#include "api/error_handler.h"
+#include "base/json.h"
+
+namespace tolvan {
+
+/// API_STANDARDISE_AND_EXPAND_JSON: rewrites a request in place into the standard form; models_present tells whether it has a model.
+void API_STANDARDISE_AND_EXPAND_JSON(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode* root, bool& models_present);
+
+/// REPORT_JSON_ERROR: complains about a missing key of an object ("<key> is required but was not found in <path>").
+void REPORT_JSON_ERROR(ERROR_HANDLER& eh, const JsonNode& parent, std::string_view missing_key);
+/// REPORT_JSON_ERROR: complains about a value, naming what was expected.
+void REPORT_JSON_ERROR(ERROR_HANDLER& eh, const JsonNode& node, const std::vector<std::string>& expected);
+/// REPORT_IF_JSON_KEY_DUPLICATED: complains when a key stands twice in an object.
+void REPORT_IF_JSON_KEY_DUPLICATED(ERROR_HANDLER& eh, const JsonNode& object, std::string_view key);
+
+/// GET_FACNAME_FROM_JPTR: the text of a term node as a factor name ("a", "a:b", "idv(a)").
+std::string GET_FACNAME_FROM_JPTR(ERROR_HANDLER& eh, const COMMUNICATION& communication, const JsonNode& term);
+
+}  // namespace tolvan

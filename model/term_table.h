@@ -1,0 +1,73 @@
+// The term table and what the model statement says beside it.
+// Routines: NEW_PARSE_LINEAR_MODEL, SET_TERM_EQUATIONS, CHECK_FOR_INTERACTION_NO_MAIN.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "api/communication.h"
+#include "api/error_handler.h"
+#include "base/json.h"
+#include "data/variable_table.h"
+#include "model/factor_table.h"
+
+namespace tolvan {
+
+enum class Block { response, fixed, random, sparse };
+
+/// One model term.  The code tells its factors: up to 10000 a row of the factor table; above, code / 10000 components in
+/// consecutive rows from code modulo 10000 on, plus one row less: see components().
+struct TERM_ROW {
+  std::int32_t code = 0;
+  std::int64_t equations = 0;   // 0 for the response
+  std::int64_t first = 0;       // first equation, from 0, in model order
+  Block block = Block::fixed;
+  std::string name;             // as shown in tables: "block:wplot", "idv(a)"; mv is "mv_estimates"
+  bool dropped = false;
+  bool is_mv = false;
+  const JsonNode* initial_values = nullptr;  // the node that may hold values, ps_constraints, ...; null: none
+
+  /// First and last component row in the factor table, from 1.
+  std::pair<std::int64_t, std::int64_t> components() const
+  {
+    if (code <= 10000) return {code, code};
+    const std::int64_t from = code % 10000;
+    return {from, from + code / 10000 - 1};
+  }
+};
+
+/// The terms in the order response, fixed, random, sparse, system (mv last).
+struct TERM_TABLE {
+  std::vector<TERM_ROW> rows;
+  std::int64_t equations = 0;        // of all terms
+  std::int64_t fixed_equations = 0;  // of block fixed, the first ones
+};
+
+/// What the model says beside its terms.
+struct MODEL_INFO {
+  std::vector<std::int64_t> responses;  // factor rows of the response variables
+  std::int64_t weights = 0;             // factor row, 0 for none
+  bool has_mv = false;
+  const JsonNode* residual = nullptr;   // the residual part, null when absent
+  const JsonNode* family = nullptr;
+};
+
+/// NEW_PARSE_LINEAR_MODEL: reads the standard form of the model into the factor and term tables.
+void NEW_PARSE_LINEAR_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communication, const JsonNode& request,
+                            const VARIABLE_TABLE& variables, FACTOR_TABLE& factors, TERM_TABLE& terms, MODEL_INFO& info);
+
+/// SET_TERM_EQUATIONS: takes the level counts over from the variables and numbers the equations of every term.
+///   records   analysis records, the levels of units;  missing   retained missing responses, the equations of mv
+void SET_TERM_EQUATIONS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::int64_t records, std::int64_t missing,
+                        FACTOR_TABLE& factors, TERM_TABLE& terms);
+
+/// CHECK_FOR_INTERACTION_NO_MAIN: the terms that are interactions without all their main effects in the model.
+std::vector<std::int64_t> CHECK_FOR_INTERACTION_NO_MAIN(const FACTOR_TABLE& factors, const TERM_TABLE& terms);
+
+/// The name of an equation's level for tables: labels of the components joined with '.', "mu" style terms give "1".
+std::string level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, const TERM_ROW& term,
+                       std::int64_t level);
+
+}  // namespace tolvan
