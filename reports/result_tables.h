@@ -1,0 +1,36 @@
+// The named tables and scalars that a fit leaves.  Routines: HANDLE_TRACE, STORE_INITIAL_VALUES_TABLE, CHUNK_OF_AIDRPT,
+// TABLE_SLN, AIDRST, AIDRPT, STORE_FIT_SCALARS, WARNING.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "api/communication.h"
+#include "api/error_handler.h"
+#include "api/table_store.h"
+#include "data/design_matrix.h"
+#include "data/variable_table.h"
+#include "estimation/fit_state.h"
+#include "model/factor_table.h"
+#include "model/term_table.h"
+#include "varstruct/parameter_table.h"
+
+namespace tolvan {
+
+/// HANDLE_TRACE: adds the last row of the trace to TABLE_TRACE and hands it to the monitor.
+void HANDLE_TRACE(ERROR_HANDLER& eh, COMMUNICATION& communication, const FIT_STATE& fit, std::int64_t iteration_limit,
+                  OUTPUT_TABLE_STORE& store);
+/// FINISH_TRACE: sizes TABLE_TRACE to the rows made and adds the columns of the parameters.
+void FINISH_TRACE(ERROR_HANDLER& eh, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);
+/// STORE_INITIAL_VALUES_TABLE: registers TABLE_INITVALS; labels must be unique.
+void STORE_INITIAL_VALUES_TABLE(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, OUTPUT_TABLE_STORE& store);
+/// STORE_FIT_SCALARS: the scalars of the fit: LogL, sigma2, df, criteria.
+void STORE_FIT_SCALARS(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);
+/// AIDRPT: the result tables in their order: components, their variances, solutions, fitted values.
+void AIDRPT(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
+            const DESIGN_MTX& design, const VARIANCE_MODEL& model, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);
+/// WARNING: works out the final status of a run from a text and stores SCALAR_CONVERGENCE_FLG and SCALAR_FINAL_MESSAGE.
+///   convergence_flag   of a fit that ended normally: 0 converged, 2 not converged
+void WARNING(ERROR_HANDLER& eh, std::string_view text, std::int64_t convergence_flag, OUTPUT_TABLE_STORE& store);
+
+}  // namespace tolvan

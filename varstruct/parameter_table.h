@@ -1,0 +1,70 @@
+// The vector of variance parameters and the structures that own its stretches.  Plain records; no routines.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tolvan {
+
+/// Parameter types; letters in `parameter_type_letters`, position code - 1.
+enum class ParamType : std::int64_t { V = 1, G, R, C, P, L, u, r, p, n, d, a };
+inline constexpr std::string_view parameter_type_letters = "VGRCPLurpnda";
+
+/// Constraint codes; letters in `constraint_letters`, position code.  Codes above U are not updated by a step.
+enum class Constraint : std::int64_t { none = 0, P, Z, U, F, C, S, B, H };
+inline constexpr std::string_view constraint_letters = ".PZUFCSBH";
+inline bool is_free(Constraint c) { return static_cast<std::int64_t>(c) <= static_cast<std::int64_t>(Constraint::U); }
+
+/// What a parameter measures, which decides its scaling with sigma2 and its restraint rule.
+enum class ParamRole { variance, covariance, loading, correlation, other };
+
+/// One parameter.  A gamma is a ratio to the profiled residual variance; under sigma values are absolute.
+struct VARIANCE_PARAMETER {
+  double value = 0.0;
+  double start = 0.0;              // the value before the first iteration
+  ParamType type = ParamType::G;
+  Constraint constraint = Constraint::P;
+  ParamRole role = ParamRole::variance;
+  std::string label;               // unique: "block;IDV_V", "units;IDV_V"
+};
+
+/// One component model of one term (the structure table).
+struct STRUCTURE_ROW {
+  std::int64_t size = 0;        // levels
+  std::int64_t parameters = 0;  // own parameters, the scale included
+  std::int64_t model = 0;       // internal model code; 0 identity
+  std::int64_t first = 0;       // first parameter, from 0
+  std::int64_t order = 0;       // correlation-type parameters, order or factor count
+  std::int64_t sub_code = 0;
+  std::int64_t scale = -1;      // parameter that scales the row, -1 for none
+  std::int64_t doubling = 0;    // 2: a bivariate row
+  std::int64_t selector = 0;    // model selector as asked (IDEN 0, AR 1, ...)
+  std::int64_t factor = 0;      // factor row of the component, 0 for none
+};
+
+/// The structure of one random term: a direct product of consecutive rows.
+struct TERM_STRUCTURE {
+  std::int64_t term = 0;        // index in TERM_TABLE::rows, from 0
+  std::int64_t first_row = 0;   // in VARIANCE_MODEL::rows, from 0
+  std::int64_t rows = 1;
+  bool dropped = false;         // taken out of the run because its variance is negligible
+};
+
+/// All of it: parameters of random terms in model order, then the residual sections, the residual's own variance last.
+struct VARIANCE_MODEL {
+  std::vector<VARIANCE_PARAMETER> parameters;
+  std::vector<STRUCTURE_ROW> rows;
+  std::vector<TERM_STRUCTURE> terms;
+  std::vector<STRUCTURE_ROW> residual;  // one a section
+  bool gamma = true;                    // ratios to a profiled residual variance; false: absolute values
+  bool profiled = true;                 // the residual's own variance is sigma2 and leaves the update
+  std::int64_t residual_parameter = -1; // index of the residual's own variance
+
+  std::int64_t count() const { return static_cast<std::int64_t>(parameters.size()); }
+};
+
+}  // namespace tolvan

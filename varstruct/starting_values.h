@@ -1,0 +1,39 @@
+// Setting the parameter table up: starting variances, one structure a random term, the user's initial values, checks.
+// Routines: STARTE, SETSTR, NEWSTR, VARIABLE_TABLE_GUTS, FORCE_GAMMA_INITIAL_VALUES, STRUCTURECHECK.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "api/communication.h"
+#include "api/error_handler.h"
+#include "api/fit_options.h"
+#include "base/json.h"
+#include "data/design_matrix.h"
+#include "model/factor_table.h"
+#include "model/term_table.h"
+#include "varstruct/parameter_table.h"
+
+namespace tolvan {
+
+/// STARTE: starting variances and covariances of the traits: lower triangle by rows, the last element a mark.
+///   residual_fraction, term_fraction   0 for the defaults; traits: responses with missing marks, one a trait
+void STARTE(ERROR_HANDLER& eh, double residual_fraction, double term_fraction, const std::vector<std::vector<double>>& traits,
+            const std::vector<std::string>& names, std::vector<double>& starting);
+
+/// SETSTR: loops over the random terms and the residual and appends their structures and parameters.
+void SETSTR(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
+            const std::vector<double>& starting, std::int64_t records, VARIANCE_MODEL& model);
+
+/// VARIABLE_TABLE_GUTS: names every parameter: "<term>;<component.><MODEL>_<letter><_index>", unique.
+void VARIABLE_TABLE_GUTS(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_TABLE& terms, VARIANCE_MODEL& model);
+
+/// FORCE_GAMMA_INITIAL_VALUES: lays initial_values of the request and of its terms over the table.
+void FORCE_GAMMA_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& request, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
+                                VARIANCE_MODEL& model);
+
+/// STRUCTURECHECK: the last check of the table before the fit.
+void STRUCTURECHECK(ERROR_HANDLER& eh, const TERM_TABLE& terms, const DESIGN_MTX& design, const VARIANCE_MODEL& model);
+
+}  // namespace tolvan
