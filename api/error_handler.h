@@ -130,15 +130,20 @@ class ERROR_HANDLER {
   std::string_view EST_LEVEL(std::int64_t level) const;
 
  private:
-  void store(ERROR_MESSAGE&& record);
+  void add(NewMessage&& given) noexcept;
+  void store(ERROR_MESSAGE&& record) noexcept;
+  bool make_room(Etype etype) noexcept;
+  void ignore_stack() noexcept;
+
   bool terminate_ = false;
   std::string debug_text_;
   std::vector<ERROR_MESSAGE> messages_;
-  std::optional<std::string> terminated_in_;
+  std::optional<std::string_view> terminated_in_;
   Etype terminate_etype_ = Etype::not_set;
   Ecode terminate_code_ = Ecode::not_set;
   ERROR_STACK stack_;
-  bool adjusted_ = false;
+  bool adjusted_ = false;  // the list of messages was rewritten
+  bool lost_ = false;      // a message could not be stored
   std::optional<std::string> prefix_;
 };
 

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 namespace tolvan {
@@ -33,14 +34,14 @@ class JsonNode {
   JsonType type() const { return type_; }
   bool is(JsonType t) const { return type_ == t; }
   bool is_number() const { return type_ == JsonType::integer || type_ == JsonType::real; }
-  bool is_text(std::string_view s) const { return type_ == JsonType::string && text_ == s; }
+  bool is_text(std::string_view s) const { return type_ == JsonType::string && text() == s; }
   JsonNode* parent() const { return parent_; }
 
   // Scalars.  A reader of the wrong type gives 0, false or the empty text.
-  bool logical() const { return type_ == JsonType::logical && integer_ != 0; }
-  std::int64_t integer() const { return type_ == JsonType::integer ? integer_ : 0; }
+  bool logical() const { return type_ == JsonType::logical && std::get<0>(value_) != 0; }
+  std::int64_t integer() const { return type_ == JsonType::integer ? std::get<0>(value_) : 0; }
   double number() const;  // of an integer or a real
-  const std::string& text() const { return text_; }
+  const std::string& text() const;
 
   void set_null();
   void set(bool value);
@@ -52,7 +53,7 @@ class JsonNode {
   void set_array();   // empty
 
   // Objects and unpacked arrays.
-  const Children& children() const { return children_; }
+  const Children& children() const;
   std::int64_t size() const;  // children, or packed numbers
   JsonNode* find(std::string_view key) const;            // first child of that key; null if none
   std::int64_t count(std::string_view key) const;        // children of that key
@@ -73,8 +74,8 @@ class JsonNode {
   std::unique_ptr<JsonNode> clone() const { return std::make_unique<JsonNode>(*this); }
 
   // Packed arrays.
-  bool packed() const { return packed_; }
-  std::int64_t number_count() const { return static_cast<std::int64_t>(numbers_.size()); }
+  bool packed() const { return value_.index() == 4; }
+  std::int64_t number_count() const;
   bool is_integer(std::int64_t k) const;
   double number(std::int64_t k) const;
   std::int64_t integer(std::int64_t k) const;
@@ -82,20 +83,22 @@ class JsonNode {
   void append_number(double value);
   JsonNode& element(std::int64_t k);       // unpacks the array if need be
   void unpack();
+  void reserve_numbers(std::int64_t n);  // of an empty array: room for n numbers, packed
 
  private:
   friend class JsonBuilder;
+  struct Numbers;  // a packed array
+  void clear_value();
+  void own_children();
+  Children& make_children();
+  Children* own();
+  Numbers* numbers() const;
+
   JsonType type_;
-  bool packed_ = false;
-  std::int64_t integer_ = 0;
-  double real_ = 0.0;
-  std::string text_;
-  Children children_;
-  // Eight bytes a number: an integer's or a real's bits; kinds_ has a bit a number (1 integer) once both occur.
-  std::vector<std::uint64_t> numbers_;
-  std::vector<bool> kinds_;
-  bool all_integer_ = true;
   JsonNode* parent_ = nullptr;
+  // One place for whatever the type holds, since requests come with millions of nodes: logical and integer, real,
+  // string, children of an object or array, numbers of a packed array.
+  std::variant<std::int64_t, double, std::string, Children, std::unique_ptr<Numbers>> value_;
 };
 
 /// What went wrong while reading a text; position counts bytes from 1.
