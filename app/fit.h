@@ -1,0 +1,23 @@
+// tolvan fit: one request from its files to its report.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "app/messages.h"
+
+namespace tolvan::driver {
+
+struct FitArguments {
+  std::string request;            // file of the request; "-" is standard input
+  std::vector<std::string> data;  // name=file.csv
+  bool json = false;
+  std::string folder;  // for report files; empty: none are asked for
+  Talk talk = Talk::normal;
+  int threads = 0;  // 0: the engine's choice
+};
+
+/// Runs the fit; gives the exit code.
+int fit(const FitArguments& arguments);
+
+}  // namespace tolvan::driver

@@ -1,0 +1,112 @@
+// tolvan: fits linear mixed models from the command line.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "app/fit.h"
+#include "app/json_value.h"
+
+namespace {
+
+using namespace tolvan::driver;
+
+constexpr const char* exit_codes =
+    "Exit codes: 0 converged, 1 the fit failed, 2 usage, 3 the request or the data are wrong,\n"
+    "4 not converged (results written), 5 cancelled, 6 out of memory or disk.";
+
+int print_version()
+{
+  Engine engine("GENERAL_INFO");
+  const auto document = read_json(engine.json("VERSION_INFORMATION").value_or(""));
+  const Json* version = document ? document->find("version_information") : nullptr;
+  const Json* number = version ? version->find("number") : nullptr;
+  if (!number) {
+    std::fputs("error: the engine does not tell its version\n", stderr);
+    return static_cast<int>(Exit::fit_failed);
+  }
+  const auto part = [](const Json& of, const char* key) {
+    const Json* item = of.find(key);
+    return static_cast<int>(item ? item->integer() : 0);
+  };
+  std::printf("tolvan %d.%d.%d", part(*number, "major"), part(*number, "minor"), part(*number, "patch"));
+  const Json* date = version->find("date");
+  const Json& built = date ? *date : *version;
+  if (part(built, "year") > 0) {
+    std::printf(" (%04d-%02d-%02d)", part(built, "year"), part(built, "month"), part(built, "day"));
+  }
+  std::putchar('\n');
+  return std::fflush(stdout) == 0 ? 0 : static_cast<int>(Exit::out_of_resources);
+}
+
+/// "--data a=x.csv b=y.csv" means "--data a=x.csv --data b=y.csv".
+std::vector<std::string> arguments_of(int argc, char** argv)
+{
+  std::vector<std::string> out;
+  bool after_data = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string word = argv[i];
+    const bool pair = word.find('=') != std::string::npos && word.front() != '-';
+    if (pair && after_data && out.back() != "--data") out.push_back("--data");
+    after_data = word == "--data" || (after_data && pair);
+    out.push_back(word);
+  }
+  return {out.rbegin(), out.rend()};  // the parser takes them from the back
+}
+
+int run(int argc, char** argv)
+{
+  CLI::App app{"tolvan fits linear mixed models by restricted maximum likelihood.", "tolvan"};
+  app.footer(exit_codes);
+  app.require_subcommand(0, 1);
+
+  FitArguments a;
+  bool quiet = false;
+  bool verbose = false;
+  CLI::App* const fit_command = app.add_subcommand("fit", "Fit the model of a request and print its results");
+  fit_command->add_option("request", a.request, "The request, a JSON file ('-' for standard input)")
+      ->required()
+      ->type_name("request.json");
+  fit_command
+      ->add_option(
+          "--data", a.data,
+          "A CSV file as the dataset of that name: columns by their header, factors of text coded by\n"
+          "factor_labels or as they appear; NA, na, *, . and nothing are missing. May be repeated")
+      ->type_name("name=file.csv")
+      ->allow_extra_args(false);
+  fit_command->add_flag("--json", a.json, "Print all results as one JSON document");
+  fit_command->add_option("-o", a.folder, "Write the report files into this folder")->type_name("DIR");
+  CLI::Option* const q = fit_command->add_flag("-q", quiet, "No progress and no notes");
+  fit_command->add_flag("-v", verbose, "Tell more about data, messages and time")->excludes(q);
+  fit_command->add_option("--threads", a.threads, "Use at most N threads (the results do not depend on it)")
+      ->type_name("N")
+      ->check(CLI::Range(1, 1024));
+  fit_command->footer(exit_codes);
+  CLI::App* const version_command = app.add_subcommand("version", "Print the version");
+
+  try {
+    app.parse(arguments_of(argc, argv));
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e) == 0 ? 0 : static_cast<int>(Exit::usage);
+  }
+  if (*fit_command) {
+    a.talk = quiet ? Talk::quiet : verbose ? Talk::verbose : Talk::normal;
+    return fit(a);
+  }
+  if (*version_command) return print_version();
+  std::fputs(app.help().c_str(), stderr);
+  return static_cast<int>(Exit::usage);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+  try {
+    return run(argc, argv);
+  } catch (const std::bad_alloc&) {
+    std::fputs("error: out of memory\n", stderr);
+    return static_cast<int>(tolvan::driver::Exit::out_of_resources);
+  }
+}

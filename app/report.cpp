@@ -1,0 +1,229 @@
+#include "app/report.h"
+
+#include <cmath>
+#include <cstdio>
+#include <set>
+
+#include "app/json_value.h"
+#include "app/terminal.h"
+#include "app/text_table.h"
+
+namespace tolvan::driver {
+namespace {
+
+void heading(const char* text)
+{
+  std::printf("\n%s\n", styled(stdout, Style::bold, text).c_str());
+}
+
+void print_trace(Engine& engine)
+{
+  constexpr std::size_t most_gammas = 4;
+  const auto iterations = engine.integers("TABLE_TRACE:ITER");
+  if (iterations.empty()) return;
+  const auto loglik = engine.reals("TABLE_TRACE:LOGL");
+  std::vector<std::string> change;
+  for (std::size_t i = 0; i < loglik.size(); ++i) {
+    change.push_back(i == 0 ? "" : number_cell(loglik[i] - loglik[i - 1], 6));
+  }
+  std::vector<TextColumn> columns = {
+      {.heading = "Iteration", .cells = number_cells(iterations)},
+      {.heading = "LogL", .cells = number_cells(loglik, 6)},
+      {.heading = "Change", .cells = change},
+      {.heading = "Residual", .cells = number_cells(engine.reals("TABLE_TRACE:SIGMA2"))},
+      {.heading = "DF", .cells = number_cells(engine.integers("TABLE_TRACE:DF"))},
+      {.heading = "Restrained", .cells = number_cells(engine.integers("TABLE_TRACE:NCON"))},
+  };
+  for (std::size_t k = 1; k <= most_gammas; ++k) {
+    const auto gammas = engine.reals("TABLE_TRACE:gammas_" + std::to_string(k));
+    if (gammas.empty()) break;
+    columns.push_back({.heading = "Gamma " + std::to_string(k), .cells = number_cells(gammas)});
+  }
+  heading("Iterations");
+  std::fputs(text_table(columns).c_str(), stdout);
+}
+
+void print_variance_components(Engine& engine)
+{
+  const auto labels = engine.strings("TABLE_VARCOMP", "LABEL");
+  if (labels.empty()) return;
+  const auto bounds = engine.strings("TABLE_VARCOMP", "BOUND");
+  heading("Variance components");
+  std::fputs(
+      text_table({
+                     {.heading = "Term", .right = false, .cells = labels},
+                     {.heading = "Gamma", .cells = number_cells(engine.reals("TABLE_VARCOMP:GAMMA"))},
+                     {.heading = "Sigma", .cells = number_cells(engine.reals("TABLE_VARCOMP:SIGMA"))},
+                     {.heading = "SE", .cells = error_cells(engine.reals("TABLE_VARCOMP:SE"))},
+                     {.heading = "Sigma/SE", .cells = number_cells(engine.reals("TABLE_VARCOMP:ZRATIO"), 2)},
+                     {.heading = "%", .cells = number_cells(engine.integers("TABLE_VARCOMP:PC"))},
+                     {.heading = "C", .right = false, .cells = bounds},
+                 })
+          .c_str(),
+      stdout);
+  struct Code {
+    const char* letter;
+    const char* meaning;
+  };
+  constexpr Code codes[] = {
+      {"B", "fixed at a boundary"},
+      {"F", "fixed by the user"},
+      {"?", "liable to change from P to B"},
+      {"C", "constrained by the user"},
+      {"U", "unbounded"},
+      {"Z", "fixed at zero"},
+      {"S", "singular information matrix"},
+      {"H", "held in the last update"},
+  };
+  for (const Code& code : codes) {
+    for (const std::string& bound : bounds) {
+      if (bound.substr(0, 1) != code.letter) continue;
+      std::printf("  %s: %s\n", code.letter, code.meaning);
+      break;
+    }
+  }
+}
+
+/// The name of a term in the standard form of a request.
+std::string term_name(const Json& term)
+{
+  if (term.is(JsonKind::string)) return term.text;
+  for (const char* key : {"user_facing_factor_name", "term_name"})
+    if (const Json* name = term.string_at(key)) return name->text;
+  std::string name;
+  if (const Json* parts = term.find("interaction")) {
+    for (const Json& part : parts->items) name += (name.empty() ? "" : ":") + term_name(part);
+  } else if (const Json* function = term.find("function")) {
+    if (const Json* own = function->string_at("user_facing_factor_name")) return own->text;
+    if (const Json* own = function->string_at("name")) name = own->text + "(";
+    std::string arguments;
+    if (const Json* list = function->find("arguments")) {
+      for (const Json& argument : list->items) {
+        const Json* supplied = argument.find("supplied");
+        const Json* value = argument.find("value");
+        if (!value || (supplied && !supplied->truth())) continue;
+        arguments +=
+            (arguments.empty() ? "" : ",") + (value->items.empty() ? value->text : term_name(*value));
+      }
+    }
+    name += arguments + ")";
+  }
+  return name;
+}
+
+std::set<std::string> fixed_terms(Engine& engine)
+{
+  std::set<std::string> names;
+  const auto request = read_json(engine.json("INPUT_JSON").value_or(""));
+  const Json* model = request ? request->find("model") : nullptr;
+  if (model && model->is(JsonKind::array) && !model->items.empty()) model = &model->items.front();
+  const Json* fixed = model ? model->find("fixed") : nullptr;
+  const Json* terms = fixed ? fixed->find("terms") : nullptr;
+  if (!terms) return names;
+  for (const Json& term : terms->items) names.insert(term_name(term));
+  return names;
+}
+
+void print_fixed_effects(Engine& engine)
+{
+  const auto labels = engine.strings("TABLE_SLN", "LABEL");
+  const auto levels = engine.strings("TABLE_SLN", "LVL");
+  const auto effects = engine.reals("TABLE_SLN:EFFECT");
+  const auto errors = engine.reals("TABLE_SLN:SE");
+  if (labels.empty() || effects.size() != labels.size() || errors.size() != labels.size()) return;
+  const std::set<std::string> fixed = fixed_terms(engine);
+  TextColumn term{.heading = "Term", .right = false, .cells = {}};
+  TextColumn level{.heading = "Level", .right = false, .cells = {}};
+  std::vector<double> effect;
+  std::vector<double> error;
+  for (std::size_t i = 0; i < labels.size(); ++i) {
+    if (!fixed.contains(labels[i])) continue;
+    const bool same_term = i > 0 && labels[i] == labels[i - 1];
+    term.cells.push_back(same_term ? "" : labels[i]);
+    level.cells.push_back(i < levels.size() ? levels[i] : "");
+    effect.push_back(effects[i]);
+    error.push_back(errors[i]);
+  }
+  if (effect.empty()) return;
+  heading("Fixed effects");
+  std::fputs(text_table({term,
+                         level,
+                         {.heading = "Effect", .cells = number_cells(effect)},
+                         {.heading = "SE", .cells = error_cells(error)}})
+                 .c_str(),
+             stdout);
+}
+
+void print_summary(Engine& engine)
+{
+  heading("Summary");
+  const auto row = [](const char* name, const std::string& value, const std::string& rest = "") {
+    std::printf("  %-18s  %16s%s\n", name, value.c_str(), rest.c_str());
+  };
+  const auto loglik = engine.real("SCALAR_LOGLIK");
+  const auto aic = engine.real("SCALAR_AIC");
+  const auto parameters = engine.integer("SCALAR_AIC_NPARAM");
+  if (loglik) {
+    // A large LogL is reported relative to a base of some 100000s; AIC = 2 (parameters - LogL - base) tells
+    // which.
+    double base = 0.0;
+    if (aic && parameters) base = std::round((*parameters - *aic / 2.0 - *loglik) / 1e5) * 1e5;
+    row("LogL", number_cell(*loglik, 6),
+        base == 0.0 ? "" : "  relative to a base of " + number_cell(base, 0));
+  }
+  if (const auto df = engine.integer("SCALAR_DF")) row("Residual df", std::to_string(*df));
+  if (const auto sigma2 = engine.real("SCALAR_SIGMA2"))
+    row("Residual variance", number_cells(std::vector{*sigma2})[0]);
+  if (aic) {
+    row("AIC", number_cell(*aic, 4),
+        parameters ? "  with " + std::to_string(*parameters) + " parameters" : "");
+  }
+  if (const auto bic = engine.real("SCALAR_BIC")) row("BIC", number_cell(*bic, 4));
+  const std::string message = engine.scalar_text("SCALAR_FINAL_MESSAGE");
+  if (!message.empty()) std::printf("\n%s\n", message.c_str() + message.find_first_not_of(' '));
+}
+
+}  // namespace
+
+void print_report(Engine& engine, const std::string& title)
+{
+  if (!title.empty()) std::printf("%s\n", styled(stdout, Style::bold, title).c_str());
+  print_trace(engine);
+  print_variance_components(engine);
+  print_fixed_effects(engine);
+  print_summary(engine);
+}
+
+void print_json_report(Engine* engine, std::int32_t status, const std::string& final_message,
+                       const std::string& error_information)
+{
+  std::printf("{\"status\":%d,\"final_message\":%s", status, quoted(final_message).c_str());
+  std::optional<Json> available;
+  if (engine) available = read_json(engine->json("AVAILABLE_OUTPUT").value_or(""));
+  if (!available) available = json_object();
+  std::fputs(",\n\"scalars\":{", stdout);
+  const char* between = "";
+  for (const Json& output : available->items) {
+    if (output.find("column_info")) continue;
+    const auto document = read_json(engine->json(output.name).value_or(""));
+    const Json* value =
+        document && !document->items.empty() ? document->items.front().find("value") : nullptr;
+    if (!value) continue;
+    std::printf("%s%s:%s", between, quoted(output.name).c_str(), write_json(*value).c_str());
+    between = ",";
+  }
+  std::fputs("},\n\"tables\":{", stdout);
+  between = "";
+  for (const Json& output : available->items) {
+    if (!output.find("column_info")) continue;
+    // The engine's text is {"NAME":{...}}: without the outer braces it is the member wanted here.
+    const std::string text = engine->json(output.name).value_or("");
+    if (text.size() < 2) continue;
+    std::printf("%s\n", between);
+    std::fwrite(text.data() + 1, 1, text.size() - 2, stdout);
+    between = ",";
+  }
+  std::printf("},\n\"error_information\":%s}\n", error_information.c_str());
+}
+
+}  // namespace tolvan::driver

@@ -1,0 +1,77 @@
+#include "app/request.h"
+
+#include <climits>
+#include <filesystem>
+#include <set>
+
+#include "app/csv_file.h"
+#include "app/files.h"
+#include "app/json_value.h"
+
+namespace tolvan::driver {
+namespace {
+
+Problem set_options(const FitArguments& arguments, Json& request)
+{
+  if (arguments.folder.empty() && arguments.threads == 0) return {};
+  Json* options = request.find("options");
+  if (!options) options = &request.set("options", json_object());
+  if (!options->is(JsonKind::object))
+    return {Exit::bad_input, arguments.request + ": options is not an object"};
+  if (arguments.threads > 0) options->set("maximum_number_of_threads", json_integer(arguments.threads));
+  if (arguments.folder.empty()) return {};
+  std::error_code error;
+  std::filesystem::create_directories(arguments.folder, error);
+  if (error) {
+    return {Exit::out_of_resources, "unable to make the folder " + arguments.folder + ": " + error.message()};
+  }
+  options->set("outfolder", json_string(arguments.folder));
+  if (!options->find("tmp_file_root")) {
+    const std::string stem = std::filesystem::path(arguments.request).stem().string();
+    options->set("tmp_file_root", json_string(arguments.request == "-" ? "tolvan" : stem));
+  }
+  return {};
+}
+
+Problem add_datasets(const FitArguments& arguments, Json& request, Request& out)
+{
+  std::set<std::string> names;
+  for (const std::string& item : arguments.data) {
+    const std::size_t equals = item.find('=');
+    if (equals == 0 || equals == std::string::npos || equals + 1 == item.size()) {
+      return {Exit::usage, "--data needs name=file.csv, not " + item};
+    }
+    const std::string name = item.substr(0, equals);
+    if (!names.insert(name).second) return {Exit::usage, "--data names the dataset " + name + " twice"};
+    CsvFile file;
+    if (Problem p = read_csv(item.substr(equals + 1), file)) return p;
+    if (Problem p = add_dataset(name, file, request, out.matrices.emplace_back(), out.narration)) return p;
+  }
+  return {};
+}
+
+}  // namespace
+
+Problem prepare_request(const FitArguments& arguments, Request& out)
+{
+  std::vector<char> text;
+  if (Problem p = read_file(arguments.request, text)) return p;
+  out.document.assign(text.begin(), text.end());
+  std::optional<Json> request = read_json(out.document);
+  if (request && request->is(JsonKind::object)) {
+    if (const Json* title = request->string_at("title")) out.title = title->text;
+    // A data file is named as seen from the request, wherever the driver is started.
+    if (Json* file = request->find("data_file")) {
+      if (const Json* name = file->string_at("name")) {
+        file->set("name", json_string(beside(arguments.request, name->text)));
+      }
+    }
+    if (Problem p = add_datasets(arguments, *request, out)) return p;
+    if (Problem p = set_options(arguments, *request)) return p;
+    out.document = write_json(*request);
+  }
+  if (out.document.size() > INT32_MAX) return {Exit::bad_input, arguments.request + " is larger than 2 GB"};
+  return {};
+}
+
+}  // namespace tolvan::driver
