@@ -39,6 +39,7 @@ bool same_message(const ERROR_MESSAGE& a, const ERROR_MESSAGE& b)
 
 }  // namespace
 
+// clang-format off
 std::string_view etype_name(Etype type)
 {
   switch (type) {
@@ -84,14 +85,21 @@ std::string_view ecode_name(Ecode code)
     default: return "ehc_not_defined";
   }
 }
+// clang-format on
 
 void ERROR_HANDLER::EH_ADD_MESSAGE(const NewMessage& given) noexcept
 {
   NewMessage own;
   if (!attempt([&] { own = given; })) {
     // The texts do not fit any more.  What is known without them still goes into the store.
-    own = NewMessage{.etype = given.etype, .ecode = given.ecode, .terminate = given.terminate, .iv = given.iv,
-                     .rv = given.rv, .id = given.id, .location = given.location, .unique = given.unique,
+    own = NewMessage{.etype = given.etype,
+                     .ecode = given.ecode,
+                     .terminate = given.terminate,
+                     .iv = given.iv,
+                     .rv = given.rv,
+                     .id = given.id,
+                     .location = given.location,
+                     .unique = given.unique,
                      .is_duplicate = given.is_duplicate};
     if (given.text) own.text = "(no memory)";  // short enough to need none
   }
@@ -192,9 +200,9 @@ void ERROR_HANDLER::store(ERROR_MESSAGE&& record) noexcept
   messages_.push_back(std::move(record));
 }
 
-// The store is full and cannot grow: gives up its least important message, with all its continuations, for one of a
-// higher type.  Of equals the later goes.  False if the new record has to go instead, be it for its type or because it
-// would continue what was given up.
+// The store is full and cannot grow: gives up its least important message, with all its continuations, for
+// one of a higher type.  Of equals the later goes.  False if the new record has to go instead, be it for its
+// type or because it would continue what was given up.
 bool ERROR_HANDLER::make_room(Etype etype) noexcept
 {
   lost_ = true;
@@ -265,7 +273,8 @@ void ERROR_HANDLER::EH_CLEAR(std::optional<std::int64_t> location)
     messages_.clear();
     lost_ = false;
     EH_CLEAR_TERMINATE();
-  } else if (std::erase_if(messages_, [&](const ERROR_MESSAGE& each) { return each.location == *location; }) > 0) {
+  } else if (std::erase_if(messages_, [&](const ERROR_MESSAGE& each) { return each.location == *location; }) >
+             0) {
     adjusted_ = true;
   }
 }
@@ -300,8 +309,15 @@ void ERROR_HANDLER::EH_ADD_ALL(const ERROR_HANDLER& other)
   const std::size_t n = other.messages_.size();  // fixed before the first is added: other may be this
   for (std::size_t k = 0; k < n; ++k) {
     const ERROR_MESSAGE& each = other.messages_[k];
-    EH_ADD_MESSAGE({.text = each.message, .etype = each.etype, .ecode = each.ecode, .terminate = each.terminate,
-                    .iv = each.iv, .rv = each.rv, .routine = each.routine, .id = each.id, .location = each.location});
+    EH_ADD_MESSAGE({.text = each.message,
+                    .etype = each.etype,
+                    .ecode = each.ecode,
+                    .terminate = each.terminate,
+                    .iv = each.iv,
+                    .rv = each.rv,
+                    .routine = each.routine,
+                    .id = each.id,
+                    .location = each.location});
   }
 }
 

@@ -16,7 +16,8 @@ std::string_view letter(bool value)
 }
 
 // head: the type of the first record of the block; number: the record's number in the store, from 1.
-void print_record(const ERROR_MESSAGE& record, bool details, Etype head, std::int64_t number, std::string& out)
+void print_record(const ERROR_MESSAGE& record, bool details, Etype head, std::int64_t number,
+                  std::string& out)
 {
   const bool bare = record.etype == Etype::continuation && head == Etype::info;
   const std::string_view prefix = bare ? "" : etype_prefix(record.etype);
@@ -24,11 +25,14 @@ void print_record(const ERROR_MESSAGE& record, bool details, Etype head, std::in
   const bool internal = record.etype == Etype::internal;
 
   out += text(prefix, record.message.value_or(""));
-  if ((internal || details) && !is_blank(record.routine)) out += text(" (error thrown in ", record.routine, ")");
+  if ((internal || details) && !is_blank(record.routine))
+    out += text(" (error thrown in ", record.routine, ")");
   out += '\n';
 
   if (internal || (record.last_in_block && details)) {
-    const auto line = [&](std::string_view label, std::string_view value) { out += text(margin, label, value, "\n"); };
+    const auto line = [&](std::string_view label, std::string_view value) {
+      out += text(margin, label, value, "\n");
+    };
     line("MSG ID   : ", edit_i(number, integer_width));
     line("CODE     : ", ecode_name(record.ecode));
     line("LOCATION : ", edit_i(record.location, integer_width));
@@ -75,7 +79,8 @@ std::string ERROR_HANDLER::EH_PRINT_TEXT(bool details, bool summary, bool headin
   return out;
 }
 
-void ERROR_HANDLER::EH_PRINT(bool details, bool summary, bool heading, std::optional<std::int64_t> location) const
+void ERROR_HANDLER::EH_PRINT(bool details, bool summary, bool heading,
+                             std::optional<std::int64_t> location) const
 {
   const std::string out = EH_PRINT_TEXT(details, summary, heading, location);
   std::fwrite(out.data(), 1, out.size(), stdout);

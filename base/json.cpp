@@ -1,4 +1,5 @@
-// The request tree.  A parsed tree is at most 1000 levels deep, one built by hand may be deeper: nothing here recurses.
+// The request tree.  A parsed tree is at most 1000 levels deep, one built by hand may be deeper: nothing here
+// recurses.
 #include "base/json.h"
 
 #include <algorithm>
@@ -29,7 +30,8 @@ struct JsonNode::Numbers {
   bool is_integer(std::size_t k) const { return mixed ? integer[k] : all_integer; }
   double real(std::size_t k) const
   {
-    return is_integer(k) ? static_cast<double>(std::bit_cast<std::int64_t>(bits[k])) : std::bit_cast<double>(bits[k]);
+    return is_integer(k) ? static_cast<double>(std::bit_cast<std::int64_t>(bits[k]))
+                         : std::bit_cast<double>(bits[k]);
   }
 };
 
@@ -99,8 +101,8 @@ JsonNode::~JsonNode()
   clear_value();
 }
 
-// Takes the tree below this node apart from its leaves, going down and up by the parent pointers: no recursion and
-// no memory of its own, however deep and wide the tree.
+// Takes the tree below this node apart from its leaves, going down and up by the parent pointers: no
+// recursion and no memory of its own, however deep and wide the tree.
 void JsonNode::clear_value()
 {
   JsonNode* node = this;
@@ -231,7 +233,8 @@ JsonNode* JsonNode::find(std::string_view key) const
 std::int64_t JsonNode::count(std::string_view key) const
 {
   if (type_ != JsonType::object) return 0;
-  return std::count_if(children().begin(), children().end(), [&](const auto& child) { return child->name == key; });
+  return std::count_if(children().begin(), children().end(),
+                       [&](const auto& child) { return child->name == key; });
 }
 
 JsonNode& JsonNode::add(std::string key, JsonType type)

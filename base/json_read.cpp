@@ -1,6 +1,6 @@
-// The only user of RapidJSON, and of its event reader alone: its own tree recurses, and does not survive a failed
-// allocation.  Numbers come as text and are converted here, since the reader's own conversion overflows its
-// exponent on texts such as 0.00000000001e-2147483639.
+// The only user of RapidJSON, and of its event reader alone: its own tree recurses, and does not survive a
+// failed allocation.  Numbers come as text and are converted here, since the reader's own conversion
+// overflows its exponent on texts such as 0.00000000001e-2147483639.
 #include <algorithm>
 #include <charconv>
 #include <cmath>
@@ -27,7 +27,8 @@ constexpr std::int64_t depth_limit = 1000;
 // The reader counts leading zeros and exponents in 32 bits; nothing sensible has a number of this length.
 constexpr std::size_t digits_limit = 100'000'000;
 
-// Memory for the reader's own stack.  A failure flies as std::bad_alloc through the reader, whose members clean up.
+// Memory for the reader's own stack.  A failure flies as std::bad_alloc through the reader, whose members
+// clean up.
 class ReaderMemory {
  public:
   static constexpr bool kNeedFree = true;
@@ -50,7 +51,10 @@ class ReaderMemory {
 class TextStream {
  public:
   using Ch = char;
-  explicit TextStream(std::string_view text) : begin_(text.data()), at_(text.data()), end_(text.data() + text.size()) {}
+  explicit TextStream(std::string_view text)
+      : begin_(text.data()), at_(text.data()), end_(text.data() + text.size())
+  {
+  }
   Ch Peek() const { return at_ != end_ ? *at_ : '\0'; }
   Ch Take() { return at_ != end_ ? *at_++ : '\0'; }
   std::size_t Tell() const { return static_cast<std::size_t>(at_ - begin_); }
@@ -140,7 +144,8 @@ class JsonBuilder {
   {
     const char* end = characters + length;
     std::int64_t integer = 0;
-    if (const auto read = std::from_chars(characters, end, integer); read.ec == std::errc() && read.ptr == end) {
+    if (const auto read = std::from_chars(characters, end, integer);
+        read.ec == std::errc() && read.ptr == end) {
       number(integer);
       return true;
     }
@@ -198,8 +203,9 @@ class JsonBuilder {
     at_ = at_->parent();
     return true;
   }
-  // How many numbers the array that opens here holds, if it holds nothing else: then its room is made once, exactly.
-  // No character is looked at twice over all arrays, since the look ends at the first one that is no number's.
+  // How many numbers the array that opens here holds, if it holds nothing else: then its room is made once,
+  // exactly. No character is looked at twice over all arrays, since the look ends at the first one that is no
+  // number's.
   std::int64_t numbers_ahead() const
   {
     std::string_view rest = stream_.rest();
@@ -222,6 +228,7 @@ class JsonBuilder {
 
 namespace {
 
+// clang-format off
 std::string_view words(rapidjson::ParseErrorCode code)
 {
   using namespace rapidjson;
@@ -243,6 +250,7 @@ std::string_view words(rapidjson::ParseErrorCode code)
     default: return "a value was expected";
   }
 }
+// clang-format on
 
 std::size_t long_digit_run(std::string_view text)
 {
@@ -270,7 +278,8 @@ std::unique_ptr<JsonNode> parse_json(std::string_view source, JsonError& error)
   const std::size_t mark = source.starts_with("\xEF\xBB\xBF") ? 3 : 0;  // a byte-order mark
   skipped.remove_prefix(mark);
   if (source.size() > digits_limit) {
-    if (const std::size_t at = long_digit_run(source); at != source.npos) return fail("a number is too long", at);
+    if (const std::size_t at = long_digit_run(source); at != source.npos)
+      return fail("a number is too long", at);
   }
   ReaderMemory memory;
   GenericReader<UTF8<>, UTF8<>, ReaderMemory> reader(&memory);
@@ -280,7 +289,8 @@ std::unique_ptr<JsonNode> parse_json(std::string_view source, JsonError& error)
   if (!result && !builder.fault.empty()) return fail(builder.fault, mark + result.Offset());
   if (!result) return fail(text("invalid JSON: ", words(result.Code())), mark + result.Offset());
   // The reader takes a NUL byte for the end.
-  if (!stream.at_end()) return fail("invalid JSON: more text follows the end of the document", mark + stream.Tell());
+  if (!stream.at_end())
+    return fail("invalid JSON: more text follows the end of the document", mark + stream.Tell());
   return std::move(builder.root);
 }
 

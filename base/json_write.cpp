@@ -31,8 +31,8 @@ std::size_t utf8_length(std::string_view s)
   return 0;
 }
 
-// Labels may come from files in other encodings: what is not UTF-8 becomes the replacement character, so that the
-// document stays one.
+// Labels may come from files in other encodings: what is not UTF-8 becomes the replacement character, so that
+// the document stays one.
 void write_string(std::string_view s, std::string& out)
 {
   constexpr char hex[] = "0123456789abcdef";
@@ -53,6 +53,7 @@ void write_string(std::string_view s, std::string& out)
       }
     }
     flush(k);
+    // clang-format off
     switch (c) {
       case '"': out += "\\\""; break;
       case '\\': out += "\\\\"; break;
@@ -70,6 +71,7 @@ void write_string(std::string_view s, std::string& out)
           out += "\xEF\xBF\xBD";
         }
     }
+    // clang-format on
     plain = ++k;
   }
   flush(s.size());
@@ -134,6 +136,7 @@ std::string json_text(const JsonNode& root, int indent)
   };
   // Writes a scalar or an array of numbers whole; of the others the opening bracket only.
   const auto begin = [&](const JsonNode& node) {
+    // clang-format off
     switch (node.type()) {
       case JsonType::null: out += "null"; break;
       case JsonType::logical: out += node.logical() ? "true" : "false"; break;
@@ -151,6 +154,7 @@ std::string json_text(const JsonNode& root, int indent)
           levels.push_back({&node, 0});
         }
     }
+    // clang-format on
   };
   begin(root);
   while (!levels.empty()) {

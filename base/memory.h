@@ -31,7 +31,8 @@ inline bool multiply_sizes(std::int64_t a, std::int64_t b, std::int64_t& out)
   return a >= 0 && b >= 0 && !__builtin_mul_overflow(a, b, &out);
 }
 
-/// Gives the vector n elements, the new ones with the value; the memory message and false if there is no room.
+/// Gives the vector n elements, the new ones with the value; the memory message and false if there is no
+/// room.
 template <class T>
 bool resize(ERROR_HANDLER& eh, std::vector<T>& a, std::int64_t n, const T& value = T())
 {

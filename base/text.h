@@ -13,11 +13,17 @@ namespace tolvan {
 
 // ---- joining
 
-inline void append(std::string& out, std::string_view s) { out += s; }
-inline void append(std::string& out, char c) { out += c; }
+inline void append(std::string& out, std::string_view s)
+{
+  out += s;
+}
+inline void append(std::string& out, char c)
+{
+  out += c;
+}
 template <std::integral Integer>
-  requires(!std::same_as<Integer, bool>)  // say which words you mean
-void append(std::string& out, Integer value)
+requires(!std::same_as<Integer, bool>)  // say which words you mean
+    void append(std::string& out, Integer value)
 {
   char buffer[24];
   out.append(buffer, std::to_chars(buffer, buffer + sizeof buffer, value).ptr);
@@ -36,12 +42,12 @@ std::string text(const Parts&... parts)
 
 // ---- Fortran edits.  What does not fit its width becomes asterisks; width 0 takes the room it needs.
 
-std::string edit_i(std::int64_t value, int width);        // Iw
-std::string edit_f(double x, int width, int decimals);    // Fw.d
-std::string edit_e(double x, int width, int digits);      // Ew.d
-std::string edit_d(double x, int width, int digits);      // Dw.d
-std::string edit_es(double x, int width, int digits);     // ESw.d
-std::string edit_g(double x, int width, int digits);      // Gw.d
+std::string edit_i(std::int64_t value, int width);      // Iw
+std::string edit_f(double x, int width, int decimals);  // Fw.d
+std::string edit_e(double x, int width, int digits);    // Ew.d
+std::string edit_d(double x, int width, int digits);    // Dw.d
+std::string edit_es(double x, int width, int digits);   // ESw.d
+std::string edit_g(double x, int width, int digits);    // Gw.d
 /// By a format text in either case: "I9", "F12.4", "E12.4", "D12.4", "ES12.4", "G13.6", also "I0" and "F0.2".
 /// A real under I is rounded to the nearest integer.  A text that is no format gives the shortest digits.
 std::string edit(double x, std::string_view format);
@@ -62,7 +68,8 @@ bool starts_with_nocase(std::string_view s, std::string_view start);
 /// The pieces between separators, empty ones included: one more than there are separators.
 std::vector<std::string> split(std::string_view s, char separator);
 std::string join(const std::vector<std::string>& list, std::string_view separator);
-/// The whole text as a number: an optional sign, then digits (or a decimal number); no blanks.  False leaves out as it is.
+/// The whole text as a number: an optional sign, then digits (or a decimal number); no blanks.  False leaves
+/// out as it is.
 bool read_integer(std::string_view s, std::int64_t& out);
 bool read_real(std::string_view s, double& out);
 

@@ -35,7 +35,8 @@ std::string place_with_zero(bool negative, std::string_view digits, int width)
 {
   std::string out = negative ? "-" : "";
   const std::size_t length = out.size() + digits.size();
-  if (digits.starts_with("0.") && digits.size() > 2 && (width <= 0 || length > static_cast<std::size_t>(width))) {
+  if (digits.starts_with("0.") && digits.size() > 2 &&
+      (width <= 0 || length > static_cast<std::size_t>(width))) {
     digits.remove_prefix(1);
   }
   out += digits;
@@ -54,7 +55,8 @@ std::string fixed_digits(double x, int decimals)
 {
   char buffer[512 + 32];
   decimals = std::clamp(decimals, 0, 200);
-  const auto end = std::to_chars(buffer, buffer + sizeof buffer, std::abs(x), std::chars_format::fixed, decimals).ptr;
+  const auto end =
+      std::to_chars(buffer, buffer + sizeof buffer, std::abs(x), std::chars_format::fixed, decimals).ptr;
   std::string out(buffer, end);
   if (decimals == 0) out += '.';
   return out;
@@ -75,7 +77,8 @@ Scientific scientific(double x, int n)
     return out;
   }
   char buffer[256];
-  const auto end = std::to_chars(buffer, buffer + sizeof buffer, std::abs(x), std::chars_format::scientific, n - 1).ptr;
+  const auto end =
+      std::to_chars(buffer, buffer + sizeof buffer, std::abs(x), std::chars_format::scientific, n - 1).ptr;
   const std::string_view whole(buffer, static_cast<std::size_t>(end - buffer));
   const std::size_t mark = whole.find('e');
   for (char c : whole.substr(0, mark)) {

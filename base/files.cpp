@@ -1,0 +1,216 @@
+#include "base/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <system_error>
+
+#include "base/text.h"
+
+namespace tolvan {
+
+namespace {
+
+constexpr std::size_t chunk_size = std::size_t{1} << 18;
+
+std::string system_words(int code)
+{
+  return std::generic_category().message(code);
+}
+
+// A path with a NUL inside would name another file.
+bool is_path(const std::string& path)
+{
+  if (!path.empty() && path.find('\0') == path.npos) return true;
+  errno = path.empty() ? ENOENT : EINVAL;
+  return false;
+}
+
+}  // namespace
+
+bool file_exists(const std::string& path)
+{
+  struct stat facts {};
+  return is_path(path) && ::stat(path.c_str(), &facts) == 0;
+}
+
+std::int64_t file_size(const std::string& path)
+{
+  struct stat facts {};
+  if (!is_path(path) || ::stat(path.c_str(), &facts) != 0 || !S_ISREG(facts.st_mode)) return -1;
+  return facts.st_size;
+}
+
+void delete_quietly(const std::string& path)
+{
+  if (is_path(path)) ::unlink(path.c_str());
+}
+
+bool read_file(const std::string& path, std::string& contents, std::string& error)
+{
+  contents.clear();
+  FileReader reader;
+  std::string_view chunk;
+  if (reader.open(path)) {
+    if (const std::int64_t size = file_size(path); size > 0) contents.reserve(static_cast<std::size_t>(size));
+    while (reader.next_chunk(chunk)) contents += chunk;
+  }
+  error = reader.error();
+  return error.empty();
+}
+
+bool write_file(const std::string& path, std::string_view contents, std::string& error)
+{
+  FileWriter writer;
+  const bool done = writer.open(path) && writer.write(contents) && writer.commit();
+  error = writer.error();
+  return done;
+}
+
+bool FileReader::open(const std::string& path)
+{
+  close();
+  error_.clear();
+  line_number_ = 0;
+  buffer_.resize(chunk_size);
+  if (is_path(path)) file_.reset(std::fopen(path.c_str(), "rbe"));
+  if (!file_) {
+    error_ = system_words(errno);
+    return false;
+  }
+  std::setvbuf(file_.get(), nullptr, _IONBF, 0);  // the buffer is ours
+  return true;
+}
+
+void FileReader::close()
+{
+  file_.reset();
+  begin_ = end_ = 0;
+}
+
+// Adds to the unread bytes, which move to the front; the buffer doubles when one line fills it.
+bool FileReader::fill()
+{
+  if (!file_) return false;
+  if (begin_ > 0) {
+    std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+    end_ -= begin_;
+    begin_ = 0;
+  }
+  if (end_ == buffer_.size()) buffer_.resize(2 * buffer_.size());
+  errno = 0;
+  const std::size_t got = std::fread(buffer_.data() + end_, 1, buffer_.size() - end_, file_.get());
+  end_ += got;
+  if (got == 0 && std::ferror(file_.get()) != 0) error_ = system_words(errno != 0 ? errno : EIO);
+  if (got == 0) file_.reset();
+  return got > 0;
+}
+
+bool FileReader::next_line(std::string_view& line)
+{
+  std::size_t searched = 0;  // of the unread bytes
+  while (true) {
+    const char* start = buffer_.data() + begin_;
+    const std::size_t unread = end_ - begin_;
+    const void* found = unread > searched ? std::memchr(start + searched, '\n', unread - searched) : nullptr;
+    if (found != nullptr) {
+      const auto length = static_cast<std::size_t>(static_cast<const char*>(found) - start);
+      line = {start, length};
+      begin_ += length + 1;
+      break;
+    }
+    searched = unread;
+    if (fill()) continue;
+    if (!error_.empty() || unread == 0) return false;
+    line = {buffer_.data() + begin_, unread};  // the last line has no end
+    begin_ = end_;
+    break;
+  }
+  if (line.ends_with('\r')) line.remove_suffix(1);
+  ++line_number_;
+  return true;
+}
+
+bool FileReader::next_chunk(std::string_view& chunk)
+{
+  if (begin_ == end_) {
+    begin_ = end_ = 0;
+    if (!fill()) return false;
+  }
+  chunk = {buffer_.data() + begin_, end_ - begin_};
+  begin_ = end_;
+  return true;
+}
+
+FileWriter::~FileWriter()
+{
+  abandon();
+}
+
+void FileWriter::abandon()
+{
+  file_.reset();
+  if (!beside_.empty()) ::unlink(beside_.c_str());
+  beside_.clear();
+}
+
+bool FileWriter::fail()
+{
+  const int code = errno != 0 ? errno : EIO;
+  abandon();
+  if (error_.empty()) error_ = system_words(code);
+  return false;
+}
+
+bool FileWriter::open(const std::string& path)
+{
+  abandon();
+  error_.clear();
+  errno = 0;
+  if (!is_path(path)) return fail();
+  // A link stays a link: what it points at is replaced.  A device or pipe is written where it is.
+  char* resolved = ::realpath(path.c_str(), nullptr);
+  path_ = resolved != nullptr ? resolved : path;
+  std::free(resolved);
+  struct stat facts {};
+  const bool in_place = ::stat(path_.c_str(), &facts) == 0 && !S_ISREG(facts.st_mode);
+  int descriptor = -1;
+  if (in_place) {
+    descriptor = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
+  } else {
+    for (int k = 1; k <= 1000 && descriptor < 0; ++k) {
+      std::string beside = text(path_, ".part", k);
+      descriptor = ::open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+      if (descriptor >= 0) beside_ = std::move(beside);
+      if (descriptor < 0 && errno != EEXIST) break;
+    }
+  }
+  if (descriptor < 0) return fail();
+  file_.reset(::fdopen(descriptor, "wb"));
+  if (file_) return true;
+  ::close(descriptor);
+  return fail();
+}
+
+bool FileWriter::write(std::string_view s)
+{
+  if (!file_) return false;
+  errno = 0;
+  return std::fwrite(s.data(), 1, s.size(), file_.get()) == s.size() || fail();
+}
+
+bool FileWriter::commit()
+{
+  if (!file_) return false;
+  errno = 0;
+  if (std::fclose(file_.release()) != 0) return fail();
+  if (!beside_.empty() && ::rename(beside_.c_str(), path_.c_str()) != 0) return fail();
+  beside_.clear();
+  return true;
+}
+
+}  // namespace tolvan

@@ -1,0 +1,77 @@
+// Files.  Failures come back as false with the system's own words in error(); nothing here adds messages.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tolvan {
+
+bool file_exists(const std::string& path);
+/// Bytes of a regular file; -1 if there is none.
+std::int64_t file_size(const std::string& path);
+void delete_quietly(const std::string& path);
+/// Reads a whole file; false with the reason if it cannot be read.
+bool read_file(const std::string& path, std::string& contents, std::string& error);
+/// Writes a whole file by way of a neighbour, so that the old one stays until the new one is complete.
+bool write_file(const std::string& path, std::string_view contents, std::string& error);
+
+namespace detail {
+struct CloseFile {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+}  // namespace detail
+using FileHandle = std::unique_ptr<std::FILE, detail::CloseFile>;
+
+/// Lines or chunks of a file of any size.
+class FileReader {
+ public:
+  /// False, with error(), if the file cannot be opened.
+  bool open(const std::string& path);
+  /// The next line without its end (LF or CR LF); false at the end of the file or after a fault, told by
+  /// error(). The view holds until the next call.
+  bool next_line(std::string_view& line);
+  /// The next bytes, at most some hundred kilobytes.
+  bool next_chunk(std::string_view& chunk);
+  std::int64_t line_number() const { return line_number_; }  // of the last line read, from 1
+  const std::string& error() const { return error_; }        // empty: no fault
+  void close();
+
+ private:
+  bool fill();
+  FileHandle file_;
+  std::vector<char> buffer_;
+  std::size_t begin_ = 0;  // unread bytes: buffer_[begin_] up to buffer_[end_]
+  std::size_t end_ = 0;
+  std::int64_t line_number_ = 0;
+  std::string error_;
+};
+
+/// A file that appears under its name only when it is complete: written beside it, then renamed.
+class FileWriter {
+ public:
+  FileWriter() = default;
+  ~FileWriter();  // without commit() nothing is left behind
+  FileWriter(const FileWriter&) = delete;
+  FileWriter& operator=(const FileWriter&) = delete;
+
+  bool open(const std::string& path);
+  /// After the first fault writing does nothing: it is enough to look at commit().
+  bool write(std::string_view s);
+  /// Puts the file in its place; false, with error(), if any step since open() failed.
+  bool commit();
+  const std::string& error() const { return error_; }
+
+ private:
+  bool fail();
+  void abandon();
+  FileHandle file_;
+  std::string path_;
+  std::string beside_;  // the neighbour; empty where the path is no regular file and is written in place
+  std::string error_;
+};
+
+}  // namespace tolvan
