@@ -1,16 +1,27 @@
 // One result table: typed columns with names, titles, footnotes, labels over several columns and lines
-// between rows. It goes out as JSON, as typed arrays (table_store.h) and as text.  Routines: OTT_ (table),
-// CIT_ and ICIT_ (columns), TFT_ (titles and footnotes), SLT_ (spanning labels), LITS_ (line inserts).
+// between rows.  It goes out as JSON, as typed arrays (table_store.h) and as text.
+// Routines: OTT_ (table), CIT_ and ICIT_ (columns), TFT_ (titles and footnotes), SLT_ (spanning labels),
+// LITS_ (line inserts).
 //
 // A producer works in this order:
+//
 //     const auto id = OTST_REGISTER_TABLE(eh, store, "TABLE_X");
 //     OUTPUT_TABLE& t = store.table(id);
-//     OTT_ADD_COLUMN(eh, t, {.type = ColumnType::string, .name = "LABEL", .heading = "Term", .format = "A"});
+//     OTT_ADD_COLUMN(eh, t, {.type = ColumnType::string, .name = "LABEL", .heading = "Term"});
 //     OTT_ADD_COLUMN(eh, t, {.type = ColumnType::real, .name = "VALUE", .heading = "Value", .format =
-//     "G14.6"});
-//   row by row        OTT_NEXT_ROW(eh, t);  OTT_SET_STRING_VALUES(eh, t, {{"a"}});  OTT_SET_REAL_VALUES(eh,
-//   t, {{1.5}}); or by columns     OTT_ALLOC_DATA_STORES(eh, t, n);  OTT_SET_COLUMN_REAL_WP(eh, t, 2,
-//   values);
+//     "F9.3"});
+//
+// and then either row by row
+//
+//     OTT_NEXT_ROW(eh, t);
+//     OTT_SET_STRING_VALUES(eh, t, {"a"});
+//     OTT_SET_REAL_VALUES(eh, t, {1.5});
+//
+// or by whole columns
+//
+//     OTT_ALLOC_DATA_STORES(eh, t, n);
+//     OTT_SET_COLUMN_STRING(eh, t, 1, labels);
+//     OTT_SET_COLUMN_REAL_WP(eh, t, 2, values);
 #pragma once
 
 #include <cstdint>
@@ -25,6 +36,9 @@
 #include "api/string_array.h"
 
 namespace tolvan {
+
+// Building, writing and printing work as well with a handler that is terminated already: a run that failed
+// still shows the results that it has.
 
 /// What a table holds; the outward numbers have no 4.
 enum class TableType : std::int64_t {
@@ -243,6 +257,9 @@ void OTT_ADD_SPANNING_LABEL(ERROR_HANDLER& eh, OUTPUT_TABLE& table, std::int64_t
 /// current one.
 void OTT_INSERT_TEXT(ERROR_HANDLER& eh, OUTPUT_TABLE& table, std::string_view text, std::int64_t lineno = 0);
 
+/// OTT_CHECK_COLUMN: gives whether the store of a column holds the rows in use, with a message if not.
+bool OTT_CHECK_COLUMN(ERROR_HANDLER& eh, const OUTPUT_TABLE& table, const INDIVIDUAL_COLUMN_INFO& column);
+
 // JSON out.  The _TO_JSTR forms write large tables without a tree in between; both forms hold the same
 // document.
 
@@ -274,9 +291,8 @@ void OTT_SET_FROM_JPTR(ERROR_HANDLER& eh, OUTPUT_TABLE& table, const JsonNode& n
 void CIT_SET_FROM_JPTR(ERROR_HANDLER& eh, COLUMN_INFO& info, const JsonNode& node);
 /// ICIT_SET_FROM_JPTR: reads one element of columns, without its values and position.
 void ICIT_SET_FROM_JPTR(ERROR_HANDLER& eh, INDIVIDUAL_COLUMN_INFO& column, const JsonNode& node);
-/// SLT_SET_FROM_JPTR: reads the spanning_labels array of a table of ncols columns.
-void SLT_SET_FROM_JPTR(ERROR_HANDLER& eh, std::vector<SPANNING_LABEL>& labels, std::int64_t ncols,
-                       const JsonNode& node);
+/// SLT_SET_FROM_JPTR: reads a spanning_labels array.
+void SLT_SET_FROM_JPTR(ERROR_HANDLER& eh, std::vector<SPANNING_LABEL>& labels, const JsonNode& node);
 /// TFT_SET_FROM_JPTR: reads a titles or footnotes array.
 void TFT_SET_FROM_JPTR(ERROR_HANDLER& eh, std::vector<TITLE_FOOTNOTE>& lines, const JsonNode& node);
 /// LITS_SET_FROM_JPTR: reads the line_inserts array.

@@ -126,10 +126,12 @@ void OTST_ADD_TO_JPTR(ERROR_HANDLER& eh, const OUTPUT_TABLE_STORE& store, JsonNo
 /// OTST_TO_JSTR: the document of all tables, then all scalars.
 std::string OTST_TO_JSTR(ERROR_HANDLER& eh, const OUTPUT_TABLE_STORE& store,
                          TableValues values = TableValues::included);
-/// OST_ADD_TO_JPTR: adds a scalar, an object of type and value, to an object node under its name.
-void OST_ADD_TO_JPTR(ERROR_HANDLER& eh, const OUTPUT_SCALAR& scalar, JsonNode& parent);
-/// OST_ADD_VALUE_TO_JPTR: adds the value of a scalar to an object node under the key "value".
-void OST_ADD_VALUE_TO_JPTR(ERROR_HANDLER& eh, const OUTPUT_SCALAR& scalar, JsonNode& parent);
+/// OST_ADD_TO_JPTR: adds a scalar, an object of type and value, to an object node under its name; false with
+/// a message if it has no value.
+bool OST_ADD_TO_JPTR(ERROR_HANDLER& eh, const OUTPUT_SCALAR& scalar, JsonNode& parent);
+/// OST_ADD_VALUE_TO_JPTR: adds the value of a scalar to an object node under the key "value"; false with a
+/// message if there is none.
+bool OST_ADD_VALUE_TO_JPTR(ERROR_HANDLER& eh, const OUTPUT_SCALAR& scalar, JsonNode& parent);
 /// OST_TO_JSTR: the document {"<scalar>":{...}}.
 std::string OST_TO_JSTR(ERROR_HANDLER& eh, const OUTPUT_SCALAR& scalar);
 
