@@ -1,4 +1,5 @@
-// FIT_OPTIONS: every option of a request as a named slot.  Routine: UPDATE_OPTIONS_FROM_JPTR.
+// FIT_OPTIONS: every option of a request as a named slot.
+// Routines: FIT_OPTIONS_DEFAULTS, UPDATE_OPTIONS_FROM_JPTR, REFUSE_UNBUILT_OPTIONS.
 #pragma once
 
 #include <array>
@@ -19,6 +20,7 @@ enum class Slot : int {
   yhtform, yvar, maximum_number_of_threads, knots,
   fcon, outlier, wvr, cmat, camat,          // flags that set an integer to 1
   missing_values, y_missing_values, process_stage, em_mode, em_value, aiv_integer, slot_25, slot_31,
+  isort, qpoint,
   count_
 };
 enum class RealSlot : int { arlimit, adjust, yss, aiv, scale, step_size, count_ };
@@ -56,5 +58,7 @@ struct FIT_OPTIONS {
 FIT_OPTIONS FIT_OPTIONS_DEFAULTS();
 /// UPDATE_OPTIONS_FROM_JPTR: reads the options object of a request over the defaults and runs the steps after the loop.
 void UPDATE_OPTIONS_FROM_JPTR(ERROR_HANDLER& eh, const JsonNode* options, FIT_OPTIONS& fit_options);
+/// REFUSE_UNBUILT_OPTIONS: complains of every option whose effect is not built and which asks for something.
+void REFUSE_UNBUILT_OPTIONS(ERROR_HANDLER& eh, const JsonNode* options);
 
 }  // namespace tolvan
