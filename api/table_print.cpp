@@ -135,14 +135,11 @@ bool L_CHECK_COLUMN(ERROR_HANDLER& eh, const OUTPUT_TABLE& table, const INDIVIDU
   };
   switch (column.type) {
     case ColumnType::integer:
-      check(table.integer_col, "INTEGER_COL", "an integer");
-      return;
+      return check(table.integer_col, "INTEGER_COL", "an integer");
     case ColumnType::real:
-      check(table.real_col, "REAL_COL", "a real");
-      return;
+      return check(table.real_col, "REAL_COL", "a real");
     case ColumnType::string:
-      check(table.string_col, "STRING_COL", "a string");
-      return;
+      return check(table.string_col, "STRING_COL", "a string");
     default:
       eh.internal(text("unknown column type: ", static_cast<std::int64_t>(column.type)));
       return false;
