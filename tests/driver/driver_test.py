@@ -1,0 +1,259 @@
+#!/usr/bin/env python3
+"""driver_test.py TOLVAN EXAMPLES: the stand-alone driver as a user meets it."""
+import json
+import os
+import pathlib
+import pty
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+TOLVAN, EXAMPLES = (pathlib.Path(p).resolve() for p in sys.argv[1:3])
+OATS = EXAMPLES / "oats"
+MODEL = {"response": "y", "fixed": "variety*nitro", "random": "block/variety"}
+
+
+def tolvan(*arguments, cwd=None, **more):
+    return subprocess.run([TOLVAN, *map(str, arguments)], capture_output=True, text=True, cwd=cwd, timeout=120, **more)
+
+
+class InAFolder(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+
+    def write(self, name, content):
+        path = self.folder / name
+        path.write_text(content if isinstance(content, str) else json.dumps(content))
+        return path
+
+
+class CommandLine(InAFolder):
+    def test_help_and_version(self):
+        for arguments in (["--help"], ["fit", "--help"]):
+            run = tolvan(*arguments)
+            self.assertEqual(run.returncode, 0)
+            self.assertIn("Exit codes", run.stdout)
+        for option in ("--data", "--json", "-o", "-q", "-v", "--threads"):
+            self.assertIn(option, run.stdout)
+        run = tolvan("version")
+        self.assertEqual(run.returncode, 0)
+        self.assertRegex(run.stdout, r"^tolvan \d+\.\d+\.\d+")
+
+    def test_usage_errors(self):
+        request = self.write("request.json", {"model": {"response": "y"}})
+        data = self.write("a.csv", "y\n1\n2\n")
+        for arguments in ([], ["fly"], ["fit"], ["fit", request, "--no-such-option"], ["fit", request, "--threads", "0"],
+                          ["fit", request, "--threads", "many"], ["fit", request, "-q", "-v"],
+                          ["fit", request, "--data", "a.csv"], ["fit", request, "--data", f"=x"],
+                          ["fit", request, "--data", f"a={data}", "--data", f"a={data}"]):
+            run = tolvan(*arguments)
+            self.assertEqual(run.returncode, 2, (arguments, run.stderr))
+            self.assertEqual(run.stdout, "")
+            self.assertNotEqual(run.stderr, "")
+
+
+class Results(InAFolder):
+    def test_the_same_fit_by_csv_and_by_data(self):
+        by_file = tolvan("fit", OATS / "request.json", "--json", cwd=self.folder)  # from any folder
+        self.assertEqual(by_file.returncode, 0, by_file.stderr)
+        request = json.loads((OATS / "request.json").read_text())
+        variables = request.pop("variables")
+        del request["data_file"]
+        described = self.write("described.json", {**request, "dataset": {"name": "oats", "variables": variables}})
+        bare = self.write("bare.json", request)
+        for path in (described, bare):
+            by_data = tolvan("fit", path, "--json", "--data", f"oats={OATS / 'oats.csv'}", cwd=OATS)
+            self.assertEqual(by_data.returncode, 0, by_data.stderr)
+            if path == described:
+                self.same_results(json.loads(by_file.stdout), json.loads(by_data.stdout))
+            else:  # nitro is a number there
+                self.assertIn("nitro: variate", by_data.stderr)
+
+    def same_results(self, a, b):
+        self.assertEqual(a["scalars"], b["scalars"])
+        self.assertEqual(a["tables"], b["tables"])  # bit by bit: numbers are written so that they read back
+
+    def test_labels_in_the_order_of_the_document(self):
+        """another order of levels leaves the likelihood and moves the rows of the solutions"""
+        labels = ["Victory", "Marvellous", "Golden_Rain"]
+        request = {"model": MODEL, "options": {"extra": 5}, "dataset": [{"name": "oats", "variables": [
+            {"name": "block", "field_type": "vt_string_factor"},
+            {"name": "variety", "field_type": "vt_string_factor", "factor_labels": labels},
+            {"name": "nitro", "field_type": "vt_string_factor"}, {"name": "y"}]}]}
+        run = tolvan("fit", self.write("r.json", request), "--json", "--data", f"oats={OATS / 'oats.csv'}")
+        self.assertEqual(run.returncode, 0, run.stderr)
+        document = json.loads(run.stdout)
+        self.assertAlmostEqual(document["scalars"]["SCALAR_LOGLIK"], -209.377941511, 6)
+        columns = {c["name"]: c["values"] for c in document["tables"]["TABLE_SLN"]["column_info"]["columns"]}
+        rows = list(zip(columns["LABEL"], columns["LVL"]))
+        self.assertEqual([level for term, level in rows if term == "variety"], labels)
+
+    def test_json_document(self):
+        run = tolvan("fit", OATS / "request.json", "--json", "-q")
+        self.assertEqual(run.returncode, 0)
+        self.assertEqual(run.stderr, "")
+        document = json.loads(run.stdout)
+        self.assertEqual(list(document), ["status", "final_message", "scalars", "tables", "error_information"])
+        self.assertLessEqual(document["status"], 0)
+        self.assertIn("LogL Converged", document["final_message"])
+        self.assertAlmostEqual(document["scalars"]["SCALAR_LOGLIK"], -209.377941511, 6)
+        self.assertEqual(document["scalars"]["SCALAR_DF"], 60)
+        columns = {c["name"]: c["values"] for c in document["tables"]["TABLE_VARCOMP"]["column_info"]["columns"]}
+        for got, expected in zip(columns["SIGMA"], (214.477083127, 106.061805591, 177.083333214)):
+            self.assertAlmostEqual(got, expected, delta=1e-4 * expected)
+        self.assertEqual(document["error_information"]["terminate"], False)
+
+    def test_streams_and_talk(self):
+        normal = tolvan("fit", OATS / "request.json")
+        self.assertIn("Variance components", normal.stdout)
+        self.assertRegex(normal.stderr, r"iteration +1 +LogL")
+        self.assertNotIn("\r", normal.stderr)
+        self.assertNotIn("\x1b", normal.stdout + normal.stderr)
+        quiet = tolvan("fit", OATS / "request.json", "-q")
+        self.assertEqual(quiet.stderr, "")
+        self.assertEqual(quiet.stdout, normal.stdout)
+        verbose = tolvan("fit", OATS / "request.json", "-v", "--threads", "2")
+        self.assertEqual(verbose.stdout, normal.stdout)
+        self.assertIn(" s in all", verbose.stderr)
+
+    def test_on_a_terminal(self):
+        for no_color, decorated in (("", True), ("1", False)):
+            text = self.on_terminal({"NO_COLOR": no_color, "TERM": "xterm"})
+            self.assertEqual("\x1b[" in text, decorated)
+            self.assertRegex(text, r"\riteration +2 +LogL")
+
+    def on_terminal(self, environment):
+        leader, follower = pty.openpty()
+        run = subprocess.Popen([TOLVAN, "fit", OATS / "request.json"], stdout=follower, stderr=follower,
+                               env={**os.environ, **environment})
+        os.close(follower)
+        text = b""
+        while True:
+            try:
+                piece = os.read(leader, 4096)
+            except OSError:  # the other end is closed
+                break
+            if not piece:
+                break
+            text += piece
+        os.close(leader)
+        self.assertEqual(run.wait(timeout=60), 0)
+        return text.decode()
+
+
+class Failures(InAFolder):
+    def refused(self, code, *arguments, says=""):
+        run = tolvan("fit", *arguments)
+        self.assertEqual(run.returncode, code, run.stderr)
+        self.assertIn("error: ", run.stderr)
+        self.assertIn(says, run.stderr)
+        self.assertEqual(run.stdout, "")
+        document = json.loads(tolvan("fit", *arguments, "--json").stdout)
+        self.assertGreater(document["status"], 0)
+        self.assertTrue(document["error_information"]["terminate"])
+        texts = [m.get("message", "") for m in document["error_information"]["messages"]]
+        self.assertTrue(any(says in t for t in texts), texts)
+
+    def test_files_that_are_not_there(self):
+        self.refused(3, self.folder / "none.json", says="none.json")
+        self.refused(3, self.folder, says="folder")
+        request = json.loads((OATS / "request.json").read_text())
+        self.refused(3, self.write("r.json", request), says="oats.csv")  # the data file is sought beside the request
+        self.refused(3, self.write("m.json", {"model": MODEL}), "--data", f"a={self.folder / 'none.csv'}", says="none.csv")
+
+    def test_malformed_requests(self):
+        for number, text in enumerate(("", "{", "[1,2", "{\"model\":}", "nonsense", "\x00", "[" * 100000, "[]", "3")):
+            self.refused(3, self.write(f"r{number}.json", text))
+        self.refused(3, self.write("empty.json", {}), says="model")
+
+    def test_bad_data(self):
+        request = self.write("r.json", {"model": {"response": "y"}})
+        for text, says in (("y\n1\nx\n", "y"), ("y,x\n1\n", "line 2"), ("", "empty"), ("y\n", "no record")):
+            self.refused(3, request, "--data", f"d={self.write('d.csv', text)}", says=says)
+
+    def test_not_converged(self):
+        request = json.loads((OATS / "request.json").read_text())
+        request["options"] = {"maxiterations": 2}
+        request["data_file"]["name"] = str(OATS / "oats.csv")
+        run = tolvan("fit", self.write("r.json", request))
+        self.assertEqual(run.returncode, 4, run.stderr)
+        self.assertIn("Variance components", run.stdout)
+        self.assertIn("not converged", run.stdout)
+
+    def test_results_that_can_not_be_written(self):
+        if not os.path.exists("/dev/full"):
+            self.skipTest("no device that is always full")
+        with open("/dev/full", "w") as full:
+            run = subprocess.run([TOLVAN, "fit", OATS / "request.json"], stdout=full, stderr=subprocess.PIPE, text=True)
+        self.assertEqual(run.returncode, 6)
+        self.assertIn("unable to write the results", run.stderr)
+
+    def test_output_folder(self):
+        """report files may not be built yet; then the engine says so"""
+        run = tolvan("fit", OATS / "request.json", "-o", self.folder / "out" / "deeper")
+        if run.returncode == 0:
+            self.assertNotEqual(list((self.folder / "out" / "deeper").iterdir()), [])
+        else:
+            self.assertEqual(run.returncode, 3)
+            self.assertIn("outfolder", run.stderr)
+        self.write("in_the_way", "")
+        run = tolvan("fit", OATS / "request.json", "-o", self.folder / "in_the_way" / "out")
+        self.assertEqual(run.returncode, 6)
+
+
+class Interrupts(InAFolder):
+    """a fit that takes some seconds, on crossed random effects"""
+
+    def setUp(self):
+        super().setUp()
+        rows, levels, seed, lines = 20000, 1200, 1, ["a,b,y"]
+        for _ in range(rows):
+            seed = (seed * 1103515245 + 12345) % 2**31
+            a, b = seed // 7 % levels, seed // 10007 % levels
+            lines.append(f"a{a},b{b},{(a * 37 % 101) / 50 + (b * 53 % 97) / 60 + seed / 2**31:.6f}")
+        data = self.write("d.csv", "\n".join(lines) + "\n")
+        request = self.write("r.json", {"model": {"response": "y", "random": "a+b"},
+                                        "options": {"extra": 300, "maxiterations": 400}})
+        self.run_ = subprocess.Popen([TOLVAN, "fit", request, "--json", "--data", f"d={data}"], text=True,
+                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                     preexec_fn=lambda: signal.signal(signal.SIGINT, signal.default_int_handler))
+        self.addCleanup(self.run_.kill)
+        for line in self.run_.stderr:
+            if line.startswith("iteration"):
+                break
+
+    def end(self):
+        out, err = self.run_.communicate(timeout=60)
+        return self.run_.returncode, json.loads(out), err
+
+    def test_once_finishes_and_reports(self):
+        self.run_.send_signal(signal.SIGINT)
+        code, document, err = self.end()
+        self.assertIn("finishing after this iteration", err)
+        self.assertIn(code, (0, 5))  # 0: it had converged by then
+        self.assertEqual(document["status"], -5)
+        self.assertIn("TABLE_VARCOMP", document["tables"])
+        self.assertLess(len(document["tables"]["TABLE_TRACE"]["column_info"]["columns"][0]["values"]), 300)
+
+    def test_twice_stops(self):
+        self.run_.send_signal(signal.SIGINT)
+        time.sleep(0.01)
+        self.run_.send_signal(signal.SIGINT)
+        code, document, _ = self.end()
+        # The second may come too late to matter: then the first was obeyed.
+        if document["status"] > 0:
+            self.assertEqual(code, 5)
+            self.assertTrue(document["error_information"]["terminate"])
+        else:
+            self.assertIn(code, (0, 5))
+
+
+if __name__ == "__main__":
+    unittest.main(argv=[sys.argv[0], "-v", *sys.argv[3:]])
