@@ -60,9 +60,13 @@ void UDST_ADD(ERROR_HANDLER& eh, USER_DATASET_STORE& store, std::string_view nam
               std::int64_t columns);
 /// UDST_BIND: binds the matrix of a dataset object of the request to its description and checks its size.
 void UDST_BIND(ERROR_HANDLER& eh, const USER_DATASET_STORE& store, const JsonNode& dataset, DATASET_VIEW& view);
-/// UDST_FIND_VAR: the dataset and column of a variable; warns when several datasets have it.
+/// UDST_FIND_VAR: the dataset and column (from 0) of a variable, datasets in the order of the store; warns when several have it.
 void UDST_FIND_VAR(ERROR_HANDLER& eh, const USER_DATASET_STORE& store, const JsonNode& request, std::string_view name,
                    DATASET_VIEW& view, std::int64_t& column);
+/// The dataset objects of a request, an object or an array under its key; of two with one name the later counts, with a warning.
+std::vector<const JsonNode*> dataset_descriptions(ERROR_HANDLER& eh, const JsonNode& request);
+/// The warning about a variable that two datasets hold.
+void warn_not_unique(ERROR_HANDLER& eh, std::string_view variable, const std::string& used, const std::string& other);
 /// UDST_DUMP: a text that lists the datasets, for debugging.
 std::string UDST_DUMP(const USER_DATASET_STORE& store);
 

@@ -1,5 +1,5 @@
 // The design: for each analysis record its response, weight and the equations present in it.
-// Routines: DMT_SETUP, DMT_ADD_ROWS, DMT_RESIZE_TO, AIDSGN, MORE_AIDATA_SETUP, CHECK_AND_CONFORMITY.
+// Routines: DMT_SETUP, DMT_ADD_ROWS, DMT_RESIZE_TO, AIDSGN, CHECK_AND_CONFORMITY.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +26,8 @@ struct DESIGN_MTX {
   std::vector<std::int64_t> record;    // data record of each analysis record, from 1
   std::vector<std::int64_t> mv;        // analysis records (from 0) whose response is estimated, in equation order
   std::int64_t data_records = 0;       // records of the data store
-  std::int64_t negative_weights = 0, zero_weights = 0;
+  std::int64_t negative_weights = 0;   // records whose weight was below 0; it is 0 here
+  std::int64_t zero_weights = 0;       // records whose weight was 0 as it came
 
   std::int64_t rows() const { return static_cast<std::int64_t>(start.size()) - 1; }
   std::span<const std::int32_t> equations(std::int64_t row) const
@@ -43,6 +44,9 @@ struct DESIGN_MTX {
 
 /// DMT_SETUP: empties a design and reserves for a number of rows and of elements a row.
 void DMT_SETUP(ERROR_HANDLER& eh, DESIGN_MTX& design, std::int64_t rows, std::int64_t elements_a_row);
+/// DMT_ADD_ROWS: appends one row of equations (from 0, rising) with their values.
+void DMT_ADD_ROWS(ERROR_HANDLER& eh, DESIGN_MTX& design, std::span<const std::int32_t> equations,
+                  std::span<const double> values);
 /// DMT_RESIZE_TO: gives back memory beyond the rows in use.
 void DMT_RESIZE_TO(ERROR_HANDLER& eh, DESIGN_MTX& design);
 
