@@ -5,6 +5,7 @@
 
 #include "base/text.h"
 #include "data/request_values.h"
+#include "model/request.h"
 
 namespace tolvan {
 
@@ -18,7 +19,7 @@ void read_observations(ERROR_HANDLER& eh, const JsonNode& dataset, USER_DATASET_
     return;
   }
   if (!node->is(JsonType::integer)) {
-    refuse_value(eh, *node, "an integer");
+    REPORT_JSON_ERROR(eh, *node, {"an integer"});
     return;
   }
   info.number_of_observations = node->integer();
@@ -46,7 +47,7 @@ void read_tags(ERROR_HANDLER& eh, JsonNode& tags, USER_DATASET_INFO& info)
 {
   for (const JsonNode* tag : list_entries(tags)) {
     if (!tag->is(JsonType::string)) {
-      refuse_value(eh, *tag, "a string");
+      REPORT_JSON_ERROR(eh, *tag, {"a string"});
       return;
     }
     info.tags.push_back(tag->text());
@@ -58,7 +59,7 @@ void L_READ_VARIABLE_NAMES(ERROR_HANDLER& eh, JsonNode& variables, USER_DATASET_
 {
   const Frame here{eh, __func__};
   if (variables.packed() && variables.size() > 0) {
-    refuse_value(eh, variables, "an array of objects that describe variables");
+    REPORT_JSON_ERROR(eh, variables, {"an array of objects that describe variables"});
     return;
   }
   std::unordered_set<std::string> names;
@@ -97,7 +98,7 @@ void L_READ_VARIABLE_COUNT(ERROR_HANDLER& eh, const JsonNode& dataset, USER_DATA
   }
   if (count == nullptr) return;
   if (!count->is(JsonType::integer) || count->integer() < 1) {
-    refuse_value(eh, *count, "a positive integer");
+    REPORT_JSON_ERROR(eh, *count, {"a positive integer"});
     return;
   }
   // More columns than described variables are allowed: user_column_number may pick some of them.
@@ -124,7 +125,7 @@ void UDIT_FROM_JSON(ERROR_HANDLER& eh, const JsonNode& dataset, USER_DATASET_INF
   }
   if (const JsonNode* name = given_value(dataset, "name"); name != nullptr) {
     if (!name->is(JsonType::string)) {
-      refuse_value(eh, *name, "a string");
+      REPORT_JSON_ERROR(eh, *name, {"a string"});
       return;
     }
     info.name = name->text();

@@ -57,7 +57,7 @@ void L_DESCRIBE_FILE(ERROR_HANDLER& eh, JsonNode& request, PRIMARY_DATA& primary
     if (files.size() == 1) file = files.front();
   }
   if (!file->is(JsonType::object)) {
-    refuse_value(eh, *file, "an object that describes a data file");
+    REPORT_JSON_ERROR(eh, *file, {"an object that describes a data file"});
     return;
   }
   primary.data_file = file;

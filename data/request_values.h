@@ -1,14 +1,10 @@
 // Reading single values of data descriptions out of the request tree.
 #pragma once
 
-#include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
-#include "api/error_handler.h"
 #include "base/json.h"
-#include "model/request.h"
 
 namespace tolvan {
 
@@ -33,12 +29,6 @@ inline bool asks_for_something(const JsonNode* node)
     case JsonType::object: return node->size() > 0;
   }
   return true;
-}
-
-/// Complains of a value, naming what was expected in its place.
-inline void refuse_value(ERROR_HANDLER& eh, const JsonNode& node, std::string expected)
-{
-  REPORT_JSON_ERROR(eh, node, std::vector<std::string>{std::move(expected)});
 }
 
 /// The entries of a list that may also be written as its only entry; empty for a packed array of numbers.

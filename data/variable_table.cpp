@@ -36,19 +36,18 @@ void read_field_type(ERROR_HANDLER& eh, const JsonNode& description, VARIABLE& v
 {
   const JsonNode* node = given_value(description, "field_type");
   if (node == nullptr) return;
-  std::vector<std::string> words;
   for (const TypeWord& known : field_types) {
     if (node->is_text(known.word)) {
       variable.type = known.type;
       return;
     }
-    words.emplace_back(known.word);
   }
   if (node->is_text("vt_date") || node->is_text("vt_time")) {
     eh.not_implemented(text("field_type ", node->text(), " of variable ", variable.name, " is not implemented"));
     return;
   }
-  REPORT_JSON_ERROR(eh, *node, words);
+  REPORT_JSON_ERROR(eh, *node,
+                    {field_types[0].word, field_types[1].word, field_types[2].word, field_types[3].word});
 }
 
 /// An integer of at least a least value; target keeps its value where the key is absent.
@@ -58,7 +57,7 @@ void read_integer(ERROR_HANDLER& eh, const JsonNode& description, std::string_vi
   const JsonNode* node = given_value(description, key);
   if (node == nullptr) return;
   if (!node->is(JsonType::integer) || node->integer() < least || node->integer() > most_levels) {
-    refuse_value(eh, *node, std::string(expected));
+    REPORT_JSON_ERROR(eh, *node, {expected});
     return;
   }
   target = node->integer();
@@ -73,7 +72,7 @@ void read_flag(ERROR_HANDLER& eh, const JsonNode& description, std::string_view 
   } else if (node->is_text(no_value_supplied)) {
     target = true;
   } else {
-    refuse_value(eh, *node, "true or false");
+    REPORT_JSON_ERROR(eh, *node, {"true", "false"});
   }
 }
 
@@ -100,7 +99,7 @@ void read_factor_labels(ERROR_HANDLER& eh, const JsonNode& description, VARIABLE
     return;
   }
   if (!node->is(JsonType::array)) {
-    refuse_value(eh, *node, "an array of strings");
+    REPORT_JSON_ERROR(eh, *node, {"an array of strings"});
     return;
   }
   if (node->packed()) {
@@ -115,7 +114,7 @@ void read_factor_labels(ERROR_HANDLER& eh, const JsonNode& description, VARIABLE
       } else if (label->is_number()) {
         add_label(eh, variable, json_text(*label));
       } else {
-        refuse_value(eh, *label, "a string");
+        REPORT_JSON_ERROR(eh, *label, {"a string"});
       }
       if (eh.terminate()) return;
     }
@@ -130,7 +129,7 @@ void L_READ_VARIABLE(ERROR_HANDLER& eh, const COMMUNICATION& communication, cons
 {
   const Frame here{eh, __func__};
   if (!description.is(JsonType::object)) {
-    refuse_value(eh, description, "an object that describes a variable");
+    REPORT_JSON_ERROR(eh, description, {"an object that describes a variable"});
     return;
   }
   const JsonNode* name = given_value(description, "name");
@@ -139,7 +138,7 @@ void L_READ_VARIABLE(ERROR_HANDLER& eh, const COMMUNICATION& communication, cons
     return;
   }
   if (!name->is(JsonType::string)) {
-    refuse_value(eh, *name, "a string");
+    REPORT_JSON_ERROR(eh, *name, {"a string"});
     return;
   }
   VARIABLE variable;
@@ -224,7 +223,7 @@ void PROCESS_NUMBER_OF_LEVELS(ERROR_HANDLER& eh, VARIABLE_TABLE& table, std::int
     return;
   }
   if (!shared->is(JsonType::string)) {
-    refuse_value(eh, *shared, "the name of a variable");
+    REPORT_JSON_ERROR(eh, *shared, {"the name of a variable"});
     return;
   }
   if (shared->is_text("vt_integer_factor_1_to_n")) {
@@ -253,7 +252,7 @@ void UPDATE_NUMBER_OF_LEVELS(ERROR_HANDLER& eh, VARIABLE& variable, const JsonNo
   const JsonNode* node = given_value(description, "number_of_levels");
   if (node == nullptr) return;
   if (!node->is(JsonType::integer)) {
-    refuse_value(eh, *node, "an integer");
+    REPORT_JSON_ERROR(eh, *node, {"an integer"});
     return;
   }
   if (node->integer() < 1 || node->integer() > most_levels) {
