@@ -1,0 +1,58 @@
+// What a term says about its parameters beside the model.  Routines: SAVE_INITIAL_VALUES, GET_INITIAL_VALUES_FROM_JSON.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "api/error_handler.h"
+#include "base/json.h"
+#include "model/factor_table.h"
+#include "model/term_table.h"
+#include "varstruct/parameter_table.h"
+
+namespace tolvan {
+
+/// The initial values and qualifiers of one term; an empty field was not given.
+struct IVALUE_DATA {
+  std::vector<double> values;
+  std::vector<double> coord;
+  std::string use;
+  std::string ps_constraints;
+  std::string eq_constraints;
+  std::string subsection;
+  std::int64_t sing = 0;
+
+  bool empty() const
+  {
+    return values.empty() && coord.empty() && use.empty() && ps_constraints.empty() && eq_constraints.empty() &&
+           subsection.empty() && sing == 0;
+  }
+};
+
+/// SAVE_INITIAL_VALUES: reads the qualifiers of a term node, from the node itself or from its `initial_values` object.
+void SAVE_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& term, IVALUE_DATA& data);
+
+/// GET_INITIAL_VALUES_FROM_JSON: lays the request's list of initial values and constraints over the parameters.
+void GET_INITIAL_VALUES_FROM_JSON(ERROR_HANDLER& eh, const JsonNode& request, const FACTOR_TABLE& factors,
+                                  const TERM_TABLE& terms, VARIANCE_MODEL& model);
+
+/// The stretch of the parameter vector that belongs to a term.
+struct PARAMETER_RANGE {
+  std::int64_t first = 0;
+  std::int64_t count = 0;
+};
+PARAMETER_RANGE parameters_of(const VARIANCE_MODEL& model, const TERM_STRUCTURE& structure);
+
+/// The parameter that a name means: its label, or the text of a term that owns just one; -1 when there is none.
+std::int64_t find_parameter(const FACTOR_TABLE& factors, const TERM_TABLE& terms, const VARIANCE_MODEL& model,
+                            std::string_view name);
+
+/// Sets a parameter's value or constraint; false when the parameter is the profiled residual and can not have it.
+bool set_value(VARIANCE_MODEL& model, std::int64_t parameter, double value);
+bool set_constraint(VARIANCE_MODEL& model, std::int64_t parameter, Constraint constraint);
+
+/// REFUSE_PROFILED_RESIDUAL: complains of a value or constraint for a residual variance that is profiled.
+void REFUSE_PROFILED_RESIDUAL(ERROR_HANDLER& eh, std::string_view term);
+
+}  // namespace tolvan

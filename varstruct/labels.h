@@ -1,0 +1,18 @@
+// How terms and parameters are called.  Helpers of VARIABLE_TABLE_GUTS that readers of names share.
+#pragma once
+
+#include <string>
+
+#include "model/factor_table.h"
+#include "model/term_table.h"
+
+namespace tolvan {
+
+/// A component's factor without the variance function around it: "idv(a,0.3)" is "a".
+std::string component_label(const FACTOR_ROW& factor);
+/// The term's text in labels: its components' labels joined with ':'.
+std::string term_label(const FACTOR_TABLE& factors, const TERM_ROW& term);
+/// The name of the factor over the records, which is the residual's term.
+std::string units_label(const FACTOR_TABLE& factors);
+
+}  // namespace tolvan
