@@ -196,9 +196,9 @@ bool same_table(const OUTPUT_TABLE& a, const OUTPUT_TABLE& b);
 /// The facts of OTT_ADD_COLUMN, given by name.
 struct NewColumn {
   ColumnType type = ColumnType::real;
-  std::string name;
-  std::string heading;
-  std::string format;
+  std::string name = {};
+  std::string heading = {};
+  std::string format = {};
   Justify justify = Justify::right;
   bool display_missing = true;
   std::string cutoff = {};  // such as "<0.001"; >= and <= are tried before > and <

@@ -356,6 +356,9 @@ void OTT_PRETTY_PRINT_PACKED_SYM_MTX(ERROR_HANDLER& eh, const OUTPUT_TABLE& tabl
     eh.internal(text("was expecting only a single column in a packed matrix, ncols = ", table.ncols()));
     return;
   }
+  const auto columns = L_PRINT_COLUMNS(eh, table);
+  if (!columns) return;
+  const PrintColumn& column = columns->front();
   std::int64_t order = 0;
   while ((order + 1) * (order + 2) / 2 <= table.nrows) ++order;
   const std::int64_t expected = order * (order + 1) / 2;
@@ -364,9 +367,6 @@ void OTT_PRETTY_PRINT_PACKED_SYM_MTX(ERROR_HANDLER& eh, const OUTPUT_TABLE& tabl
                      ", nrows = ", table.nrows, ", expected number = ", expected));
     return;
   }
-  const auto columns = L_PRINT_COLUMNS(eh, table);
-  if (!columns) return;
-  const PrintColumn& column = columns->front();
   const std::int64_t label_width = letters(text(order));
   const std::int64_t per_line = std::max<std::int64_t>((width - label_width) / (column.width + gap), 1);
   put_lines(out, table.titles);
