@@ -1,0 +1,52 @@
+#include "estimation/convergence.h"
+
+#include <cmath>
+#include <cstdlib>
+
+namespace tolvan {
+
+bool has_converged(std::int64_t n, double logl, double reset_step, FIT_WORK& work, CONVERGENCE& state)
+{
+  AIOPT& aiopt = work.aiopt;
+  const std::int64_t m = aiopt(Ai::restrained) / 10 + aiopt(Ai::boundary);
+  const double stable = logl + static_cast<double>(aiopt(Ai::boundary));
+  const double d = std::fabs(logl - state.previous);
+  const double d_stable = std::fabs(stable - state.previous_stable);
+  const bool comparable = state.has_previous && n >= 2;
+  state.previous = logl;
+  state.previous_stable = stable;
+  state.has_previous = true;
+  if (!comparable) return false;
+
+  if (state.trivial) return true;
+  if (!state.simple && d < wide(0.005f) && work.update.step > wide(0.9f)) aiopt(Ai::restrained) /= 2;
+  const std::int64_t thousandths = aiopt(Ai::step_thousandths);
+  const bool standard = !state.simple && d < wide(0.002f) * static_cast<double>(n) && thousandths == 1000 &&
+                        aiopt(Ai::restrained) <= 2 && aiopt(Ai::boundary) == 0;
+  const bool simple = d_stable < wide(0.001f) && aiopt(Ai::restrained) <= 1 && std::llabs(thousandths - 1000) < 501;
+  if (m <= 1) work.update.step = reset_step;
+  return standard || simple;
+}
+
+double damp_towards_saved(const std::vector<double>& failed, VARIANCE_MODEL& model, FIT_WORK& work)
+{
+  double sum = 0.0;
+  double count = 0.0;
+  for (std::size_t i = 0; i < model.parameters.size(); ++i) {
+    const double old = work.saved[i].value;
+    VARIANCE_PARAMETER& v = model.parameters[i];
+    v.constraint = work.saved[i].constraint;
+    v.value = old;
+    if (failed[i] == 0.0 || is_no_value(failed[i])) continue;
+    v.value = wide(0.9f) * old + wide(0.1f) * failed[i];
+    const double size = std::fabs(old) + std::fabs(v.value);
+    if (size > 0.0) sum += std::fabs(v.value - old) / size;
+    count += 1.0;
+  }
+  double mean = count > 0.0 ? sum / count : 0.0;
+  if (work.update.step < 1.0) mean /= work.update.step;
+  work.update.step = wide(0.1f);
+  return mean;
+}
+
+}  // namespace tolvan

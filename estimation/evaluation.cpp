@@ -1,0 +1,251 @@
+// One complete evaluation of the restricted likelihood.  Routine: K4MITR.
+#include "estimation/evaluation.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "base/text.h"
+
+namespace tolvan {
+namespace {
+
+constexpr int repeats_of_damping = 10;
+
+/// The list of parameters that take part, and the one held out of the update.
+void list_active(VARIANCE_MODEL& model, EVALUATION& ev)
+{
+  INFORMATION& information = ev.information;
+  information = {};
+  std::vector<std::uint8_t> dropped(model.parameters.size(), 0);
+  for (const TERM_STRUCTURE& structure : model.terms) {
+    if (!structure.dropped) continue;
+    for (std::int64_t r = structure.first_row; r < structure.first_row + structure.rows; ++r) {
+      const STRUCTURE_ROW& row = model.rows[static_cast<std::size_t>(r)];
+      for (std::int64_t i = row.first; i < row.first + row.parameters; ++i) dropped[static_cast<std::size_t>(i)] = 1;
+    }
+  }
+  for (std::size_t i = 0; i < model.parameters.size(); ++i) {
+    VARIANCE_PARAMETER& v = model.parameters[i];
+    if (v.value == 0.0 && v.constraint == Constraint::none) v.constraint = Constraint::C;  // a structural zero
+    const bool residual = static_cast<std::int64_t>(i) == model.residual_parameter;
+    if (residual && model.profiled) {
+      information.held_out = information.count();
+    } else if (dropped[i] || !is_free(v.constraint) || is_no_value(v.value)) {
+      continue;
+    }
+    information.active.push_back(static_cast<std::int64_t>(i));
+  }
+  information.score.assign(information.active.size(), 0.0);
+}
+
+/// L_DROP_SMALL: takes out terms whose variance is nothing.
+void L_DROP_SMALL(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARIANCE_MODEL& model)
+{
+  const Frame here{eh, __func__};
+  const bool asked = in.options(Flag::drop_small_variance);
+  if (iteration != 1 && !asked) return;
+  for (TERM_STRUCTURE& structure : model.terms) {
+    if (structure.dropped) continue;
+    bool drop = false;
+    for (std::int64_t r = structure.first_row; r < structure.first_row + structure.rows; ++r) {
+      const STRUCTURE_ROW& row = model.rows[static_cast<std::size_t>(r)];
+      if (row.scale < 0) continue;
+      const VARIANCE_PARAMETER& v = model.parameters[static_cast<std::size_t>(row.scale)];
+      const bool zero = iteration == 1 && v.value == 0.0;
+      const bool small = asked && is_free(v.constraint) && v.role == ParamRole::variance && v.value < 1e-5 && v.value < 0.066 * v.start;
+      drop = drop || zero || small;
+    }
+    if (!drop) continue;
+    structure.dropped = true;
+    const TERM_ROW& term = in.terms.rows[static_cast<std::size_t>(structure.term)];
+    eh.warning(text(term.name, " dropped from model at iteration ", iteration, " because variance is negligible"));
+    if (term.equations == 1) eh.continuation("This could just be an issue of the scale of a variate.");
+  }
+}
+
+/// L_ABSORB: absorbs C and reports its singular pivots in the words of the rule.
+void L_ABSORB(ERROR_HANDLER& eh, const FIT_MODEL& in, int threads, FIT_WORK& work, EVALUATION& ev)
+{
+  const Frame here{eh, __func__};
+  MIXED_EQUATIONS& q = work.equations;
+  ABSORB_CONTROL control;
+  control.t0 = work.tolerance;
+  control.default_tolerance = work.default_tolerance;
+  control.threads = threads;
+  control.cancel = work.cancel;
+  ev.absorbed = {};
+  {
+    const Timed timed{in.timing, "K4MXXAIL", "K4MITR"};
+    K4MXXAIL(eh, q.c, control, q.factor, ev.absorbed);
+  }
+  if (eh.terminate()) return;
+  if (ev.absorbed.tightened) {
+    work.tolerance = ev.absorbed.t0;
+    work.default_tolerance = false;
+  }
+  if (ev.absorbed.reported.empty()) return;
+  std::vector<std::int64_t> equation(static_cast<std::size_t>(q.n));
+  for (std::int64_t e = 0; e < q.n; ++e) equation[static_cast<std::size_t>(q.position_of(e))] = e + 1;
+  for (const ABSORBED::SmallPivot& pivot : ev.absorbed.reported) {
+    bool repeated = false;
+    eh.EH_ADD_MESSAGE({.text = text("equation ", equation[static_cast<std::size_t>(pivot.position)], " appears singular"),
+                       .etype = Etype::warning,
+                       .unique = true,
+                       .is_duplicate = &repeated});
+    if (repeated) continue;
+    eh.continuation(pivot.accepted ? "assuming it is not singular, so setting the tolerance option to -1"
+                                   : "set the tolerance option to -2 if it should not be singular");
+  }
+}
+
+/// The solutions and y'Py, from the right-hand side of the response.
+void solve(const FIT_MODEL& in, int threads, FIT_WORK& work, EVALUATION& ev)
+{
+  const Timed timed{in.timing, "SMIFWD", "K4MITR"};
+  MIXED_EQUATIONS& q = work.equations;
+  const double ri = ev.formed.residual.inverse;
+  ev.solution.resize(static_cast<std::size_t>(q.n));
+  std::transform(q.r0.begin(), q.r0.end(), ev.solution.begin(), [ri](double x) { return ri * x; });
+  SMIFWD(q.factor, ev.solution.data(), 1, threads);
+  double absorbed = 0.0;
+  for (std::size_t p = 0; p < ev.solution.size(); ++p) absorbed += ev.solution[p] * ev.solution[p] * q.factor.reciprocal[p];
+  ev.quadratic = ri * q.y0 - absorbed;
+  SMIBCK(q.factor, ev.solution.data(), 1, threads);
+
+  // mu was left out as singular: what was taken off the response goes to the effects that span it.
+  ev.constant.clear();
+  if (q.mu >= 0 && q.shift != 0.0 && q.factor.reciprocal[static_cast<std::size_t>(q.position_of(q.mu))] == 0.0) {
+    std::vector<double> a(static_cast<std::size_t>(q.n), 0.0);
+    a[static_cast<std::size_t>(q.position_of(q.mu))] = 1.0;
+    ev.constant.resize(a.size());
+    multiply_residual_part(q, ri, a.data(), ev.constant.data(), 1);
+    SMIFWD(q.factor, ev.constant.data(), 1, threads);
+    SMIBCK(q.factor, ev.constant.data(), 1, threads);
+  }
+  std::int64_t rank = 0;
+  for (std::int64_t e = 0; e < q.n; ++e) {
+    if (q.fixed[static_cast<std::size_t>(e)] && q.factor.reciprocal[static_cast<std::size_t>(q.position_of(e))] != 0.0) ++rank;
+  }
+  ev.nu = q.records - rank;
+}
+
+/// The restricted log-likelihood without its constant (Patterson & Thompson 1971), with
+/// L = log|C| + log|G| + log|R|:  profiled -0.5 (nu ln s2 + L + nu), s2 = y'Py / nu;  else -0.5 (L + y'Py).
+void log_likelihood(const VARIANCE_MODEL& model, EVALUATION& ev)
+{
+  ev.log_det_c = ev.absorbed.log_determinant;
+  const double l = ev.log_det_c + ev.log_det_g + ev.log_det_r;
+  if (!model.profiled) {
+    ev.sigma2 = 1.0;
+    ev.logl = -0.5 * (l + ev.quadratic);
+    return;
+  }
+  const auto nu = static_cast<double>(ev.nu);
+  ev.sigma2 = ev.quadratic / nu;
+  ev.logl = -0.5 * (nu * std::log(std::fabs(ev.sigma2)) + l + nu);
+}
+
+/// L_FORM: forms the structures and the equations, absorbs them and gives the log-likelihood.
+void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int threads, VARIANCE_MODEL& model, FIT_WORK& work,
+            EVALUATION& ev)
+{
+  const Frame here{eh, __func__};
+  MIXED_EQUATIONS& q = work.equations;
+  ev.fault = 0;
+  {
+    const Timed timed{in.timing, "K4MSSF", "K4MITR"};
+    K4MVSF(eh, in.terms, model, iteration, ev.formed, ev.fault);
+  }
+  if (eh.terminate() || ev.fault > 0) return;
+  ev.evaluated.resize(model.parameters.size());
+  for (std::size_t i = 0; i < ev.evaluated.size(); ++i) ev.evaluated[i] = model.parameters[i].value;
+  {
+    const Timed timed{in.timing, "K4MXXS", "K4MITR"};
+    K4MXXS(eh, ev.formed.residual, q);
+  }
+  if (!(ev.formed.residual.inverse * q.y0 > 1e-10)) {
+    eh.EH_ADD_MESSAGE({.text = "There is no Variance: Job may fail.", .etype = Etype::warning, .unique = true});
+  }
+  {
+    const Timed timed{in.timing, "K4MXXG", "K4MITR"};
+    K4MXXG(eh, in.terms, model, ev.formed, q, ev.log_det_g);
+  }
+  ev.log_det_r = ev.formed.residual.log_determinant - q.log_weights;
+  L_ABSORB(eh, in, threads, work, ev);
+  if (eh.terminate() || ev.absorbed.cancelled) return;
+  solve(in, threads, work, ev);
+  if (!std::isfinite(ev.absorbed.log_determinant) || !std::isfinite(ev.quadratic)) {
+    ev.fault = 999;
+    return;
+  }
+  // Nothing left to estimate a variance from: no degrees of freedom, or a sum of squares lost in its own rounding.
+  if (ev.nu < 1 || !(ev.quadratic > 1e-14 * std::fabs(ev.formed.residual.inverse * q.y0))) {
+    ev.fault = 2130;
+    return;
+  }
+  log_likelihood(model, ev);
+}
+
+/// Whether LogL fell so far that the evaluation is repeated nearer to the saved parameters; moves them there.
+bool damp_again(std::int64_t iteration, int repeats, double& second, VARIANCE_MODEL& model, FIT_WORK& work, const EVALUATION& ev)
+{
+  if (iteration < 2 || !work.has_saved || repeats >= repeats_of_damping) return false;
+  const double p = static_cast<double>(model.parameters.size());
+  const bool listed = repeats > 0;
+  if (!(listed || work.best_logl < ev.logl + 2.0 * p + 10.0)) return false;
+  if (!(second > ev.logl + 1.5)) return false;
+  work.update.step *= 0.25;
+  if (!(work.best_logl > ev.logl + 1.0)) return false;
+  for (std::size_t i = 0; i < model.parameters.size(); ++i) {
+    const double saved = work.saved[i].value;
+    double& value = model.parameters[i].value;
+    if (value != saved) value = wide(0.9f) * saved + wide(0.1f) * value;
+  }
+  second = ev.logl + 11.0;
+  return true;
+}
+
+}  // namespace
+
+void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARIANCE_MODEL& model, FIT_WORK& work, EVALUATION& ev)
+{
+  const Frame here{eh, __func__};
+  const Timed timed{in.timing, "K4MITR"};
+  const int threads = static_cast<int>(std::max<std::int64_t>(1, work.aiopt(Ai::threads)));
+  MIXED_EQUATIONS& q = work.equations;
+
+  double second = work.best_logl;
+  L_DROP_SMALL(eh, in, iteration, model);
+  for (int repeats = 0;; ++repeats) {
+    L_FORM(eh, in, iteration, threads, model, work, ev);
+    if (eh.terminate() || ev.fault > 0 || ev.absorbed.cancelled) return;
+    if (!damp_again(iteration, repeats, second, model, work, ev)) break;
+  }
+
+  list_active(model, ev);
+  WORKING_VARIABLES working;
+  {
+    const Timed part{in.timing, "K4MWVG", "K4MITR"};
+    K4MWVG(eh, in, model, q, ev, working);
+  }
+  K4MWVA(eh, in, q, working, threads, ev);
+  if (eh.terminate()) return;
+  working = {};
+  {
+    const Timed part{in.timing, "K4MSMI", "K4MITR"};
+    SMIREV(eh, q.factor, threads, work.cancel);
+    if (eh.terminate()) return;
+    ev.inverse_diagonal.resize(static_cast<std::size_t>(q.n));
+    for (std::int64_t p = 0; p < q.n; ++p) ev.inverse_diagonal[static_cast<std::size_t>(p)] = K4MXIJ(q.factor, p, p);
+  }
+  K4MSCG(eh, in, model, q, ev);
+  K4MSCR(eh, in, model, q, ev);
+  if (eh.terminate()) return;
+  {
+    const Timed part{in.timing, "K4MUPD", "K4MITR"};
+    K4MUPD(eh, iteration, iteration > 1 ? ev.logl - work.previous_logl : 0.0, ev.information, model, work.aiopt, work.update);
+  }
+  work.aiopt(Ai::held_out) = ev.information.held_out + 1;
+}
+
+}  // namespace tolvan

@@ -1,0 +1,90 @@
+// One complete evaluation of the restricted likelihood.  Routines: K4MITR and the steps it takes: K4MVSF, K4MXXS, K4MXXG,
+// K4MXXAIL, K4MWVG, K4MWVA, K4MSCG, K4MSCR, K4MUPD.
+//
+// Scales.  Under gamma V = s2 H with s2 = y'Py / nu profiled out, P on the H scale; under sigma s2 = 1 throughout, so that
+// one code serves both.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "api/error_handler.h"
+#include "api/fit_options.h"
+#include "data/design_matrix.h"
+#include "estimation/control_slots.h"
+#include "estimation/equations.h"
+#include "estimation/update_parameters.h"
+#include "model/term_table.h"
+#include "reports/timing.h"
+#include "varstruct/form_structures.h"
+#include "varstruct/parameter_table.h"
+
+namespace tolvan {
+
+/// What one evaluation found, at the parameter values `evaluated`.
+struct EVALUATION {
+  std::vector<double> evaluated;
+  FORMED formed;
+  ABSORBED absorbed;
+  double log_det_c = 0.0, log_det_g = 0.0, log_det_r = 0.0;
+  double quadratic = 0.0;                // y'Py
+  std::int64_t nu = 0;                   // records used less the rank of the fixed effects
+  double sigma2 = 1.0;
+  double logl = 0.0;                     // without base
+  std::int64_t fault = 0;
+  std::vector<double> solution;          // elimination order, on the scale of the shifted response
+  std::vector<double> constant;          // the effects that stand for a constant of 1 when mu itself is singular; else empty
+  std::vector<double> inverse_diagonal;  // of C-inverse, elimination order
+  INFORMATION information;               // before any damping
+};
+
+/// What evaluations share with the fit driver.
+struct FIT_WORK {
+  AIOPT aiopt;
+  MIXED_EQUATIONS equations;
+  UPDATE_STATE update;
+  std::vector<VARIANCE_PARAMETER> saved;  // the parameters of the last accepted evaluation
+  bool has_saved = false;
+  double best_logl = -1e62;               // over accepted evaluations, without base
+  double previous_logl = 0.0;
+  double tolerance = 1e-8;                // t0 of the singularity rule, tightened once at most
+  bool default_tolerance = true;
+  CANCEL cancel;
+};
+
+/// The unchanging inputs of a fit.
+struct FIT_MODEL {
+  const FIT_OPTIONS& options;
+  const VARIABLE_TABLE& variables;
+  const FACTOR_TABLE& factors;
+  const TERM_TABLE& terms;
+  const DESIGN_MTX& design;
+  TIMING_STORE& timing;
+};
+
+/// K4MITR: evaluates likelihood, score and information at the present parameters and updates them.
+void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARIANCE_MODEL& model, FIT_WORK& work, EVALUATION& ev);
+
+/// K4MWVG: the working variables of the active parameters as alpha_i y + W a_i, and K4MWVA's products of them.
+///
+/// w_i = Hdot_i P y: for a plain variance v of a random term w = Z u / v; for the profiled residual scale w = y; for a
+/// residual variance v of its own w = e / v (Gilmour, Thompson & Cullis 1995).  All of these lie in the span of y and
+/// the columns of W, so that W'R^-1 w and w'R^-1 w need the residual part of C alone and no pass over the data.
+struct WORKING_VARIABLES {
+  std::vector<double> alpha;  // one an active parameter
+  std::vector<double> a;      // n by active, elimination order
+};
+void K4MWVG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations,
+            const EVALUATION& ev, WORKING_VARIABLES& working);
+
+/// K4MWVA: the average-information matrix 0.5 w_i'P w_j / s2 of all active parameters, by absorbing their working variables.
+void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& equations, const WORKING_VARIABLES& working, int threads,
+            EVALUATION& ev);
+
+/// K4MSCG: the scores of the parameters of random terms.
+void K4MSCG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations, EVALUATION& ev);
+
+/// K4MSCR: the score of a residual variance that is not profiled.
+void K4MSCR(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations, EVALUATION& ev);
+
+}  // namespace tolvan

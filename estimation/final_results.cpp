@@ -1,0 +1,259 @@
+#include "estimation/final_results.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace tolvan {
+namespace {
+
+
+/// Solutions in model order with what was taken off response and covariates given back, and their standard errors.
+void effects(const FIT_MODEL& in, const MIXED_EQUATIONS& q, const EVALUATION& ev, FIT_STATE& fit)
+{
+  const auto n = static_cast<std::size_t>(q.n);
+  fit.solution.assign(n, 0.0);
+  fit.se.assign(n, 0.0);
+  for (std::size_t e = 0; e < n; ++e) {
+    const auto p = static_cast<std::size_t>(q.position[e]);
+    fit.solution[e] = ev.solution[p];
+    fit.se[e] = std::sqrt(std::max(0.0, ev.sigma2 * ev.inverse_diagonal[p]));
+  }
+  if (q.mu < 0) return;
+
+  // y = shift + ..., x b = shift_x b + (x - shift_x) b: the constants belong to mu, and those of y to the missing values.
+  double constant = q.shift;
+  for (const CENTRED& x : q.centred) constant -= x.shift * fit.solution[static_cast<std::size_t>(x.equation)];
+  if (ev.constant.empty()) {
+    fit.solution[static_cast<std::size_t>(q.mu)] += constant;
+  } else {
+    for (std::size_t e = 0; e < n; ++e) fit.solution[e] += constant * ev.constant[static_cast<std::size_t>(q.position[e])];
+  }
+  for (const TERM_ROW& term : in.terms.rows) {
+    if (!term.is_mv) continue;
+    for (std::int64_t e = term.first; e < term.first + term.equations; ++e) fit.solution[static_cast<std::size_t>(e)] += q.shift;
+  }
+  if (q.centred.empty() || !ev.constant.empty()) return;
+  // var(mu) = c' C^-1 c with c = 1 for mu and -shift_x for each centred covariate.
+  std::vector<CENTRED> c = q.centred;
+  for (CENTRED& x : c) x.shift = -x.shift;
+  c.push_back({q.mu, 1.0});
+  double variance = 0.0;
+  for (const CENTRED& a : c) {
+    for (const CENTRED& b : c) {
+      variance += a.shift * b.shift * K4MXIJ(q.factor, q.position_of(a.equation), q.position_of(b.equation));
+    }
+  }
+  fit.se[static_cast<std::size_t>(q.mu)] = std::sqrt(std::max(0.0, ev.sigma2 * variance));
+}
+
+/// Fitted values and residuals of the analysis records.
+void fitted_values(const FIT_MODEL& in, const MIXED_EQUATIONS& q, const EVALUATION& ev, FIT_STATE& fit)
+{
+  const auto rows = static_cast<std::size_t>(in.design.rows());
+  std::vector<std::uint8_t> is_mv(static_cast<std::size_t>(q.n), 0);
+  for (const TERM_ROW& term : in.terms.rows) {
+    if (!term.is_mv) continue;
+    for (std::int64_t e = term.first; e < term.first + term.equations; ++e) is_mv[static_cast<std::size_t>(q.position_of(e))] = 1;
+  }
+  fit.fitted.assign(rows, 0.0);
+  for (std::size_t p = 0; p < static_cast<std::size_t>(q.n); ++p) {
+    const double b = ev.solution[p];
+    if (is_mv[p] || b == 0.0) continue;
+    for (auto k = static_cast<std::size_t>(q.columns.start[p]); k < static_cast<std::size_t>(q.columns.start[p + 1]); ++k) {
+      fit.fitted[static_cast<std::size_t>(q.columns.record[k])] += b * q.columns.value[k];
+    }
+  }
+  // The residual is formed on the shifted scale, where no digits are lost.
+  fit.residual.resize(rows);
+  for (std::size_t r = 0; r < rows; ++r) {
+    fit.residual[r] = (in.design.response[r] - q.shift) - fit.fitted[r];
+    fit.fitted[r] += q.shift;
+  }
+  for (const std::int64_t r : in.design.mv) fit.residual[static_cast<std::size_t>(r)] = no_value;
+}
+
+/// What one parameter is on the reported scale per unit of its own and per unit of s2.
+struct SCALING {
+  double value, by_own, by_sigma2;
+};
+
+SCALING scaling(const VARIANCE_MODEL& model, std::size_t i, double x, double s2)
+{
+  if (!model.profiled) return {x, 1.0, 0.0};
+  switch (model.parameters[i].role) {
+    case ParamRole::variance:
+    case ParamRole::covariance:
+      return {x * s2, s2, x};
+    case ParamRole::loading:
+      return {x * std::sqrt(s2), std::sqrt(s2), 0.5 * x / std::sqrt(s2)};
+    default:
+      return {x, 1.0, 0.0};
+  }
+}
+
+/// L_COVARIANCE: covariances of the parameters on the reported scale, by the delta method from the inverse of the joint information.
+void L_COVARIANCE(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, FIT_WORK& work, const EVALUATION& ev, FIT_STATE& fit)
+{
+  const Frame here{eh, __func__};
+  // Parameters that the last update has fixed have no standard error.
+  INFORMATION kept;
+  std::vector<std::int64_t> from;
+  for (std::int64_t i = 0; i < ev.information.count(); ++i) {
+    const std::int64_t parameter = ev.information.active[static_cast<std::size_t>(i)];
+    const bool held_out = i == ev.information.held_out;
+    if (!held_out && !is_free(model.parameters[static_cast<std::size_t>(parameter)].constraint)) continue;
+    if (held_out) kept.held_out = kept.count();
+    kept.active.push_back(parameter);
+    from.push_back(i);
+  }
+  const auto k = static_cast<std::size_t>(kept.count());
+  kept.score.assign(k, 0.0);
+  kept.ai.resize(k * (k + 1) / 2);
+  for (std::size_t i = 0; i < k; ++i) {
+    for (std::size_t j = 0; j <= i; ++j) kept.ai[i * (i + 1) / 2 + j] = ev.information.at(from[i], from[j]);
+  }
+  VARIANCE_MODEL untouched = model;
+  std::vector<double> covariance;
+  std::vector<std::uint8_t> used;
+  K4MAII(eh, false, 0, kept, untouched, work.aiopt, work.update, covariance, used);
+  const auto cov = [&](std::size_t i, std::size_t j) { return i >= j ? covariance[i * (i + 1) / 2 + j] : covariance[j * (j + 1) / 2 + i]; };
+
+  const std::size_t p = model.parameters.size();
+  fit.sigma.resize(p);
+  fit.covariance.assign(p * (p + 1) / 2, 0.0);
+  for (std::size_t i = 0; i < p; ++i) fit.sigma[i] = scaling(model, i, ev.evaluated[i], ev.sigma2).value;
+  // sigma_i as a function of its own parameter and of s2: two partial derivatives at most.
+  struct PARTIAL {
+    std::size_t of;
+    double by;
+  };
+  const auto gradient = [&](std::size_t i) {
+    const auto parameter = static_cast<std::size_t>(kept.active[i]);
+    const SCALING s = scaling(model, parameter, ev.evaluated[parameter], ev.sigma2);
+    if (kept.held_out < 0 || static_cast<std::int64_t>(i) == kept.held_out) return std::vector<PARTIAL>{{i, 1.0}};
+    return std::vector<PARTIAL>{{i, s.by_own}, {static_cast<std::size_t>(kept.held_out), s.by_sigma2}};
+  };
+  for (std::size_t i = 0; i < k; ++i) {
+    if (!used[i]) continue;
+    const auto pi = static_cast<std::size_t>(kept.active[i]);
+    const std::vector<PARTIAL> gi = gradient(i);
+    for (std::size_t j = 0; j <= i; ++j) {
+      if (!used[j]) continue;
+      double sum = 0.0;
+      for (const PARTIAL& a : gi) {
+        for (const PARTIAL& b : gradient(j)) sum += a.by * cov(a.of, b.of) * b.by;
+      }
+      fit.covariance[pi * (pi + 1) / 2 + static_cast<std::size_t>(kept.active[j])] = sum;
+    }
+  }
+}
+
+/// The letters of the column C: the constraint code, B for a variance that two updates in a row pulled to nothing, ? after one.
+void bound_letters(const VARIANCE_MODEL& model, const FIT_WORK& work, const EVALUATION& ev, FIT_STATE& fit)
+{
+  fit.bound.resize(model.parameters.size());
+  for (std::size_t i = 0; i < fit.bound.size(); ++i) {
+    const VARIANCE_PARAMETER& v = model.parameters[i];
+    fit.bound[i] = constraint_letters[static_cast<std::size_t>(v.constraint)];
+    if (!is_free(v.constraint) || i >= work.update.pulled.size()) continue;
+    const double small = 1e-4 * (model.profiled ? 1.0 : ev.evaluated[static_cast<std::size_t>(model.residual_parameter)]);
+    if (work.update.pulled[i] >= 2 && std::fabs(ev.evaluated[i]) < small) {
+      fit.bound[i] = 'B';
+    } else if (work.update.pulled[i] >= 1) {
+      fit.bound[i] = '?';
+    }
+  }
+}
+
+/// The number of parameters that the criteria count.
+std::int64_t parameters_counted(const VARIANCE_MODEL& model, const EVALUATION& ev)
+{
+  std::int64_t t = 0;
+  for (std::size_t i = 0; i < model.parameters.size(); ++i) {
+    const VARIANCE_PARAMETER& v = model.parameters[i];
+    const double x = ev.evaluated[i];
+    if (v.constraint == Constraint::C || x == 0.0 || is_no_value(x)) continue;
+    if (v.constraint == Constraint::F && (v.type == ParamType::L || x == 1.0)) continue;
+    if (!is_free(v.constraint) && std::fabs(x) < 1e-6) continue;
+    ++t;
+  }
+  return t;
+}
+
+}  // namespace
+
+void AIRHAT(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, const EVALUATION& ev, int threads,
+            std::vector<double>& hat)
+{
+  const Frame here{eh, __func__};
+  std::vector<double> inverse;
+  gather_inverse(q.factor, q.c, inverse, threads);
+  const auto rows = static_cast<std::size_t>(in.design.rows());
+  hat.assign(rows, 0.0);
+  // hat(r) = w_r / v sum over its equations i, j of x_i x_j Cinv(i, j): column j of C-inverse is spread over a work vector and
+  // read by the records of j.  Rows of the design are read in elimination order through the columns' transposition.
+  std::vector<std::int64_t> start(rows + 1, 0);
+  for (const std::int32_t r : q.columns.record) ++start[static_cast<std::size_t>(r) + 1];
+  for (std::size_t r = 0; r < rows; ++r) start[r + 1] += start[r];
+  std::vector<std::int32_t> equation(q.columns.record.size());
+  std::vector<double> value(q.columns.record.size());
+  std::vector<std::int64_t> next(start.begin(), start.end() - 1);
+  const auto n = static_cast<std::size_t>(q.n);
+  for (std::size_t p = 0; p < n; ++p) {
+    for (auto k = static_cast<std::size_t>(q.columns.start[p]); k < static_cast<std::size_t>(q.columns.start[p + 1]); ++k) {
+      const auto at = static_cast<std::size_t>(next[static_cast<std::size_t>(q.columns.record[k])]++);
+      equation[at] = static_cast<std::int32_t>(p);
+      value[at] = q.columns.value[k];
+    }
+  }
+  std::vector<double> work(n, 0.0);
+  for (std::size_t j = 0; j < n; ++j) {
+    for (auto k = static_cast<std::size_t>(q.c.start[j]); k < static_cast<std::size_t>(q.c.start[j + 1]); ++k) {
+      work[static_cast<std::size_t>(q.c.row[k])] = inverse[k];
+    }
+    for (auto k = static_cast<std::size_t>(q.columns.start[j]); k < static_cast<std::size_t>(q.columns.start[j + 1]); ++k) {
+      const auto r = static_cast<std::size_t>(q.columns.record[k]);
+      const double xj = q.columns.value[k];
+      double sum = 0.0;
+      for (auto e = static_cast<std::size_t>(start[r]); e < static_cast<std::size_t>(start[r + 1]); ++e) {
+        const auto i = static_cast<std::size_t>(equation[e]);
+        if (i < j) continue;
+        sum += (i == j ? 1.0 : 2.0) * value[e] * work[i];
+      }
+      hat[r] += xj * sum;
+    }
+  }
+  for (std::size_t r = 0; r < rows; ++r) {
+    const double w = in.design.weight.empty() ? 1.0 : std::max(in.design.weight[r], 0.0);
+    hat[r] *= w * ev.formed.residual.inverse;
+  }
+}
+
+void K4MFIN(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, FIT_WORK& work, EVALUATION& ev, FIT_STATE& fit)
+{
+  const Frame here{eh, __func__};
+  const Timed timed{in.timing, "K4MRIE"};
+  fit.evaluated = ev.evaluated;
+  fit.sigma2 = ev.sigma2;
+  fit.df = ev.nu;
+  fit.log_det_c = ev.log_det_c;
+  fit.singular = ev.absorbed.singular;
+  fit.negative = ev.absorbed.negative;
+  fit.tolerance = work.tolerance;
+  effects(in, work.equations, ev, fit);
+  fitted_values(in, work.equations, ev, fit);
+  AIRHAT(eh, in, work.equations, ev, static_cast<int>(std::max<std::int64_t>(1, work.aiopt(Ai::threads))), fit.hat);
+  if (eh.terminate()) return;
+  L_COVARIANCE(eh, model, work, ev, fit);
+  bound_letters(model, work, ev, fit);
+  fit.first_singular_label = work.update.first_singular;
+
+  // Akaike (1974) and Schwarz (1978) with the restricted likelihood: t parameters, df residual degrees of freedom.
+  fit.parameters_estimated = parameters_counted(model, ev);
+  const auto t = static_cast<double>(fit.parameters_estimated);
+  fit.aic = 2.0 * (t - ev.logl);
+  fit.bic = t * std::log(static_cast<double>(ev.nu)) - 2.0 * ev.logl;
+  fit.usable = true;
+}
+
+}  // namespace tolvan

@@ -1,0 +1,18 @@
+// From the last evaluation to what is reported: effects on the scale of the data, standard errors, criteria.
+// Routines: K4MFIN, AIRHAT.
+#pragma once
+
+#include "api/error_handler.h"
+#include "estimation/evaluation.h"
+#include "estimation/fit_state.h"
+
+namespace tolvan {
+
+/// K4MFIN: fills the reported quantities of a fit from an evaluation whose factor still holds the elements of C-inverse.
+void K4MFIN(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, FIT_WORK& work, EVALUATION& ev, FIT_STATE& fit);
+
+/// AIRHAT: the leverages, diagonal of W C^-1 W'R^-1, one an analysis record.
+void AIRHAT(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& equations, const EVALUATION& ev, int threads,
+            std::vector<double>& hat);
+
+}  // namespace tolvan

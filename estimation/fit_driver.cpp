@@ -1,0 +1,391 @@
+// The fit driver.  Routine: AIWORK.
+#include "estimation/fit_driver.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "base/clock.h"
+#include "base/text.h"
+#include "estimation/convergence.h"
+#include "estimation/evaluation.h"
+#include "estimation/fault_texts.h"
+#include "estimation/final_results.h"
+#include "reports/result_tables.h"
+#include "reports/user_abort.h"
+
+namespace tolvan {
+namespace {
+
+constexpr double base_unit = 100000.0;     // LogL beyond 120000 is reported relative to a multiple of this
+constexpr double base_needed = 120000.0;
+constexpr std::int64_t last_retry_marker = 4;
+constexpr std::int64_t retries = 3;
+
+/// The state of the iteration that only the driver sees.
+struct ITERATION {
+  std::int64_t n = 0;
+  std::int64_t limit = 20;
+  std::int64_t extra = 0;
+  std::int64_t failed = 0;           // failed evaluations so far
+  std::int64_t repeats = 0;          // of the present pass
+  std::int64_t singular_at_first = -1;
+  double reset_step = 1.0;
+  double started = 0.0;
+  bool final_pass = false;
+  bool interrupted = false;          // a finish code was acted on
+  CONVERGENCE convergence;
+};
+
+/// L_OPEN: the messages and settings before the loop.
+void L_OPEN(ERROR_HANDLER& eh, const FIT_CALL& call, FIT_WORK& work, ITERATION& it)
+{
+  const Frame here{eh, __func__};
+  const FIT_OPTIONS& options = call.options;
+  it.limit = options(Slot::maxiterations);
+  it.extra = options(Slot::extra);
+  it.started = wall_seconds();
+  if (it.limit <= 0) {
+    eh.error(text("model not processed because maximum number of iterations was set to ", it.limit));
+    return;
+  }
+  it.reset_step = 1.0 / (1.0 + static_cast<double>(std::max<std::int64_t>(0, options(Slot::slow))));
+  work.update.step = it.limit == 1 ? 1.0 : std::min(options(RealSlot::step_size), it.reset_step);
+  if (!(work.update.step > 0.0)) work.update.step = it.reset_step;
+  work.update.saved_step = work.update.step;
+  work.aiopt(Ai::penalty) = options(Slot::aipenalty);
+  const std::int64_t present = processor_threads();
+  const std::int64_t threads = std::clamp<std::int64_t>(options(Slot::maximum_number_of_threads), 1, std::max<std::int64_t>(1, present));
+  work.aiopt(Ai::threads) = threads;
+  eh.note(threads == present ? text("this job uses all of the ", present, " processor threads")
+                             : text("this job uses ", threads, " of the ", present, " processor threads"));
+  if (options(Flag::testmode)) {
+    eh.warning("!TESTMODE has been selected, results from the following qualifiers have not been thoroughly validated");
+    eh.continuation("!KADJ, !IMPUTE, !SINGG, !FAMILY, !EM, !PXEM, !DOMINANCE");
+  }
+  if (call.design.negative_weights > 0) {
+    eh.warning(text(call.design.negative_weights, " negative weight(s) may have been treated as zero"));
+  }
+  if (call.design.negative_weights + call.design.zero_weights > 0) {
+    eh.warning("it is not safe to use zero weights to remove records from analysis");
+    eh.continuation(
+        "they should be reset to 1; especially if associated with missing response values that need to be predicted "
+        "(model term mv)");
+  }
+
+  // t0 = 1e-8 (1e-9 by its flag) times ten to the first value of the option tolerance, to the second less 1 when there
+  // are two; five times as much above a million equations.
+  work.tolerance = options(Flag::k4mxxail_tol_42) ? 1e-9 : 1e-8;
+  const auto power_of_ten = [](std::int64_t k) { return std::pow(10.0, static_cast<double>(std::clamp<std::int64_t>(k, -300, 300))); };
+  if (!options.tolerance.empty() && options.tolerance[0] != 0) work.tolerance *= power_of_ten(options.tolerance[0]);
+  if (call.terms.equations > 1000000) work.tolerance *= 5.0;
+  if (options.tolerance.size() >= 2) work.tolerance *= power_of_ten(options.tolerance[1] - 1);
+  work.default_tolerance = work.tolerance == 1e-8;
+  work.cancel.asked = [](void*) { return abort_file_exists(); };
+
+  it.convergence.trivial = call.model.count() == 1 && call.model.terms.empty() && call.model.residual.size() == 1;
+  it.convergence.simple = std::any_of(call.model.parameters.begin(), call.model.parameters.end(),
+                                      [](const VARIANCE_PARAMETER& v) { return v.type == ParamType::d; });
+}
+
+/// L_SET_BASE: keeps the reported LogL small by a base once it is beyond 120000.
+void L_SET_BASE(ERROR_HANDLER& eh, double logl, FIT_STATE& fit)
+{
+  const Frame here{eh, __func__};
+  if (!std::isfinite(logl) || std::fabs(logl - fit.base) < base_needed) return;
+  fit.base = std::trunc(logl / base_unit) * base_unit;
+  eh.note(text("LogL values are reported relative to a base of ", trim(edit_g(fit.base, 15, 8))));
+}
+
+/// L_TRACE: one line of the trace, and the monitor's answer to it.
+void L_TRACE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_WORK& work, const EVALUATION& ev, const ITERATION& it, FIT_STATE& fit)
+{
+  const Frame here{eh, __func__};
+  ITERATION_ROW row;
+  row.iteration = it.n;
+  row.logl = ev.fault > 0 ? no_value : ev.logl - fit.base;
+  row.sigma2 = ev.fault > 0 ? no_value : ev.sigma2;
+  row.df = ev.nu;
+  row.restrained = work.aiopt(Ai::restrained);
+  row.flag = it.repeats == 0 ? ' ' : static_cast<char>('0' + std::min<std::int64_t>(it.repeats, 9));
+  row.seconds = wall_seconds() - it.started;
+  row.largest_change = work.update.largest_change;
+  row.step = work.update.step;
+  row.gammas = ev.evaluated;
+  fit.trace.push_back(std::move(row));
+  HANDLE_TRACE(eh, call.communication, fit, it.limit, call.tables);
+}
+
+/// L_RETRY: goes back towards the saved parameters after a failed evaluation; false when no retry is left.
+bool L_RETRY(ERROR_HANDLER& eh, bool fault, VARIANCE_MODEL& model, FIT_WORK& work, const EVALUATION& ev, ITERATION& it)
+{
+  const Frame here{eh, __func__};
+  if (!work.has_saved || it.failed > retries || it.repeats >= last_retry_marker) return false;
+  std::vector<double> failed(model.parameters.size());
+  for (std::size_t i = 0; i < failed.size(); ++i) {
+    failed[i] = ev.evaluated.size() == failed.size() ? ev.evaluated[i] : model.parameters[i].value;
+  }
+  const double mean = damp_towards_saved(failed, model, work);
+  if (fault) {
+    eh.warning(text("likelihood evaluation failed with fault ", ev.fault, " ", fault_text(ev.fault)));
+    eh.continuation(text("trying again with reduced updates : ", edit_f(200.0 * mean, 8, 3)));
+  } else {
+    eh.warning(text("Logliklihood decreased to ", edit_f(ev.logl, 11, 2), ", trying again with reduced updates ",
+                    edit_f(200.0 * mean, 8, 3)));
+  }
+  ++it.repeats;
+  if (mean < wide(1e-5f)) {
+    it.limit = it.n + 1;
+  } else {
+    --it.n;
+  }
+  return true;
+}
+
+/// L_USER_STOP: acts on a wish to stop; true when the loop ends at once.
+bool L_USER_STOP(ERROR_HANDLER& eh, FIT_WORK& work, ITERATION& it, FIT_STATE& fit)
+{
+  const Frame here{eh, __func__};
+  const std::int64_t code = CHECK_FOR_USER_ABORT(eh);
+  if (code == static_cast<std::int64_t>(Ecode::user_abort)) {
+    fit.status = "JOB ABORTED by USER";
+    fit.end = FitEnd::aborted;
+    return true;
+  }
+  if (code == static_cast<std::int64_t>(Ecode::user_finish) && !it.interrupted) {
+    it.interrupted = true;
+    fit.status = "JOB INTERUPTED by USER";
+    it.limit = it.n + 1;
+    work.update.step = 1.0;
+  }
+  return false;
+}
+
+/// L_ACCEPT: records an evaluation without fault: best LogL, falls in a row, the parameters to go back to.
+void L_ACCEPT(ERROR_HANDLER& eh, const FIT_CALL& call, const EVALUATION& ev, FIT_WORK& work, ITERATION& it)
+{
+  const Frame here{eh, __func__};
+  work.aiopt(Ai::falls) = work.has_saved && work.previous_logl - wide(0.001f) > ev.logl ? work.aiopt(Ai::falls) + 1 : 0;
+  work.best_logl = std::max(work.best_logl, ev.logl);
+  work.saved = call.model.parameters;
+  for (std::size_t i = 0; i < work.saved.size(); ++i) work.saved[i].value = ev.evaluated[i];
+  work.has_saved = true;
+  if (ev.absorbed.negative > 0) {
+    eh.EH_ADD_MESSAGE({.text = text(ev.absorbed.negative, " negative pivot(s) in MME treated as singular"),
+                       .etype = Etype::note,
+                       .unique = true});
+  }
+  if (it.singular_at_first < 0) {
+    it.singular_at_first = ev.absorbed.singular;
+  } else if (ev.absorbed.singular > it.singular_at_first) {
+    eh.warning(text(ev.absorbed.singular - it.singular_at_first, " more singularities detected in design)"));
+    eh.continuation(text("reset tolerance to ", trim(edit_e(work.tolerance, 10, 2)), " if the new DF are correct, otherwise try ",
+                         trim(edit_e(0.1 * work.tolerance, 10, 2))));
+    it.singular_at_first = ev.absorbed.singular;
+  }
+}
+
+/// L_ITERATE: the loop; leaves the fit's status and end set.
+void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& work, EVALUATION& ev, ITERATION& it, FIT_STATE& fit)
+{
+  const Frame here{eh, __func__};
+  const auto p = static_cast<double>(call.model.count());
+  for (;;) {
+    ++it.n;
+    if (it.extra > 0) it.final_pass = false;
+    if (it.n >= it.limit) it.final_pass = true;
+    work.aiopt(Ai::final_pass) = it.final_pass ? 1 : 0;
+
+    K4MITR(eh, in, it.n, call.model, work, ev);
+    if (eh.terminate()) return;
+    if (ev.absorbed.cancelled) {
+      L_USER_STOP(eh, work, it, fit);
+      fit.end = FitEnd::aborted;
+      return;
+    }
+    if (it.n <= 2) TMG_LOG(call.timing, " Iteration complete");
+
+    if (ev.fault > 0) {
+      it.failed = ev.fault == 999 ? std::max<std::int64_t>(it.failed + 1, retries) : it.failed + 1;
+      L_TRACE(eh, call, work, ev, it, fit);
+      if (eh.terminate()) return;
+      if (ev.fault == 2130) eh.warning(text("residual Sum of squares is ", trim(edit_g(ev.quadratic, 13, 6))));
+      const bool retriable = ev.fault >= 10 && ev.fault <= 2000 && ev.fault != 1006;
+      if (retriable && L_RETRY(eh, true, call.model, work, ev, it)) continue;
+      fit.fault = ev.fault;
+      fit.end = FitEnd::failed;
+      fit.status = ev.fault < 10 ? std::string(fault_text(ev.fault)) : "Iteration failed";
+      return;
+    }
+
+    const double fall = work.has_saved ? work.previous_logl - ev.logl : 0.0;
+    L_SET_BASE(eh, ev.logl, fit);
+    if (it.n >= 2 && fall >= 2.0 * p + 10.0) {
+      ++it.failed;
+      L_TRACE(eh, call, work, ev, it, fit);
+      if (eh.terminate()) return;
+      if (L_RETRY(eh, false, call.model, work, ev, it)) continue;
+      eh.warning("iteration was aborted because model is not converging");
+      eh.continuation("consider changing the starting values, the model or use !CONTINUE to push on regardless");
+      fit.status = "Convergence failed";
+      return;
+    }
+    L_ACCEPT(eh, call, ev, work, it);
+    L_TRACE(eh, call, work, ev, it, fit);
+    const bool repeated = it.repeats > 0;
+    it.repeats = 0;
+
+    const std::int64_t singular = work.aiopt(Ai::ai_singularities);
+    if (singular > 0 && call.options(Slot::aisingularities) == 0) {
+      fit.status = "Singularity in Average Information Matrix";
+      fit.end = FitEnd::failed;
+      fit.fault = -1;
+      return;
+    }
+    if (singular > 0) {
+      eh.EH_ADD_MESSAGE({.text = text(singular, " singularities in AI matrix"), .etype = Etype::warning, .unique = true});
+    }
+    if (ev.sigma2 < wide(0.001f) && it.limit >= 2 && it.n >= 2) {
+      eh.EH_ADD_MESSAGE({.text = "this error occurs in an animal model when the RESIDUAL variance is trying to go negative, i.e. "
+                                 "heritability based on sire or dam variance would exceed 1",
+                         .etype = Etype::warning,
+                         .unique = true});
+    }
+    if (it.n >= 2 || eh.terminate()) {
+      if (L_USER_STOP(eh, work, it, fit)) return;
+    }
+    if (eh.terminate()) return;
+
+    if (!it.final_pass && work.aiopt(Ai::falls) > std::min<std::int64_t>(it.n, 8) + 2) {
+      eh.warning(
+          "convergence has failed, this may be because you have specified  an inappropriate model for your data or because the "
+          "data does not fit the model well, if you cannot resolve the problem, please report it");
+      eh.continuation("AI updates repeatedly lowered the LogL");
+      fit.status = "Convergence failure";
+      return;
+    }
+    work.previous_logl = ev.logl;
+    const bool converged = has_converged(it.n, ev.logl, it.reset_step, work, it.convergence) && !repeated;
+    if (converged) {
+      fit.status = "LogL Converged; ";
+      fit.end = FitEnd::converged;
+    }
+    if (it.final_pass) return;
+    if (!converged) continue;
+    if (it.extra <= 0) return;
+    if (--it.extra == 0) it.final_pass = true;
+  }
+}
+
+/// L_JUDGE: completes the status text by what the end of the iteration shows.
+void L_JUDGE(ERROR_HANDLER& eh, const FIT_CALL& call, const FIT_WORK& work, const EVALUATION& ev, const ITERATION& it, FIT_STATE& fit)
+{
+  const Frame here{eh, __func__};
+  if (fit.usable && work.has_saved && work.best_logl - 0.1 > ev.logl) {
+    eh.warning(text("it appears we may have finished at a local maximum LogL, rather than at the true maximum since an interim "
+                    "LogL was ",
+                    edit_f(work.best_logl - ev.logl, 18, 2), " better, adjust the step size or use SLOW"));
+    fit.status += "; Possibly a local maxima";
+  }
+  if (fit.end != FitEnd::converged) return;
+  for (std::size_t i = 0; i < work.update.change.size(); ++i) {
+    const bool held = static_cast<std::int64_t>(i) == call.model.residual_parameter && call.model.profiled;
+    if (held || !is_free(call.model.parameters[i].constraint) || (i < fit.bound.size() && fit.bound[i] == 'B')) continue;
+    if (std::fabs(work.update.change[i]) > 0.01) {
+      fit.status = text("Warning: ", fit.status, "; Parameters Not Converged");
+      break;
+    }
+  }
+  if (it.limit == 1 && fit.status.find("performed") != std::string::npos && work.aiopt(Ai::restrained) == 0) {
+    fit.status += " Parameters unchanged after one iteration.";
+  }
+}
+
+/// L_CRITERIA: the notes on singularities and the information criteria.
+void L_CRITERIA(ERROR_HANDLER& eh, const FIT_STATE& fit)
+{
+  const Frame here{eh, __func__};
+  if (fit.negative > 0) {
+    eh.note(text("the singularity count includes ", fit.negative, " equation(s) with negative pivot(s)"));
+  }
+  const int width = std::fabs(fit.aic) > 1000000.0 ? 16 : 10;
+  eh.note(text("Akaike Information Criterion ", edit_f(fit.aic, width, 2), " (assuming ", fit.parameters_estimated, " parameters)."));
+  eh.note(text("Bayesian Information Criterion ", edit_f(fit.bic, width, 2), " (assuming ", fit.df, " degrees of freedom)."));
+}
+
+/// L_REPORT: fills tables and scalars from the last completed evaluation, whatever the handler of the fit already holds.
+void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& work, EVALUATION& ev, const ITERATION& it, FIT_STATE& fit)
+{
+  const Frame here{eh, __func__};
+  ERROR_HANDLER own;  // an aborted fit still reports: its own handler, joined at the end
+  FINISH_TRACE(own, fit, call.tables);
+  const bool evaluated = work.has_saved && fit.end != FitEnd::aborted;
+  if (evaluated && fit.fault > 0) {
+    // The failed evaluation left nothing to report from: evaluate once more at the last good parameters.
+    for (std::size_t i = 0; i < work.saved.size(); ++i) call.model.parameters[i] = work.saved[i];
+    K4MITR(own, in, 1, call.model, work, ev);
+  }
+  if (evaluated && !own.terminate() && ev.fault == 0 && !ev.absorbed.cancelled) {
+    K4MFIN(own, in, call.model, work, ev, fit);
+    if (!own.terminate()) {
+      fit.logl = ev.logl - fit.base;
+      L_JUDGE(own, call, work, ev, it, fit);
+      L_CRITERIA(own, fit);
+      STORE_FIT_SCALARS(own, call.model, fit, call.tables);
+      AIDRPT(own, call.variables, call.factors, call.terms, call.design, call.model, fit, call.tables);
+      TMG_LOG(call.timing, " TLV/SLN/YHT written");
+    }
+  }
+  eh.EH_ADD_ALL(own);
+}
+
+/// L_FAILURE: the terminating words of a fit that failed.
+void L_FAILURE(ERROR_HANDLER& eh, const FIT_STATE& fit, std::int64_t singular)
+{
+  const Frame here{eh, __func__};
+  if (fit.fault < 0) {
+    eh.error("iteration aborted because of singularities in AI matrix");
+    eh.continuation(text(singular, " singularities appeared in Average Information matrix, this could be a problem of scale or a "
+                                   "problem with the model"));
+    eh.continuation(
+        "it is preferable to revise the model to remove the singularity, you can specify !AISING to force the job to continue");
+    return;
+  }
+  eh.error(fit.usable ? "the estimation was ABORTED because a fault occurred"
+                      : "the estimation was ABORTED because a fault occurred, no further output possible");
+  eh.continuation(text("likelihood evaluation failed with fault ", fit.fault, " ", fault_text(fit.fault)));
+  if (fit.usable) {
+    eh.continuation(
+        "the standard errors of variance components, solutions, derived quantities and other results are probably partly wrong, "
+        "but are output to help you locate possible problems");
+  }
+}
+
+}  // namespace
+
+void AIWORK(ERROR_HANDLER& eh, FIT_CALL& call, FIT_STATE& fit)
+{
+  const Frame here{eh, __func__};
+  FIT_WORK work;
+  ITERATION it;
+  EVALUATION ev;
+  const FIT_MODEL in{call.options, call.variables, call.factors, call.terms, call.design, call.timing};
+  L_OPEN(eh, call, work, it);
+  if (eh.terminate()) return;
+  {
+    const Timed timed{call.timing, "REORDER_MATRIX"};
+    SETUP_EQUATIONS(eh, call.options, call.terms, call.design, work.equations);
+    if (eh.terminate()) return;
+  }
+  L_ITERATE(eh, call, in, work, ev, it, fit);
+  TMG_LOG(call.timing, " EndingResiduals");
+  const std::int64_t singular = work.aiopt(Ai::ai_singularities);
+  L_REPORT(eh, call, in, work, ev, it, fit);
+  if (fit.end == FitEnd::failed && !eh.terminate()) L_FAILURE(eh, fit, singular);
+  const std::int64_t flag = fit.end == FitEnd::converged ? 0 : (fit.end == FitEnd::not_converged ? 2 : 1);
+  ERROR_HANDLER own;
+  WARNING(own, fit.status, flag, call.tables);
+  eh.EH_ADD_ALL(own);
+  TMG_LOG(call.timing, "END OF AIWORK");
+}
+
+}  // namespace tolvan

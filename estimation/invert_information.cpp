@@ -1,0 +1,134 @@
+// The inverse of the average-information matrix.  Routine: K4MAII.
+#include <algorithm>
+#include <cmath>
+
+#include "base/text.h"
+#include "estimation/update_parameters.h"
+
+namespace tolvan {
+namespace {
+
+constexpr double dependent_from = 0.999999999;  // squared correlation of two linearly dependent parameters
+constexpr double dependent_to = 1.000000001;
+
+std::size_t at(std::int64_t i, std::int64_t j) { return static_cast<std::size_t>(i * (i + 1) / 2 + j); }
+
+/// Cholesky LL' of the rows in use, in place; a row whose pivot falls below its tolerance leaves the set.
+void factorise(const std::vector<double>& tolerance, std::vector<std::uint8_t>& used, std::vector<double>& l,
+               std::vector<std::int64_t>& lost)
+{
+  const auto k = static_cast<std::int64_t>(used.size());
+  for (std::int64_t i = 0; i < k; ++i) {
+    const auto row = static_cast<std::size_t>(i);
+    if (!used[row]) continue;
+    for (std::int64_t j = 0; j <= i; ++j) {
+      if (!used[static_cast<std::size_t>(j)]) continue;
+      double sum = l[at(i, j)];
+      for (std::int64_t m = 0; m < j; ++m) {
+        if (used[static_cast<std::size_t>(m)]) sum -= l[at(i, m)] * l[at(j, m)];
+      }
+      if (j < i) {
+        l[at(i, j)] = sum / l[at(j, j)];
+      } else if (sum > tolerance[row]) {
+        l[at(i, i)] = std::sqrt(sum);
+      } else {
+        used[row] = 0;
+        lost.push_back(i);
+      }
+    }
+  }
+}
+
+/// Inverse from the factor: columns of the identity through both triangles.
+void invert(const std::vector<std::uint8_t>& used, const std::vector<double>& l, std::vector<double>& inverse)
+{
+  const auto k = static_cast<std::int64_t>(used.size());
+  inverse.assign(static_cast<std::size_t>(k * (k + 1) / 2), 0.0);
+  std::vector<double> x(static_cast<std::size_t>(k));
+  for (std::int64_t c = 0; c < k; ++c) {
+    if (!used[static_cast<std::size_t>(c)]) continue;
+    std::fill(x.begin(), x.end(), 0.0);
+    for (std::int64_t i = c; i < k; ++i) {
+      if (!used[static_cast<std::size_t>(i)]) continue;
+      double sum = i == c ? 1.0 : 0.0;
+      for (std::int64_t m = c; m < i; ++m) {
+        if (used[static_cast<std::size_t>(m)]) sum -= l[at(i, m)] * x[static_cast<std::size_t>(m)];
+      }
+      x[static_cast<std::size_t>(i)] = sum / l[at(i, i)];
+    }
+    for (std::int64_t i = k - 1; i >= c; --i) {
+      if (!used[static_cast<std::size_t>(i)]) continue;
+      double sum = x[static_cast<std::size_t>(i)];
+      for (std::int64_t m = i + 1; m < k; ++m) {
+        if (used[static_cast<std::size_t>(m)]) sum -= l[at(m, i)] * x[static_cast<std::size_t>(m)];
+      }
+      x[static_cast<std::size_t>(i)] = sum / l[at(i, i)];
+      inverse[at(i, c)] = x[static_cast<std::size_t>(i)];
+    }
+  }
+}
+
+}  // namespace
+
+void K4MAII(ERROR_HANDLER& eh, bool update, std::int64_t iteration, INFORMATION& information, VARIANCE_MODEL& model, AIOPT& aiopt,
+            UPDATE_STATE& state, std::vector<double>& covariance, std::vector<std::uint8_t>& used)
+{
+  const Frame here{eh, __func__};
+  const std::int64_t k = information.count();
+  used.assign(static_cast<std::size_t>(k), 1);
+  std::vector<double> tolerance(static_cast<std::size_t>(k));
+
+  // A parameter without information leaves the step.  The residual's own variance is never the one to blame: a parameter
+  // that cannot be told from it gives way instead.
+  const auto leave_out = [&](std::int64_t i, bool dependent) {
+    used[static_cast<std::size_t>(i)] = 0;
+    VARIANCE_PARAMETER& parameter = model.parameters[static_cast<std::size_t>(information.active[static_cast<std::size_t>(i)])];
+    if (!update || !is_free(parameter.constraint)) return;
+    ++aiopt(Ai::ai_singularities);
+    if (dependent) parameter.constraint = Constraint::S;
+    if (state.first_singular.empty()) state.first_singular = parameter.label;
+  };
+
+  for (std::int64_t i = 0; i < k; ++i) {
+    double& a = information.at(i, i);
+    tolerance[static_cast<std::size_t>(i)] = (std::fabs(a) + 1e-9) * 1e-9;
+    if (!(a >= 1e-18)) {
+      leave_out(i, false);
+      continue;
+    }
+    for (std::int64_t j = 0; j < i && used[static_cast<std::size_t>(i)]; ++j) {
+      if (!used[static_cast<std::size_t>(j)]) continue;
+      const double r2 = information.at(i, j) * information.at(i, j) / (information.at(j, j) * a);
+      if (r2 <= dependent_from) continue;
+      if (r2 <= dependent_to) {
+        const bool residual = model.residual_parameter == information.active[static_cast<std::size_t>(i)];
+        leave_out(residual ? j : i, true);
+      } else {
+        eh.warning(iteration < 2000
+                       ? text("AI matrix negative definite, diagonal has been increased at iteration ", iteration)
+                       : std::string("AI matrix negative definite, diagonal has been increased whilst calculating the "
+                                     "Kenward statistics"));
+        a *= 1.0001 * r2;  // the smallest increase that makes the pair positive definite, with a margin
+      }
+    }
+  }
+  std::vector<double> l = information.ai;
+  std::vector<std::int64_t> lost;
+  factorise(tolerance, used, l, lost);
+  for (const std::int64_t i : lost) leave_out(i, true);
+
+  // A correlation about which the data say next to nothing beside its score is held.
+  for (std::int64_t i = 0; update && i < k; ++i) {
+    if (!used[static_cast<std::size_t>(i)]) continue;
+    VARIANCE_PARAMETER& parameter = model.parameters[static_cast<std::size_t>(information.active[static_cast<std::size_t>(i)])];
+    const double pivot = l[at(i, i)] * l[at(i, i)];
+    if (parameter.type == ParamType::R && pivot < wide(0.01f) * std::fabs(information.score[static_cast<std::size_t>(i)])) {
+      eh.warning("Correlation parameter fixed; little information");
+      eh.continuation(parameter.label);
+      parameter.constraint = Constraint::F;
+    }
+  }
+  invert(used, l, covariance);
+}
+
+}  // namespace tolvan

@@ -1,0 +1,354 @@
+// The layout of the mixed-model equations, found once a fit.  Routine: SETUP_EQUATIONS.
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "base/text.h"
+#include "estimation/equations.h"
+#include "estimation/order_equations.h"
+
+namespace tolvan {
+namespace {
+
+constexpr std::int64_t default_dense_limit = 800;
+
+/// The design row by row in inner order, covariates centred.
+struct INNER_DESIGN {
+  const DESIGN_MTX& design;
+  std::vector<std::int32_t> equation;  // aligned with design.equation
+  std::vector<double> value;           // aligned with design.value
+};
+
+/// L_PLACE_TERMS: decides which equations are dense and numbers all in inner order.
+void L_PLACE_TERMS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TABLE& terms, MIXED_EQUATIONS& q,
+                   std::int64_t& dense)
+{
+  const Frame here{eh, __func__};
+  const std::int64_t asked = options(Slot::dense);
+  const std::int64_t limit = asked == 0 ? default_dense_limit : std::max<std::int64_t>(asked, 0);
+  const auto n = static_cast<std::size_t>(q.n);
+  std::vector<std::uint8_t> is_dense(n, 0);
+  q.fixed.assign(n, 0);
+  dense = 0;
+  bool room = true;
+  for (const TERM_ROW& term : terms.rows) {
+    if (term.equations == 0 || term.block == Block::random || term.block == Block::response) continue;
+    const auto from = static_cast<std::size_t>(term.first);
+    const auto to = from + static_cast<std::size_t>(term.equations);
+    std::fill(q.fixed.begin() + term.first, q.fixed.begin() + term.first + term.equations, std::uint8_t{1});
+    if (term.block != Block::fixed) continue;
+    if (room && dense + term.equations > limit) {
+      room = false;
+      eh.note("Too many fixed effects for the dense block.");
+    }
+    if (!room) {
+      eh.continuation(text("fixed model term ", term.name, " is moved to the sparse block"));
+      continue;
+    }
+    for (std::size_t e = from; e < to; ++e) is_dense[e] = 1;
+    dense += term.equations;
+  }
+  q.inner.resize(n);
+  std::int32_t sparse_next = 0;
+  auto dense_next = static_cast<std::int32_t>(q.n - dense);
+  for (std::size_t e = 0; e < n; ++e) q.inner[e] = is_dense[e] ? dense_next++ : sparse_next++;
+}
+
+/// The constants to take off the response and off fixed covariates before any product.
+///
+/// Sums of squares formed raw lose all digits at offsets of 1e6 and more.  With mu in the model a constant can be taken off
+/// the response and given back to mu; a covariate that is a fixed main effect by itself can be centred likewise, provided
+/// mu is the first of the fixed effects (so that it cannot be the one left out as singular) and every record has the value.
+void choose_shifts(const TERM_TABLE& terms, const DESIGN_MTX& design, std::int64_t dense, MIXED_EQUATIONS& q)
+{
+  std::int64_t fixed_terms = 0;
+  bool mu_first = false;
+  bool all_dense = true;
+  for (const TERM_ROW& term : terms.rows) {
+    if (term.block == Block::sparse && !term.is_mv) all_dense = false;
+    if (term.block != Block::fixed) continue;
+    if (term.name == "mu" && term.equations == 1) {
+      q.mu = term.first;
+      mu_first = fixed_terms == 0;
+    }
+    ++fixed_terms;
+  }
+  if (q.mu < 0) return;
+  if (dense < terms.fixed_equations) all_dense = false;
+
+  // The mean over the records used; any constant of the size of the data serves.
+  const std::int64_t rows = design.rows();
+  std::vector<std::uint8_t> estimated(static_cast<std::size_t>(rows), 0);
+  for (const std::int64_t r : design.mv) estimated[static_cast<std::size_t>(r)] = 1;
+  double mean = 0.0;
+  double count = 0.0;
+  for (std::size_t r = 0; r < static_cast<std::size_t>(rows); ++r) {
+    if (estimated[r] || (!design.weight.empty() && design.weight[r] <= 0.0)) continue;
+    count += 1.0;
+    mean += (design.response[r] - mean) / count;
+  }
+  q.shift = mean;
+
+  if (!mu_first || !all_dense) return;
+  std::vector<std::int64_t> covariates;
+  for (const TERM_ROW& term : terms.rows) {
+    if (term.block == Block::fixed && term.code <= 10000 && term.equations == 1 && term.first != q.mu) {
+      covariates.push_back(term.first);
+    }
+  }
+  if (covariates.empty()) return;
+  std::vector<std::int64_t> slot(static_cast<std::size_t>(q.n), -1);
+  for (std::size_t k = 0; k < covariates.size(); ++k) slot[static_cast<std::size_t>(covariates[k])] = static_cast<std::int64_t>(k);
+  std::vector<double> means(covariates.size(), 0.0);
+  std::vector<double> present(covariates.size(), 0.0);
+  for (std::size_t k = 0; k < design.equation.size(); ++k) {
+    const std::int64_t s = slot[static_cast<std::size_t>(design.equation[k])];
+    if (s < 0) continue;
+    const auto i = static_cast<std::size_t>(s);
+    present[i] += 1.0;
+    means[i] += (design.value[k] - means[i]) / present[i];
+  }
+  for (std::size_t k = 0; k < covariates.size(); ++k) {
+    if (present[k] == static_cast<double>(rows) && means[k] != 0.0 && std::isfinite(means[k])) {
+      q.centred.push_back({covariates[k], means[k]});
+    }
+  }
+}
+
+/// The design in inner order with centred covariates.
+INNER_DESIGN inner_design(const DESIGN_MTX& design, const MIXED_EQUATIONS& q)
+{
+  INNER_DESIGN d{design, {}, design.value};
+  std::vector<double> shift(static_cast<std::size_t>(q.n), 0.0);
+  for (const CENTRED& c : q.centred) shift[static_cast<std::size_t>(c.equation)] = c.shift;
+  d.equation.resize(design.equation.size());
+  for (std::size_t k = 0; k < d.equation.size(); ++k) {
+    const auto e = static_cast<std::size_t>(design.equation[k]);
+    d.equation[k] = q.inner[e];
+    d.value[k] -= shift[e];
+  }
+  return d;
+}
+
+/// The design by columns, columns numbered by map[inner equation]; records rise within a column.
+DESIGN_COLUMNS by_columns(const INNER_DESIGN& d, std::int64_t n, const std::vector<std::int32_t>* map)
+{
+  DESIGN_COLUMNS columns;
+  const auto size = static_cast<std::size_t>(n);
+  columns.start.assign(size + 1, 0);
+  const auto column = [&](std::int32_t e) {
+    return static_cast<std::size_t>(map == nullptr ? e : (*map)[static_cast<std::size_t>(e)]);
+  };
+  for (const std::int32_t e : d.equation) ++columns.start[column(e) + 1];
+  for (std::size_t e = 0; e < size; ++e) columns.start[e + 1] += columns.start[e];
+  columns.record.resize(d.equation.size());
+  columns.value.resize(d.equation.size());
+  std::vector<std::int64_t> next(columns.start.begin(), columns.start.end() - 1);
+  const std::int64_t rows = d.design.rows();
+  for (std::int64_t r = 0; r < rows; ++r) {
+    const auto from = static_cast<std::size_t>(d.design.start[static_cast<std::size_t>(r)]);
+    const auto to = static_cast<std::size_t>(d.design.start[static_cast<std::size_t>(r) + 1]);
+    for (std::size_t k = from; k < to; ++k) {
+      const auto at = static_cast<std::size_t>(next[column(d.equation[k])]++);
+      columns.record[at] = static_cast<std::int32_t>(r);
+      columns.value[at] = d.value[k];
+    }
+  }
+  return columns;
+}
+
+double weight_of(const DESIGN_MTX& design, std::size_t r)
+{
+  return design.weight.empty() ? 1.0 : std::max(design.weight[r], 0.0);
+}
+
+/// C0 in inner order: lower triangle by columns with the diagonal first, the dense block whole.
+///
+/// Column j gathers the rows of its records into a dense work vector (Gustavson 1978), so that no element is searched for.
+COEFFICIENTS cross_products(const INNER_DESIGN& d, const DESIGN_COLUMNS& columns, std::int64_t n, std::int64_t dense)
+{
+  COEFFICIENTS c;
+  c.n = n;
+  c.start.assign(static_cast<std::size_t>(n) + 1, 0);
+  const std::int64_t sparse = n - dense;
+  std::vector<double> work(static_cast<std::size_t>(n), 0.0);
+  std::vector<std::int64_t> seen(static_cast<std::size_t>(n), -1);
+  std::vector<std::int32_t> rows;
+  for (std::int64_t j = 0; j < n; ++j) {
+    rows.clear();
+    if (j >= sparse) {
+      for (std::int64_t i = j; i < n; ++i) {
+        rows.push_back(static_cast<std::int32_t>(i));
+        work[static_cast<std::size_t>(i)] = 0.0;
+        seen[static_cast<std::size_t>(i)] = j;
+      }
+    } else {
+      rows.push_back(static_cast<std::int32_t>(j));
+      work[static_cast<std::size_t>(j)] = 0.0;
+      seen[static_cast<std::size_t>(j)] = j;
+    }
+    const auto from = static_cast<std::size_t>(columns.start[static_cast<std::size_t>(j)]);
+    const auto to = static_cast<std::size_t>(columns.start[static_cast<std::size_t>(j) + 1]);
+    for (std::size_t k = from; k < to; ++k) {
+      const auto r = static_cast<std::size_t>(columns.record[k]);
+      const double wx = weight_of(d.design, r) * columns.value[k];
+      const auto end = static_cast<std::size_t>(d.design.start[r + 1]);
+      for (auto e = static_cast<std::size_t>(d.design.start[r]); e < end; ++e) {
+        const std::int32_t i = d.equation[e];
+        if (i < j) continue;
+        const auto at = static_cast<std::size_t>(i);
+        if (seen[at] != j) {
+          seen[at] = j;
+          work[at] = 0.0;
+          rows.push_back(i);
+        }
+        work[at] += wx * d.value[e];
+      }
+    }
+    std::sort(rows.begin(), rows.end());
+    for (const std::int32_t i : rows) {
+      c.row.push_back(i);
+      c.value.push_back(work[static_cast<std::size_t>(i)]);
+    }
+    c.start[static_cast<std::size_t>(j) + 1] = static_cast<std::int64_t>(c.row.size());
+  }
+  return c;
+}
+
+/// The pattern of the strictly lower triangle, the dense block left implied.
+PATTERN pattern_of(const COEFFICIENTS& c, std::int64_t dense)
+{
+  PATTERN p;
+  p.n = c.n;
+  p.dense = dense;
+  p.start.assign(static_cast<std::size_t>(c.n) + 1, 0);
+  p.row.reserve(c.row.size());
+  for (std::int64_t j = 0; j < c.n; ++j) {
+    if (j < c.n - dense) {
+      const auto from = static_cast<std::size_t>(c.start[static_cast<std::size_t>(j)]) + 1;  // past the diagonal
+      const auto to = static_cast<std::size_t>(c.start[static_cast<std::size_t>(j) + 1]);
+      p.row.insert(p.row.end(), c.row.begin() + static_cast<std::ptrdiff_t>(from), c.row.begin() + static_cast<std::ptrdiff_t>(to));
+    }
+    p.start[static_cast<std::size_t>(j) + 1] = static_cast<std::int64_t>(p.row.size());
+  }
+  return p;
+}
+
+/// A symmetric lower triangle renumbered; rows rise again because columns are filled in row order (two transpositions).
+COEFFICIENTS permute(const COEFFICIENTS& c, const std::vector<std::int32_t>& position)
+{
+  const auto n = static_cast<std::size_t>(c.n);
+  // First by rows: row max(p, q) receives (min, value); then by columns in rising row order.
+  std::vector<std::int64_t> count(n + 1, 0);
+  const auto ends = [&](std::size_t j, std::size_t k, std::int32_t& low, std::int32_t& high) {
+    const std::int32_t a = position[j];
+    const std::int32_t b = position[static_cast<std::size_t>(c.row[k])];
+    low = std::min(a, b);
+    high = std::max(a, b);
+  };
+  std::int32_t low = 0;
+  std::int32_t high = 0;
+  COEFFICIENTS out;
+  out.n = c.n;
+  out.start.assign(n + 1, 0);
+  for (std::size_t j = 0; j < n; ++j) {
+    for (auto k = static_cast<std::size_t>(c.start[j]); k < static_cast<std::size_t>(c.start[j + 1]); ++k) {
+      ends(j, k, low, high);
+      ++count[static_cast<std::size_t>(high) + 1];
+      ++out.start[static_cast<std::size_t>(low) + 1];
+    }
+  }
+  for (std::size_t j = 0; j < n; ++j) {
+    count[j + 1] += count[j];
+    out.start[j + 1] += out.start[j];
+  }
+  std::vector<std::int32_t> column(c.row.size());
+  std::vector<double> value(c.row.size());
+  std::vector<std::int64_t> next(count.begin(), count.end() - 1);
+  for (std::size_t j = 0; j < n; ++j) {
+    for (auto k = static_cast<std::size_t>(c.start[j]); k < static_cast<std::size_t>(c.start[j + 1]); ++k) {
+      ends(j, k, low, high);
+      const auto at = static_cast<std::size_t>(next[static_cast<std::size_t>(high)]++);
+      column[at] = low;
+      value[at] = c.value[k];
+    }
+  }
+  out.row.resize(c.row.size());
+  out.value.resize(c.row.size());
+  next.assign(out.start.begin(), out.start.end() - 1);
+  for (std::size_t i = 0; i < n; ++i) {
+    for (auto k = static_cast<std::size_t>(count[i]); k < static_cast<std::size_t>(count[i + 1]); ++k) {
+      const auto at = static_cast<std::size_t>(next[static_cast<std::size_t>(column[k])]++);
+      out.row[at] = static_cast<std::int32_t>(i);
+      out.value[at] = value[k];
+    }
+  }
+  return out;
+}
+
+/// W'R0^-1 y and y'R0^-1 y of the shifted response, log-weights and the count of records used.
+void response_products(const DESIGN_MTX& design, MIXED_EQUATIONS& q)
+{
+  const auto rows = static_cast<std::size_t>(design.rows());
+  std::vector<double> y(rows);
+  std::vector<std::uint8_t> estimated(rows, 0);
+  for (const std::int64_t r : design.mv) estimated[static_cast<std::size_t>(r)] = 1;
+  q.records = 0;
+  q.y0 = 0.0;
+  q.log_weights = 0.0;
+  for (std::size_t r = 0; r < rows; ++r) {
+    const double w = weight_of(design, r);
+    const double shifted = estimated[r] ? 0.0 : design.response[r] - q.shift;
+    q.y0 += w * shifted * shifted;
+    y[r] = w * shifted;
+    if (w > 0.0) {
+      ++q.records;
+      if (w != 1.0) q.log_weights += std::log(w);
+    }
+  }
+  q.r0.assign(static_cast<std::size_t>(q.n), 0.0);
+  for (std::size_t p = 0; p < static_cast<std::size_t>(q.n); ++p) {
+    double sum = 0.0;
+    for (auto k = static_cast<std::size_t>(q.columns.start[p]); k < static_cast<std::size_t>(q.columns.start[p + 1]); ++k) {
+      sum += q.columns.value[k] * y[static_cast<std::size_t>(q.columns.record[k])];
+    }
+    q.r0[p] = sum;
+  }
+}
+
+}  // namespace
+
+void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TABLE& terms, const DESIGN_MTX& design,
+                     MIXED_EQUATIONS& q)
+{
+  const Frame here{eh, __func__};
+  q.n = terms.equations;
+  std::int64_t dense = 0;
+  L_PLACE_TERMS(eh, options, terms, q, dense);
+  if (eh.terminate()) return;
+  choose_shifts(terms, design, dense, q);
+
+  const INNER_DESIGN d = inner_design(design, q);
+  q.columns = by_columns(d, q.n, nullptr);
+  COEFFICIENTS inner = cross_products(d, q.columns, q.n, dense);
+  q.columns = {};
+  {
+    const PATTERN pattern = pattern_of(inner, dense);
+    std::vector<std::int32_t> order;
+    REORDER_MATRIX(eh, pattern, 0, order);
+    if (eh.terminate()) return;
+    SYMBOLICABS2(eh, pattern, order, q.factor);
+    if (eh.terminate()) return;
+  }
+  q.c = permute(inner, q.factor.position);
+  inner = {};
+  q.c0 = q.c.value;
+  q.columns = by_columns(d, q.n, &q.factor.position);
+  q.position.resize(static_cast<std::size_t>(q.n));
+  for (std::size_t e = 0; e < q.position.size(); ++e) {
+    q.position[e] = q.factor.position[static_cast<std::size_t>(q.inner[e])];
+  }
+  response_products(design, q);
+}
+
+}  // namespace tolvan

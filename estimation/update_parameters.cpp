@@ -1,0 +1,205 @@
+// One average-information step.  Routine: K4MUPD.
+#include "estimation/update_parameters.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "base/text.h"
+#include "estimation/restraints.h"
+
+namespace tolvan {
+namespace {
+
+constexpr int rounds_of_restraint = 4;
+
+/// L_PENALTY: the damping number by the change of LogL, and the multiplier of the information's diagonal it gives.
+void L_PENALTY(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION& information, AIOPT& aiopt, UPDATE_STATE& state)
+{
+  const Frame here{eh, __func__};
+  std::int64_t& m = aiopt(Ai::penalty);
+  if (m == -1) return;
+  if (iteration == 1) {
+    state.saved_step = state.step;
+    return;
+  }
+  const std::int64_t old = m;
+  if (gain < -5.0) {
+    m = std::min<std::int64_t>(m, 45) + 5;
+    state.step = std::min(0.6 * state.step, 0.4);
+  } else if (gain < -0.5) {
+    m += m > 7 ? 2 : 3;
+    state.step = std::min(0.6 * state.step, 0.5);
+  } else if (gain > 5.0) {
+    m = (3 * m + 1) / 4;
+  } else if (gain > 0.0) {
+    m = (m + 2) / 2;
+  } else {
+    m += 7;
+  }
+  if (m < 1) {
+    state.multiplier = 1.0;
+  } else if (old == 1 && m == 1) {
+    state.multiplier = state.multiplier > 1.002 ? 1.0001 : 0.5 * (state.multiplier + 1.001);
+  } else {
+    state.multiplier = 1.0 + 0.01 * static_cast<double>(m);
+  }
+  for (std::int64_t i = 0; i < information.count(); ++i) information.at(i, i) *= state.multiplier;
+}
+
+/// The joint Newton step of the parameters that are not held, the held ones having moved by `taken`:
+/// delta_o = AI_oo^-1 (score_o - AI_oh delta_h).
+void solve_step(const INFORMATION& information, const std::vector<std::uint8_t>& open, const std::vector<double>& taken,
+                std::vector<double>& delta)
+{
+  std::vector<std::size_t> o;
+  const auto k = static_cast<std::size_t>(information.count());
+  for (std::size_t i = 0; i < k; ++i) {
+    if (open[i]) o.push_back(i);
+  }
+  const auto n = o.size();
+  std::vector<double> a(n * n);
+  std::vector<double> b(n);
+  const auto ai = [&](std::size_t i, std::size_t j) {
+    return information.at(static_cast<std::int64_t>(i), static_cast<std::int64_t>(j));
+  };
+  for (std::size_t i = 0; i < n; ++i) {
+    b[i] = information.score[o[i]];
+    for (std::size_t h = 0; h < k; ++h) {
+      if (!open[h] && taken[h] != 0.0) b[i] -= ai(o[i], h) * taken[h];
+    }
+    for (std::size_t j = 0; j < n; ++j) a[i * n + j] = ai(o[i], o[j]);
+  }
+  // Cholesky of the open block; a lost pivot leaves that parameter where it is.
+  std::vector<std::uint8_t> good(n, 1);
+  for (std::size_t i = 0; i < n; ++i) {
+    const double tolerance = (std::fabs(a[i * n + i]) + 1e-9) * 1e-9;
+    for (std::size_t j = 0; j <= i; ++j) {
+      if (!good[j]) continue;
+      double sum = a[i * n + j];
+      for (std::size_t m = 0; m < j; ++m) {
+        if (good[m]) sum -= a[i * n + m] * a[j * n + m];
+      }
+      if (j < i) {
+        a[i * n + j] = sum / a[j * n + j];
+      } else if (sum > tolerance) {
+        a[i * n + i] = std::sqrt(sum);
+      } else {
+        good[i] = 0;
+      }
+    }
+  }
+  for (std::size_t i = 0; i < n; ++i) {
+    if (!good[i]) continue;
+    for (std::size_t m = 0; m < i; ++m) {
+      if (good[m]) b[i] -= a[i * n + m] * b[m];
+    }
+    b[i] /= a[i * n + i];
+  }
+  for (std::size_t i = n; i-- > 0;) {
+    if (!good[i]) {
+      b[i] = 0.0;
+      continue;
+    }
+    for (std::size_t m = i + 1; m < n; ++m) {
+      if (good[m]) b[i] -= a[m * n + i] * b[m];
+    }
+    b[i] /= a[i * n + i];
+  }
+  for (std::size_t i = 0; i < n; ++i) delta[o[i]] = b[i];
+}
+
+}  // namespace
+
+void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION information, VARIANCE_MODEL& model, AIOPT& aiopt,
+            UPDATE_STATE& state)
+{
+  const Frame here{eh, __func__};
+  aiopt(Ai::ai_singularities) = 0;
+  aiopt(Ai::step_thousandths) = 1000;
+  aiopt(Ai::restrained) = 0;
+  aiopt(Ai::boundary) = 0;
+  const auto p = model.parameters.size();
+  if (state.reference.size() != p) {
+    state.reference.resize(p);
+    for (std::size_t i = 0; i < p; ++i) state.reference[i] = model.parameters[i].value;
+    state.last = state.reference;
+    state.pulled.assign(p, 0);
+  }
+  state.change.assign(p, 0.0);
+  state.largest_change = 0.0;
+
+  L_PENALTY(eh, iteration, gain, information, aiopt, state);
+  const double c = std::min(state.step, 1.0 / state.step);
+  if (c < 1.0) {
+    for (double& s : information.score) s *= c;
+    aiopt(Ai::step_thousandths) = static_cast<std::int64_t>(1000.0 * c);
+  }
+
+  std::vector<double> covariance;
+  std::vector<std::uint8_t> used;
+  K4MAII(eh, true, iteration, information, model, aiopt, state, covariance, used);
+  if (eh.terminate()) return;
+
+  // The joint step includes the profiled residual variance, whose score is zero and whose own step is not applied:
+  // a Newton step on the profile likelihood.  Restrained parameters are held at what the rules gave them and the others
+  // solved again: first types R, P, L and r, then the rules by sign, until nothing new is restrained.
+  const auto k = static_cast<std::size_t>(information.count());
+  std::vector<std::uint8_t> open = used;
+  std::vector<double> taken(k, 0.0);
+  std::vector<double> delta(k, 0.0);
+  std::vector<RESTRAINT> result(k);
+  std::vector<std::uint8_t> restrained(k, 0);
+  const auto parameter = [&](std::size_t i) -> VARIANCE_PARAMETER& {
+    return model.parameters[static_cast<std::size_t>(information.active[i])];
+  };
+  for (std::size_t i = 0; i < k; ++i) {
+    if (!is_free(parameter(i).constraint)) open[i] = 0;
+  }
+  const auto pass = [&](bool first_stage) {
+    bool any = false;
+    solve_step(information, open, taken, delta);
+    for (std::size_t i = 0; i < k; ++i) {
+      if (!open[i] || static_cast<std::int64_t>(i) == information.held_out) continue;
+      const VARIANCE_PARAMETER& v = parameter(i);
+      if (in_first_stage(v.type) != first_stage) continue;
+      const auto at = static_cast<std::size_t>(information.active[i]);
+      const RESTRAINT_INPUT in{v.value, delta[i], state.reference[at], state.step, v.type, v.role, v.constraint};
+      result[i] = first_stage ? restrain_typed(in, state.last[at], 1e-7) : restrain_by_sign(in);
+      if (std::fabs(result[i].value - (v.value + delta[i])) > 1e-10) {
+        restrained[i] = 1;
+        open[i] = 0;
+        taken[i] = result[i].value - v.value;
+        any = true;
+      }
+    }
+    return any;
+  };
+  pass(true);
+  for (int round = 0; round < rounds_of_restraint && pass(false); ++round) {
+  }
+
+  double largest_loading = 0.0;
+  for (std::size_t i = 0; i < k; ++i) {
+    if (static_cast<std::int64_t>(i) == information.held_out || !used[i]) continue;
+    VARIANCE_PARAMETER& v = parameter(i);
+    if (!is_free(v.constraint)) continue;
+    const auto at = static_cast<std::size_t>(information.active[i]);
+    RESTRAINT& taken_by = result[i];
+    if (!restrained[i]) taken_by.value = v.value + delta[i];
+    if (restrained[i]) ++aiopt(Ai::restrained);
+    if (taken_by.boundary) ++aiopt(Ai::boundary);
+    if (taken_by.reset_step) state.step = state.saved_step;
+    largest_loading = std::max(largest_loading, taken_by.loading_change);
+    const bool pulled = restrained[i] && v.role == ParamRole::variance && std::fabs(taken_by.value) < std::fabs(v.value);
+    state.pulled[at] = pulled ? state.pulled[at] + 1 : 0;
+    if (v.value != 0.0) state.change[at] = (taken_by.value - v.value) / v.value;
+    state.largest_change = std::max(state.largest_change, std::fabs(state.change[at]));
+    state.last[at] = v.value;
+    v.value = taken_by.value;
+    state.reference[at] = taken_by.reference_set ? taken_by.reference : v.value;
+    if (taken_by.settled) v.constraint = Constraint::B;
+  }
+  if (largest_loading > 0.1) ++aiopt(Ai::boundary);
+}
+
+}  // namespace tolvan

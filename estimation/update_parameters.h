@@ -1,0 +1,55 @@
+// One average-information step: damping, inversion with its own pivot rule, the step and its restraint.
+// Routines: K4MUPD, K4MAII.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "api/error_handler.h"
+#include "estimation/control_slots.h"
+#include "varstruct/parameter_table.h"
+
+namespace tolvan {
+
+/// The score and the average-information matrix of one evaluation, over the active parameters.
+struct INFORMATION {
+  std::vector<std::int64_t> active;  // parameter indices, rising
+  std::vector<double> score;         // one an active parameter
+  std::vector<double> ai;            // lower triangle by rows
+  std::int64_t held_out = -1;        // position in `active` of the profiled residual variance, -1 for none
+
+  std::int64_t count() const { return static_cast<std::int64_t>(active.size()); }
+  double& at(std::int64_t i, std::int64_t j)
+  {
+    return i >= j ? ai[static_cast<std::size_t>(i * (i + 1) / 2 + j)] : ai[static_cast<std::size_t>(j * (j + 1) / 2 + i)];
+  }
+  double at(std::int64_t i, std::int64_t j) const { return const_cast<INFORMATION*>(this)->at(i, j); }
+};
+
+/// What the update keeps between iterations.
+struct UPDATE_STATE {
+  double step = 1.0;               // the step size of the fit
+  double saved_step = 1.0;         // what a reset goes back to
+  double multiplier = 1.0;         // the last multiplier of the information's diagonal
+  std::vector<double> reference;   // a reference value a parameter
+  std::vector<double> last;        // the values before the present ones
+  std::vector<int> pulled;         // consecutive updates in which the rules pulled a scale parameter towards zero
+  std::vector<double> change;      // relative change that the last step would make
+  double largest_change = 0.0;
+  std::string first_singular;      // label of the first parameter without information
+};
+
+/// K4MAII: the inverse of the information matrix over the parameters that have information, by its own pivot rule.
+///   update      codes of dependent parameters become S; a count goes to AIOPT(36); false leaves codes alone
+///   covariance  lower triangle over `active`, zero rows for parameters left out
+///   used        one an active parameter: whether it took part
+void K4MAII(ERROR_HANDLER& eh, bool update, std::int64_t iteration, INFORMATION& information, VARIANCE_MODEL& model, AIOPT& aiopt,
+            UPDATE_STATE& state, std::vector<double>& covariance, std::vector<std::uint8_t>& used);
+
+/// K4MUPD: turns score and information into the next parameter values.
+///   gain   LogL of this evaluation less that of the previous one, 0 on the first
+void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION information, VARIANCE_MODEL& model, AIOPT& aiopt,
+            UPDATE_STATE& state);
+
+}  // namespace tolvan
