@@ -67,7 +67,7 @@ int run(int argc, char** argv)
   CLI::App* const fit_command = app.add_subcommand("fit", "Fit the model of a request and print its results");
   fit_command->add_option("request", a.request, "The request, a JSON file ('-' for standard input)")
       ->required()
-      ->type_name("request.json");
+      ->option_text(" ");
   fit_command
       ->add_option(
           "--data", a.data,
@@ -77,10 +77,12 @@ int run(int argc, char** argv)
       ->allow_extra_args(false);
   fit_command->add_flag("--json", a.json, "Print all results as one JSON document");
   fit_command->add_option("-o", a.folder, "Write the report files into this folder")->type_name("DIR");
-  CLI::Option* const q = fit_command->add_flag("-q", quiet, "No progress and no notes");
-  fit_command->add_flag("-v", verbose, "Tell more about data, messages and time")->excludes(q);
+  CLI::Option* const q = fit_command->add_flag("-q", quiet, "No progress and no notes")->option_text(" ");
+  fit_command->add_flag("-v", verbose, "Tell more about data, messages and time")
+      ->excludes(q)
+      ->option_text(" ");
   fit_command->add_option("--threads", a.threads, "Use at most N threads (the results do not depend on it)")
-      ->type_name("N")
+      ->option_text("N")
       ->check(CLI::Range(1, 1024));
   fit_command->footer(exit_codes);
   CLI::App* const version_command = app.add_subcommand("version", "Print the version");

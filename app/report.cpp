@@ -1,5 +1,6 @@
 #include "app/report.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <set>
@@ -10,6 +11,11 @@
 
 namespace tolvan::driver {
 namespace {
+
+std::string without_lead(const std::string& text)  // final messages begin with a blank
+{
+  return text.substr(std::min(text.find_first_not_of(' '), text.size()));
+}
 
 void heading(const char* text)
 {
@@ -180,7 +186,7 @@ void print_summary(Engine& engine)
   }
   if (const auto bic = engine.real("SCALAR_BIC")) row("BIC", number_cell(*bic, 4));
   const std::string message = engine.scalar_text("SCALAR_FINAL_MESSAGE");
-  if (!message.empty()) std::printf("\n%s\n", message.c_str() + message.find_first_not_of(' '));
+  if (!message.empty()) std::printf("\n%s\n", without_lead(message).c_str());
 }
 
 }  // namespace
@@ -197,7 +203,7 @@ void print_report(Engine& engine, const std::string& title)
 void print_json_report(Engine* engine, std::int32_t status, const std::string& final_message,
                        const std::string& error_information)
 {
-  std::printf("{\"status\":%d,\"final_message\":%s", status, quoted(final_message).c_str());
+  std::printf("{\"status\":%d,\"final_message\":%s", status, quoted(without_lead(final_message)).c_str());
   std::optional<Json> available;
   if (engine) available = read_json(engine->json("AVAILABLE_OUTPUT").value_or(""));
   if (!available) available = json_object();

@@ -1,4 +1,5 @@
-// The driver's own parts: JSON that is edited and handed on, CSV files, datasets made of them, numbers in tables.
+// The driver's own parts: JSON that is edited and handed on, CSV files, datasets made of them, numbers in
+// tables.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -55,7 +56,10 @@ struct Built {
   Matrix matrix;
   std::string narration;
   std::string problem;
-  std::string variables() const { return write_json(*request.find("dataset")->items.front().find("variables")); }
+  std::string variables() const
+  {
+    return write_json(*request.find("dataset")->items.front().find("variables"));
+  }
 };
 
 Built build(const std::string& text, const std::string& request)
@@ -73,8 +77,8 @@ std::string request_of(const std::string& variables)
 
 TEST(DriverJson, HandsOnWhatItDoesNotTouch)
 {
-  for (const char* text : {R"({"b":1.0,"a":1,"a":[1e-37,-0.0,12345678901234567890],"":{}})", R"([null,true,"\u0001"])",
-                           R"("gr\u00fcn \ud83c\udf31 \" \\ \n")", "[]"}) {
+  for (const char* text : {R"({"b":1.0,"a":1,"a":[1e-37,-0.0,12345678901234567890],"":{}})",
+                           R"([null,true,"\u0001"])", R"("gr\u00fcn \ud83c\udf31 \" \\ \n")", "[]"}) {
     const auto once = read_json(text);
     ASSERT_TRUE(once) << text;
     const auto twice = read_json(write_json(*once));
@@ -87,8 +91,8 @@ TEST(DriverJson, HandsOnWhatItDoesNotTouch)
 
 TEST(DriverJson, RefusesWhatIsNoJson)
 {
-  for (const char* text : {"", "{", "[1,]", "{\"a\"}", "{\"a\":}", "01", "1.", ".5", "+1", "nul", "\"a", "\"\\x\"", "\"\\ud800\"",
-                           "\"\t\"", "[1] 2", "{a:1}"}) {
+  for (const char* text : {"", "{", "[1,]", "{\"a\"}", "{\"a\":}", "01", "1.", ".5", "+1", "nul", "\"a",
+                           "\"\\x\"", "\"\\ud800\"", "\"\t\"", "[1] 2", "{a:1}"}) {
     EXPECT_FALSE(read_json(text)) << text;
   }
   EXPECT_TRUE(read_json(std::string(900, '[') + std::string(900, ']')));
@@ -97,7 +101,8 @@ TEST(DriverJson, RefusesWhatIsNoJson)
 
 TEST(DriverCsv, CutsFieldsAsSpreadsheetsWriteThem)
 {
-  const CsvFile f = csv("\xEF\xBB\xBF\"name, full\",x , y\r\n\r\n\"a \"\"b\"\"\",1,\r\n  c d ,\"2\n3\",NA\n,,4");
+  const CsvFile f =
+      csv("\xEF\xBB\xBF\"name, full\",x , y\r\n\r\n\"a \"\"b\"\"\",1,\r\n  c d ,\"2\n3\",NA\n,,4");
   ASSERT_EQ(f.header, (std::vector<std::string>{"name, full", "x", "y"}));
   ASSERT_EQ(f.records(), 3);
   EXPECT_EQ(f.field(0, 0), "a \"b\"");
@@ -121,7 +126,8 @@ TEST(DriverCsv, SaysWhereAFileIsWrong)
   EXPECT_EQ(csv_problem(""), " is empty; a line of column names was expected");
   EXPECT_EQ(csv_problem("a,b\n\n"), " holds no record below its header");
   CsvFile out;
-  EXPECT_EQ(read_csv("/no/such/file.csv", out).text, "unable to read /no/such/file.csv: No such file or directory");
+  EXPECT_EQ(read_csv("/no/such/file.csv", out).text,
+            "unable to read /no/such/file.csv: No such file or directory");
 }
 
 TEST(DriverCsv, TakesNumbersWholeAndFinite)
@@ -136,17 +142,18 @@ TEST(DriverCsv, TakesNumbersWholeAndFinite)
 
 TEST(DriverDataset, CodesLabelsAsTheDocumentListsThem)
 {
-  const Built b = build("y,g\n1.5,b\nNA,a\n2.5,.\n", request_of(R"({"name":"g","field_type":"vt_string_factor",)"
-                                                               R"("factor_labels":["a","b","c"]},{"name":"y"})"));
+  const Built b =
+      build("y,g\n1.5,b\nNA,a\n2.5,.\n", request_of(R"({"name":"g","field_type":"vt_string_factor",)"
+                                                    R"("factor_labels":["a","b","c"]},{"name":"y"})"));
   EXPECT_EQ(b.problem, "");
   EXPECT_EQ(b.matrix.values, (std::vector<double>{2, 1, TOLVAN_MISSING, 1.5, TOLVAN_MISSING, 2.5}));
   const Json& entry = b.request.find("dataset")->items.front();
   EXPECT_EQ(entry.find("number_of_observations")->integer(), 3);
   EXPECT_EQ(entry.find("storage_order")->text, "so_column_major");
 
-  const Built from_zero =
-      build("g\nb\na\n", request_of(R"({"name":"g","field_type":"vt_string_factor","factor_labels":["a","b"],)"
-                                    R"("factor_labels_indexed_from":0})"));
+  const Built from_zero = build(
+      "g\nb\na\n", request_of(R"({"name":"g","field_type":"vt_string_factor","factor_labels":["a","b"],)"
+                              R"("factor_labels_indexed_from":0})"));
   EXPECT_EQ(from_zero.matrix.values, (std::vector<double>{1, 0}));
 }
 
@@ -160,8 +167,9 @@ TEST(DriverDataset, NumbersLabelsByFirstAppearanceSortedOrShared)
   const Built sorted = build(data, request_of(R"({"name":"g","field_type":"vt_string_factor","sort":true})"));
   EXPECT_EQ(sorted.matrix.values, (std::vector<double>{2, 1, 2}));
 
-  const Built shared = build(data, request_of(R"({"name":"g","field_type":"vt_string_factor"},)"
-                                              R"({"name":"h","field_type":"vt_string_factor","code_levels_as":"g"})"));
+  const Built shared =
+      build(data, request_of(R"({"name":"g","field_type":"vt_string_factor"},)"
+                             R"({"name":"h","field_type":"vt_string_factor","code_levels_as":"g"})"));
   EXPECT_EQ(shared.matrix.values, (std::vector<double>{1, 2, 1, 2, 3, 1}));
   const std::string labels = R"("factor_labels":["c","a","d"])";
   EXPECT_NE(shared.variables().find(labels), shared.variables().rfind(labels));
@@ -182,7 +190,7 @@ TEST(DriverDataset, MakesAnEntryFromTheHeader)
 {
   const std::string data = "\"\",block,day,variety,y,yield.kg\n1,2,1,A,5,1\n2,1,2,NA,NA,1\n3,2,3,B,6,1\n";
   const Built b = build(data, R"({"dataset":{"name":"other"},"model":{"response":"y","fixed":"day",)"
-                              R"("random":"block+pol(day,-1):id(block)"}})");
+                              R"--("random":"block+pol(day,-1):id(block)"}})--");
   EXPECT_EQ(b.problem, "");
   const Json& entry = b.request.find("dataset")->items.back();
   EXPECT_EQ(b.request.find("dataset")->items.size(), 2u);
@@ -196,9 +204,12 @@ TEST(DriverDataset, MakesAnEntryFromTheHeader)
 
 TEST(DriverDataset, SaysWhichFieldIsWrong)
 {
-  EXPECT_EQ(build("y\n1\nx\n", request_of(R"({"name":"y"})")).problem, R"(, line 3, column y: "x" is not a number)");
-  EXPECT_EQ(build("g\na\n", request_of(R"({"name":"g","field_type":"vt_string_factor","factor_labels":["b"]})")).problem,
-            R"(, line 2, column g: "a" is not among the factor_labels)");
+  EXPECT_EQ(build("y\n1\nx\n", request_of(R"({"name":"y"})")).problem,
+            R"(, line 3, column y: "x" is not a number)");
+  EXPECT_EQ(
+      build("g\na\n", request_of(R"({"name":"g","field_type":"vt_string_factor","factor_labels":["b"]})"))
+          .problem,
+      R"(, line 2, column g: "a" is not among the factor_labels)");
   EXPECT_EQ(build("a,b\n1,2\n", request_of(R"({"name":"c"})")).problem,
             ": there is no column for the variable c; the header has a, b");
   EXPECT_EQ(build("a,a\n1,2\n", request_of(R"({"name":"a"})")).problem, ": more than one column is named a");
