@@ -241,9 +241,9 @@ std::string_view words(rapidjson::ParseErrorCode code)
     case kParseErrorArrayMissCommaOrSquareBracket: return "a comma or ] was expected after an element";
     case kParseErrorStringUnicodeEscapeInvalidHex: return "four hexadecimal digits were expected after \\u";
     case kParseErrorStringUnicodeSurrogateInvalid: return "a surrogate pair in a string is not complete";
-    case kParseErrorStringEscapeInvalid: return "an escape in a string is not known";
+    case kParseErrorStringEscapeInvalid: return "a string holds an unknown escape or a bare control character";
     case kParseErrorStringMissQuotationMark: return "a string is not closed";
-    case kParseErrorStringInvalidEncoding: return "a string is not in UTF-8 or holds a control character";
+    case kParseErrorStringInvalidEncoding: return "a string is not in UTF-8";
     case kParseErrorNumberTooBig: return "a number is too large";
     case kParseErrorNumberMissFraction: return "digits were expected after the decimal point";
     case kParseErrorNumberMissExponent: return "digits were expected in the exponent";

@@ -47,7 +47,7 @@ std::string not_finite(double x, int width)
 {
   if (std::isnan(x)) return place("NaN", width);
   const std::string whole = x < 0.0 ? "-Infinity" : "Infinity";
-  if (width <= 0 || whole.size() <= static_cast<std::size_t>(width)) return place(whole, width);
+  if (static_cast<std::int64_t>(whole.size()) <= width) return place(whole, width);
   return place(x < 0.0 ? "-Inf" : "Inf", width);
 }
 

@@ -1,0 +1,104 @@
+// Files: lines over the edges of the buffer, faults in the system's words, writing that replaces whole files.
+#include "base/files.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "base/text.h"
+#include "support/checks.h"
+
+namespace tolvan {
+namespace {
+
+std::vector<std::string> lines_of(const std::string& path)
+{
+  FileReader reader;
+  std::vector<std::string> lines;
+  std::string_view line;
+  EXPECT_TRUE(reader.open(path)) << reader.error();
+  while (reader.next_line(line)) {
+    lines.emplace_back(line);
+    EXPECT_EQ(reader.line_number(), static_cast<std::int64_t>(lines.size()));
+  }
+  EXPECT_EQ(reader.error(), "");
+  return lines;
+}
+
+TEST(Files, LinesEndInAnyUsualWay)
+{
+  const TempFolder folder;
+  using Lines = std::vector<std::string>;
+  EXPECT_EQ(lines_of(folder.file("a", "")), Lines{});
+  EXPECT_EQ(lines_of(folder.file("b", "x\r\n\ny")), (Lines{"x", "", "y"}));
+  EXPECT_EQ(lines_of(folder.file("c", "\n")), Lines{""});
+  EXPECT_EQ(lines_of(folder.file("d", std::string("a\0b\n", 4))), Lines{std::string("a\0b", 3)});
+}
+
+TEST(Files, LinesOfAllLengthsOverTheEdgesOfTheBuffer)
+{
+  const TempFolder folder;
+  std::vector<std::string> lines;
+  for (std::size_t n : {1u, 262143u, 262144u, 262145u, 0u, 600000u, 3u}) lines.emplace_back(n, 'x');
+  for (std::size_t n = 0; n < 2000; ++n) lines.emplace_back(n % 977, 'y');
+  const std::string contents = join(lines, "\n");
+  const std::string path = folder.file("long", contents);
+  EXPECT_EQ(lines_of(path), lines);
+  std::string whole;
+  std::string error;
+  EXPECT_TRUE(read_file(path, whole, error));
+  EXPECT_EQ(whole, contents);
+  EXPECT_EQ(file_size(path), static_cast<std::int64_t>(contents.size()));
+}
+
+TEST(Files, FaultsAreTold)
+{
+  const TempFolder folder;
+  std::string contents;
+  std::string error;
+  EXPECT_FALSE(read_file(folder.path("absent"), contents, error));
+  EXPECT_EQ(error, "No such file or directory");
+  EXPECT_FALSE(read_file(folder.path(""), contents, error));
+  EXPECT_EQ(error, "Is a directory");
+  const std::string present = folder.file("present", "x");
+  EXPECT_FALSE(read_file(present + std::string("\0y", 2), contents, error));
+  EXPECT_FALSE(write_file(folder.path("none/x"), "x", error));
+  EXPECT_EQ(error, "No such file or directory");
+  EXPECT_FALSE(write_file("/dev/full", "x", error));
+  EXPECT_EQ(error, "No space left on device");
+  EXPECT_FALSE(write_file("", "x", error));
+  EXPECT_TRUE(file_exists(present));
+  delete_quietly(present);
+  delete_quietly(present);
+  EXPECT_FALSE(file_exists(present));
+  EXPECT_EQ(file_size(present), -1);
+}
+
+TEST(Files, AFileIsReplacedWholeOrNotAtAll)
+{
+  const TempFolder folder;
+  const std::string path = folder.file("report", "old");
+  const std::string link = folder.path("link");
+  std::filesystem::create_symlink(path, link);
+  std::string contents;
+  std::string error;
+  {
+    FileWriter writer;
+    EXPECT_TRUE(writer.open(path));
+    EXPECT_TRUE(writer.write("half"));
+  }
+  read_file(path, contents, error);
+  EXPECT_EQ(contents, "old");
+  EXPECT_TRUE(write_file(link, "new", error)) << error;
+  EXPECT_TRUE(std::filesystem::is_symlink(link));
+  read_file(path, contents, error);
+  EXPECT_EQ(contents, "new");
+  EXPECT_TRUE(write_file("/dev/null", "x", error));
+  EXPECT_FALSE(std::filesystem::is_regular_file("/dev/null"));
+  std::size_t files = 0;
+  for ([[maybe_unused]] const auto& each : std::filesystem::directory_iterator(folder.path("."))) ++files;
+  EXPECT_EQ(files, 2u) << "no neighbours are left";
+}
+
+}  // namespace
+}  // namespace tolvan
