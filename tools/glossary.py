@@ -71,9 +71,8 @@ def gather():
         for found in DEFINITION.finditer(text):
             if is_definition(text, found.start(1)):
                 defined.append((found.group(1), where))
-    known = {name for name, _ in entries}
-    # A name that is private to its file has its sentence there, any other anywhere.
-    bare = [(n, w) for n, w in defined if ((n, w) not in entries if n.startswith("L_") else n not in known)]
+    declared = {name for name, where in entries if where.endswith(".h")}
+    bare = [(name, where) for name, where in defined if name not in declared and (name, where) not in entries]
     return entries, bare
 
 
