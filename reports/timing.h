@@ -20,6 +20,7 @@ struct TIMING_STORE {
   std::vector<TIMER> timers;
   bool intermediate = false;  // write each interval as it ends
   bool process_log = false;   // write the milestones of TMG_LOG
+  bool log_headed = false;    // the heading of the process log stands
   double begun_wall = 0.0, begun_cpu = 0.0, last_wall = 0.0, last_cpu = 0.0;
 };
 
@@ -31,6 +32,12 @@ void TMG_STOP(TIMING_STORE& store, std::string_view name, std::string_view calle
 std::string TMG_TABLE(const TIMING_STORE& store, std::string_view label);
 /// TMG_LOG: writes a milestone of the run with its process times when the process log is switched on.
 void TMG_LOG(TIMING_STORE& store, std::string_view label);
+
+/// A line of the process log at a moment of both clocks; empty when too little processor time has passed since the
+/// last line.
+std::string process_log_line(const TIMING_STORE& store, std::string_view label, double cpu, double wall);
+/// The line of one interval of a timer.
+std::string interval_line(const TIMER& timer, double seconds);
 
 /// A timer that runs for the life of this object.
 class Timed {
