@@ -123,9 +123,25 @@ class ERROR_HANDLER {
   std::string EH_TO_JSTR() const;
 
   /// EST_ADD: pushes a routine's name; the 321st entry switches the trail off.
-  void EST_ADD(std::string_view name) noexcept;
+  void EST_ADD(std::string_view name) noexcept
+  {
+    auto& names = stack_.entries;
+    if (stack_.mode == 0 || names.size() == names.capacity()) {
+      add_name_slowly(name);
+    } else {
+      names.push_back(name);
+    }
+  }
   /// EST_REMOVE: pops a routine's name; a wrong one switches the trail off.
-  void EST_REMOVE(std::string_view name) noexcept;
+  void EST_REMOVE(std::string_view name) noexcept
+  {
+    auto& names = stack_.entries;
+    if (!names.empty() && names.back().data() == name.data() && names.back().size() == name.size()) {
+      names.pop_back();
+    } else {
+      remove_name_slowly(name);
+    }
+  }
   /// EST_LEVEL: the name at a level counted from 1, "UNKNOWN" beyond.
   std::string_view EST_LEVEL(std::int64_t level) const;
 
@@ -133,6 +149,9 @@ class ERROR_HANDLER {
   void add(NewMessage&& given) noexcept;
   void store(ERROR_MESSAGE&& record) noexcept;
   bool make_room(Etype etype) noexcept;
+  // The two routines of the stack are called everywhere: what is rare in them is kept apart.
+  void add_name_slowly(std::string_view name) noexcept;
+  void remove_name_slowly(std::string_view name) noexcept;
   void ignore_stack() noexcept;
 
   bool terminate_ = false;

@@ -1,4 +1,5 @@
 // The live trail of routine names.  Its own faults are printed, since the handler is what has failed.
+#include <algorithm>
 #include <cstdio>
 
 #include "api/error_handler.h"
@@ -18,41 +19,41 @@ void print_line(const char* label, std::string_view value) noexcept
 
 }  // namespace
 
-void ERROR_HANDLER::EST_ADD(std::string_view name) noexcept
+// The stack is switched off, or has to grow: from 20 by doubling to 320 names, never more.
+void ERROR_HANDLER::add_name_slowly(std::string_view name) noexcept
 {
   if (stack_.mode == 0) return;
-  auto& entries = stack_.entries;
-  if (entries.size() == entries.capacity() || entries.size() >= largest_capacity) {
-    if (entries.size() >= largest_capacity) {
-      print_line("Internal Error: Stack issues in ERROR_HANDLER_TYPE:EST_ADD", "");
-      print_line("       RNAME  = ", name);
-      std::printf("   Stack size = %zu\n", entries.size());
-      ignore_stack();
-      return;
-    }
-    const std::size_t capacity = entries.size() < first_capacity ? first_capacity : 2 * entries.size();
-    if (!attempt([&] { entries.reserve(capacity < largest_capacity ? capacity : largest_capacity); })) {
-      // Memory is short: lose the trail rather than the run.
-      stack_.mode = 0;
-      entries.clear();
-      return;
-    }
+  auto& names = stack_.entries;
+  if (names.size() >= largest_capacity) {
+    print_line("Internal Error: Stack issues in ERROR_HANDLER_TYPE:EST_ADD", "");
+    print_line("       RNAME  = ", name);
+    std::printf("   Stack size = %zu\n", names.size());
+    ignore_stack();
+    return;
   }
-  entries.push_back(name);
+  const std::size_t capacity = std::clamp(2 * names.size(), first_capacity, largest_capacity);
+  if (!attempt([&] { names.reserve(capacity); })) {
+    // Memory is short: lose the trail rather than the run.
+    stack_.mode = 0;
+    names.clear();
+    return;
+  }
+  names.push_back(name);
 }
 
-void ERROR_HANDLER::EST_REMOVE(std::string_view name) noexcept
+// The name is not the very one that was pushed: it may be equal all the same.
+void ERROR_HANDLER::remove_name_slowly(std::string_view name) noexcept
 {
   if (stack_.mode == 0) return;
-  auto& entries = stack_.entries;
-  if (!entries.empty() && entries.back() == name) {
-    entries.pop_back();
+  auto& names = stack_.entries;
+  if (!names.empty() && names.back() == name) {
+    names.pop_back();
     return;
   }
   print_line("Internal Error: Stack issues in ERROR_HANDLER_TYPE:EST_REMOVE", "");
   print_line("   RNAME = ", name);
-  std::printf("   Stack size = %zu\n", entries.size());
-  if (!entries.empty()) print_line("   Top of Stack = ", entries.back());
+  std::printf("   Stack size = %zu\n", names.size());
+  if (!names.empty()) print_line("   Top of Stack = ", names.back());
   ignore_stack();
 }
 

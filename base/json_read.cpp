@@ -211,11 +211,15 @@ class JsonBuilder {
     std::string_view rest = stream_.rest();
     if (!rest.empty() && rest.front() == '[') rest.remove_prefix(1);
     std::int64_t commas = 0;
+    bool holds_digits = false;
     for (char c : rest) {
-      if (c == ']') return commas + 1;
+      if (c == ']') return holds_digits ? commas + 1 : 0;
       if (c == ',') ++commas;
-      if (!is_digit(c) && std::strchr(",.-+eE \t\r\n", c) == nullptr) return 0;
-      if (c == '\0') return 0;
+      if (is_digit(c)) {
+        holds_digits = true;
+      } else if (c == '\0' || std::strchr(",.-+eE \t\r\n", c) == nullptr) {
+        return 0;
+      }
     }
     return 0;
   }

@@ -237,6 +237,7 @@ TEST(Json, PackedArraysUnpackWhenNeeded)
   const auto mixed = parsed(R"([1,2,"x",3])");
   EXPECT_FALSE(mixed->packed());
   EXPECT_EQ(json_text(*mixed), R"([1,2,"x",3])");
+  EXPECT_FALSE(parsed("[ ]")->packed());
   JsonNode list(JsonType::array);
   for (int k = 0; k < 100; ++k) {
     if (k % 3 == 0)
