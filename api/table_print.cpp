@@ -5,6 +5,7 @@
 #include <cmath>
 #include <limits>
 #include <optional>
+#include <span>
 
 #include "api/table.h"
 #include "base/text.h"
@@ -115,6 +116,32 @@ std::string_view cell_text(const OUTPUT_TABLE& table, const PrintColumn& column,
   return trim(held);
 }
 
+bool spans(const SPANNING_LABEL& label, const PrintColumn& column)
+{
+  return column.number >= label.from_col && column.number <= label.to_col;
+}
+
+std::int64_t line_width(std::span<const PrintColumn> columns)
+{
+  std::int64_t width = columns.empty() ? 0 : -gap;
+  for (const PrintColumn& column : columns) width += gap + column.width;
+  return width;
+}
+
+// A label that is wider than its columns widens the last of them, as far as the line has room.
+void widen_for_labels(const OUTPUT_TABLE& table, std::span<PrintColumn> columns, std::int64_t width)
+{
+  for (const SPANNING_LABEL& label : table.spanning_labels) {
+    const auto inside = [&](const PrintColumn& column) { return spans(label, column); };
+    const auto first = std::find_if(columns.begin(), columns.end(), inside);
+    const auto end = std::find_if_not(first, columns.end(), inside);
+    if (first == end) continue;
+    const std::int64_t missing = letters(label.main_label) - line_width(std::span(first, end));
+    const std::int64_t room = width - line_width(columns);
+    if (missing > 0 && room > 0) std::prev(end)->width += std::min(missing, room);
+  }
+}
+
 /// L_CHECK_COLUMN: gives whether a column can be read for print, with a message if not.
 bool L_CHECK_COLUMN(ERROR_HANDLER& eh, const OUTPUT_TABLE& table, const INDIVIDUAL_COLUMN_INFO& column)
 {
@@ -171,16 +198,7 @@ std::optional<std::vector<PrintColumn>> L_PRINT_COLUMNS(ERROR_HANDLER& eh, const
     column.width = std::max(width, letters(info.heading));
     columns.push_back(std::move(column));
   }
-  // A label that is wider than its columns widens the last of them.
-  for (const SPANNING_LABEL& label : table.spanning_labels) {
-    const std::int64_t to = std::min(label.to_col, table.ncols());
-    if (label.from_col < 1 || label.from_col > to) continue;
-    std::int64_t span = -gap;
-    for (std::int64_t k = label.from_col; k <= to; ++k)
-      span += columns[static_cast<std::size_t>(k - 1)].width + gap;
-    columns[static_cast<std::size_t>(to - 1)].width +=
-        std::max<std::int64_t>(letters(label.main_label) - span, 0);
-  }
+  widen_for_labels(table, columns, std::numeric_limits<std::int64_t>::max());
   return columns;
 }
 
@@ -193,22 +211,15 @@ std::vector<std::vector<PrintColumn>> blocks_of(const OUTPUT_TABLE& table,
     return table.column(column.number).type == ColumnType::string;
   });
   std::vector<std::vector<PrintColumn>> blocks;
-  std::int64_t used = 0;
-  bool has_own = false;  // the block holds a column that is not there by repetition
   for (const PrintColumn& column : columns) {
-    if (blocks.empty() || (has_own && used + gap + column.width > width)) {
+    if (blocks.empty() || line_width(blocks.back()) + gap + column.width > width) {
       const bool repeat = !blocks.empty() && label != columns.end() && label->number < column.number;
       blocks.emplace_back();
-      used = -gap;
-      if (repeat) {
-        blocks.back().push_back(*label);
-        used += gap + label->width;
-      }
+      if (repeat) blocks.back().push_back(*label);
     }
     blocks.back().push_back(column);
-    used += gap + column.width;
-    has_own = true;
   }
+  for (auto& block : blocks) widen_for_labels(table, block, width);
   return blocks;
 }
 
@@ -251,9 +262,7 @@ void put_spanning_labels(std::string& out, const OUTPUT_TABLE& table, const std:
       bool placed = false;
       for (std::size_t s = 0; s < table.spanning_labels.size() && !placed; ++s) {
         const SPANNING_LABEL& label = table.spanning_labels[s];
-        const auto inside = [&](std::size_t k) {
-          return block[k].number >= label.from_col && block[k].number <= label.to_col;
-        };
+        const auto inside = [&](std::size_t k) { return spans(label, block[k]); };
         if (done[s] || !inside(first) || (first > 0 && inside(first - 1))) continue;
         std::size_t last = first;
         std::int64_t span = block[first].width;
