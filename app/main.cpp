@@ -1,6 +1,7 @@
 // tolvan: fits linear mixed models from the command line.
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <exception>
 #include <new>
 #include <string>
 #include <vector>
@@ -110,5 +111,8 @@ int main(int argc, char** argv)
   } catch (const std::bad_alloc&) {
     std::fputs("error: out of memory\n", stderr);
     return static_cast<int>(tolvan::driver::Exit::out_of_resources);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "error: %s\n", e.what());
+    return static_cast<int>(tolvan::driver::Exit::fit_failed);
   }
 }
