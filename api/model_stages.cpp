@@ -1,0 +1,171 @@
+// The stages of a run from the model to its results.
+#include "api/model_stages.h"
+
+#include "api/stage_support.h"
+#include "base/text.h"
+#include "model/request.h"
+#include "reports/result_tables.h"
+#include "varstruct/starting_values.h"
+#include "varstruct/structures.h"
+
+namespace tolvan::stages {
+namespace {
+
+/// The variable that holds the response, from 1; 0 if it is none of the data's.
+std::int64_t response_variable(const CORE_DATA& core)
+{
+  if (core.model_info.responses.empty()) return 0;
+  const std::int64_t row = core.model_info.responses.front();
+  return row >= 1 && row <= core.factors.count() ? core.factors.row(row).variable : 0;
+}
+
+/// The response of every analysis record, with missing marks where mv estimates it.
+std::vector<double> observed_response(const DESIGN_MTX& design)
+{
+  std::vector<double> response = design.response;
+  for (const std::int64_t row : design.mv) response[static_cast<std::size_t>(row)] = no_value;
+  return response;
+}
+
+/// A family other than the normal one, by name; empty for none.
+std::string other_family(const JsonNode* family)
+{
+  while (family != nullptr && family->is(JsonType::array)) {
+    if (family->packed() || family->size() == 0) return {};
+    family = family->children().front().get();
+  }
+  if (family == nullptr) return {};
+  if (family->is(JsonType::object)) {
+    const JsonNode* inner = family->find("function");
+    const JsonNode* name = (inner != nullptr ? inner : family)->find("name");
+    if (name == nullptr) return {};
+    family = name;
+  }
+  if (!family->is(JsonType::string)) return {};
+  const std::string name = lower(trim(family->text()));
+  return name == "gaussian" || name == "normal" ? std::string() : name;
+}
+
+}  // namespace
+
+void parse_model(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  NEW_PARSE_LINEAR_MODEL(eh, core.communication, core.request, core.variables, core.factors, core.terms,
+                         core.model_info);
+}
+
+void model_options(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  refuse_key(eh, core.request, "fown");
+}
+
+void check_model(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  if (core.model_info.responses.size() > 1) {
+    eh.not_implemented("a model with several response variables is not implemented");
+    return;
+  }
+  CHECK_FOR_INTERACTION_NO_MAIN(core.factors, core.terms);
+}
+
+void read_data(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  refuse_key(eh, core.request, "transformations");
+  if (eh.terminate()) return;
+  core.data = DATA_STORE(core.variables.count());
+  READ_DATA_FILE(eh, core.primary, core.variables, core.data);
+  if (eh.terminate()) return;
+  if (core.data.records() == 0) eh.error("no data records retained; analysis aborted");
+  if (core.data.records() == 1) eh.error("only one data record retained; analysis aborted");
+}
+
+void count_data(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  AIDSUM(eh, core.variables, core.data, core.summary);
+  if (eh.terminate()) return;
+  const std::int64_t response = response_variable(core);
+  if (response > 0) ADJUST_DATA_SUMMARY(eh, core.variables, core.summary, response);
+}
+
+void print_data_summary(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  if (core.prints(DebugPrint::data_summary)) {
+    print_block("DATA SUMMARY", AIDDIS(eh, core.variables, core.summary));
+  }
+}
+
+void check_conformity(ERROR_HANDLER& eh, CORE_DATA& core) { CHECK_AND_CONFORMITY(eh, core.factors, core.terms); }
+
+/// Terms keep the order of the model; equations are ordered once the design stands.
+void reorder_terms(ERROR_HANDLER&, CORE_DATA&) {}
+
+void number_equations(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  // The equations of mv, last of all, are counted when the design is formed.
+  SET_TERM_EQUATIONS(eh, core.variables, core.data.records(), 0, core.factors, core.terms);
+}
+
+void residual_part(ERROR_HANDLER& eh, CORE_DATA& core) { NEW_GETRCOV(eh, core.communication, core.model_info); }
+
+void predict_setup(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  for (const char* key : {"predict", "tpredict", "tabulate"}) refuse_key(eh, core.request, key);
+}
+
+void form_design(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  AIDSGN(eh, core.options, core.variables, core.data, core.factors, core.terms, core.model_info, core.design);
+}
+
+void quadrature(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  const std::string family = other_family(core.model_info.family);
+  if (!family.empty()) eh.not_implemented(text("the family ", family, " is not implemented"));
+}
+
+void form_parameters(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  const std::int64_t response = response_variable(core);
+  const std::vector<std::string> names{response > 0 ? core.variables.row(response).name : std::string()};
+  std::vector<double> starting;
+  STARTE(eh, 0.0, 0.0, {observed_response(core.design)}, names, starting);
+  if (eh.terminate()) return;
+  SETSTR(eh, core.options, core.factors, core.terms, starting, core.design.rows(), core.variances);
+  if (eh.terminate()) return;
+  VARIABLE_TABLE_GUTS(eh, core.factors, core.terms, core.variances);
+  if (eh.terminate()) return;
+  FORCE_GAMMA_INITIAL_VALUES(eh, core.request, core.factors, core.terms, core.variances);
+}
+
+void adjust_parameters(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  refuse_key(eh, core.request, "vcm");
+  refuse_key(eh, core.request, "vcc_constraint");
+  if (eh.terminate()) return;
+  STRUCTURECHECK(eh, core.terms, core.design, core.variances);
+  if (eh.terminate()) return;
+  STORE_INITIAL_VALUES_TABLE(eh, core.variances, core.tables);
+}
+
+void print_initial_values(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  const OUTPUT_TABLE* table = core.tables.find_table("TABLE_INITVALS");
+  if (table == nullptr || !core.prints(DebugPrint::model_structures)) return;
+  std::string printed;
+  OTT_PRETTY_PRINT(eh, *table, printed);
+  print_block("JUST PRIOR TO AIWORK", printed);
+}
+
+/// The hand-over to the fit driver.
+void fit(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  (void)core;
+  eh.not_implemented("the fit is not implemented");
+}
+
+/// Cross-validation is asked for by an option, which is refused with the other options.
+void cross_validation(ERROR_HANDLER&, CORE_DATA&) {}
+
+void variance_functions(ERROR_HANDLER& eh, CORE_DATA& core) { refuse_key(eh, core.request, "vpredict"); }
+
+}  // namespace tolvan::stages
