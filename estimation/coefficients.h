@@ -1,8 +1,9 @@
 // The coefficient matrix of the mixed-model equations and its pattern.  Plain records; no routines.
 //
-// Three numberings are in use.  Model order: terms as the model lists them.  Inner order: the sparse equations first,
-// in model order among themselves, then the dense ones (fixed effects), in model order.  Elimination order: what the
-// ordering makes of the inner order; it permutes the sparse equations and leaves the dense ones last and in place.
+// Three numberings are in use.  Model order: terms as the model lists them.  Inner order: the sparse
+// equations first, in model order among themselves, then the dense ones (fixed effects), in model order.
+// Elimination order: what the ordering makes of the inner order; it permutes the sparse equations and leaves
+// the dense ones last and in place.
 #pragma once
 
 #include <cstdint>
@@ -10,8 +11,8 @@
 
 namespace tolvan {
 
-/// The pattern of a symmetric matrix in inner order: strictly lower triangle by columns, rows rising in a column.
-/// The last `dense` equations are taken as joined to each other; those pairs need not be listed.
+/// The pattern of a symmetric matrix in inner order: strictly lower triangle by columns, rows rising in a
+/// column. The last `dense` equations are taken as joined to each other; those pairs need not be listed.
 struct PATTERN {
   std::int64_t n = 0;
   std::int64_t dense = 0;
@@ -26,7 +27,10 @@ struct COEFFICIENTS {
   std::vector<std::int32_t> row;
   std::vector<double> value;
 
-  double diagonal(std::int64_t p) const { return value[static_cast<std::size_t>(start[static_cast<std::size_t>(p)])]; }
+  double diagonal(std::int64_t p) const
+  {
+    return value[static_cast<std::size_t>(start[static_cast<std::size_t>(p)])];
+  }
 };
 
 /// A poll for a user's wish to stop, asked at most every 100 ms from the calling thread; true stops the work.

@@ -10,9 +10,11 @@
 
 namespace tolvan {
 
-/// REORDER_MATRIX: decides whether to reorder and gives the order: order[p] is the inner equation at position p.
+/// REORDER_MATRIX: decides whether to reorder and gives the order: order[p] is the inner equation at position
+/// p.
 ///   isort   negative keeps the inner order; 7 or above is refused
-void REORDER_MATRIX(ERROR_HANDLER& eh, const PATTERN& pattern, std::int64_t isort, std::vector<std::int32_t>& order);
+void REORDER_MATRIX(ERROR_HANDLER& eh, const PATTERN& pattern, std::int64_t isort,
+                    std::vector<std::int32_t>& order);
 
 /// K4MEORB: orders the sparse equations of a pattern; the dense ones follow in place.
 void K4MEORB(ERROR_HANDLER& eh, const PATTERN& pattern, std::vector<std::int32_t>& order);

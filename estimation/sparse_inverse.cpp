@@ -1,0 +1,295 @@
+// SMIREV: the elements of Z = C^-1 on the pattern of L, node by node from the last one down, in the place of
+// L (Takahashi, Fagan & Chen 1973, in blocks).  With J the columns of a node, R its rows below them and Y =
+// L_RJ L_JJ^-1:
+//
+//     Z_RJ = -Z_RR Y,      Z_JJ = L_JJ^-T D^-1 L_JJ^-1 - Y' Z_RJ.
+//
+// Z_RR is read from the panels further up, a group of its columns at a time: where it stands, if the rows of
+// R follow each other there, otherwise gathered.  Finished panels hold both triangles of Z_JJ.  A singular
+// equation has zeros in L and in D^-1, which makes its row and column of Z zero.
+#include <algorithm>
+
+#include "base/lapack.h"
+#include "base/memory.h"
+#include "estimation/supernode.h"
+
+namespace tolvan {
+
+namespace {
+
+using std::int32_t;
+using std::int64_t;
+
+constexpr int64_t group_columns = 256;  // columns of Z_RR gathered at a time
+constexpr int64_t group_tile = 40;      // columns of a group, or of a node, that one thread sums up at a time
+
+// Beside what all threads share, a node's inverse needs its Y and a group of Z_RR.
+struct INVERSE_WORK {
+  std::vector<double> y;        // rows by columns of a node
+  std::vector<double> group;    // rows by group_columns
+  std::vector<double> square;   // widest_panel squared
+  std::vector<double> scaled;   // widest_panel squared
+  std::vector<int32_t> places;  // rows
+};
+
+struct INVERSION {
+  FACTOR& factor;
+  WATCH& watch;
+  std::vector<INVERSE_WORK>& work;
+};
+
+// Where the rows from `begin` to `end` stand in a node that has them all.
+void find_places(const FACTOR& factor, const SNODE& node, const int32_t* begin, const int32_t* end,
+                 int32_t* place)
+{
+  const int32_t* list = factor.row_list.data() + node.row_list;
+  if (node.contiguous) {
+    while (begin < end) *place++ = *begin++ - node.first;
+    return;
+  }
+  const int64_t wanted = end - begin;
+  int64_t at = *begin <= node.last ? *begin - node.first : node.width();
+  if (wanted * 8 > node.rows - at) {  // side by side
+    for (; begin < end; ++begin) {
+      while (list[at] != *begin) ++at;
+      *place++ = static_cast<int32_t>(at);
+    }
+    return;
+  }
+  for (; begin < end; ++begin) {
+    int64_t step = 1;
+    while (at + step < node.rows && list[at + step] <= *begin) step *= 2;
+    at = std::upper_bound(list + at, list + std::min(at + step, node.rows), *begin) - list - 1;
+    *place++ = static_cast<int32_t>(at);
+  }
+}
+
+// A node of one column: one pass over the columns of Z_RR, each element read once.
+void invert_column(INVERSION& run, int32_t s, INVERSE_WORK& work)
+{
+  FACTOR& factor = run.factor;
+  const SNODE& node = factor.nodes[s];
+  const int32_t* row = factor.row_list.data() + node.row_list;
+  double* z = factor.panel.data() + node.panel;
+  double* y = work.y.data();
+  for (int64_t r = 1; r < node.rows; ++r) {
+    y[r] = z[r];
+    z[r] = 0.0;
+  }
+  for (int64_t b = factor.block_start[s]; b < factor.block_start[s + 1]; ++b) {
+    const SBLOCK& block = factor.blocks[b];
+    const SNODE& up = factor.nodes[block.target];
+    const bool contiguous = up.contiguous;
+    const int32_t* place = work.places.data() - block.begin;
+    if (!contiguous) find_places(factor, up, row + block.begin, row + node.rows, work.places.data());
+    for (int32_t c = block.begin; c < block.end; ++c) {
+      const double* column = factor.panel.data() + up.panel + (row[c] - up.first) * up.rows;
+      const double yc = y[c];
+      double sum = column[row[c] - up.first] * yc;
+      if (contiguous) {
+        for (int64_t r = c + 1; r < node.rows; ++r) {
+          const double v = column[row[r] - up.first];
+          z[r] -= v * yc;
+          sum += v * y[r];
+        }
+      } else {
+        for (int64_t r = c + 1; r < node.rows; ++r) {
+          const double v = column[place[r]];
+          z[r] -= v * yc;
+          sum += v * y[r];
+        }
+      }
+      z[c] -= sum;
+    }
+  }
+  double d = factor.reciprocal[node.first];
+  for (int64_t r = 1; r < node.rows; ++r) d -= y[r] * z[r];
+  z[0] = d;
+}
+
+// Columns of Z_RR, from R's row `begin` on; `from` is the first row of R that they hold.
+struct GROUP {
+  int64_t begin = 0, end = 0;
+  const double* z = nullptr;  // element (begin, begin)
+  int64_t ld = 0;
+};
+
+// The next group: one block where it stands, or as many as there is room for, gathered.
+GROUP next_group(INVERSION& run, const SNODE& node, int64_t& b, int64_t b_end, int threads,
+                 INVERSE_WORK& work)
+{
+  FACTOR& factor = run.factor;
+  const int32_t* row = factor.row_list.data() + node.row_list;
+  GROUP group;
+  group.begin = factor.blocks[b].begin;
+  const int64_t rows = node.rows - group.begin;
+  {
+    const SBLOCK& block = factor.blocks[b];
+    const SNODE& up = factor.nodes[block.target];
+    if (row[node.rows - 1] - row[group.begin] == rows - 1 &&
+        (up.contiguous || rows <= block.end - block.begin)) {
+      const int64_t at = row[group.begin] - up.first;
+      group.z = factor.panel.data() + up.panel + at + at * up.rows;
+      group.ld = up.rows;
+      group.end = block.end;
+      ++b;
+      return group;
+    }
+  }
+  group.z = work.group.data();
+  group.ld = rows;
+  group.end = group.begin;
+  while (b < b_end && (group.end == group.begin || factor.blocks[b].end - group.begin <= group_columns)) {
+    const SBLOCK& block = factor.blocks[b];
+    const SNODE& up = factor.nodes[block.target];
+    int32_t* place = work.places.data();
+    find_places(factor, up, row + block.begin, row + node.rows, place);
+    const int64_t columns = block.end - block.begin;
+    const int forked = columns * rows > 64 * 1024 ? threads : 1;
+    share(forked, (columns + group_tile - 1) / group_tile, [&](int64_t k, int) {
+      const int64_t last = std::min<int64_t>(block.end, block.begin + (k + 1) * group_tile);
+      for (int64_t c = block.begin + k * group_tile; c < last; ++c) {
+        const double* column = factor.panel.data() + up.panel + (row[c] - up.first) * up.rows;
+        double* to = work.group.data() + (c - group.begin) * group.ld - group.begin;
+        for (int64_t r = block.begin; r < node.rows; ++r) to[r] = column[place[r - block.begin]];
+      }
+    });
+    group.end = block.end;
+    ++b;
+  }
+  const int64_t size = group.end - group.begin;  // the square on the diagonal is wanted whole
+  for (int64_t c = 0; c < size; ++c) {
+    for (int64_t r = 0; r < c; ++r) work.group[r + c * group.ld] = work.group[c + r * group.ld];
+  }
+  return group;
+}
+
+void invert_node(INVERSION& run, int32_t s, int threads, INVERSE_WORK& work)
+{
+  FACTOR& factor = run.factor;
+  const SNODE& node = factor.nodes[s];
+  if (node.width() == 1) return invert_column(run, s, work);
+  const int64_t ld = node.rows, width = node.width(), below = ld - width;
+  double* panel = factor.panel.data() + node.panel;
+  double* y = work.y.data();
+  const bool tiled = below > untiled_rows;
+  const int64_t tiles = tiled ? (below + tile_rows - 1) / tile_rows : 1;
+  const int64_t tile = tiled ? tile_rows : below;
+  const int forked = static_cast<double>(below) * width * below > 64.0 * 80 * 80 ? threads : 1;
+
+  if (below > 0) {
+    share(forked, tiles, [&](int64_t k, int) {
+      const int64_t from = k * tile, rows = std::min(tile, below - from);
+      for (int64_t j = 0; j < width; ++j) {
+        double* l = panel + width + from + j * ld;
+        std::copy_n(l, rows, y + from + j * below);
+        std::fill_n(l, rows, 0.0);
+      }
+      dtrsm('R', 'L', 'N', 'U', rows, width, 1.0, panel, ld, y + from, below);
+    });
+    for (int64_t b = factor.block_start[s], b_end = factor.block_start[s + 1]; b < b_end;) {
+      const GROUP group = next_group(run, node, b, b_end, threads, work);
+      const int64_t columns = group.end - group.begin, after = node.rows - group.end;
+      const int64_t first = group.begin - width, next = group.end - width;  // in rows of Y
+      share(forked, tiles, [&](int64_t k, int) {
+        if (run.watch.stop()) return;
+        const int64_t from = std::max(k * tile, first), to = std::min((k + 1) * tile, below);
+        if (from >= to) return;
+        dgemm('N', 'N', to - from, width, columns, -1.0, group.z + (from - first), group.ld, y + first, below,
+              1.0, panel + width + from, ld);
+      });
+      if (after == 0) continue;
+      const int64_t sums = tiled ? group_tile : columns;
+      share(forked, (columns + sums - 1) / sums, [&](int64_t k, int) {
+        if (run.watch.stop()) return;
+        const int64_t from = k * sums, count = std::min(sums, columns - from);
+        dgemm('T', 'N', count, width, after, -1.0, group.z + columns + from * group.ld, group.ld, y + next,
+              below, 1.0, panel + group.begin + from, ld);
+      });
+    }
+  }
+
+  // M = L_JJ^-1 (lower, unit), then Z_JJ = M' D^-1 M - Y' Z_RJ, its lower triangle, and the upper one from
+  // it.
+  double* m = work.square.data();
+  double* scaled = work.scaled.data();
+  for (int64_t j = 0; j < width; ++j) {
+    std::fill_n(m + j * width, j, 0.0);
+    m[j + j * width] = 1.0;
+    std::copy(panel + j + 1 + j * ld, panel + width + j * ld, m + j + 1 + j * width);
+  }
+  dtrtri('L', 'U', width, m, width);
+  for (int64_t j = 0; j < width; ++j) {
+    for (int64_t i = 0; i < width; ++i)
+      scaled[i + j * width] = m[i + j * width] * factor.reciprocal[node.first + i];
+  }
+  const int64_t sums = tiled ? group_tile : width;
+  share(forked, (width + sums - 1) / sums, [&](int64_t k, int) {
+    const int64_t j = k * sums, count = std::min(sums, width - j), rows = width - j;
+    dgemm('T', 'N', rows, count, rows, 1.0, m + j + j * width, width, scaled + j + j * width, width, 0.0,
+          panel + j + j * ld, ld);
+    if (below > 0) {
+      dgemm('T', 'N', rows, count, below, -1.0, y + j * below, below, panel + width + j * ld, ld, 1.0,
+            panel + j + j * ld, ld);
+    }
+  });
+  for (int64_t j = 0; j < width; ++j) {
+    for (int64_t i = 0; i < j; ++i) panel[i + j * ld] = panel[j + i * ld];
+  }
+}
+
+// What the largest of some nodes needs.
+struct NEED {
+  int64_t y = 1, rows = 1;
+  void add(const FACTOR& factor, int32_t begin, int32_t end)
+  {
+    for (int32_t s = begin; s < end; ++s) {
+      const SNODE& node = factor.nodes[s];
+      y = std::max(y, node.rows * node.width());
+      rows = std::max(rows, node.rows);
+    }
+  }
+};
+
+bool reserve_inverse(ERROR_HANDLER& eh, const NEED& need, INVERSE_WORK& work)
+{
+  const int64_t square = int64_t{widest_panel} * widest_panel;
+  return resize(eh, work.y, need.y) &&
+         resize(eh, work.group, need.rows * std::min(need.rows, group_columns)) &&
+         resize(eh, work.places, need.rows) && resize(eh, work.square, square) &&
+         resize(eh, work.scaled, square);
+}
+
+}  // namespace
+
+void SMIREV(ERROR_HANDLER& eh, FACTOR& factor, int threads, CANCEL cancel)
+{
+  const Frame here{eh, __func__};
+  threads = std::max(1, threads);
+  const auto nodes = static_cast<int32_t>(factor.nodes.size());
+  NEED of_tasks, of_all;
+  for (const auto& task : factor.tasks) of_tasks.add(factor, task.begin, task.end);
+  of_all.add(factor, 0, nodes);
+  std::vector<INVERSE_WORK> work;
+  if (!resize(eh, work, threads)) return;
+  for (int t = 0; t < threads; ++t) {
+    if (!reserve_inverse(eh, t == 0 ? of_all : of_tasks, work[t])) return;
+  }
+
+  single_blas_thread();
+  WATCH watch(cancel);
+  INVERSION run{factor, watch, work};
+  if (threads == 1) {
+    for (int32_t s = nodes - 1; s >= 0 && !watch.stop(); --s) invert_node(run, s, 1, work[0]);
+  } else {
+    for (auto s = factor.top.rbegin(); s != factor.top.rend() && !watch.stop(); ++s)
+      invert_node(run, *s, threads, work[0]);
+    share(threads, static_cast<int64_t>(factor.tasks.size()), [&](int64_t k, int t) {
+      const auto& task = factor.tasks[factor.tasks.size() - 1 - k];
+      for (int32_t s = task.end - 1; s >= task.begin && !watch.stop(); --s) invert_node(run, s, 1, work[t]);
+    });
+  }
+  factor.holds_inverse = !watch.stop();
+}
+
+}  // namespace tolvan
