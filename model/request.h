@@ -2,6 +2,7 @@
 // keys become options.  Routines: API_.
 #pragma once
 
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,6 +20,8 @@ void API_STANDARDISE_AND_EXPAND_JSON(ERROR_HANDLER& eh, const COMMUNICATION& com
 void REPORT_JSON_ERROR(ERROR_HANDLER& eh, const JsonNode& parent, std::string_view missing_key);
 /// REPORT_JSON_ERROR: complains about a value, naming what was expected.
 void REPORT_JSON_ERROR(ERROR_HANDLER& eh, const JsonNode& node, const std::vector<std::string>& expected);
+/// REPORT_JSON_ERROR: the same for a list written at the call.
+void REPORT_JSON_ERROR(ERROR_HANDLER& eh, const JsonNode& node, std::initializer_list<std::string_view> expected);
 /// REPORT_IF_JSON_KEY_DUPLICATED: complains when a key stands twice in an object.
 void REPORT_IF_JSON_KEY_DUPLICATED(ERROR_HANDLER& eh, const JsonNode& object, std::string_view key);
 

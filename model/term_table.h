@@ -24,7 +24,7 @@ struct TERM_ROW {
   std::int64_t equations = 0;   // 0 for the response
   std::int64_t first = 0;       // first equation, from 0, in model order
   Block block = Block::fixed;
-  std::string name;             // as shown in tables: "block:wplot", "idv(a)"; mv is "mv_estimates"
+  std::string name = {};        // as shown in tables: "block:wplot", "idv(a)"; mv is "mv_estimates"
   bool dropped = false;
   bool is_mv = false;
   const JsonNode* initial_values = nullptr;  // the node that may hold values, ps_constraints, ...; null: none
@@ -63,10 +63,11 @@ void NEW_PARSE_LINEAR_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communicatio
 void SET_TERM_EQUATIONS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::int64_t records, std::int64_t missing,
                         FACTOR_TABLE& factors, TERM_TABLE& terms);
 
-/// CHECK_FOR_INTERACTION_NO_MAIN: the terms that are interactions without all their main effects in the model.
+/// CHECK_FOR_INTERACTION_NO_MAIN: the rows (from 1) of the terms that are interactions without all their main effects in the model.
 std::vector<std::int64_t> CHECK_FOR_INTERACTION_NO_MAIN(const FACTOR_TABLE& factors, const TERM_TABLE& terms);
 
-/// The name of an equation's level for tables: labels of the components joined with '.', "mu" style terms give "1".
+/// The name of a level (from 1) of a term for tables: the labels of its factors joined with a dot; a covariate has none,
+/// and a term of covariates alone, mu among them, gives "1".
 std::string level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, const TERM_ROW& term,
                        std::int64_t level);
 

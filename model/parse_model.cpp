@@ -1,0 +1,238 @@
+// The model statement as a whole: NEW_PARSE_LINEAR_MODEL.
+#include <algorithm>
+
+#include "base/text.h"
+#include "model/parse_terms.h"
+#include "model/request.h"
+#include "model/request_nodes.h"
+
+namespace tolvan {
+
+namespace {
+
+constexpr std::string_view families[] = {"gaussian",          "binomial",    "poisson",   "gamma",
+                                         "negative_binomial", "multinomial", "threshold", "cumulative"};
+constexpr std::string_view links[] = {"identity", "logit", "probit", "cloglog", "log", "sqrt", "inverse", "LNR", "INR"};
+
+template <std::size_t n>
+bool among(std::string_view word, const std::string_view (&words)[n])
+{
+  return std::find(std::begin(words), std::end(words), word) != std::end(words);
+}
+
+/// True if a plain term of that name stands in any part.
+bool holds_term(const JsonNode& model, std::string_view name)
+{
+  for (std::string_view part : {"fixed", "random", "sparse"}) {
+    const JsonNode* node = model.find(part);
+    const JsonNode* terms = node == nullptr ? nullptr : node->find("terms");
+    if (terms == nullptr) continue;
+    for (const auto& term : terms->children())
+      if (plain_name(*term) == name && !has_flag(*term, "drop")) return true;
+  }
+  return false;
+}
+
+/// L_SET_FACTORS: the rows that every model has: the variables in request order, then the reserved factors.
+void L_SET_FACTORS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& model)
+{
+  const Frame here{eh, __func__};
+  constexpr std::int64_t most_variables = 9990;
+  if (parser.variables.count() > most_variables) {
+    eh.error(text("the data have ", parser.variables.count(), " variables, at most ", most_variables, " are possible"));
+    return;
+  }
+  FACTOR_TABLE& factors = parser.factors;
+  factors.rows.clear();
+  for (std::int64_t i = 1; i <= parser.variables.count(); ++i) {
+    const VARIABLE& variable = parser.variables.row(i);
+    factors.rows.push_back({.name = variable.name,
+                            .variable = i,
+                            .is_factor = variable.is_factor(),
+                            .levels = variable.is_factor() ? variable.levels : 1});
+  }
+  const COMMUNICATION& words = parser.communication;
+  factors.rows.push_back({.name = words.VARIABLE_NAME_MU, .reserved = Reserved::mu, .levels = 1});
+  parser.mu = factors.count();
+  factors.rows.push_back({.name = words.VARIABLE_NAME_UNITS, .reserved = Reserved::units, .is_factor = true});
+  parser.units = factors.count();
+  if (holds_term(model, words.VARIABLE_NAME_MV)) {
+    factors.rows.push_back({.name = words.VARIABLE_NAME_MV, .reserved = Reserved::mv, .is_factor = true});
+    parser.mv = factors.count();
+  }
+}
+
+/// L_READ_RESPONSE: the response variables, as terms without equations.
+void L_READ_RESPONSE(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& model)
+{
+  const Frame here{eh, __func__};
+  const JsonNode* response = model.find("response");
+  if (response == nullptr) {
+    REPORT_JSON_ERROR(eh, model, "response");
+    return;
+  }
+  std::vector<const JsonNode*> nodes;
+  const auto read_terms = [&](const JsonNode& expression) {
+    const JsonNode* terms = expression.find("terms");
+    if (terms == nullptr) return;
+    if (!terms->is(JsonType::array)) {
+      nodes.push_back(terms);
+      return;
+    }
+    for (const auto& term : terms->children()) nodes.push_back(term.get());
+  };
+  read_terms(*response);
+  if (response->is(JsonType::array))
+    for (const auto& expression : response->children()) read_terms(*expression);
+  if (nodes.empty()) {
+    REPORT_JSON_ERROR(eh, *response, {"the name of a variable"});
+    return;
+  }
+
+  for (const JsonNode* node : nodes) {
+    const std::string name = GET_FACNAME_FROM_JPTR(eh, parser.communication, *node);
+    if (const JsonNode* function = node->find("function")) {
+      eh.not_implemented(text("the model function ", function_name(*function), "() in the response ", name, " is not implemented yet"));
+      return;
+    }
+    const std::int64_t row = parser.variables.find(name);
+    if (row == 0) {
+      eh.error(text("the response variable, ", name, ", is unknown"));
+      return;
+    }
+    if (parser.variables.row(row).is_factor()) eh.note("the response variable is typically a variate.");
+    parser.info.responses.push_back(row);
+    TERM_ROW term{.code = static_cast<std::int32_t>(row), .block = Block::response, .name = name};
+    parser.terms.rows.push_back(std::move(term));
+  }
+  const auto count = std::ssize(nodes);
+  const std::int64_t distributions = parser.info.family != nullptr ? parser.info.family->size() : 1;
+  if (distributions > 1 && distributions != count) {
+    eh.error(text(count, " response variables were supplied, but ", distributions, " distributions"));
+  } else if (count > 1) {
+    eh.not_implemented(text("a model with ", count, " response variables is not implemented yet"));
+  }
+}
+
+/// L_READ_FAMILY: lets the normal family with the identity link pass.
+void L_READ_FAMILY(ERROR_HANDLER& eh, const MODEL_PARSER& parser)
+{
+  const Frame here{eh, __func__};
+  if (parser.info.family == nullptr) return;
+  for (const auto& entry : parser.info.family->children()) {
+    const JsonNode* function = entry->find("function");
+    if (function == nullptr) {
+      REPORT_JSON_ERROR(eh, *entry, "function");
+      return;
+    }
+    const std::string name(function_name(*function));
+    if (!among(name, families)) {
+      eh.error(text(name, " is not a recogised family name"));  // sic
+      eh.continuation(text("valid values are ", join({std::begin(families), std::end(families)}, ", ")));
+      return;
+    }
+    const JsonNode* link = supplied_value(*function, "link");
+    if (link != nullptr && !(link->is(JsonType::string) && among(link->text(), links))) {
+      REPORT_JSON_ERROR(eh, *link, {"identity", "logit", "probit", "cloglog", "log", "sqrt", "inverse", "LNR", "INR"});
+      return;
+    }
+    if (name != "gaussian" || (link != nullptr && !link->is_text("identity"))) {
+      eh.not_implemented(text("the family ", name, link != nullptr ? " with the link " + link->text() : "", " is not implemented yet"));
+      return;
+    }
+    for (const auto& argument : function->find("arguments")->children()) {
+      const JsonNode* key = argument->find("name");
+      if (key == nullptr || key->is_text("link")) continue;
+      eh.not_implemented(text("the argument ", key->text(), " of the family gaussian is not implemented yet"));
+      return;
+    }
+  }
+}
+
+/// L_READ_WEIGHTS: the variate that holds the weights.
+void L_READ_WEIGHTS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& model)
+{
+  const Frame here{eh, __func__};
+  const JsonNode* weights = model.find("weights");
+  if (weights == nullptr || weights->is(JsonType::null)) return;
+  if (plain_name(*weights).empty()) {
+    REPORT_JSON_ERROR(eh, *weights, {"the name of a variable"});
+    return;
+  }
+  const std::string name(plain_name(*weights));
+  parser.info.weights = parser.variables.find(name);
+  if (parser.info.weights == 0) {
+    eh.error(text("the weight variable, ", name, ", is unknown"));
+  } else if (parser.variables.row(parser.info.weights).is_factor()) {
+    eh.error(text("the weight variable, ", name, ", is not a variate"));
+  }
+}
+
+/// L_READ_RESIDUAL: lets the identity over the records pass.
+void L_READ_RESIDUAL(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& model)
+{
+  const Frame here{eh, __func__};
+  const JsonNode* residual = model.find("residual");
+  if (residual == nullptr || residual->is(JsonType::null)) return;
+  const JsonNode* terms = residual->find("terms");
+  if (terms == nullptr || terms->size() == 0) {
+    REPORT_JSON_ERROR(eh, *residual, "terms");
+    return;
+  }
+  parser.info.residual = residual;
+  if (terms->size() == 1 && plain_name(*terms->children().front()) == parser.communication.VARIABLE_NAME_UNITS) return;
+  std::string name;
+  for (const auto& term : terms->children()) {
+    if (!name.empty()) name += parser.communication.ADD_TERM_SYMBOL;
+    name += GET_FACNAME_FROM_JPTR(eh, parser.communication, *term);
+  }
+  eh.not_implemented(text("the residual model ", name, " is not implemented yet"));
+}
+
+}  // namespace
+
+void NEW_PARSE_LINEAR_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communication, const JsonNode& request,
+                            const VARIABLE_TABLE& variables, FACTOR_TABLE& factors, TERM_TABLE& terms, MODEL_INFO& info)
+{
+  const Frame here{eh, __func__};
+  terms = {};
+  info = {};
+  MODEL_PARSER parser{.communication = communication, .variables = variables, .factors = factors, .terms = terms, .info = info};
+  const JsonNode* model = request.find("model");
+  if (model == nullptr || !model->is(JsonType::object)) {
+    REPORT_JSON_ERROR(eh, request, "model");
+    return;
+  }
+  info.family = model->find("family");
+  if (info.family != nullptr && !info.family->is(JsonType::array)) info.family = nullptr;  // absent, or null
+
+  L_SET_FACTORS(eh, parser, *model);
+  if (eh.terminate()) return;
+  L_READ_RESPONSE(eh, parser, *model);
+  if (eh.terminate()) return;
+  const JsonNode* parts[] = {model->find("fixed"), model->find("random"), model->find("sparse")};
+  if (parts[0] == nullptr && parts[1] == nullptr && parts[2] == nullptr) {
+    eh.error("at least one fixed or random is required");
+    return;
+  }
+  L_READ_FAMILY(eh, parser);
+  if (eh.terminate()) return;
+  L_READ_WEIGHTS(eh, parser, *model);
+  if (eh.terminate()) return;
+  constexpr Block blocks[] = {Block::fixed, Block::random, Block::sparse};
+  for (std::size_t k = 0; k < 3; ++k) {
+    if (parts[k] == nullptr) continue;
+    PARSE_MODEL_FORMULA_FROM_JPTR(eh, parser, *parts[k], blocks[k]);
+    if (eh.terminate()) return;
+  }
+  if (info.has_mv)
+    terms.rows.push_back({.code = static_cast<std::int32_t>(parser.mv), .block = Block::sparse, .name = "mv_estimates", .is_mv = true});
+  if (const JsonNode* offset = model->find("offset"); offset != nullptr && !offset->is(JsonType::null)) {
+    eh.not_implemented(text("the model function offset() in term ", GET_FACNAME_FROM_JPTR(eh, communication, *offset),
+                            " is not implemented yet"));
+    return;
+  }
+  L_READ_RESIDUAL(eh, parser, *model);
+}
+
+}  // namespace tolvan
