@@ -1,5 +1,6 @@
-// The one channel of failure and notice.  Every routine receives an ERROR_HANDLER, adds messages to it and returns;
-// its caller tests terminate() and leaves.  Nothing throws.  Routines: EH_ (handler), EST_ (routine stack).
+// The one channel of failure and notice.  Every routine receives an ERROR_HANDLER, adds messages to it and
+// returns; its caller tests terminate() and leaves.  Nothing throws.
+// Routines: EH_ (handler), EST_ (routine stack).
 #pragma once
 
 #include <cstdint>
@@ -16,14 +17,32 @@ class JsonNode;
 
 /// Message types; the outward numbers are the absolute values of a call's status.
 enum class Etype : std::int64_t {
-  unused = 0, note = 1, notice = 2, warning = 3, error = 4, user = 5, info = 6, internal = 999, continuation = 9999,
+  unused = 0,
+  note = 1,
+  notice = 2,
+  warning = 3,
+  error = 4,
+  user = 5,
+  info = 6,
+  internal = 999,
+  continuation = 9999,
   not_set = not_given,
 };
 
 /// Message codes.  A code from 1 to 6 given without a type makes a terminating error.
 enum class Ecode : std::int64_t {
-  no_error = 0, invalid_json = 1, io_error = 2, invalid_input = 3, not_implemented = 4, too_small = 5,
-  invalid_syntax = 6, io = 7, user_abort = 8, user_finish = 9, alloc_fail = -999, not_set = not_given,
+  no_error = 0,
+  invalid_json = 1,
+  io_error = 2,
+  invalid_input = 3,
+  not_implemented = 4,
+  too_small = 5,
+  invalid_syntax = 6,
+  io = 7,
+  user_abort = 8,
+  user_finish = 9,
+  alloc_fail = -999,
+  not_set = not_given,
 };
 
 /// The word of a type in JSON ("note", "warning", ...; "unknown" for any other number).
@@ -73,7 +92,7 @@ struct NewMessage {
 
 class ERROR_HANDLER {
  public:
-  /// EH_ADD_MESSAGE: adds one message by the rules of types and codes; never fails the caller when memory is short.
+  /// EH_ADD_MESSAGE: adds one message by the rules of types and codes; short memory never fails the caller.
   void EH_ADD_MESSAGE(const NewMessage& given) noexcept;
 
   // Shorthands for the usual kinds.
@@ -92,13 +111,15 @@ class ERROR_HANDLER {
   const std::vector<ERROR_MESSAGE>& messages() const { return messages_; }
   const ERROR_STACK& stack() const { return stack_; }
 
-  /// EH_STATUS: the status of a call that ends with this handler: 0, or the largest type held, negative unless terminated.
+  /// EH_STATUS: the status of a call: 0, or the largest type held, negative unless terminated.
+  /// Continuations don't count.  A failure whose message found no room still gives its type.
   std::int64_t EH_STATUS() const;
   /// EH_CLEAR: empties the store, or removes only the messages of one location.
   void EH_CLEAR(std::optional<std::int64_t> location = {});
   /// EH_CLEAR_TERMINATE: clears the terminate flag with its companions.
   void EH_CLEAR_TERMINATE();
-  /// EH_RERAISE: puts a message in place of the last terminating one of the same location and takes the failure back.
+  /// EH_RERAISE: adds a message and takes the last failure of the same location back.
+  /// The old message stays, no longer terminating and marked adjusted; without one the message is just added.
   void EH_RERAISE(const NewMessage& given);
   /// EH_ADD_ALL: appends the messages of another handler.
   void EH_ADD_ALL(const ERROR_HANDLER& other);

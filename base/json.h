@@ -1,4 +1,4 @@
-// The request tree: JSON with its keys in order, repeated keys kept, integers and reals apart, arrays of numbers packed.
+// The request tree: JSON with keys in order and repeated keys kept, integers and reals apart, numbers packed.
 #pragma once
 
 #include <cstdint>
@@ -15,9 +15,10 @@ enum class JsonType { null = 0, object = 2, array = 3, logical = 4, integer = 5,
 
 /// One value with its key.  Children keep their addresses while siblings come and go.
 ///
-/// An array that holds numbers alone is packed: its elements are read through number_count(), is_integer(k), number(k)
-/// and integer(k), not through children().  Every reader must therefore ask packed() first; element(k), which
-/// unpacks on demand, is the convenient slow road for short arrays.
+/// An array that holds numbers alone is packed: its elements are read through number_count(), is_integer(k),
+/// number(k) and integer(k), not through children().  Every reader must therefore ask packed() first;
+/// element(k), which unpacks on demand, is the convenient slow road for short arrays.  The number readers also
+/// serve an unpacked array.  An empty array is never packed when read.
 class JsonNode {
  public:
   using Children = std::vector<std::unique_ptr<JsonNode>>;
@@ -52,13 +53,13 @@ class JsonNode {
   void set_object();  // empty
   void set_array();   // empty
 
-  // Objects and unpacked arrays.
+  // Objects and unpacked arrays.  A child added to a packed array unpacks it, added to a scalar makes an object.
   const Children& children() const;
-  std::int64_t size() const;  // children, or packed numbers
-  JsonNode* find(std::string_view key) const;            // first child of that key; null if none
-  std::int64_t count(std::string_view key) const;        // children of that key
-  JsonNode& add(std::string key, JsonType type);         // appends a child ("" inside an array)
-  JsonNode& add(std::unique_ptr<JsonNode> child);        // takes it over
+  std::int64_t size() const;                       // children, or packed numbers
+  JsonNode* find(std::string_view key) const;      // first child of that key; null if none
+  std::int64_t count(std::string_view key) const;  // children of that key
+  JsonNode& add(std::string key, JsonType type);   // appends a child ("" inside an array)
+  JsonNode& add(std::unique_ptr<JsonNode> child);  // takes it over
   JsonNode& insert(std::int64_t position, std::unique_ptr<JsonNode> child);  // before the child of that index
   template <class Value>
   JsonNode& add_value(std::string key, Value value)
@@ -67,10 +68,10 @@ class JsonNode {
     node.set(std::move(value));
     return node;
   }
-  std::unique_ptr<JsonNode> detach(JsonNode* child);     // takes a child out; null if it is none
+  std::unique_ptr<JsonNode> detach(JsonNode* child);       // takes a child out; null if it is none
   std::unique_ptr<JsonNode> remove(std::string_view key);  // detaches the first child of that key
-  std::int64_t index_of(const JsonNode* child) const;    // -1 if it is none
-  void replace_with(std::unique_ptr<JsonNode> other);    // takes over value and children, keeps key and parent
+  std::int64_t index_of(const JsonNode* child) const;      // -1 if it is none
+  void replace_with(std::unique_ptr<JsonNode> other);  // takes over value and children, keeps key and parent
   std::unique_ptr<JsonNode> clone() const { return std::make_unique<JsonNode>(*this); }
 
   // Packed arrays.
@@ -81,7 +82,7 @@ class JsonNode {
   std::int64_t integer(std::int64_t k) const;
   void append_number(std::int64_t value);  // the node must be an array that is empty or packed
   void append_number(double value);
-  JsonNode& element(std::int64_t k);       // unpacks the array if need be
+  JsonNode& element(std::int64_t k);  // unpacks the array if need be
   void unpack();
   void reserve_numbers(std::int64_t n);  // of an empty array: room for n numbers, packed
 
@@ -96,8 +97,8 @@ class JsonNode {
 
   JsonType type_;
   JsonNode* parent_ = nullptr;
-  // One place for whatever the type holds, since requests come with millions of nodes: logical and integer, real,
-  // string, children of an object or array, numbers of a packed array.
+  // One place for whatever the type holds, since requests come with millions of nodes: logical and integer,
+  // real, string, children of an object or array, numbers of a packed array.
   std::variant<std::int64_t, double, std::string, Children, std::unique_ptr<Numbers>> value_;
 };
 
@@ -116,7 +117,7 @@ std::string json_text(const JsonNode& node, int indent = 0);
 std::string json_path(const JsonNode& node);
 /// Case-free walk by keys separated with ':'; an array element goes by its number from 1.  Null if absent.
 JsonNode* json_walk(JsonNode& root, std::string_view path);
-/// The shortest text that reads back to the same double, always with a point or an exponent; "null" if not finite.
+/// The shortest text that reads back to the same double, with a point or an exponent; "null" if not finite.
 std::string real_text(double x);
 
 }  // namespace tolvan

@@ -7,7 +7,10 @@
 namespace tolvan {
 
 /// A single-precision constant, as the double it widens to.
-constexpr double wide(float x) { return x; }
+constexpr double wide(float x)
+{
+  return x;
+}
 static_assert(wide(0.9f) == 0.8999999761581421);
 
 /// The missing value of data and the "no value" mark of every real array of a fit.  Never enters arithmetic.
@@ -17,6 +20,9 @@ inline constexpr std::int64_t not_given = -987654;
 /// The value of an argument or option that was named without a value.
 inline constexpr const char* no_value_supplied = "NoValueSupplied";
 
-inline bool is_no_value(double x) { return x == no_value; }
+inline bool is_no_value(double x)
+{
+  return x == no_value;
+}
 
 }  // namespace tolvan
