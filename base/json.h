@@ -17,8 +17,8 @@ enum class JsonType { null = 0, object = 2, array = 3, logical = 4, integer = 5,
 ///
 /// An array that holds numbers alone is packed: its elements are read through number_count(), is_integer(k),
 /// number(k) and integer(k), not through children().  Every reader must therefore ask packed() first;
-/// element(k), which unpacks on demand, is the convenient slow road for short arrays.  The number readers also
-/// serve an unpacked array.  An empty array is never packed when read.
+/// element(k), which unpacks on demand, is the convenient slow road for short arrays.  The number readers
+/// also serve an unpacked array.  An empty array is never packed when read.
 class JsonNode {
  public:
   using Children = std::vector<std::unique_ptr<JsonNode>>;
@@ -53,7 +53,8 @@ class JsonNode {
   void set_object();  // empty
   void set_array();   // empty
 
-  // Objects and unpacked arrays.  A child added to a packed array unpacks it, added to a scalar makes an object.
+  // Objects and unpacked arrays.  A child added to a packed array unpacks it, added to a scalar makes an
+  // object.
   const Children& children() const;
   std::int64_t size() const;                       // children, or packed numbers
   JsonNode* find(std::string_view key) const;      // first child of that key; null if none
