@@ -182,12 +182,13 @@ void API_PROCESS_MODEL_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communic
   if (function == nullptr) return;
   // A standard form that comes back is standardised once more: what a caller wrote may not claim to be done.
   if (function->is(JsonType::object)) function->remove("already_processed");
+  const std::string written = text_as_written(communication, term);
   bool inner = false;
   L_STANDARDISE_FUNCTION(eh, communication, root, *function, place, inner);
   if (!eh.terminate()) API_ADJUST_FUNCTION(eh, communication, root, term);
   if (eh.terminate()) {
     // The innermost call names itself; those around it would only repeat it.
-    if (!inner) eh.continuation(text("in the function call ", GET_FACNAME_FROM_JPTR(eh, communication, term)));
+    if (!inner) eh.continuation(text("in the function call ", written));
     return;
   }
   function->add_value("already_processed", true);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "api/communication.h"
@@ -38,6 +39,9 @@ void API_PROCESS_MODEL_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communic
 void API_ADJUST_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& term);
 /// API_ADJUST_TERMS: takes offsets out of a list of terms and puts the variable in the place of grp().
 void API_ADJUST_TERMS(ERROR_HANDLER& eh, JsonNode& root, JsonNode& list);
+
+/// The text of a term before its arguments are put in order: named arguments with their names.
+std::string text_as_written(const COMMUNICATION& communication, const JsonNode& term);
 
 /// API_DROP_DUPLICATE_TERMS: removes dropped and repeated terms of a part's list and tells which.
 void API_DROP_DUPLICATE_TERMS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& list, std::string_view part);

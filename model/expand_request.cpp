@@ -1,4 +1,6 @@
 // The entry of standardisation, and the shorthand keys beside the model: dataset, wald, na_action.
+#include <utility>
+
 #include "base/text.h"
 #include "model/expand_model.h"
 #include "model/request_nodes.h"
@@ -7,12 +9,15 @@ namespace tolvan {
 
 namespace {
 
-/// The one child of a key; null when there is none or it is null.  A repeated key is an error.
-JsonNode* find_single(ERROR_HANDLER& eh, JsonNode& root, std::string_view key)
+/// L_FIND_SINGLE: the one child of a key; a null is taken out and counts as absent, a repeated key is an error.
+JsonNode* L_FIND_SINGLE(ERROR_HANDLER& eh, JsonNode& root, std::string_view key)
 {
+  const Frame here{eh, __func__};
   REPORT_IF_JSON_KEY_DUPLICATED(eh, root, key);
   JsonNode* node = root.find(key);
-  return node == nullptr || node->is(JsonType::null) ? nullptr : node;
+  if (node == nullptr || !node->is(JsonType::null)) return node;
+  root.detach(node);
+  return nullptr;
 }
 
 /// Sets a key of an object, in its place when it is there already.
@@ -58,7 +63,7 @@ void API_EXPAND_DATASETS(ERROR_HANDLER& eh, JsonNode& root)
   if (first == nullptr) return;
   if (first->is(JsonType::object)) {
     auto entry = std::make_unique<JsonNode>(std::move(*first));
-    entry->name.clear();
+    first->name = std::exchange(entry->name, {});
     first->set_array();
     first->add(std::move(entry));
   }
@@ -92,7 +97,7 @@ void API_EXPAND_DATASETS(ERROR_HANDLER& eh, JsonNode& root)
 void API_EXPAND_WALD(ERROR_HANDLER& eh, JsonNode& root, JsonNode& options)
 {
   const Frame here{eh, __func__};
-  JsonNode* wald = find_single(eh, root, "wald");
+  JsonNode* wald = L_FIND_SINGLE(eh, root, "wald");
   if (eh.terminate() || wald == nullptr) return;
   if (!wald->is(JsonType::object)) {
     REPORT_JSON_ERROR(eh, *wald, {"an object"});
@@ -118,7 +123,7 @@ void API_EXPAND_WALD(ERROR_HANDLER& eh, JsonNode& root, JsonNode& options)
 void API_EXPAND_NA_ACTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& options)
 {
   const Frame here{eh, __func__};
-  JsonNode* policy = find_single(eh, root, "na_action");
+  JsonNode* policy = L_FIND_SINGLE(eh, root, "na_action");
   if (eh.terminate() || policy == nullptr) return;
   if (!policy->is(JsonType::object)) {
     REPORT_JSON_ERROR(eh, *policy, {"an object"});
@@ -157,10 +162,9 @@ void API_STANDARDISE_AND_EXPAND_JSON(ERROR_HANDLER& eh, const COMMUNICATION& com
     REPORT_JSON_ERROR(eh, *root, {"an object"});
     return;
   }
-  JsonNode* options = find_single(eh, *root, "options");
+  JsonNode* options = L_FIND_SINGLE(eh, *root, "options");
   if (eh.terminate()) return;
   if (options == nullptr) {
-    root->remove("options");  // a null
     options = &root->add("options", JsonType::object);
   } else if (!options->is(JsonType::object)) {
     REPORT_JSON_ERROR(eh, *options, {"an object"});

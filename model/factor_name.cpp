@@ -1,5 +1,6 @@
 // The text of a term node as a factor name: GET_FACNAME_FROM_JPTR.
 #include "base/text.h"
+#include "model/expand_model.h"
 #include "model/formula_nodes.h"
 #include "model/request_nodes.h"
 
@@ -10,7 +11,8 @@ namespace {
 /// The symbols that a name is written with, and how deep the node may still go.
 struct NameWriter {
   const COMMUNICATION& symbols;
-  std::string out;
+  bool all_names = false;  // every argument that has a name is written with it
+  std::string out = {};
 
   void term(const JsonNode& node, std::int64_t depth);
   void list(const JsonNode& nodes, std::string_view separator, std::int64_t depth);
@@ -59,7 +61,7 @@ void NameWriter::call(const JsonNode& function, std::int64_t depth)
       }
       if (!first) out += symbols.FUN_ARG_SEP;
       first = false;
-      if (const JsonNode* name = argument->find("name"); gap && name != nullptr) append(out, text(name->text(), "="));
+      if (const JsonNode* name = argument->find("name"); (gap || all_names) && name != nullptr) append(out, text(name->text(), "="));
       value(*v, depth);
     }
   }
@@ -104,7 +106,14 @@ void NameWriter::value(const JsonNode& node, std::int64_t depth)
 std::string GET_FACNAME_FROM_JPTR(ERROR_HANDLER& eh, const COMMUNICATION& communication, const JsonNode& term)
 {
   const Frame here{eh, __func__};
-  NameWriter name{communication, {}};
+  NameWriter name{.symbols = communication};
+  name.term(term, 0);
+  return std::move(name.out);
+}
+
+std::string text_as_written(const COMMUNICATION& communication, const JsonNode& term)
+{
+  NameWriter name{.symbols = communication, .all_names = true};
   name.term(term, 0);
   return std::move(name.out);
 }

@@ -21,6 +21,7 @@ struct Pair {
   bool function = false;   // directly behind a name, or inside such a pair
   bool binds = false;      // an operator or separator directly within
   bool adds = false;       // a sign directly within
+  bool suffix = false;     // a comma directly within: what follows belongs to every term of the group
 };
 
 /// The pairs of a text in the order of their openers; brackets without partner are left out.
@@ -49,6 +50,7 @@ std::vector<Pair> bracket_pairs(std::string_view s, const SYMBOLS& symbols)
       if (binding_characters.find(c) != std::string_view::npos || symbols.is_sign(c) || symbols.is_operator(c))
         pair.binds = true;
       if (symbols.is_sign(c)) pair.adds = true;
+      if (c == ',') pair.suffix = true;
     }
   }
   std::vector<Pair> whole;
@@ -92,7 +94,7 @@ bool remove_once(std::string& s, const SYMBOLS& symbols, bool signed_text)
   if (!any && !pairs.empty()) {
     // A pair around the whole text; behind a sign only if the sign then still means the same.
     const Pair& p = pairs.front();
-    if (p.open == 0 && p.close == s.size() - 1 && !(signed_text && p.adds)) gone[p.open] = gone[p.close] = any = true;
+    if (p.open == 0 && p.close == s.size() - 1 && !p.suffix && !(signed_text && p.adds)) gone[p.open] = gone[p.close] = any = true;
   }
   if (any) s = without(s, gone);
   return any;

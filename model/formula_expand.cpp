@@ -246,15 +246,21 @@ TERMLIST Expansion::operand(std::string_view text, char op) const
 }
 
 /// Replaces one operator next to a placeholder, the tightest operator and its first such place, by the products.
+/// An operand runs to the next operator that binds no tighter, as it will when the shorthands are written out.
 bool Expansion::distribute_once(std::string& text)
 {
   const std::vector<bool> quoted = quote_marks(text);
-  for (const char op : {s_.interaction, s_.factorial, s_.nested, '|'}) {
+  const std::string tightness{s_.interaction, s_.nested, s_.factorial, '|'};
+  for (std::size_t level = 0; level < tightness.size(); ++level) {
+    const char op = tightness[level];
+    const auto bounds = [&](std::size_t i) { return !quoted[i] && tightness.find(text[i], level) != std::string::npos; };
     for (std::size_t at = 0; at < text.size(); ++at) {
       if (text[at] != op || quoted[at]) continue;
       std::size_t from = at, to = at + 1;
-      while (from > 0 && (quoted[from - 1] || !s_.is_operator(text[from - 1]))) --from;
-      while (to < text.size() && (quoted[to] || !s_.is_operator(text[to]))) ++to;
+      while (from > 0 && !bounds(from - 1)) --from;
+      while (to < text.size() && !bounds(to)) ++to;
+      // A chain of nestings is no term; it is told once the sum is standardised.
+      if (op == s_.nested && ((from > 0 && text[from - 1] == op) || (to < text.size() && text[to] == op))) continue;
       const std::string_view left = std::string_view(text).substr(from, at - from);
       const std::string_view right = std::string_view(text).substr(at + 1, to - at - 1);
       if (find(left) == nullptr && find(right) == nullptr) continue;
