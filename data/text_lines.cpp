@@ -1,6 +1,8 @@
 #include "data/text_lines.h"
 
 #include <array>
+#include <filesystem>
+#include <system_error>
 
 #include "base/text.h"
 
@@ -92,11 +94,7 @@ bool L_NEXT_LINE(ERROR_HANDLER& eh, DATA_LINES& lines, std::string_view& line)
   }
   if (lines.file.error().empty()) return false;
   const Frame here{eh, __func__};
-  if (lines.file.line_number() == 0) {  // a folder opens, but holds no lines
-    eh.error(text("unable to open file ", lines.name), Ecode::io_error);
-  } else {
-    eh.error(text("unable to read file ", lines.name, " behind line ", lines.file.line_number()), Ecode::io_error);
-  }
+  eh.error(text("unable to read file ", lines.name, " behind line ", lines.file.line_number()), Ecode::io_error);
   eh.continuation(lines.file.error());
   return false;
 }
@@ -129,9 +127,11 @@ void L_OPEN_DATA_FILE(ERROR_HANDLER& eh, const DATA_FILE_KEYS& keys, DATA_LINES&
 {
   const Frame here{eh, __func__};
   lines.name = keys.name;
-  if (!lines.file.open(keys.name)) {
+  std::error_code ignored;
+  const bool folder = std::filesystem::is_directory(keys.name, ignored);  // would open, but holds no lines
+  if (folder || !lines.file.open(keys.name)) {
     eh.error(text("unable to open file ", keys.name), Ecode::io_error);
-    eh.continuation(lines.file.error());
+    eh.continuation(folder ? "it is a folder" : lines.file.error());
     return;
   }
   std::string_view line;
