@@ -59,15 +59,16 @@ void factors_of_part(const Json& part, std::set<std::string>& out)
   for (const Json& item : part.items) factors_of_part(item, out);
 }
 
-std::set<std::string> factors_of_model(const Json& request)
+/// The names that some parts of the model use.
+std::set<std::string> names_in_model(const Json& request, std::initializer_list<const char*> parts)
 {
-  std::set<std::string> factors;
+  std::set<std::string> names;
   const Json* model = request.find("model");
   if (model && model->is(JsonKind::array) && !model->items.empty()) model = &model->items.front();
-  if (!model) return factors;
-  for (const char* part : {"random", "residual"})
-    if (const Json* terms = model->find(part)) factors_of_part(*terms, factors);
-  return factors;
+  if (!model) return names;
+  for (const char* part : parts)
+    if (const Json* terms = model->find(part)) factors_of_part(*terms, names);
+  return names;
 }
 
 const char* name_trouble(const CsvFile& file, const std::string& name)
@@ -91,7 +92,8 @@ const char* name_trouble(const CsvFile& file, const std::string& name)
 
 std::vector<ColumnKind> guess_kinds(const CsvFile& file, const Json& request)
 {
-  const std::set<std::string> factors = factors_of_model(request);
+  const std::set<std::string> factors = names_in_model(request, {"random", "residual"});
+  const std::set<std::string> measured = names_in_model(request, {"response", "weights"});
   std::vector<ColumnKind> kinds;
   for (std::size_t c = 0; c < file.header.size(); ++c) {
     ColumnKind& kind = kinds.emplace_back();
@@ -99,6 +101,11 @@ std::vector<ColumnKind> guess_kinds(const CsvFile& file, const Json& request)
     if (const char* trouble = name_trouble(file, kind.name)) {
       kind.used = false;
       kind.why = trouble;
+      continue;
+    }
+    if (measured.contains(kind.name)) {  // text in it is an error, which is found when it is read
+      kind.field_type = "vt_variate";
+      kind.why = "variate";
       continue;
     }
     bool numbers = true;

@@ -42,30 +42,26 @@ Engine::~Engine()
   ctlv_cleanup(&handle_);
 }
 
-std::int32_t Engine::input_info(std::string_view json)
+void Engine::input_info(std::string_view json)
 {
   ctlv_input_info(&status_, &handle_, json.data(), length(json));
-  return status_;
 }
 
-std::int32_t Engine::input_real_2d(std::string_view name, const std::vector<double>& values,
-                                   std::int32_t rows, std::int32_t columns)
+void Engine::input_real_2d(std::string_view name, const std::vector<double>& values, std::int32_t rows,
+                           std::int32_t columns)
 {
   ctlv_input_real_2d(&status_, &handle_, name.data(), length(name), values.data(), &rows, &columns);
-  return status_;
 }
 
-std::int32_t Engine::register_monitor(ctlv_monitor_function function)
+void Engine::register_monitor(ctlv_monitor_function function)
 {
   constexpr std::string_view kind = "MONITOR_FUNCTION";
   ctlv_register_function(&status_, &handle_, function, kind.data(), length(kind));
-  return status_;
 }
 
-std::int32_t Engine::process(std::string_view json)
+void Engine::process(std::string_view json)
 {
   ctlv_process(&status_, &handle_, json.data(), length(json));
-  return status_;
 }
 
 std::optional<std::string> Engine::json(std::string_view id)

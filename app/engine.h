@@ -20,11 +20,11 @@ class Engine {
 
   std::int32_t status() const { return status_; }  // of the last call
 
-  std::int32_t input_info(std::string_view json);
-  std::int32_t input_real_2d(std::string_view name, const std::vector<double>& values, std::int32_t rows,
-                             std::int32_t columns);
-  std::int32_t register_monitor(ctlv_monitor_function function);
-  std::int32_t process(std::string_view json);
+  void input_info(std::string_view json);
+  void input_real_2d(std::string_view name, const std::vector<double>& values, std::int32_t rows,
+                     std::int32_t columns);
+  void register_monitor(ctlv_monitor_function function);
+  void process(std::string_view json);
 
   // Outputs; an absent one is nothing.
   std::optional<std::string> json(std::string_view id);

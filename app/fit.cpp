@@ -31,21 +31,23 @@ int refuse(const FitArguments& arguments, const Problem& problem)
 /// Feeds the engine and runs it; the status of the call that ended the run.
 std::int32_t run(Engine& engine, const Request& request, Messages& messages)
 {
-  if (engine.status() > 0) {
-    messages.collect(engine);
-    return engine.status();
-  }
-  const auto failed = [&](std::int32_t status) {
+  std::int32_t status = engine.status();
+  const auto failed = [&] {  // notes the call's status before the messages are read, which sets another
+    status = engine.status();
     messages.collect(engine);
     return status > 0;
   };
-  if (failed(engine.register_monitor(&Progress::monitor))) return engine.status();
-  if (failed(engine.input_info(request.document))) return engine.status();
+  if (failed()) return status;
+  engine.register_monitor(&Progress::monitor);
+  if (failed()) return status;
+  engine.input_info(request.document);
+  if (failed()) return status;
   for (const Matrix& m : request.matrices) {
-    if (failed(engine.input_real_2d(m.name, m.values, m.rows, m.columns))) return engine.status();
+    engine.input_real_2d(m.name, m.values, m.rows, m.columns);
+    if (failed()) return status;
   }
-  const std::int32_t status = engine.process("");
-  messages.collect(engine);
+  engine.process("");
+  failed();
   return status;
 }
 

@@ -4,6 +4,7 @@
 
 #include "app/json_value.h"
 #include "app/terminal.h"
+#include "app/text_table.h"
 
 namespace tolvan::driver {
 namespace {
@@ -43,13 +44,12 @@ void Progress::iteration(std::string_view json)
     return item ? item->number() : 0.0;
   };
   const double loglik = number("logl");
-  char change[32] = "";
-  if (last_loglik_) std::snprintf(change, sizeof change, "%.5f", loglik - *last_loglik_);
+  const std::string change = last_loglik_ ? number_cell(loglik - *last_loglik_, 5) : "";
   last_loglik_ = loglik;
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start_;
   char line[160];
-  std::snprintf(line, sizeof line, "iteration %3.0f   LogL %14.5f   change %12s   residual %11.5g   %.1f s",
-                number("iteration"), loglik, change, number("sigma2"), elapsed.count());
+  std::snprintf(line, sizeof line, "iteration %3.0f   LogL %14.5f   change %12s   residual %#12.6g   %.1f s",
+                number("iteration"), loglik, change.c_str(), number("sigma2"), elapsed.count());
   std::string text = line;
   if (!rewritten_) {
     std::fprintf(stderr, "%s\n", text.c_str());

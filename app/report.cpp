@@ -12,9 +12,11 @@
 namespace tolvan::driver {
 namespace {
 
-std::string without_lead(const std::string& text)  // final messages begin with a blank
+/// Final messages are built of pieces: a blank may lead, an empty piece may end them.
+std::string tidied(const std::string& text)
 {
-  return text.substr(std::min(text.find_first_not_of(' '), text.size()));
+  const std::size_t from = std::min(text.find_first_not_of(' '), text.size());
+  return text.substr(from, text.find_last_not_of(" ;") + 1 - from);
 }
 
 void heading(const char* text)
@@ -186,7 +188,7 @@ void print_summary(Engine& engine)
   }
   if (const auto bic = engine.real("SCALAR_BIC")) row("BIC", number_cell(*bic, 4));
   const std::string message = engine.scalar_text("SCALAR_FINAL_MESSAGE");
-  if (!message.empty()) std::printf("\n%s\n", without_lead(message).c_str());
+  if (!message.empty()) std::printf("\n%s\n", tidied(message).c_str());
 }
 
 }  // namespace
@@ -203,7 +205,7 @@ void print_report(Engine& engine, const std::string& title)
 void print_json_report(Engine* engine, std::int32_t status, const std::string& final_message,
                        const std::string& error_information)
 {
-  std::printf("{\"status\":%d,\"final_message\":%s", status, quoted(without_lead(final_message)).c_str());
+  std::printf("{\"status\":%d,\"final_message\":%s", status, quoted(tidied(final_message)).c_str());
   std::optional<Json> available;
   if (engine) available = read_json(engine->json("AVAILABLE_OUTPUT").value_or(""));
   if (!available) available = json_object();

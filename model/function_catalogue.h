@@ -49,6 +49,7 @@ struct MODEL_FUN_INFO {
   bool IN_INTER = true;  // may stand inside an interaction
 
   std::int64_t NARGS() const { return static_cast<std::int64_t>(ARGS.size()); }
+  /// NARGS_REQUIRED: how many of the arguments a call has to supply.
   std::int64_t NARGS_REQUIRED() const;
   bool legal_in(std::string_view part) const;
 };

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""check_example.py TOLVAN FOLDER: runs an example and compares its report with expected.txt.
+"""check_example.py TOLVAN FOLDER [README]: runs an example and compares its report with expected.txt.
 
 Numbers may differ by 2 in their last digit (another machine's mathematical library); all else is compared exactly.
-arguments.txt, where there is one, holds what follows the request on the command line.
+arguments.txt, where there is one, holds what follows the request on the command line. A README named last has to show
+the expected report as it stands.
 """
 import decimal
 import pathlib
@@ -41,7 +42,10 @@ def main():
         print("got     ", a, "\nexpected", b)
     if len(got) != len(expected):
         print(len(got), "lines instead of", len(expected))
-    return 1 if wrong or len(got) != len(expected) else 0
+    stale = len(sys.argv) > 3 and "```\n" + "\n".join(expected) + "\n```" not in pathlib.Path(sys.argv[3]).read_text()
+    if stale:
+        print(sys.argv[3], "shows another report")
+    return 1 if wrong or stale or len(got) != len(expected) else 0
 
 
 if __name__ == "__main__":

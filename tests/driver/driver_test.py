@@ -213,7 +213,7 @@ class Interrupts(InAFolder):
 
     def setUp(self):
         super().setUp()
-        rows, levels, seed, lines = 20000, 1200, 1, ["a,b,y"]
+        rows, levels, seed, lines = 10000, 600, 1, ["a,b,y"]
         for _ in range(rows):
             seed = (seed * 1103515245 + 12345) % 2**31
             a, b = seed // 7 % levels, seed // 10007 % levels
@@ -230,7 +230,7 @@ class Interrupts(InAFolder):
                 break
 
     def end(self):
-        out, err = self.run_.communicate(timeout=60)
+        out, err = self.run_.communicate(timeout=300)
         return self.run_.returncode, json.loads(out), err
 
     def test_once_finishes_and_reports(self):
