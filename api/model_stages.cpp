@@ -3,6 +3,7 @@
 
 #include "api/stage_support.h"
 #include "base/text.h"
+#include "estimation/fit_driver.h"
 #include "model/request.h"
 #include "reports/result_tables.h"
 #include "varstruct/starting_values.h"
@@ -159,8 +160,16 @@ void print_initial_values(ERROR_HANDLER& eh, CORE_DATA& core)
 /// The hand-over to the fit driver.
 void fit(ERROR_HANDLER& eh, CORE_DATA& core)
 {
-  (void)core;
-  eh.not_implemented("the fit is not implemented");
+  FIT_CALL call{.options = core.options,
+                .communication = core.communication,
+                .variables = core.variables,
+                .factors = core.factors,
+                .terms = core.terms,
+                .design = core.design,
+                .model = core.variances,
+                .timing = core.timing,
+                .tables = core.tables};
+  AIWORK(eh, call, core.fit);
 }
 
 /// Cross-validation is asked for by an option, which is refused with the other options.

@@ -3,7 +3,7 @@
 #include "api/guard.h"
 #include "api/run_stages.h"
 #include "api/stage_support.h"
-#include "base/text.h"
+#include "base/lapack.h"
 #include "model/request.h"
 #include "reports/clean_up.h"
 #include "reports/result_tables.h"
@@ -67,6 +67,7 @@ void AIDATA_BODY(ERROR_HANDLER& eh, CORE_DATA& core)
 void TLV_PROCESS(ERROR_HANDLER& eh, TLV_OBJECT& object, std::string_view json)
 {
   const Frame here{eh, __func__};
+  single_blas_thread();
   TLV_CHECK(eh, object);
   if (eh.terminate()) return;
   auto request = AOT_GET_FULL_JSTR(eh, object, json);
