@@ -34,6 +34,9 @@ void list_active(VARIANCE_MODEL& model, EVALUATION& ev)
       continue;
     }
     information.active.push_back(static_cast<std::int64_t>(i));
+    const bool variance = v.role == ParamRole::variance || v.role == ParamRole::covariance;
+    const double residual_variance = model.profiled ? ev.sigma2 : ev.evaluated[static_cast<std::size_t>(model.residual_parameter)];
+    information.unit.push_back((residual || !model.profiled) && variance ? residual_variance : 1.0);
   }
   information.score.assign(information.active.size(), 0.0);
 }

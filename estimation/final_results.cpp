@@ -104,6 +104,7 @@ void L_COVARIANCE(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, FIT_WORK& work
     if (!held_out && !is_free(model.parameters[static_cast<std::size_t>(parameter)].constraint)) continue;
     if (held_out) kept.held_out = kept.count();
     kept.active.push_back(parameter);
+    kept.unit.push_back(ev.information.unit[static_cast<std::size_t>(i)]);
     from.push_back(i);
   }
   const auto k = static_cast<std::size_t>(kept.count());
@@ -112,11 +113,15 @@ void L_COVARIANCE(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, FIT_WORK& work
   for (std::size_t i = 0; i < k; ++i) {
     for (std::size_t j = 0; j <= i; ++j) kept.ai[i * (i + 1) / 2 + j] = ev.information.at(from[i], from[j]);
   }
+  kept = in_units(std::move(kept));
   VARIANCE_MODEL untouched = model;
   std::vector<double> covariance;
   std::vector<std::uint8_t> used;
   K4MAII(eh, false, 0, kept, untouched, work.aiopt, work.update, covariance, used);
-  const auto cov = [&](std::size_t i, std::size_t j) { return i >= j ? covariance[i * (i + 1) / 2 + j] : covariance[j * (j + 1) / 2 + i]; };
+  const auto cov = [&](std::size_t i, std::size_t j) {
+    const double units = kept.unit[i] * kept.unit[j];
+    return units * (i >= j ? covariance[i * (i + 1) / 2 + j] : covariance[j * (j + 1) / 2 + i]);
+  };
 
   const std::size_t p = model.parameters.size();
   fit.sigma.resize(p);

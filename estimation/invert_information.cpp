@@ -70,6 +70,16 @@ void invert(const std::vector<std::uint8_t>& used, const std::vector<double>& l,
 
 }  // namespace
 
+INFORMATION in_units(INFORMATION information)
+{
+  for (std::int64_t i = 0; i < information.count(); ++i) {
+    const double unit = information.unit[static_cast<std::size_t>(i)];
+    information.score[static_cast<std::size_t>(i)] *= unit;
+    for (std::int64_t j = 0; j <= i; ++j) information.at(i, j) *= unit * information.unit[static_cast<std::size_t>(j)];
+  }
+  return information;
+}
+
 void K4MAII(ERROR_HANDLER& eh, bool update, std::int64_t iteration, INFORMATION& information, VARIANCE_MODEL& model, AIOPT& aiopt,
             UPDATE_STATE& state, std::vector<double>& covariance, std::vector<std::uint8_t>& used)
 {

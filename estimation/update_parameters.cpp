@@ -47,7 +47,7 @@ void L_PENALTY(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATI
 }
 
 /// The joint Newton step of the parameters that are not held, the held ones having moved by `taken`:
-/// delta_o = AI_oo^-1 (score_o - AI_oh delta_h).
+/// delta_o = AI_oo^-1 (score_o - AI_oh delta_h), all of it in units.
 void solve_step(const INFORMATION& information, const std::vector<std::uint8_t>& open, const std::vector<double>& taken,
                 std::vector<double>& delta)
 {
@@ -118,6 +118,7 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
   aiopt(Ai::step_thousandths) = 1000;
   aiopt(Ai::restrained) = 0;
   aiopt(Ai::boundary) = 0;
+  information = in_units(std::move(information));
   const auto p = model.parameters.size();
   if (state.reference.size() != p) {
     state.reference.resize(p);
@@ -163,12 +164,13 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
       const VARIANCE_PARAMETER& v = parameter(i);
       if (in_first_stage(v.type) != first_stage) continue;
       const auto at = static_cast<std::size_t>(information.active[i]);
-      const RESTRAINT_INPUT in{v.value, delta[i], state.reference[at], state.step, v.type, v.role, v.constraint};
+      const double step = delta[i] * information.unit[i];
+      const RESTRAINT_INPUT in{v.value, step, state.reference[at], state.step, v.type, v.role, v.constraint};
       result[i] = first_stage ? restrain_typed(in, state.last[at], 1e-7) : restrain_by_sign(in);
-      if (std::fabs(result[i].value - (v.value + delta[i])) > 1e-10) {
+      if (std::fabs(result[i].value - (v.value + step)) > 1e-10 * information.unit[i]) {
         restrained[i] = 1;
         open[i] = 0;
-        taken[i] = result[i].value - v.value;
+        taken[i] = (result[i].value - v.value) / information.unit[i];
         any = true;
       }
     }
@@ -185,7 +187,7 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     if (!is_free(v.constraint)) continue;
     const auto at = static_cast<std::size_t>(information.active[i]);
     RESTRAINT& taken_by = result[i];
-    if (!restrained[i]) taken_by.value = v.value + delta[i];
+    if (!restrained[i]) taken_by.value = v.value + delta[i] * information.unit[i];
     if (restrained[i]) ++aiopt(Ai::restrained);
     if (taken_by.boundary) ++aiopt(Ai::boundary);
     if (taken_by.reset_step) state.step = state.saved_step;

@@ -17,6 +17,7 @@ struct INFORMATION {
   std::vector<std::int64_t> active;  // parameter indices, rising
   std::vector<double> score;         // one an active parameter
   std::vector<double> ai;            // lower triangle by rows
+  std::vector<double> unit;          // a natural unit of each parameter: 1 for a ratio, a residual variance for a variance
   std::int64_t held_out = -1;        // position in `active` of the profiled residual variance, -1 for none
 
   std::int64_t count() const { return static_cast<std::int64_t>(active.size()); }
@@ -26,6 +27,9 @@ struct INFORMATION {
   }
   double at(std::int64_t i, std::int64_t j) const { return const_cast<INFORMATION*>(this)->at(i, j); }
 };
+
+/// The same information with every parameter counted in its unit, so that no test of size depends on the units of the response.
+INFORMATION in_units(INFORMATION information);
 
 /// What the update keeps between iterations.
 struct UPDATE_STATE {
@@ -42,7 +46,7 @@ struct UPDATE_STATE {
 
 /// K4MAII: the inverse of the information matrix over the parameters that have information, by its own pivot rule.
 ///   update      codes of dependent parameters become S; a count goes to AIOPT(36); false leaves codes alone
-///   covariance  lower triangle over `active`, zero rows for parameters left out
+///   information in units; covariance  likewise, lower triangle over `active`, zero rows for parameters left out
 ///   used        one an active parameter: whether it took part
 void K4MAII(ERROR_HANDLER& eh, bool update, std::int64_t iteration, INFORMATION& information, VARIANCE_MODEL& model, AIOPT& aiopt,
             UPDATE_STATE& state, std::vector<double>& covariance, std::vector<std::uint8_t>& used);
