@@ -8,7 +8,8 @@
 
 namespace tolvan {
 
-void API_DROP_DUPLICATE_TERMS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& list, std::string_view part)
+void API_DROP_DUPLICATE_TERMS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& list,
+                              std::string_view part)
 {
   const Frame here{eh, __func__};
   const std::size_t n = list.children().size();

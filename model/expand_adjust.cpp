@@ -1,15 +1,17 @@
-// What single functions ask of the rest of the request: offset, grp, vm, at and sat.
+// What single functions ask of the rest of the request: offset, grp, vm, at, sat and dsum.
 #include <algorithm>
 
 #include "base/text.h"
 #include "model/expand_model.h"
+#include "model/formula_nodes.h"
 #include "model/request_nodes.h"
 
 namespace tolvan {
 
 namespace {
 
-/// The description of a variable, of any dataset or of the data file; described tells whether there is any description.
+/// The description of a variable, of any dataset or of the data file; described tells whether there is any
+/// description.
 const JsonNode* find_variable(const JsonNode& root, std::string_view name, bool& described)
 {
   described = false;
@@ -32,8 +34,8 @@ const JsonNode* find_variable(const JsonNode& root, std::string_view name, bool&
 
 /// The levels of a variable as far as its description tells them.
 struct VariableLevels {
-  std::int64_t count = 0;               // 0: only the data tell
-  const JsonNode* labels = nullptr;     // null: none given
+  std::int64_t count = 0;            // 0: only the data tell
+  const JsonNode* labels = nullptr;  // null: none given
   std::int64_t indexed_from = 1;
 
   std::int64_t find(std::string_view label) const
@@ -56,18 +58,23 @@ VariableLevels L_FIND_VAR_LEVELS(ERROR_HANDLER& eh, const JsonNode& root, std::s
     if (described) eh.error(text("variable ", name, " is not in the supplied dataset"));
     return levels;
   }
-  if (const JsonNode* labels = variable->find("factor_labels"); labels != nullptr && labels->is(JsonType::array) && !labels->packed()) {
+  if (const JsonNode* labels = variable->find("factor_labels");
+      labels != nullptr && labels->is(JsonType::array) && !labels->packed()) {
     levels.labels = labels;
     levels.count = labels->size();
   }
-  if (const JsonNode* count = variable->find("number_of_levels")) levels.count = std::max(levels.count, count->integer());
-  if (const JsonNode* from = variable->find("factor_labels_indexed_from"); from != nullptr && from->is(JsonType::integer))
+  if (const JsonNode* count = variable->find("number_of_levels"))
+    levels.count = std::max(levels.count, count->integer());
+  if (const JsonNode* from = variable->find("factor_labels_indexed_from");
+      from != nullptr && from->is(JsonType::integer))
     levels.indexed_from = from->integer();
   return levels;
 }
 
-/// L_CONVERT_JPTR_VALUE_TO_LEVEL_ID: turns a level, given by number or label, into its number; a label that only the data know stays.
-void L_CONVERT_JPTR_VALUE_TO_LEVEL_ID(ERROR_HANDLER& eh, const VariableLevels& levels, std::string_view variable, JsonNode& value)
+/// L_CONVERT_JPTR_VALUE_TO_LEVEL_ID: turns a level, given by number or label, into its number; a label that
+/// only the data know stays.
+void L_CONVERT_JPTR_VALUE_TO_LEVEL_ID(ERROR_HANDLER& eh, const VariableLevels& levels,
+                                      std::string_view variable, JsonNode& value)
 {
   const Frame here{eh, __func__};
   if (value.is(JsonType::integer)) {
@@ -84,7 +91,8 @@ void L_CONVERT_JPTR_VALUE_TO_LEVEL_ID(ERROR_HANDLER& eh, const VariableLevels& l
   }
 }
 
-/// L_ADJUST_AT: writes the levels of at() and sat() as numbers, keeping the term as the user wrote it for output.
+/// L_ADJUST_AT: writes the levels of at() and sat() as numbers, keeping the term as the user wrote it for
+/// output.
 void L_ADJUST_AT(ERROR_HANDLER& eh, const COMMUNICATION& communication, const JsonNode& root, JsonNode& term)
 {
   const Frame here{eh, __func__};
@@ -181,8 +189,31 @@ void L_ADJUST_VM(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode
   if (equal_nocase(kind, "ND")) set_key(*entry, "nsd", true);
   if (equal_nocase(kind, "PSD")) set_key(*entry, "psd", true);
   if (const JsonNode* ldet = supplied_value(function, "ldet")) set_key(*entry, "ldet", ldet->number());
-  if (const JsonNode* invert = supplied_value(function, "invert")) set_key(*entry, "invert", invert->logical());
+  if (const JsonNode* invert = supplied_value(function, "invert"))
+    set_key(*entry, "invert", invert->logical());
   set_key(term, "user_facing_factor_name", shown);
+}
+
+/// L_ADJUST_DSUM: checks that the levels of dsum() are a vector, or a vector for each term of its sum.
+/// The sum itself is written out where its sections are formed, since only the data tell all levels.
+void L_ADJUST_DSUM(ERROR_HANDLER& eh, const COMMUNICATION& communication, const JsonNode& term)
+{
+  const Frame here{eh, __func__};
+  const JsonNode& function = *term.find("function");
+  JsonNode sum(JsonType::object);
+  const JsonNode* terms = API_FORMULA_STRING_TO_JPTR(
+      eh, communication, &sum, find_argument(function, "model")->find("value")->text(), "terms");
+  const JsonNode* levels = supplied_value(function, "levels");
+  if (eh.terminate() || levels == nullptr) return;
+  const auto vectors =
+      std::count_if(levels->children().begin(), levels->children().end(),
+                    [](const auto& element) { return element->is(JsonType::array); });
+  if (!levels->is(JsonType::array) || (vectors > 0 && vectors != levels->size())) {
+    eh.error("expected the levels argument to either be a vector or a vector of vectors");
+  } else if (vectors > 0 && vectors != terms->size()) {
+    eh.error("expected the number of elements in the levels argument to match the number of terms");
+    eh.continuation(text("number of terms: ", terms->size(), ", number of elements in levels: ", vectors));
+  }
 }
 
 /// L_ADJUST_OFFSET: takes an offset out of the terms to a place of its own in the model.
@@ -228,7 +259,8 @@ bool is_call_of(const JsonNode& term, std::string_view name)
 
 }  // namespace
 
-void API_ADJUST_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& term)
+void API_ADJUST_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root,
+                         JsonNode& term)
 {
   const Frame here{eh, __func__};
   const std::string_view name = function_name(*term.find("function"));
@@ -236,6 +268,8 @@ void API_ADJUST_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, 
     L_ADJUST_VM(eh, communication, root, term);
   } else if (name == "at" || name == "sat") {
     L_ADJUST_AT(eh, communication, root, term);
+  } else if (name == "dsum") {
+    L_ADJUST_DSUM(eh, communication, term);
   }
 }
 

@@ -14,7 +14,8 @@ namespace {
 void L_FRAME_ARGUMENT(ERROR_HANDLER& eh, JsonNode& argument)
 {
   const Frame here{eh, __func__};
-  const bool framed = argument.is(JsonType::object) && (argument.find("value") != nullptr || argument.find("name") != nullptr);
+  const bool framed = argument.is(JsonType::object) &&
+                      (argument.find("value") != nullptr || argument.find("name") != nullptr);
   if (!framed) {
     std::unique_ptr<JsonNode> value = argument.clone();
     value->name = "value";
@@ -29,7 +30,8 @@ void L_FRAME_ARGUMENT(ERROR_HANDLER& eh, JsonNode& argument)
 }
 
 /// L_MATCH_ARGUMENTS: finds for each declared argument the supplied one, null if there is none.
-std::vector<const JsonNode*> L_MATCH_ARGUMENTS(ERROR_HANDLER& eh, const JsonNode& arguments, const MODEL_FUN_INFO& info)
+std::vector<const JsonNode*> L_MATCH_ARGUMENTS(ERROR_HANDLER& eh, const JsonNode& arguments,
+                                               const MODEL_FUN_INFO& info)
 {
   const Frame here{eh, __func__};
   std::vector<const JsonNode*> supplied(info.ARGS.size(), nullptr);
@@ -99,7 +101,8 @@ void L_HANDLE_FUNCTION_ARGUMENTS(ERROR_HANDLER& eh, JsonNode& function, const MO
   }
   arguments->unpack();
   if (arguments->size() > info.NARGS()) {
-    eh.error(text(arguments->size(), " arguments were supplied, but at most ", info.NARGS(), " where expected"));  // sic
+    eh.error(text(arguments->size(), " arguments were supplied, but at most ", info.NARGS(),
+                  " where expected"));  // sic
     return;
   }
   for (const auto& argument : arguments->children()) {
@@ -129,8 +132,8 @@ void L_HANDLE_FUNCTION_ARGUMENTS(ERROR_HANDLER& eh, JsonNode& function, const MO
 }
 
 /// L_STANDARDISE_FUNCTION: all steps for one function node; `inner` tells that a function within it failed.
-void L_STANDARDISE_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& function,
-                            TermPlace place, bool& inner)
+void L_STANDARDISE_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root,
+                            JsonNode& function, TermPlace place, bool& inner)
 {
   const Frame here{eh, __func__};
   if (!function.is(JsonType::object)) {
@@ -175,7 +178,8 @@ void L_STANDARDISE_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communicatio
 
 }  // namespace
 
-void API_PROCESS_MODEL_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& term, TermPlace place)
+void API_PROCESS_MODEL_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root,
+                                JsonNode& term, TermPlace place)
 {
   const Frame here{eh, __func__};
   JsonNode* function = term.find("function");
@@ -194,11 +198,13 @@ void API_PROCESS_MODEL_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communic
   function->add_value("already_processed", true);
 }
 
-void API_PROCESS_MODEL_FUNCTIONS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& list, TermPlace place)
+void API_PROCESS_MODEL_FUNCTIONS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root,
+                                 JsonNode& list, TermPlace place)
 {
   const Frame here{eh, __func__};
   if (place.depth > deepest_call) {
-    eh.error(text("terms are nested deeper than ", deepest_call, " levels in ", json_path(list).substr(0, 200)));
+    eh.error(
+        text("terms are nested deeper than ", deepest_call, " levels in ", json_path(list).substr(0, 200)));
     return;
   }
   if (list.packed()) list.unpack();

@@ -13,13 +13,15 @@ namespace tolvan {
 namespace {
 
 constexpr std::string_view term_parts[] = {"fixed", "random", "sparse", "residual"};
-constexpr std::string_view other_keys[] = {"response", "family", "weights", "initial_values", "vcm", "vcc_constraint",
-                                           "variables", "offset", "name", "title", "comments"};
+constexpr std::string_view other_keys[] = {"response", "family",         "weights",   "initial_values",
+                                           "vcm",      "vcc_constraint", "variables", "offset",
+                                           "name",     "title",          "comments"};
 
 bool is_term_form(const JsonNode& node)
 {
-  return node.is(JsonType::object) && (node.find("term_name") != nullptr || node.find("interaction") != nullptr ||
-                                       node.find("function") != nullptr || node.find("linked") != nullptr);
+  return node.is(JsonType::object) &&
+         (node.find("term_name") != nullptr || node.find("interaction") != nullptr ||
+          node.find("function") != nullptr || node.find("linked") != nullptr);
 }
 
 /// A name as it may stand in the list: nothing in it that the formula layer would have to read.
@@ -27,17 +29,20 @@ bool is_plain_text(const COMMUNICATION& communication, std::string_view s)
 {
   const SYMBOLS symbols(communication);
   return !is_numeric(s) && std::none_of(s.begin(), s.end(), [&](char c) {
-    return symbols.is_sign(c) || symbols.is_operator(c) || is_opener(c) || is_closer(c) || c == ' ' || c == '"' || c == '\'';
+    return symbols.is_sign(c) || symbols.is_operator(c) || is_opener(c) || is_closer(c) || c == ' ' ||
+           c == '"' || c == '\'';
   });
 }
 
 /// L_READ_TERM_LIST: brings a list that a caller wrote as JSON into the term forms.
-void L_READ_TERM_LIST(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& list, std::string_view part)
+void L_READ_TERM_LIST(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& list,
+                      std::string_view part)
 {
   const Frame here{eh, __func__};
   list.unpack();
   const auto is_formula = [&](const JsonNode& node) {
-    return node.is(JsonType::integer) || (node.is(JsonType::string) && !is_plain_text(communication, node.text()));
+    return node.is(JsonType::integer) ||
+           (node.is(JsonType::string) && !is_plain_text(communication, node.text()));
   };
   bool formulas = false;
   for (const auto& element : list.children()) {
@@ -91,7 +96,8 @@ void L_EXPAND_RESPONSE(ERROR_HANDLER& eh, const COMMUNICATION& communication, Js
 
 }  // namespace
 
-void API_EXPAND_MODEL_PART(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& node, std::string_view part)
+void API_EXPAND_MODEL_PART(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& node,
+                           std::string_view part)
 {
   const Frame here{eh, __func__};
   if (node.is(JsonType::string)) {
@@ -128,7 +134,8 @@ void API_EXPAND_MODEL_PART(ERROR_HANDLER& eh, const COMMUNICATION& communication
   if (terms.size() == 0) eh.internal("not expecting to get here with no terms");
 }
 
-void API_EXPAND_MODEL_PARTS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& node, std::string_view part)
+void API_EXPAND_MODEL_PARTS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root,
+                            JsonNode& node, std::string_view part)
 {
   const Frame here{eh, __func__};
   JsonNode& terms = *node.find("terms");

@@ -12,12 +12,16 @@
 
 namespace tolvan {
 
-/// API_EXPAND_MODEL: brings every part of the model into the standard form; present tells whether there is a model.
+/// API_EXPAND_MODEL: brings every part of the model into the standard form; present tells whether there is a
+/// model.
 void API_EXPAND_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, bool& present);
-/// API_EXPAND_MODEL_PART: gives one part, a formula or an object, its list of terms, with the intercept in "fixed".
-void API_EXPAND_MODEL_PART(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& node, std::string_view part);
+/// API_EXPAND_MODEL_PART: gives one part, a formula or an object, its list of terms, with the intercept in
+/// "fixed".
+void API_EXPAND_MODEL_PART(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& node,
+                           std::string_view part);
 /// API_EXPAND_MODEL_PARTS: standardises the functions of a part's terms and drops repeated terms.
-void API_EXPAND_MODEL_PARTS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& node, std::string_view part);
+void API_EXPAND_MODEL_PARTS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root,
+                            JsonNode& node, std::string_view part);
 /// API_EXPAND_FAMILY: brings the family into the form of a list of functions with named arguments.
 void API_EXPAND_FAMILY(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& family);
 /// API_HANDLE_FAMILY_ARGUMENTS: checks that all arguments of a family are named, each once.
@@ -31,12 +35,17 @@ struct TermPlace {
   std::int64_t depth = 0;
 };
 
-/// API_PROCESS_MODEL_FUNCTIONS: standardises the functions of a list of terms, within interactions and linked lists too.
-void API_PROCESS_MODEL_FUNCTIONS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& list, TermPlace place);
+/// API_PROCESS_MODEL_FUNCTIONS: standardises the functions of a list of terms, within interactions and linked
+/// lists too.
+void API_PROCESS_MODEL_FUNCTIONS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root,
+                                 JsonNode& list, TermPlace place);
 /// API_PROCESS_MODEL_FUNCTION: standardises one term that holds a function.
-void API_PROCESS_MODEL_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& term, TermPlace place);
-/// API_ADJUST_FUNCTION: does what a function asks of the rest of the request (vm: its matrix; at, sat: level numbers).
-void API_ADJUST_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& term);
+void API_PROCESS_MODEL_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root,
+                                JsonNode& term, TermPlace place);
+/// API_ADJUST_FUNCTION: does what a function asks of the rest of the request (vm: its matrix; at, sat: level
+/// numbers).
+void API_ADJUST_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root,
+                         JsonNode& term);
 /// API_ADJUST_TERMS: takes offsets out of a list of terms and puts the variable in the place of grp().
 void API_ADJUST_TERMS(ERROR_HANDLER& eh, JsonNode& root, JsonNode& list);
 
@@ -44,13 +53,18 @@ void API_ADJUST_TERMS(ERROR_HANDLER& eh, JsonNode& root, JsonNode& list);
 std::string text_as_written(const COMMUNICATION& communication, const JsonNode& term);
 
 /// API_DROP_DUPLICATE_TERMS: removes dropped and repeated terms of a part's list and tells which.
-void API_DROP_DUPLICATE_TERMS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& list, std::string_view part);
+void API_DROP_DUPLICATE_TERMS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& list,
+                              std::string_view part);
 
 /// API_EXPAND_DATASETS: gathers the datasets into one list.
 void API_EXPAND_DATASETS(ERROR_HANDLER& eh, JsonNode& root);
 /// API_EXPAND_WALD: turns the tests asked for into options.
 void API_EXPAND_WALD(ERROR_HANDLER& eh, JsonNode& root, JsonNode& options);
 /// API_EXPAND_NA_ACTION: turns the policy of missing values into options and the term mv.
-void API_EXPAND_NA_ACTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& options);
+void API_EXPAND_NA_ACTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root,
+                          JsonNode& options);
+/// API_STANDARDISE_AND_EXPAND_PREDICT: gathers the predict statements into one list and expands their terms.
+void API_STANDARDISE_AND_EXPAND_PREDICT(ERROR_HANDLER& eh, const COMMUNICATION& communication,
+                                        JsonNode& root);
 
 }  // namespace tolvan

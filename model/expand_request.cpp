@@ -9,7 +9,8 @@ namespace tolvan {
 
 namespace {
 
-/// L_FIND_SINGLE: the one child of a key; a null is taken out and counts as absent, a repeated key is an error.
+/// L_FIND_SINGLE: the one child of a key; a null is taken out and counts as absent, a repeated key is an
+/// error.
 JsonNode* L_FIND_SINGLE(ERROR_HANDLER& eh, JsonNode& root, std::string_view key)
 {
   const Frame here{eh, __func__};
@@ -31,8 +32,10 @@ void set_key(JsonNode& object, std::string_view key, Value value)
   }
 }
 
-/// A word of a list under a key; -1 when the key is missing or, with a complaint, when the word is none of them.
-int word_of(ERROR_HANDLER& eh, const JsonNode& object, std::string_view key, std::initializer_list<std::string_view> words)
+/// A word of a list under a key; -1 when the key is missing or, with a complaint, when the word is none of
+/// them.
+int word_of(ERROR_HANDLER& eh, const JsonNode& object, std::string_view key,
+            std::initializer_list<std::string_view> words)
 {
   const JsonNode* node = object.find(key);
   if (node == nullptr) return -1;
@@ -45,7 +48,8 @@ int word_of(ERROR_HANDLER& eh, const JsonNode& object, std::string_view key, std
   return -1;
 }
 
-void warn_of_unknown_keys(ERROR_HANDLER& eh, const JsonNode& object, std::initializer_list<std::string_view> known)
+void warn_of_unknown_keys(ERROR_HANDLER& eh, const JsonNode& object,
+                          std::initializer_list<std::string_view> known)
 {
   for (const auto& child : object.children()) {
     bool found = false;
@@ -105,7 +109,8 @@ void API_EXPAND_WALD(ERROR_HANDLER& eh, JsonNode& root, JsonNode& options)
   }
   warn_of_unknown_keys(eh, *wald, {"den_df", "ss_type", "f_test"});
   constexpr std::int64_t ddf[] = {-1, 1, 2};
-  if (const int k = word_of(eh, *wald, "den_df", {"none", "numeric", "algebraic"}); k >= 0) set_key(options, "ddf", ddf[k]);
+  if (const int k = word_of(eh, *wald, "den_df", {"none", "numeric", "algebraic"}); k >= 0)
+    set_key(options, "ddf", ddf[k]);
   if (eh.terminate()) return;
   const int type = word_of(eh, *wald, "ss_type", {"conditional", "incremental"});
   if (eh.terminate()) return;
@@ -120,7 +125,8 @@ void API_EXPAND_WALD(ERROR_HANDLER& eh, JsonNode& root, JsonNode& options)
   root.detach(wald);
 }
 
-void API_EXPAND_NA_ACTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& options)
+void API_EXPAND_NA_ACTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root,
+                          JsonNode& options)
 {
   const Frame here{eh, __func__};
   JsonNode* policy = L_FIND_SINGLE(eh, root, "na_action");
@@ -144,13 +150,15 @@ void API_EXPAND_NA_ACTION(ERROR_HANDLER& eh, const COMMUNICATION& communication,
     JsonNode* terms = sparse->find("terms");
     if (terms == nullptr) terms = &sparse->add("terms", JsonType::array);
     bool present = false;
-    for (const auto& term : terms->children()) present = present || plain_name(*term) == communication.VARIABLE_NAME_MV;
+    for (const auto& term : terms->children())
+      present = present || plain_name(*term) == communication.VARIABLE_NAME_MV;
     if (!present) terms->add_value("", communication.VARIABLE_NAME_MV);
   }
   root.detach(policy);
 }
 
-void API_STANDARDISE_AND_EXPAND_JSON(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode* root, bool& models_present)
+void API_STANDARDISE_AND_EXPAND_JSON(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode* root,
+                                     bool& models_present)
 {
   const Frame here{eh, __func__};
   models_present = false;
@@ -179,6 +187,8 @@ void API_STANDARDISE_AND_EXPAND_JSON(ERROR_HANDLER& eh, const COMMUNICATION& com
     API_EXPAND_WALD(eh, *root, *options);
     if (eh.terminate()) return;
     API_EXPAND_NA_ACTION(eh, communication, *root, *options);
+    if (eh.terminate()) return;
+    API_STANDARDISE_AND_EXPAND_PREDICT(eh, communication, *root);
     if (eh.terminate()) return;
   }
   if (options->size() == 0) root->detach(options);

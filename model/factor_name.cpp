@@ -45,8 +45,8 @@ void NameWriter::term(const JsonNode& node, std::int64_t depth)
   }
 }
 
-/// Arguments left to their defaults and those that names leave out are not written; what then no longer stands in its
-/// declared place is written with its name.
+/// Arguments left to their defaults and those that names leave out are not written; what then no longer
+/// stands in its declared place is written with its name.
 void NameWriter::call(const JsonNode& function, std::int64_t depth)
 {
   out += function_name(function);
@@ -61,7 +61,8 @@ void NameWriter::call(const JsonNode& function, std::int64_t depth)
       }
       if (!first) out += symbols.FUN_ARG_SEP;
       first = false;
-      if (const JsonNode* name = argument->find("name"); (gap || all_names) && name != nullptr) append(out, text(name->text(), "="));
+      if (const JsonNode* name = argument->find("name"); (gap || all_names) && name != nullptr)
+        append(out, text(name->text(), "="));
       value(*v, depth);
     }
   }
@@ -71,11 +72,20 @@ void NameWriter::call(const JsonNode& function, std::int64_t depth)
 void NameWriter::value(const JsonNode& node, std::int64_t depth)
 {
   switch (node.type()) {
-    case JsonType::string: out += node.text(); break;
-    case JsonType::integer: append(out, node.integer()); break;
-    case JsonType::real: append(out, node.number()); break;
-    case JsonType::logical: out += node.logical() ? "true" : "false"; break;
-    case JsonType::null: break;
+    case JsonType::string:
+      out += node.text();
+      break;
+    case JsonType::integer:
+      append(out, node.integer());
+      break;
+    case JsonType::real:
+      append(out, node.number());
+      break;
+    case JsonType::logical:
+      out += node.logical() ? "true" : "false";
+      break;
+    case JsonType::null:
+      break;
     case JsonType::array: {
       out += symbols.VEC_OPEN_BRACE;
       for (std::int64_t k = 0; k < node.size(); ++k) {

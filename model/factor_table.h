@@ -12,12 +12,12 @@ enum class Reserved { none, mu, units, trait, mv };
 
 struct FACTOR_ROW {
   std::string name = {};
-  std::int64_t kind = 0;       // design function, 0 for a plain variable; positions of the list in design_kinds.h
-  std::int64_t source = 0;     // row from which it derives (a copy for an interaction included), 0 for none
-  std::int64_t variable = 0;   // variable whose column it reads, from 1; 0 for a reserved factor
+  std::int64_t kind = 0;  // design function, 0 for a plain variable; positions of the list in design_kinds.h
+  std::int64_t source = 0;    // row from which it derives (a copy for an interaction included), 0 for none
+  std::int64_t variable = 0;  // variable whose column it reads, from 1; 0 for a reserved factor
   Reserved reserved = Reserved::none;
-  bool is_factor = false;      // levels; false: a covariate with one equation
-  std::int64_t levels = 0;     // 1 for a covariate and mu; set for data factors once the data are read
+  bool is_factor = false;   // levels; false: a covariate with one equation
+  std::int64_t levels = 0;  // 1 for a covariate and mu; set for data factors once the data are read
   std::vector<double> arguments = {};
   std::string user_facing_name = {};  // when it differs from the name
   std::string structure = {};         // variance function named on it ("idv"), empty for none

@@ -18,10 +18,10 @@ bool fits(char open, char close)
 /// One pair of round brackets outside quotes.
 struct Pair {
   std::size_t open = 0, close = 0;
-  bool function = false;   // directly behind a name, or inside such a pair
-  bool binds = false;      // an operator or separator directly within
-  bool adds = false;       // a sign directly within
-  bool suffix = false;     // a comma directly within: what follows belongs to every term of the group
+  bool function = false;  // directly behind a name, or inside such a pair
+  bool binds = false;     // an operator or separator directly within
+  bool adds = false;      // a sign directly within
+  bool suffix = false;    // a comma directly within: what follows belongs to every term of the group
 };
 
 /// The pairs of a text in the order of their openers; brackets without partner are left out.
@@ -47,7 +47,8 @@ std::vector<Pair> bracket_pairs(std::string_view s, const SYMBOLS& symbols)
       open.pop_back();
     } else if (!open.empty()) {
       Pair& pair = pairs[open.back()];
-      if (binding_characters.find(c) != std::string_view::npos || symbols.is_sign(c) || symbols.is_operator(c))
+      if (binding_characters.find(c) != std::string_view::npos || symbols.is_sign(c) ||
+          symbols.is_operator(c))
         pair.binds = true;
       if (symbols.is_sign(c)) pair.adds = true;
       if (c == ',') pair.suffix = true;
@@ -75,8 +76,8 @@ bool remove_once(std::string& s, const SYMBOLS& symbols, bool signed_text)
   const std::vector<Pair> pairs = bracket_pairs(s, symbols);
   std::vector<bool> gone(s.size());
   bool any = false;
-  // A pair around a single operand, neither first nor last of the text.  An enclosing pair that binds nothing either
-  // holds no operator at all, so both may go together.
+  // A pair around a single operand, neither first nor last of the text.  An enclosing pair that binds nothing
+  // either holds no operator at all, so both may go together.
   for (const Pair& p : pairs) {
     if (p.function || p.binds || p.open == 0 || p.close == s.size() - 1) continue;
     gone[p.open] = gone[p.close] = any = true;
@@ -94,7 +95,8 @@ bool remove_once(std::string& s, const SYMBOLS& symbols, bool signed_text)
   if (!any && !pairs.empty()) {
     // A pair around the whole text; behind a sign only if the sign then still means the same.
     const Pair& p = pairs.front();
-    if (p.open == 0 && p.close == s.size() - 1 && !p.suffix && !(signed_text && p.adds)) gone[p.open] = gone[p.close] = any = true;
+    if (p.open == 0 && p.close == s.size() - 1 && !p.suffix && !(signed_text && p.adds))
+      gone[p.open] = gone[p.close] = any = true;
   }
   if (any) s = without(s, gone);
   return any;
@@ -110,7 +112,8 @@ std::string remove_empty_pairs(std::string_view s)
   for (char c : s) {
     const bool quoted = quotes.quoted(c);
     const bool inside = !open.empty() && open.back();
-    if (!quoted && c == ')' && !out.empty() && out.back() == '(' && !(open.size() > 1 && open[open.size() - 2])) {
+    if (!quoted && c == ')' && !out.empty() && out.back() == '(' &&
+        !(open.size() > 1 && open[open.size() - 2])) {
       out.pop_back();
       if (!open.empty()) open.pop_back();
       continue;
@@ -139,8 +142,8 @@ std::string bracket_fault(std::string_view text)
     } else if (is_closer(c)) {
       if (stack.empty()) return tolvan::text("Unexpected closing bracket \"", c, "\" at position ", i + 1);
       if (!fits(stack.back().c, c))
-        return tolvan::text("Mismatched brackets: \"", stack.back().c, "\" at position ", stack.back().position,
-                            " closed by \"", c, "\" at position ", i + 1);
+        return tolvan::text("Mismatched brackets: \"", stack.back().c, "\" at position ",
+                            stack.back().position, " closed by \"", c, "\" at position ", i + 1);
       stack.pop_back();
     }
   }
@@ -153,7 +156,8 @@ std::string remove_redundant_brackets(std::string_view text, const SYMBOLS& symb
   std::string s = remove_empty_pairs(text);
   const bool signed_text = !s.empty() && s[0] == '-';
   if (signed_text) s.erase(0, 1);
-  while (remove_once(s, symbols, signed_text)) {}
+  while (remove_once(s, symbols, signed_text)) {
+  }
   return signed_text ? "-" + s : s;
 }
 

@@ -23,7 +23,10 @@ bool is_quoted(std::string_view s)
   return s.size() >= 2 && (s[0] == '"' || s[0] == '\'') && s.find(s[0], 1) == s.size() - 1;
 }
 
-std::string_view unquoted(std::string_view s) { return is_quoted(s) ? s.substr(1, s.size() - 2) : s; }
+std::string_view unquoted(std::string_view s)
+{
+  return is_quoted(s) ? s.substr(1, s.size() - 2) : s;
+}
 
 JsonNode& add_key(JsonNode& parent, std::string_view key, JsonType type)
 {
@@ -53,10 +56,12 @@ bool set_scalar(JsonNode& node, std::string_view s)
 /// "[1,2.5,3]": numbers alone are packed; else each element by itself, vectors of vectors included.
 bool set_vector(JsonNode& node, std::string_view s, char separator, std::int64_t depth)
 {
-  if (depth > deepest_vector || s.size() < 2 || s[0] != '[' || find_partner(s, 0) != s.size() - 1) return false;
+  if (depth > deepest_vector || s.size() < 2 || s[0] != '[' || find_partner(s, 0) != s.size() - 1)
+    return false;
   node.set_array();
   const std::vector<std::string> pieces = split_protected(s.substr(1, s.size() - 2), separator);
-  const bool numbers = std::all_of(pieces.begin(), pieces.end(), [](const std::string& p) { return is_numeric(trim(p)); });
+  const bool numbers =
+      std::all_of(pieces.begin(), pieces.end(), [](const std::string& p) { return is_numeric(trim(p)); });
   for (const std::string& piece : pieces) {
     const std::string_view element = trim(piece);
     std::int64_t i = 0;
@@ -89,15 +94,16 @@ bool is_raw(const MODEL_FUN_INFO& info, std::size_t position, std::string_view n
 }
 
 /// L_ADD_ARGUMENT_VALUE: gives an argument node its value: a scalar, a vector, a name, a call or a formula.
-void L_ADD_ARGUMENT_VALUE(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& argument, std::string_view s,
-                          bool raw, std::string_view function, std::int64_t depth)
+void L_ADD_ARGUMENT_VALUE(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& argument,
+                          std::string_view s, bool raw, std::string_view function, std::int64_t depth)
 {
   const Frame here{eh, __func__};
   const SYMBOLS symbols(communication);
   const char separator = communication.VEC_VAL_SEP.empty() ? ',' : communication.VEC_VAL_SEP[0];
-  const bool formula = !raw && !is_numeric(s) && !is_quoted(s) && std::any_of(s.begin(), s.end(), [&](char c) {
-    return symbols.is_sign(c) || symbols.is_operator(c) || c == '(' || c == ')';
-  });
+  const bool formula =
+      !raw && !is_numeric(s) && !is_quoted(s) && std::any_of(s.begin(), s.end(), [&](char c) {
+        return symbols.is_sign(c) || symbols.is_operator(c) || c == '(' || c == ')';
+      });
   bool good = true;
   if (s.empty() || ((s[0] == '"' || s[0] == '\'') && !is_quoted(s))) {
     good = false;
@@ -106,7 +112,8 @@ void L_ADD_ARGUMENT_VALUE(ERROR_HANDLER& eh, const COMMUNICATION& communication,
   } else if (s[0] == '[') {
     good = set_vector(argument.add("value", JsonType::null), s, separator, 0);
   } else if (is_call(s)) {
-    API_FUNCTION_STRING_TO_JPTR(eh, communication, argument.add("value", JsonType::object), s, "function", depth + 1);
+    API_FUNCTION_STRING_TO_JPTR(eh, communication, argument.add("value", JsonType::object), s, "function",
+                                depth + 1);
   } else if (formula) {
     JsonNode& value = argument.add("value", JsonType::object);
     const JsonNode* terms = API_FORMULA_STRING_TO_JPTR(eh, communication, &value, s, "terms", depth + 1);
@@ -150,8 +157,9 @@ JsonNode* API_FORMULA_STRING_TO_JPTR(ERROR_HANDLER& eh, const COMMUNICATION& com
   return list;
 }
 
-void API_ADD_INTERACTION_OR_TERM_TO_JSON(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& parent,
-                                         std::string_view term, std::string_view key, std::int64_t depth)
+void API_ADD_INTERACTION_OR_TERM_TO_JSON(ERROR_HANDLER& eh, const COMMUNICATION& communication,
+                                         JsonNode& parent, std::string_view term, std::string_view key,
+                                         std::int64_t depth)
 {
   const Frame here{eh, __func__};
   const SYMBOLS symbols(communication);
@@ -208,7 +216,8 @@ void API_FUNCTION_STRING_TO_JPTR(ERROR_HANDLER& eh, const COMMUNICATION& communi
   std::string arguments(call.substr(open + 1, call.size() - open - 2));
   const bool linked = name == communication.LINK_FUN_NAME;
   if (name == "dsum") {
-    if (const std::size_t bar = find_last_protected(arguments, '|'); bar != std::string::npos) arguments[bar] = ',';
+    if (const std::size_t bar = find_last_protected(arguments, '|'); bar != std::string::npos)
+      arguments[bar] = ',';
   }
   const char separator = communication.FUN_ARG_SEP.empty() ? ',' : communication.FUN_ARG_SEP[0];
   std::vector<std::string> pieces = split_protected(arguments, separator);
@@ -237,7 +246,8 @@ void API_FUNCTION_STRING_TO_JPTR(ERROR_HANDLER& eh, const COMMUNICATION& communi
   }
 }
 
-void API_EXPAND_FORMULA_STRING(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& node, std::string_view part)
+void API_EXPAND_FORMULA_STRING(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& node,
+                               std::string_view part)
 {
   const Frame here{eh, __func__};
   const std::string formula = node.text();

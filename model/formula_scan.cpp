@@ -6,14 +6,24 @@ namespace tolvan {
 
 namespace {
 
-char first_of(const std::string& s, char otherwise) { return s.empty() ? otherwise : s[0]; }
+char first_of(const std::string& s, char otherwise)
+{
+  return s.empty() ? otherwise : s[0];
+}
 
-bool is_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+bool is_space(char c)
+{
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
 
-bool among(char c, std::string_view set) { return set.find(c) != std::string_view::npos; }
+bool among(char c, std::string_view set)
+{
+  return set.find(c) != std::string_view::npos;
+}
 
-/// Walks a text and hands each run of blanks outside quotes to `keep(left, right, depth)`, which gives what stands
-/// for the run; left and right are its neighbours ('\0' at an end), depth counts open function brackets.
+/// Walks a text and hands each run of blanks outside quotes to `keep(left, right, depth)`, which gives what
+/// stands for the run; left and right are its neighbours ('\0' at an end), depth counts open function
+/// brackets.
 template <class Keep>
 std::string replace_blanks(std::string_view s, Keep keep)
 {
@@ -55,7 +65,10 @@ SYMBOLS::SYMBOLS(const COMMUNICATION& communication)
 {
 }
 
-bool is_digit(char c) { return c >= '0' && c <= '9'; }
+bool is_digit(char c)
+{
+  return c >= '0' && c <= '9';
+}
 
 bool is_name_character(char c)
 {
@@ -63,8 +76,14 @@ bool is_name_character(char c)
          static_cast<unsigned char>(c) >= 0x80;
 }
 
-bool is_opener(char c) { return c == '(' || c == '[' || c == '{'; }
-bool is_closer(char c) { return c == ')' || c == ']' || c == '}'; }
+bool is_opener(char c)
+{
+  return c == '(' || c == '[' || c == '{';
+}
+bool is_closer(char c)
+{
+  return c == ')' || c == ']' || c == '}';
+}
 
 std::string_view cut(std::string_view s, std::size_t capacity)
 {
@@ -210,14 +229,16 @@ std::string blank_to_plus(std::string_view s)
 {
   constexpr std::string_view left_ends = "(*+,-/:=|", right_starts = ")*+,-/:=|";
   return replace_blanks(s, [&](char left, char right, std::int64_t depth) -> std::string_view {
-    const bool between = left != '\0' && right != '\0' && !among(left, left_ends) && !among(right, right_starts);
+    const bool between =
+        left != '\0' && right != '\0' && !among(left, left_ends) && !among(right, right_starts);
     return !between ? "" : depth > 0 ? " " : "+";
   });
 }
 
 std::string single_blanks(std::string_view s, const SYMBOLS& symbols)
 {
-  const std::string operators{symbols.drop, symbols.interaction, symbols.factorial, symbols.nested, ',', '=', '|'};
+  const std::string operators{symbols.drop, symbols.interaction, symbols.factorial, symbols.nested, ',', '=',
+                              '|'};
   return replace_blanks(s, [&](char left, char right, std::int64_t) -> std::string_view {
     const bool ends = left == '\0' || right == '\0' || is_opener(left) || is_closer(right) ||
                       among(left, operators) || among(right, operators);

@@ -1,4 +1,5 @@
-// The smallest tools for reading formula text: symbols of the dialect, quotes, protected splitting, rewriting.
+// The smallest tools for reading formula text: symbols of the dialect, quotes, protected splitting,
+// rewriting.
 #pragma once
 
 #include <cstdint>
@@ -63,22 +64,25 @@ std::vector<std::string> split_protected(std::string_view s, char separator);
 std::size_t find_protected(std::string_view s, char wanted);
 std::size_t find_last_protected(std::string_view s, char wanted);
 
-/// Position of the bracket that closes the one at `from`, counting its kind only and outside quotes; npos if none.
+/// Position of the bracket that closes the one at `from`, counting its kind only and outside quotes; npos if
+/// none.
 std::size_t find_partner(std::string_view s, std::size_t from);
 
 /// One pass over the text outside quotes.
 std::string rewrite(std::string_view s, std::string_view from, std::string_view to);
-/// Every run of signs outside brackets becomes one sign: the drop if the run holds one (two drops don't make an add),
-/// else the add.
+/// Every run of signs outside brackets becomes one sign: the drop if the run holds one (two drops don't make
+/// an add), else the add.
 std::string collapse_signs(std::string_view s, const SYMBOLS& symbols);
-/// Puts the add symbol before every drop symbol outside brackets; within, a minus may belong to a number or a name.
+/// Puts the add symbol before every drop symbol outside brackets; within, a minus may belong to a number or a
+/// name.
 std::string mark_drops(std::string_view s, const SYMBOLS& symbols);
 
 /// Blanks outside quotes vanish but for one between two operands and one after ")".
 std::string remove_blanks(std::string_view s);
 /// A run of blanks between two operands, outside function brackets, becomes "+"; other runs vanish.
 std::string blank_to_plus(std::string_view s);
-/// The same clean-up for the dialect in which the blank is the add symbol: blanks next to operators and brackets vanish.
+/// The same clean-up for the dialect in which the blank is the add symbol: blanks next to operators and
+/// brackets vanish.
 std::string single_blanks(std::string_view s, const SYMBOLS& symbols);
 
 /// A whole text that is a number.

@@ -19,7 +19,8 @@ std::string plain_blanks(std::string_view s)
   return out;
 }
 
-/// True when, outside the brackets of functions, an operator lacks an operand or two operands lack an operator.
+/// True when, outside the brackets of functions, an operator lacks an operand or two operands lack an
+/// operator.
 bool is_incomplete(std::string_view s, const SYMBOLS& symbols)
 {
   enum class Last { nothing, operand, closer, sign, binary } last = Last::nothing;
@@ -33,7 +34,8 @@ bool is_incomplete(std::string_view s, const SYMBOLS& symbols)
     }
     if (c == '(' && last == Last::operand && is_name_character(s[i - 1])) {
       const std::size_t close = find_partner(s, i);
-      if (close == std::string_view::npos) return false;  // the brackets don't balance; that is told elsewhere
+      if (close == std::string_view::npos)
+        return false;  // the brackets don't balance; that is told elsewhere
       i = close;
       last = Last::closer;
     } else if (c == '(') {
@@ -72,7 +74,8 @@ TERMLIST expand_nested(const std::string& term, const SYMBOLS& symbols, std::str
 
 /// All interactions of `order` factors, the factors in their order, appended until the list is full.
 ///   factors   the terms that each factor stands for
-void add_subsets(const std::vector<TERMLIST>& factors, std::size_t order, char interaction, std::size_t& room, TERMLIST& out)
+void add_subsets(const std::vector<TERMLIST>& factors, std::size_t order, char interaction, std::size_t& room,
+                 TERMLIST& out)
 {
   const std::size_t n = factors.size();
   std::vector<std::size_t> chosen(order);
@@ -121,13 +124,15 @@ TERMLIST expand_shorthands(std::string_view term, const SYMBOLS& symbols, std::s
   return parts;
 }
 
-std::string STANDARDISE_FORMULA_STRING(ERROR_HANDLER& eh, const COMMUNICATION& communication, std::string_view given)
+std::string STANDARDISE_FORMULA_STRING(ERROR_HANDLER& eh, const COMMUNICATION& communication,
+                                       std::string_view given)
 {
   const Frame here{eh, __func__};
   const SYMBOLS symbols(communication);
   const std::string formula = plain_blanks(cut(trim(given), formula_capacity));
   if (formula.empty()) return {};
-  const std::string joined_blanks = symbols.blank_adds() ? single_blanks(formula, symbols) : blank_to_plus(formula);
+  const std::string joined_blanks =
+      symbols.blank_adds() ? single_blanks(formula, symbols) : blank_to_plus(formula);
   if (is_incomplete(joined_blanks, symbols)) {
     eh.error("incomplete term in the model statement");
     return {};

@@ -5,15 +5,10 @@
 #include <array>
 
 #include "base/text.h"
-#include "data/variable_table.h"
-#include "model/formula_text.h"
-#include "model/request.h"
 
 namespace tolvan {
 
 namespace {
-
-// ---- arguments
 
 constexpr MODEL_ARG_INFO needed(std::string_view name, ArgType type = ArgType::term)
 {
@@ -51,8 +46,13 @@ constexpr MODEL_ARG_INFO init_scalar = optional("init", ArgType::real);
 constexpr MODEL_ARG_INFO dist = unnamed(optional("dist"));
 constexpr MODEL_ARG_INFO x = needed("x");
 constexpr MODEL_ARG_INFO y = {.NAME = "y", .PAIRED = "x"};
-constexpr MODEL_ARG_INFO init_ric = {
-    .NAME = "init", .TYPE = ArgType::real, .NDIM = 1, .REQUIRED = false, .HAS_DEFAULT = true, .RVAL = 0.2, .RVAL2 = 0.1};
+constexpr MODEL_ARG_INFO init_ric = {.NAME = "init",
+                                     .TYPE = ArgType::real,
+                                     .NDIM = 1,
+                                     .REQUIRED = false,
+                                     .HAS_DEFAULT = true,
+                                     .RVAL = 0.2,
+                                     .RVAL2 = 0.1};
 
 // clang-format off
 constexpr std::array one        {factor};
@@ -163,97 +163,33 @@ static_assert(std::size(functions) == 103);
 static_assert(names_are_unique());
 static_assert(pairs_are_resolved());
 
-// ---- values
-
-std::string_view type_word(ArgType type)
-{
-  switch (type) {
-    case ArgType::integer: return "integer";
-    case ArgType::real: return "real";
-    case ArgType::string: return "string";
-    case ArgType::logical: return "logical";
-    case ArgType::term: break;
-  }
-  return "term";
-}
-
-bool fits(const JsonNode& value, ArgType type)
-{
-  switch (type) {
-    case ArgType::integer: return value.is(JsonType::integer);
-    case ArgType::real: return value.is_number();
-    case ArgType::string: return value.is(JsonType::string);
-    case ArgType::logical: return value.is(JsonType::logical);
-    case ArgType::term: break;
-  }
-  return true;
-}
-
-bool elements_fit(const JsonNode& array, ArgType type)
-{
-  if (array.packed()) {
-    if (type == ArgType::real || type == ArgType::term) return true;
-    if (type != ArgType::integer) return false;
-    for (std::int64_t k = 0; k < array.number_count(); ++k)
-      if (!array.is_integer(k)) return false;
-    return true;
-  }
-  return std::all_of(array.children().begin(), array.children().end(),
-                     [&](const auto& child) { return fits(*child, type); });
-}
-
-/// Values whose text names neither a variable nor a formula: matrices, levels.
-bool holds_free_text(const MODEL_ARG_INFO& argument)
-{
-  return argument.NAME == "source" || argument.NAME == "levels" || argument.NDIM == 1;
-}
-
-/// L_CHECK_TERM_TEXT: checks the text of an argument that stands for a variable or a formula.
-void L_CHECK_TERM_TEXT(ERROR_HANDLER& eh, const COMMUNICATION& communication, const MODEL_ARG_INFO& argument, const std::string& value)
-{
-  const Frame here{eh, __func__};
-  const SYMBOLS symbols(communication);
-  const bool formula = std::any_of(value.begin(), value.end(), [&](char c) {
-    return is_opener(c) || is_closer(c) || symbols.is_sign(c) || symbols.is_operator(c);
-  });
-  if (formula) {
-    STANDARDISE_FORMULA_STRING(eh, communication, value);
-    if (eh.terminate()) eh.error(text("an invalid formula was supplied for argument\"", argument.NAME));  // sic
-  } else if (!CHECK_VARIABLE_NAME_VALIDITY(eh, communication, value, true, true)) {
-    eh.error(text("an invalid variable name was supplied for argument \"", argument.NAME));  // sic
-  }
-}
-
-const JsonNode* find_argument_value(const JsonNode& function, std::string_view name)
-{
-  const JsonNode* arguments = function.find("arguments");
-  if (arguments == nullptr) return nullptr;
-  for (const auto& argument : arguments->children()) {
-    const JsonNode* key = argument->find("name");
-    if (key != nullptr && key->is_text(name)) return argument->find("value");
-  }
-  return nullptr;
-}
-
 }  // namespace
 
 std::int64_t MODEL_FUN_INFO::NARGS_REQUIRED() const
 {
-  return std::count_if(ARGS.begin(), ARGS.end(), [](const MODEL_ARG_INFO& a) { return a.REQUIRED && !a.HAS_DEFAULT; });
+  return std::count_if(ARGS.begin(), ARGS.end(),
+                       [](const MODEL_ARG_INFO& a) { return a.REQUIRED && !a.HAS_DEFAULT; });
 }
 
 bool MODEL_FUN_INFO::legal_in(std::string_view part) const
 {
   switch (WHERE) {
-    case Where::not_response: return part != "response";
-    case Where::fixed_only: return part == "fixed";
-    case Where::random_only: return part == "random";
-    case Where::all_parts: break;
+    case Where::not_response:
+      return part != "response";
+    case Where::fixed_only:
+      return part == "fixed";
+    case Where::random_only:
+      return part == "random";
+    case Where::all_parts:
+      break;
   }
   return part == "fixed" || part == "random" || part == "sparse" || part == "response" || part == "residual";
 }
 
-std::span<const MODEL_FUN_INFO> model_functions() { return functions; }
+std::span<const MODEL_FUN_INFO> model_functions()
+{
+  return functions;
+}
 
 MODEL_FUN_INFO GET_MODEL_FUNCTION_INFO(ERROR_HANDLER& eh, std::string_view name)
 {
@@ -263,8 +199,8 @@ MODEL_FUN_INFO GET_MODEL_FUNCTION_INFO(ERROR_HANDLER& eh, std::string_view name)
   return {};
 }
 
-void CHECK_FUNCTION_PLACE(ERROR_HANDLER& eh, const MODEL_FUN_INFO& info, std::string_view function, std::string_view part,
-                          bool in_function, bool in_interaction)
+void CHECK_FUNCTION_PLACE(ERROR_HANDLER& eh, const MODEL_FUN_INFO& info, std::string_view function,
+                          std::string_view part, bool in_function, bool in_interaction)
 {
   const Frame here{eh, __func__};
   if (info.NAME.empty()) {
@@ -276,82 +212,6 @@ void CHECK_FUNCTION_PLACE(ERROR_HANDLER& eh, const MODEL_FUN_INFO& info, std::st
   } else if (in_interaction && !info.IN_INTER) {
     eh.error(text(function, " can not be used as part of an interaction"));
   }
-}
-
-void MAT_VALIDATE(ERROR_HANDLER& eh, const COMMUNICATION& communication, const MODEL_ARG_INFO& argument,
-                  const JsonNode& node, std::string_view function)
-{
-  const Frame here{eh, __func__};
-  const JsonNode* value = &node;
-  if (node.is(JsonType::object) && node.find("name") != nullptr) {
-    value = node.find("value");
-    if (value == nullptr) {
-      REPORT_JSON_ERROR(eh, node, "value");
-      return;
-    }
-  }
-  if (argument.NDIM != 0 && argument.NDIM != 1) {
-    eh.internal(text(function, " triggered an unexpected value for ndim, NDIM = ", argument.NDIM));
-    return;
-  }
-  const std::string_view word = type_word(argument.TYPE);
-  if (argument.TYPE == ArgType::term) {
-    if (value->is(JsonType::string) && !holds_free_text(argument))
-      L_CHECK_TERM_TEXT(eh, communication, argument, value->text());
-    return;
-  }
-  const bool array = value->is(JsonType::array);
-  const bool good = array ? argument.NDIM == 1 && elements_fit(*value, argument.TYPE) : fits(*value, argument.TYPE);
-  if (good) return;
-  // The quote behind the name is missing on purpose: hosts match these texts.
-  if (argument.NDIM == 0) {
-    eh.error(text("expected ", word[0] == 'i' ? "an " : "a ", word, " scalar for argument \"", argument.NAME));
-  } else {
-    eh.error(text("expected a vector of ", word, "s for argument \"", argument.NAME));
-  }
-}
-
-void MAT_DEFAULT(ERROR_HANDLER& eh, const MODEL_ARG_INFO& argument, JsonNode& node)
-{
-  const Frame here{eh, __func__};
-  if (!argument.HAS_DEFAULT) {
-    node.add_value("value", no_value_supplied);
-  } else if (argument.NDIM == 1) {
-    JsonNode& values = node.add("value", JsonType::array);
-    values.append_number(argument.RVAL);
-    values.append_number(argument.RVAL2);
-  } else if (argument.TYPE == ArgType::integer) {
-    node.add_value("value", argument.IVAL);
-  } else if (argument.TYPE == ArgType::real) {
-    node.add_value("value", argument.RVAL);
-  } else if (argument.TYPE == ArgType::logical) {
-    node.add_value("value", argument.LVAL);
-  } else {
-    node.add_value("value", std::string(argument.SVAL));
-  }
-  node.add_value("supplied", false);
-}
-
-void GET_FUNCTION_ARGUMENT_FROM_JPTR(ERROR_HANDLER& eh, const JsonNode& function, std::string_view name, std::int64_t& value)
-{
-  const Frame here{eh, __func__};
-  const JsonNode* node = find_argument_value(function, name);
-  if (node == nullptr || !node->is(JsonType::integer)) {
-    eh.error(text("invalid ", name, " argument supplied, was expecting an integer value"));
-    return;
-  }
-  value = node->integer();
-}
-
-void GET_FUNCTION_ARGUMENT_FROM_JPTR(ERROR_HANDLER& eh, const JsonNode& function, std::string_view name, double& value)
-{
-  const Frame here{eh, __func__};
-  const JsonNode* node = find_argument_value(function, name);
-  if (node == nullptr || !node->is_number()) {
-    eh.error(text("invalid ", name, " argument supplied, was expecting a numeric value"));
-    return;
-  }
-  value = node->number();
 }
 
 }  // namespace tolvan

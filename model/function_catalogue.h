@@ -1,5 +1,6 @@
 // The vocabulary of model functions: their arguments, types and defaults, and where each may stand.
-// Routines: MFT_ (function), MAT_ (argument), GET_MODEL_FUNCTION_INFO, CHECK_FUNCTION_PLACE, GET_FUNCTION_ARGUMENT_FROM_JPTR.
+// Routines: MFT_ (function), MAT_ (argument), GET_MODEL_FUNCTION_INFO, CHECK_FUNCTION_PLACE,
+// GET_FUNCTION_ARGUMENT_FROM_JPTR.
 #pragma once
 
 #include <cstdint>
@@ -61,8 +62,8 @@ std::span<const MODEL_FUN_INFO> model_functions();
 MODEL_FUN_INFO GET_MODEL_FUNCTION_INFO(ERROR_HANDLER& eh, std::string_view name);
 
 /// CHECK_FUNCTION_PLACE: complains when a function is unknown or may not stand where it does.
-void CHECK_FUNCTION_PLACE(ERROR_HANDLER& eh, const MODEL_FUN_INFO& info, std::string_view function, std::string_view part,
-                          bool in_function, bool in_interaction);
+void CHECK_FUNCTION_PLACE(ERROR_HANDLER& eh, const MODEL_FUN_INFO& info, std::string_view function,
+                          std::string_view part, bool in_function, bool in_interaction);
 
 /// MAT_VALIDATE: checks a value against the type and shape of its argument.
 ///   node   the value, or the argument node that holds it under "value"
@@ -73,8 +74,10 @@ void MAT_VALIDATE(ERROR_HANDLER& eh, const COMMUNICATION& communication, const M
 void MAT_DEFAULT(ERROR_HANDLER& eh, const MODEL_ARG_INFO& argument, JsonNode& node);
 
 /// GET_FUNCTION_ARGUMENT_FROM_JPTR: reads an integer argument by its name.
-void GET_FUNCTION_ARGUMENT_FROM_JPTR(ERROR_HANDLER& eh, const JsonNode& function, std::string_view name, std::int64_t& value);
+void GET_FUNCTION_ARGUMENT_FROM_JPTR(ERROR_HANDLER& eh, const JsonNode& function, std::string_view name,
+                                     std::int64_t& value);
 /// GET_FUNCTION_ARGUMENT_FROM_JPTR: reads a numeric argument by its name.
-void GET_FUNCTION_ARGUMENT_FROM_JPTR(ERROR_HANDLER& eh, const JsonNode& function, std::string_view name, double& value);
+void GET_FUNCTION_ARGUMENT_FROM_JPTR(ERROR_HANDLER& eh, const JsonNode& function, std::string_view name,
+                                     double& value);
 
 }  // namespace tolvan

@@ -12,7 +12,8 @@ namespace {
 
 constexpr std::string_view families[] = {"gaussian",          "binomial",    "poisson",   "gamma",
                                          "negative_binomial", "multinomial", "threshold", "cumulative"};
-constexpr std::string_view links[] = {"identity", "logit", "probit", "cloglog", "log", "sqrt", "inverse", "LNR", "INR"};
+constexpr std::string_view links[] = {"identity", "logit",   "probit", "cloglog", "log",
+                                      "sqrt",     "inverse", "LNR",    "INR"};
 
 template <std::size_t n>
 bool among(std::string_view word, const std::string_view (&words)[n])
@@ -39,7 +40,8 @@ void L_SET_FACTORS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& mode
   const Frame here{eh, __func__};
   constexpr std::int64_t most_variables = 9990;
   if (parser.variables.count() > most_variables) {
-    eh.error(text("the data have ", parser.variables.count(), " variables, at most ", most_variables, " are possible"));
+    eh.error(text("the data have ", parser.variables.count(), " variables, at most ", most_variables,
+                  " are possible"));
     return;
   }
   FACTOR_TABLE& factors = parser.factors;
@@ -92,7 +94,8 @@ void L_READ_RESPONSE(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& mo
   for (const JsonNode* node : nodes) {
     const std::string name = GET_FACNAME_FROM_JPTR(eh, parser.communication, *node);
     if (const JsonNode* function = node->find("function")) {
-      eh.not_implemented(text("the model function ", function_name(*function), "() in the response ", name, " is not implemented yet"));
+      eh.not_implemented(text("the model function ", function_name(*function), "() in the response ", name,
+                              " is not implemented yet"));
       return;
     }
     const std::int64_t row = parser.variables.find(name);
@@ -133,17 +136,20 @@ void L_READ_FAMILY(ERROR_HANDLER& eh, const MODEL_PARSER& parser)
     }
     const JsonNode* link = supplied_value(*function, "link");
     if (link != nullptr && !(link->is(JsonType::string) && among(link->text(), links))) {
-      REPORT_JSON_ERROR(eh, *link, {"identity", "logit", "probit", "cloglog", "log", "sqrt", "inverse", "LNR", "INR"});
+      REPORT_JSON_ERROR(eh, *link,
+                        {"identity", "logit", "probit", "cloglog", "log", "sqrt", "inverse", "LNR", "INR"});
       return;
     }
     if (name != "gaussian" || (link != nullptr && !link->is_text("identity"))) {
-      eh.not_implemented(text("the family ", name, link != nullptr ? " with the link " + link->text() : "", " is not implemented yet"));
+      eh.not_implemented(text("the family ", name, link != nullptr ? " with the link " + link->text() : "",
+                              " is not implemented yet"));
       return;
     }
     for (const auto& argument : function->find("arguments")->children()) {
       const JsonNode* key = argument->find("name");
       if (key == nullptr || key->is_text("link")) continue;
-      eh.not_implemented(text("the argument ", key->text(), " of the family gaussian is not implemented yet"));
+      eh.not_implemented(
+          text("the argument ", key->text(), " of the family gaussian is not implemented yet"));
       return;
     }
   }
@@ -180,7 +186,9 @@ void L_READ_RESIDUAL(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& mo
     return;
   }
   parser.info.residual = residual;
-  if (terms->size() == 1 && plain_name(*terms->children().front()) == parser.communication.VARIABLE_NAME_UNITS) return;
+  if (terms->size() == 1 &&
+      plain_name(*terms->children().front()) == parser.communication.VARIABLE_NAME_UNITS)
+    return;
   std::string name;
   for (const auto& term : terms->children()) {
     if (!name.empty()) name += parser.communication.ADD_TERM_SYMBOL;
@@ -192,12 +200,17 @@ void L_READ_RESIDUAL(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& mo
 }  // namespace
 
 void NEW_PARSE_LINEAR_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communication, const JsonNode& request,
-                            const VARIABLE_TABLE& variables, FACTOR_TABLE& factors, TERM_TABLE& terms, MODEL_INFO& info)
+                            const VARIABLE_TABLE& variables, FACTOR_TABLE& factors, TERM_TABLE& terms,
+                            MODEL_INFO& info)
 {
   const Frame here{eh, __func__};
   terms = {};
   info = {};
-  MODEL_PARSER parser{.communication = communication, .variables = variables, .factors = factors, .terms = terms, .info = info};
+  MODEL_PARSER parser{.communication = communication,
+                      .variables = variables,
+                      .factors = factors,
+                      .terms = terms,
+                      .info = info};
   const JsonNode* model = request.find("model");
   if (model == nullptr || !model->is(JsonType::object)) {
     REPORT_JSON_ERROR(eh, request, "model");
@@ -226,10 +239,13 @@ void NEW_PARSE_LINEAR_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communicatio
     if (eh.terminate()) return;
   }
   if (info.has_mv)
-    terms.rows.push_back({.code = static_cast<std::int32_t>(parser.mv), .block = Block::sparse, .name = "mv_estimates", .is_mv = true});
+    terms.rows.push_back({.code = static_cast<std::int32_t>(parser.mv),
+                          .block = Block::sparse,
+                          .name = "mv_estimates",
+                          .is_mv = true});
   if (const JsonNode* offset = model->find("offset"); offset != nullptr && !offset->is(JsonType::null)) {
-    eh.not_implemented(text("the model function offset() in term ", GET_FACNAME_FROM_JPTR(eh, communication, *offset),
-                            " is not implemented yet"));
+    eh.not_implemented(text("the model function offset() in term ",
+                            GET_FACNAME_FROM_JPTR(eh, communication, *offset), " is not implemented yet"));
     return;
   }
   L_READ_RESIDUAL(eh, parser, *model);

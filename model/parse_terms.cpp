@@ -20,7 +20,8 @@ std::string shown_name(ERROR_HANDLER& eh, const MODEL_PARSER& parser, const Json
   return GET_FACNAME_FROM_JPTR(eh, parser.communication, node);
 }
 
-/// L_ADD_COPY: adds the factor row of a component that must stand behind another or carries a structure; gives its number.
+/// L_ADD_COPY: adds the factor row of a component that must stand behind another or carries a structure;
+/// gives its number.
 std::int64_t L_ADD_COPY(ERROR_HANDLER& eh, MODEL_PARSER& parser, const COMPONENT& component)
 {
   const Frame here{eh, __func__};
@@ -57,7 +58,8 @@ COMPONENT ADD_SPECIAL_TERM_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, co
   } else if (name == words.VARIABLE_NAME_UNITS) {
     component.row = parser.units;
   } else if (name == words.VARIABLE_NAME_TRAIT) {
-    eh.not_implemented(text("the factor ", name, " in a model with one response variable is not implemented"));
+    eh.not_implemented(
+        text("the factor ", name, " in a model with one response variable is not implemented"));
   } else if (name == words.VARIABLE_NAME_MV) {
     eh.error(text(name, " can not be used as part of an interaction or as an argument to a function call"));
   } else if (!CHECK_VARIABLE_NAME_VALIDITY(eh, words, name, true, true)) {
@@ -85,7 +87,8 @@ COMPONENT ADD_FUNCTION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const 
   }
   const bool identity = name == "id" || name == "idv";
   const JsonNode* factor = supplied_value(function, "variable_name");
-  if (!identity || block != Block::random || factor == nullptr || (!factor->is(JsonType::string) && plain_name(*factor).empty())) {
+  if (!identity || block != Block::random || factor == nullptr ||
+      (!factor->is(JsonType::string) && plain_name(*factor).empty())) {
     eh.not_implemented(text("the model function ", name, "() in term ", shown, " is not implemented yet"));
     return {};
   }
@@ -101,7 +104,8 @@ COMPONENT ADD_FUNCTION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const 
   return component;
 }
 
-void FLATTEN_INTERACTION(ERROR_HANDLER& eh, const JsonNode& interaction, std::vector<const JsonNode*>& out, std::int64_t depth)
+void FLATTEN_INTERACTION(ERROR_HANDLER& eh, const JsonNode& interaction, std::vector<const JsonNode*>& out,
+                         std::int64_t depth)
 {
   const Frame here{eh, __func__};
   if (depth > deepest_call) {
@@ -118,7 +122,8 @@ void FLATTEN_INTERACTION(ERROR_HANDLER& eh, const JsonNode& interaction, std::ve
   }
 }
 
-std::vector<COMPONENT> ADD_INTERACTION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& node, Block block)
+std::vector<COMPONENT> ADD_INTERACTION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser,
+                                                 const JsonNode& node, Block block)
 {
   const Frame here{eh, __func__};
   std::vector<const JsonNode*> elements;
@@ -126,8 +131,9 @@ std::vector<COMPONENT> ADD_INTERACTION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER
   std::vector<COMPONENT> components;
   for (const JsonNode* element : elements) {
     if (eh.terminate()) break;
-    components.push_back(element->find("function") != nullptr ? ADD_FUNCTION_FROM_JPTR(eh, parser, *element, block)
-                                                              : ADD_SPECIAL_TERM_FROM_JPTR(eh, parser, *element));
+    components.push_back(element->find("function") != nullptr
+                             ? ADD_FUNCTION_FROM_JPTR(eh, parser, *element, block)
+                             : ADD_SPECIAL_TERM_FROM_JPTR(eh, parser, *element));
   }
   return components;
 }
@@ -143,7 +149,8 @@ void ADD_TERM_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode&
     return;
   }
   if (node.find("linked") != nullptr) {
-    eh.not_implemented(text("the model function str() in term ", shown_name(eh, parser, node), " is not implemented yet"));
+    eh.not_implemented(
+        text("the model function str() in term ", shown_name(eh, parser, node), " is not implemented yet"));
     return;
   }
   std::vector<COMPONENT> components;

@@ -1,5 +1,5 @@
-// Reading the terms of the standard form into the factor and term tables.  Used by the parser of the model alone.
-// Routines: PARSE_MODEL_FORMULA_FROM_JPTR, LOOP_OVER_TERMS_FROM_JPTR, ADD_, FLATTEN_INTERACTION.
+// Reading the terms of the standard form into the factor and term tables.  Used by the parser of the model
+// alone. Routines: PARSE_MODEL_FORMULA_FROM_JPTR, LOOP_OVER_TERMS_FROM_JPTR, ADD_, FLATTEN_INTERACTION.
 #pragma once
 
 #include <cstdint>
@@ -25,14 +25,15 @@ struct MODEL_PARSER {
 
 /// One factor of a term before it has a row of its own.
 struct COMPONENT {
-  std::int64_t row = 0;        // the factor row that it stands for
-  std::string structure = {};  // the variance function named on it
+  std::int64_t row = 0;           // the factor row that it stands for
+  std::string structure = {};     // the variance function named on it
   std::vector<double> init = {};  // starting values given to that function
-  std::string name = {};       // as the user wrote it
+  std::string name = {};          // as the user wrote it
 };
 
 /// PARSE_MODEL_FORMULA_FROM_JPTR: reads one part of the model; its terms go to one block.
-void PARSE_MODEL_FORMULA_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& part, Block block);
+void PARSE_MODEL_FORMULA_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& part,
+                                   Block block);
 /// LOOP_OVER_TERMS_FROM_JPTR: reads the terms of a list.
 void LOOP_OVER_TERMS_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& list, Block block);
 /// ADD_TERM_FROM_JPTR: reads one element of a list into a term row.
@@ -42,8 +43,10 @@ COMPONENT ADD_SPECIAL_TERM_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, co
 /// ADD_FUNCTION_FROM_JPTR: the component of a call; id() and idv() name a structure in the random part.
 COMPONENT ADD_FUNCTION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& node, Block block);
 /// ADD_INTERACTION_FROM_JPTR: the components of an interaction, in their order.
-std::vector<COMPONENT> ADD_INTERACTION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& node, Block block);
+std::vector<COMPONENT> ADD_INTERACTION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser,
+                                                 const JsonNode& node, Block block);
 /// FLATTEN_INTERACTION: the elements of an interaction, those of interactions within it in their place.
-void FLATTEN_INTERACTION(ERROR_HANDLER& eh, const JsonNode& interaction, std::vector<const JsonNode*>& out, std::int64_t depth = 0);
+void FLATTEN_INTERACTION(ERROR_HANDLER& eh, const JsonNode& interaction, std::vector<const JsonNode*>& out,
+                         std::int64_t depth = 0);
 
 }  // namespace tolvan

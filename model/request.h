@@ -1,5 +1,5 @@
-// Standardisation of a request: formula text becomes term nodes, calls get their arguments in order, shorthand
-// keys become options.  Routines: API_.
+// Standardisation of a request: formula text becomes term nodes, calls get their arguments in order,
+// shorthand keys become options.  Routines: API_.
 #pragma once
 
 #include <initializer_list>
@@ -13,19 +13,24 @@
 
 namespace tolvan {
 
-/// API_STANDARDISE_AND_EXPAND_JSON: rewrites a request in place into the standard form; models_present tells whether it has a model.
-void API_STANDARDISE_AND_EXPAND_JSON(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode* root, bool& models_present);
+/// API_STANDARDISE_AND_EXPAND_JSON: rewrites a request in place into the standard form; models_present tells
+/// whether it has a model.
+void API_STANDARDISE_AND_EXPAND_JSON(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode* root,
+                                     bool& models_present);
 
-/// REPORT_JSON_ERROR: complains about a missing key of an object ("<key> is required but was not found in <path>").
+/// REPORT_JSON_ERROR: complains about a missing key of an object ("<key> is required but was not found in
+/// <path>").
 void REPORT_JSON_ERROR(ERROR_HANDLER& eh, const JsonNode& parent, std::string_view missing_key);
 /// REPORT_JSON_ERROR: complains about a value, naming what was expected.
 void REPORT_JSON_ERROR(ERROR_HANDLER& eh, const JsonNode& node, const std::vector<std::string>& expected);
 /// REPORT_JSON_ERROR: the same for a list written at the call.
-void REPORT_JSON_ERROR(ERROR_HANDLER& eh, const JsonNode& node, std::initializer_list<std::string_view> expected);
+void REPORT_JSON_ERROR(ERROR_HANDLER& eh, const JsonNode& node,
+                       std::initializer_list<std::string_view> expected);
 /// REPORT_IF_JSON_KEY_DUPLICATED: complains when a key stands twice in an object.
 void REPORT_IF_JSON_KEY_DUPLICATED(ERROR_HANDLER& eh, const JsonNode& object, std::string_view key);
 
 /// GET_FACNAME_FROM_JPTR: the text of a term node as a factor name ("a", "a:b", "idv(a)").
-std::string GET_FACNAME_FROM_JPTR(ERROR_HANDLER& eh, const COMMUNICATION& communication, const JsonNode& term);
+std::string GET_FACNAME_FROM_JPTR(ERROR_HANDLER& eh, const COMMUNICATION& communication,
+                                  const JsonNode& term);
 
 }  // namespace tolvan

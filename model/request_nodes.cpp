@@ -52,7 +52,8 @@ void REPORT_JSON_ERROR(ERROR_HANDLER& eh, const JsonNode& parent, std::string_vi
   eh.error(text(missing_key, " is required but was not found in ", shown_path(parent)));
 }
 
-void REPORT_JSON_ERROR(ERROR_HANDLER& eh, const JsonNode& node, std::initializer_list<std::string_view> expected)
+void REPORT_JSON_ERROR(ERROR_HANDLER& eh, const JsonNode& node,
+                       std::initializer_list<std::string_view> expected)
 {
   const Frame here{eh, __func__};
   eh.error(bad_value(node, alternatives(expected)));
@@ -68,10 +69,12 @@ void REPORT_IF_JSON_KEY_DUPLICATED(ERROR_HANDLER& eh, const JsonNode& object, st
 {
   const Frame here{eh, __func__};
   if (object.count(key) > 1)
-    eh.error(text("the key ", key, " was supplied more than once in ", shown_path(object)), Ecode::invalid_json);
+    eh.error(text("the key ", key, " was supplied more than once in ", shown_path(object)),
+             Ecode::invalid_json);
 }
 
-std::optional<std::string> GET_VALUE_FROM_JPTR_STRING(ERROR_HANDLER& eh, const JsonNode& parent, std::string_view key, bool required)
+std::optional<std::string> GET_VALUE_FROM_JPTR_STRING(ERROR_HANDLER& eh, const JsonNode& parent,
+                                                      std::string_view key, bool required)
 {
   const Frame here{eh, __func__};
   const JsonNode* node = parent.find(key);
@@ -86,7 +89,8 @@ std::optional<std::string> GET_VALUE_FROM_JPTR_STRING(ERROR_HANDLER& eh, const J
   return node->text();
 }
 
-bool GET_VALUE_FROM_JPTR_LOGICAL(ERROR_HANDLER& eh, const JsonNode& parent, std::string_view key, bool otherwise)
+bool GET_VALUE_FROM_JPTR_LOGICAL(ERROR_HANDLER& eh, const JsonNode& parent, std::string_view key,
+                                 bool otherwise)
 {
   const Frame here{eh, __func__};
   const JsonNode* node = parent.find(key);
@@ -95,7 +99,8 @@ bool GET_VALUE_FROM_JPTR_LOGICAL(ERROR_HANDLER& eh, const JsonNode& parent, std:
   return node->logical();
 }
 
-std::vector<std::string> GET_VALUE_FROM_JPTR_STRINGS(ERROR_HANDLER& eh, const JsonNode& parent, std::string_view key)
+std::vector<std::string> GET_VALUE_FROM_JPTR_STRINGS(ERROR_HANDLER& eh, const JsonNode& parent,
+                                                     std::string_view key)
 {
   const Frame here{eh, __func__};
   std::vector<std::string> out;
@@ -166,7 +171,8 @@ JsonNode* find_argument(const JsonNode& function, std::string_view name)
   const JsonNode* arguments = function.find("arguments");
   if (arguments == nullptr) return nullptr;
   for (const auto& argument : arguments->children())
-    if (const JsonNode* key = argument->find("name"); key != nullptr && key->is_text(name)) return argument.get();
+    if (const JsonNode* key = argument->find("name"); key != nullptr && key->is_text(name))
+      return argument.get();
   return nullptr;
 }
 

@@ -15,17 +15,23 @@
 
 namespace tolvan {
 
-/// GET_VALUE_FROM_JPTR_STRING: the text of a key; a missing one gives nothing, with a complaint when it is required.
-std::optional<std::string> GET_VALUE_FROM_JPTR_STRING(ERROR_HANDLER& eh, const JsonNode& parent, std::string_view key, bool required);
+/// GET_VALUE_FROM_JPTR_STRING: the text of a key; a missing one gives nothing, with a complaint when it is
+/// required.
+std::optional<std::string> GET_VALUE_FROM_JPTR_STRING(ERROR_HANDLER& eh, const JsonNode& parent,
+                                                      std::string_view key, bool required);
 /// GET_VALUE_FROM_JPTR_LOGICAL: the logical of a key, the default when it is missing.
-bool GET_VALUE_FROM_JPTR_LOGICAL(ERROR_HANDLER& eh, const JsonNode& parent, std::string_view key, bool otherwise);
+bool GET_VALUE_FROM_JPTR_LOGICAL(ERROR_HANDLER& eh, const JsonNode& parent, std::string_view key,
+                                 bool otherwise);
 /// GET_VALUE_FROM_JPTR_STRINGS: one string or an array of strings; a missing key gives none.
-std::vector<std::string> GET_VALUE_FROM_JPTR_STRINGS(ERROR_HANDLER& eh, const JsonNode& parent, std::string_view key);
+std::vector<std::string> GET_VALUE_FROM_JPTR_STRINGS(ERROR_HANDLER& eh, const JsonNode& parent,
+                                                     std::string_view key);
 /// GET_VALUE_FROM_JPTR_REALS: one number or an array of numbers; a missing key gives none.
-std::vector<double> GET_VALUE_FROM_JPTR_REALS(ERROR_HANDLER& eh, const JsonNode& parent, std::string_view key);
+std::vector<double> GET_VALUE_FROM_JPTR_REALS(ERROR_HANDLER& eh, const JsonNode& parent,
+                                              std::string_view key);
 
 /// MOVE_JSON_NODE: detaches a node and puts it under a new parent, with a new name if one is given.
-JsonNode* MOVE_JSON_NODE(ERROR_HANDLER& eh, JsonNode* node, JsonNode& new_parent, std::string_view new_name = {});
+JsonNode* MOVE_JSON_NODE(ERROR_HANDLER& eh, JsonNode* node, JsonNode& new_parent,
+                         std::string_view new_name = {});
 
 /// True for an object with the logical key set.
 bool has_flag(const JsonNode& node, std::string_view key);

@@ -7,8 +7,8 @@
 
 namespace tolvan {
 
-void SET_TERM_EQUATIONS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::int64_t records, std::int64_t missing,
-                        FACTOR_TABLE& factors, TERM_TABLE& terms)
+void SET_TERM_EQUATIONS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::int64_t records,
+                        std::int64_t missing, FACTOR_TABLE& factors, TERM_TABLE& terms)
 {
   const Frame here{eh, __func__};
   for (FACTOR_ROW& factor : factors.rows) {
@@ -42,8 +42,8 @@ void SET_TERM_EQUATIONS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std:
   }
 }
 
-std::string level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, const TERM_ROW& term,
-                       std::int64_t level)
+std::string level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
+                       const TERM_ROW& term, std::int64_t level)
 {
   // Mixed radix: the last component runs fastest.  Components are taken from the last to the first.
   const auto [from, to] = term.components();
@@ -55,7 +55,8 @@ std::string level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const
     const std::int64_t own = rest % n + 1;
     rest /= n;
     if (!factor.is_factor) continue;
-    const std::string label = factor.variable > 0 ? GET_LEVEL_NAME(eh, variables.row(factor.variable), own) : text(own);
+    const std::string label =
+        factor.variable > 0 ? GET_LEVEL_NAME(eh, variables.row(factor.variable), own) : text(own);
     name = name.empty() ? label : text(label, ".", name);
   }
   return name.empty() ? text(level) : name;

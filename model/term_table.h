@@ -17,14 +17,14 @@ namespace tolvan {
 
 enum class Block { response, fixed, random, sparse };
 
-/// One model term.  The code tells its factors: up to 10000 a row of the factor table; above, code / 10000 components in
-/// consecutive rows from code modulo 10000 on, plus one row less: see components().
+/// One model term.  The code tells its factors: up to 10000 a row of the factor table; above, code / 10000
+/// components in consecutive rows from code modulo 10000 on, plus one row less: see components().
 struct TERM_ROW {
   std::int32_t code = 0;
-  std::int64_t equations = 0;   // 0 for the response
-  std::int64_t first = 0;       // first equation, from 0, in model order
+  std::int64_t equations = 0;  // 0 for the response
+  std::int64_t first = 0;      // first equation, from 0, in model order
   Block block = Block::fixed;
-  std::string name = {};        // as shown in tables: "block:wplot", "idv(a)"; mv is "mv_estimates"
+  std::string name = {};  // as shown in tables: "block:wplot", "idv(a)"; mv is "mv_estimates"
   bool dropped = false;
   bool is_mv = false;
   const JsonNode* initial_values = nullptr;  // the node that may hold values, ps_constraints, ...; null: none
@@ -50,25 +50,29 @@ struct MODEL_INFO {
   std::vector<std::int64_t> responses;  // factor rows of the response variables
   std::int64_t weights = 0;             // factor row, 0 for none
   bool has_mv = false;
-  const JsonNode* residual = nullptr;   // the residual part, null when absent
+  const JsonNode* residual = nullptr;  // the residual part, null when absent
   const JsonNode* family = nullptr;
 };
 
 /// NEW_PARSE_LINEAR_MODEL: reads the standard form of the model into the factor and term tables.
 void NEW_PARSE_LINEAR_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communication, const JsonNode& request,
-                            const VARIABLE_TABLE& variables, FACTOR_TABLE& factors, TERM_TABLE& terms, MODEL_INFO& info);
+                            const VARIABLE_TABLE& variables, FACTOR_TABLE& factors, TERM_TABLE& terms,
+                            MODEL_INFO& info);
 
-/// SET_TERM_EQUATIONS: takes the level counts over from the variables and numbers the equations of every term.
-///   records   analysis records, the levels of units;  missing   retained missing responses, the equations of mv
-void SET_TERM_EQUATIONS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::int64_t records, std::int64_t missing,
-                        FACTOR_TABLE& factors, TERM_TABLE& terms);
+/// SET_TERM_EQUATIONS: takes the level counts over from the variables and numbers the equations of every
+/// term.
+///   records   analysis records, the levels of units;  missing   retained missing responses, the equations of
+///   mv
+void SET_TERM_EQUATIONS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::int64_t records,
+                        std::int64_t missing, FACTOR_TABLE& factors, TERM_TABLE& terms);
 
-/// CHECK_FOR_INTERACTION_NO_MAIN: the rows (from 1) of the terms that are interactions without all their main effects in the model.
+/// CHECK_FOR_INTERACTION_NO_MAIN: the rows (from 1) of the terms that are interactions without all their main
+/// effects in the model.
 std::vector<std::int64_t> CHECK_FOR_INTERACTION_NO_MAIN(const FACTOR_TABLE& factors, const TERM_TABLE& terms);
 
-/// The name of a level (from 1) of a term for tables: the labels of its factors joined with a dot; a covariate has none,
-/// and a term of covariates alone, mu among them, gives "1".
-std::string level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, const TERM_ROW& term,
-                       std::int64_t level);
+/// The name of a level (from 1) of a term for tables: the labels of its factors joined with a dot; a
+/// covariate has none, and a term of covariates alone, mu among them, gives "1".
+std::string level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
+                       const TERM_ROW& term, std::int64_t level);
 
 }  // namespace tolvan

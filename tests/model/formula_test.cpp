@@ -1,6 +1,4 @@
 // Formula text against a table of cases, and against an independent expansion by set algebra.
-#include "model/formula_text.h"
-
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -8,6 +6,7 @@
 #include <set>
 
 #include "base/text.h"
+#include "model/formula_text.h"
 #include "support/checks.h"
 
 namespace tolvan {
@@ -88,7 +87,8 @@ class Grammar {
     if (kind <= 1) return leaf();
     if (kind == 2) return sum(depth, drops);
     const char op = ":*/"[kind - 3];
-    const Expression left = operand(any(depth - 1, drops && op == ':'), op), right = operand(any(depth - 1, drops && op == ':'), op);
+    const Expression left = operand(any(depth - 1, drops && op == ':'), op),
+                     right = operand(any(depth - 1, drops && op == ':'), op);
     const Terms crossed = product(left.terms, right.terms);
     Terms terms = crossed;
     if (op != ':') terms = join_sets(terms, left.terms);
@@ -99,7 +99,8 @@ class Grammar {
   Expression sum(int depth, bool drops)
   {
     const Expression left = any(depth - 1, drops), right = any(depth - 1, drops);
-    const bool drop = drops && pick(3) == 0 && right.terms.size() == 1 && !right.terms.begin()->first && left.top != '+';
+    const bool drop =
+        drops && pick(3) == 0 && right.terms.size() == 1 && !right.terms.begin()->first && left.top != '+';
     Terms terms = left.terms;
     for (const auto& [d, t] : right.terms) terms.insert({d || drop, t});
     const std::string space(static_cast<std::size_t>(pick(2)), ' ');
@@ -117,7 +118,8 @@ class Grammar {
     return {name, {{false, name}}};
   }
 
-  /// Brackets where the operand binds no tighter than the operator, and now and then where they change nothing.
+  /// Brackets where the operand binds no tighter than the operator, and now and then where they change
+  /// nothing.
   Expression operand(Expression e, char op)
   {
     const std::string order = "+*/:a";
@@ -164,7 +166,8 @@ TEST(Formula, LongAndDeepTextsAreCutOrRefused)
   const std::string name(1000000, 'n');
   EXPECT_EQ(standardised(communication, name).size(), term_capacity);
   std::string sum = "a", crossed = "a", groups = "(a+b)";
-  for (int i = 0; i < 4000; ++i) sum += "+a", crossed += i < 900 ? "*a" : "", groups += i < 300 ? ":(a+b)" : "";
+  for (int i = 0; i < 4000; ++i)
+    sum += "+a", crossed += i < 900 ? "*a" : "", groups += i < 300 ? ":(a+b)" : "";
   EXPECT_EQ(standardised(communication, sum), sum);
   EXPECT_LE(standardised(communication, crossed).size(), formula_capacity);
   EXPECT_LE(standardised(communication, groups).size(), formula_capacity);
@@ -182,7 +185,8 @@ TEST(Formula, RandomBytesNeverCrash)
     CT_SET_DIALECT(communication, sa);
     for (int round = 0; round < 4000; ++round) {
       std::string s(std::uniform_int_distribution<std::size_t>(0, 60)(random), ' ');
-      for (char& c : s) c = alphabet[std::uniform_int_distribution<std::size_t>(0, alphabet.size() - 1)(random)];
+      for (char& c : s)
+        c = alphabet[std::uniform_int_distribution<std::size_t>(0, alphabet.size() - 1)(random)];
       ERROR_HANDLER eh;
       STANDARDISE_FORMULA_STRING(eh, communication, s);
       ASSERT_TRUE(eh.stack().entries.empty()) << s;

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "base/text.h"
+#include "model/term_table.h"
 #include "support/checks.h"
 
 namespace tolvan {
@@ -37,7 +38,10 @@ std::string result_of(std::string_view request)
   return all;
 }
 
-std::string with_model(std::string_view parts) { return text(R"j({"model":{"response":"y",)j", parts, "}}"); }
+std::string with_model(std::string_view parts)
+{
+  return text(R"j({"model":{"response":"y",)j", parts, "}}");
+}
 
 /// Of the model {"response":"y", parts}: one part of its standard form, or the messages.
 std::string part_of(std::string_view parts, const char* part)
@@ -63,23 +67,30 @@ TEST(Request, SplitPlotInStandardForm)
 TEST(Request, KnownMatrixGetsItsEntry)
 {
   const std::string standard = result_of(R"j({"model":{"response":"y","random":"vm(id, Gm)"}})j");
-  EXPECT_EQ(standard,
-            R"j({"model":{"response":{"terms":"y"},"random":{"terms":[{"function":{"name":"vm","arguments":[)j"
-            R"j({"name":"variable_name","value":{"term_name":"id"}},{"name":"source","value":"Gm"},)j"
-            R"j({"name":"singG","value":"PD","supplied":false},{"name":"invert","value":false,"supplied":false},)j"
-            R"j({"name":"ldet","value":0.0,"supplied":false}],"already_processed":true},)j"
-            R"j("user_facing_factor_name":"vm(id,Gm)"}]},"fixed":{"terms":["mu"]}},)j"
-            R"j("grm_file":[{"name":"Gm","type":"ft_data","giv":"Gm.vm"}]})j");
+  EXPECT_EQ(
+      standard,
+      R"j({"model":{"response":{"terms":"y"},"random":{"terms":[{"function":{"name":"vm","arguments":[)j"
+      R"j({"name":"variable_name","value":{"term_name":"id"}},{"name":"source","value":"Gm"},)j"
+      R"j({"name":"singG","value":"PD","supplied":false},{"name":"invert","value":false,"supplied":false},)j"
+      R"j({"name":"ldet","value":0.0,"supplied":false}],"already_processed":true},)j"
+      R"j("user_facing_factor_name":"vm(id,Gm)"}]},"fixed":{"terms":["mu"]}},)j"
+      R"j("grm_file":[{"name":"Gm","type":"ft_data","giv":"Gm.vm"}]})j");
   EXPECT_EQ(result_of(standard), standard);  // what is standard stays so
 
-  EXPECT_TRUE(result_of(with_model(R"j("random":"vm(id,Gm,psd,ldet=2,invert=true)")j"))
-                  .ends_with(R"j("grm_file":[{"name":"Gm","type":"ft_data","giv":"Gm.vm","psd":true,"ldet":2.0,"invert":true}]})j"));
-  EXPECT_TRUE(result_of(R"j({"grm_file":{"name":"Gm","type":"ft_csv"},"model":{"response":"y","random":"vm(id,Gm,ND)"}})j")
-                  .starts_with(R"j({"grm_file":[{"name":"Gm","type":"ft_csv","giv":"Gm.vm","nsd":true}],)j"));
-  EXPECT_EQ(result_of(R"j({"grm_file":{"name":"Gm","type":"x"},"model":{"response":"y","random":"vm(id,Gm)"}})j"),
-            "unexpected type in grm_file node, with name = Gm | in the function call vm(id,Gm)");
+  EXPECT_TRUE(
+      result_of(with_model(R"j("random":"vm(id,Gm,psd,ldet=2,invert=true)")j"))
+          .ends_with(
+              R"j("grm_file":[{"name":"Gm","type":"ft_data","giv":"Gm.vm","psd":true,"ldet":2.0,"invert":true}]})j"));
+  EXPECT_TRUE(
+      result_of(
+          R"j({"grm_file":{"name":"Gm","type":"ft_csv"},"model":{"response":"y","random":"vm(id,Gm,ND)"}})j")
+          .starts_with(R"j({"grm_file":[{"name":"Gm","type":"ft_csv","giv":"Gm.vm","nsd":true}],)j"));
+  EXPECT_EQ(
+      result_of(R"j({"grm_file":{"name":"Gm","type":"x"},"model":{"response":"y","random":"vm(id,Gm)"}})j"),
+      "unexpected type in grm_file node, with name = Gm | in the function call vm(id,Gm)");
   EXPECT_EQ(part_of(R"j("random":"vm(id,Gm,xx)")j", "random"),
-            "invalid value supplied for singG: xx, was expecting one of: PD, ND or PSD | in the function call vm(id,Gm,xx)");
+            "invalid value supplied for singG: xx, was expecting one of: PD, ND or PSD | in the function "
+            "call vm(id,Gm,xx)");
 }
 
 TEST(Request, PartsOfTheModel)
@@ -98,36 +109,44 @@ TEST(Request, PartsOfTheModel)
       {R"j("fixed":"a-1")j", "fixed", R"j({"terms":["a"]})j"},
       {R"j("fixed":"-mu+a")j", "fixed", R"j({"terms":["a"]})j"},
       {R"j("fixed":"-1")j", "fixed",
-       "duplicate terms were dropped from the fixed part of the model | terms dropped: mu | should not have been able to remove all the terms"},
+       "duplicate terms were dropped from the fixed part of the model | terms dropped: mu | should not have "
+       "been able to remove all the terms"},
       {R"j("random":"1")j", "random", "unexpected numeric value in model definition"},
       {R"j("fixed":"a+2")j", "fixed", "unexpected numeric value in model definition"},
       {R"j("fixed":"a-2")j", "fixed", "unexpected numeric value in model definition"},
       {R"j("random":"a-1")j", "random", "unexpected numeric value in model definition"},
       // terms written as a tree
-      {R"j("fixed":{"terms":["a:b","c",1,{"term_name":"d"}]})j", "fixed", R"j({"terms":[{"interaction":["a","b"]},"c","mu","d"]})j"},
+      {R"j("fixed":{"terms":["a:b","c",1,{"term_name":"d"}]})j", "fixed",
+       R"j({"terms":[{"interaction":["a","b"]},"c","mu","d"]})j"},
       {R"j("fixed":{"terms":"a*b"})j", "fixed", R"j({"terms":["mu","a","b",{"interaction":["a","b"]}]})j"},
       {R"j("fixed":["a","b"])j", "fixed", R"j({"terms":["mu","a","b"]})j"},
       {R"j("random":{"interaction":["a",{"interaction":["b","c"]}]})j", "random",
        R"j({"terms":[{"interaction":["a",{"interaction":["b","c"]}]}]})j"},
-      {R"j("random":{"terms":[{"term_name":"a","values":[0.5]}]})j", "random", R"j({"terms":[{"term_name":"a","values":[0.5]}]})j"},
+      {R"j("random":{"terms":[{"term_name":"a","values":[0.5]}]})j", "random",
+       R"j({"terms":[{"term_name":"a","values":[0.5]}]})j"},
       {R"j("random":{"terms":["a",{"term_name":"a","drop":true},"b"]})j", "random", R"j({"terms":["b"]})j"},
       {R"j("random":null)j", "random", "absent"},
       {R"j("random":"")j", "random", "not expecting to get here with no terms"},
       {R"j("random":{"terms":[]})j", "random", "not expecting to get here with no terms"},
       {R"j("random":{})j", "random", "terms is required but was not found in model.random"},
       {R"j("random":3)j", "random",
-       "invalid value supplied for model.random, was expecting one of: a formula or an object with terms, supplied value = 3"},
+       "invalid value supplied for model.random, was expecting one of: a formula or an object with terms, "
+       "supplied value = 3"},
       {R"j("random":{"terms":[true]})j", "random",
-       "invalid value supplied for model.random.terms[1], was expecting one of: the name of a term, an interaction or a function, supplied value = true"},
+       "invalid value supplied for model.random.terms[1], was expecting one of: the name of a term, an "
+       "interaction or a function, supplied value = true"},
       {R"j("random":{"terms":[{"interaction":[]}]})j", "random",
-       "invalid value supplied for model.random.terms[1].interaction, was expecting one of: an array of terms, supplied value = []"},
+       "invalid value supplied for model.random.terms[1].interaction, was expecting one of: an array of "
+       "terms, supplied value = []"},
       {R"j("random":{"terms":[{"interaction":["a",2.5]}]})j", "random",
-       "invalid value supplied for model.random.terms[1].interaction[2], was expecting one of: the name of a term, an interaction or a function, supplied value = 2.5"},
+       "invalid value supplied for model.random.terms[1].interaction[2], was expecting one of: the name of a "
+       "term, an interaction or a function, supplied value = 2.5"},
       {R"j("random":"a","random":"b")j", "random", "the key random was supplied more than once in model"},
       // duplicates
       {R"j("random":"a+a")j", "random", R"j({"terms":["a"]})j"},
       {R"j("fixed":"a-a")j", "fixed", R"j({"terms":["mu"]})j"},
-      {R"j("random":"a:b+b:a")j", "random", R"j({"terms":[{"interaction":["a","b"]},{"interaction":["b","a"]}]})j"},
+      {R"j("random":"a:b+b:a")j", "random",
+       R"j({"terms":[{"interaction":["a","b"]},{"interaction":["b","a"]}]})j"},
       {R"j("random":"a-b")j", "random", R"j({"terms":["a"]})j"},
       {R"j("random":"a+b-a:c+a:c-b")j", "random", R"j({"terms":["a",{"interaction":["a","c"]}]})j"},
       {R"j("random":"idv(a)+idv( a )+b")j", "random",
@@ -145,26 +164,42 @@ TEST(Request, PartsOfTheModel)
        R"j({"terms":[{"function":{"name":"exp","arguments":[{"name":"x","value":{"term_name":"x"}},{"name":"init","value":"NoValueSupplied","supplied":false},{"name":"dist","value":[0,1.5],"drop_from_facname":true}],"already_processed":true}}]})j"},
       {R"j("residual":"dsum(a:b|site,levels=[[1,2],[3]])")j", "residual",
        R"j({"terms":[{"function":{"name":"dsum","arguments":[{"name":"model","value":"a:b"},{"name":"cond","value":"site"},{"name":"levels","value":[[1,2],[3]]}],"already_processed":true}}]})j"},
-      {R"j("fixed":"foo(x)")j", "fixed", "foo is not a recognised model function | in the function call foo(x)"},
-      {R"j("fixed":"vm(a,b)")j", "fixed", "vm is not valid in the fixed part of the model | in the function call vm(a,b)"},
-      {R"j("random":"offset(x)")j", "random", "offset is not valid in the random part of the model | in the function call offset(x)"},
-      {R"j("fixed":"offset(x):a")j", "fixed", "offset can not be used as part of an interaction | in the function call offset(x)"},
-      {R"j("fixed":"spl(offset(x))")j", "fixed", "offset can not be used as an argument to a function call | in the function call offset(x)"},
-      {R"j("fixed":"spl(x,3,4)")j", "fixed", "3 arguments were supplied, but at most 2 where expected | in the function call spl(x,3,4)"},
-      {R"j("fixed":"spl(a,b,c,q=1)")j", "fixed", "4 arguments were supplied, but at most 2 where expected | in the function call spl(a,b,c,q=1)"},
-      {R"j("fixed":"spl(x,q=4)")j", "fixed", "q is not a valid argument name | in the function call spl(x,q=4)"},
-      {R"j("fixed":"spl(k=1,k=4)")j", "fixed", "a duplicate value for k was supplied | in the function call spl(k=1,k=4)"},
+      {R"j("fixed":"foo(x)")j", "fixed",
+       "foo is not a recognised model function | in the function call foo(x)"},
+      {R"j("fixed":"vm(a,b)")j", "fixed",
+       "vm is not valid in the fixed part of the model | in the function call vm(a,b)"},
+      {R"j("random":"offset(x)")j", "random",
+       "offset is not valid in the random part of the model | in the function call offset(x)"},
+      {R"j("fixed":"offset(x):a")j", "fixed",
+       "offset can not be used as part of an interaction | in the function call offset(x)"},
+      {R"j("fixed":"spl(offset(x))")j", "fixed",
+       "offset can not be used as an argument to a function call | in the function call offset(x)"},
+      {R"j("fixed":"spl(x,3,4)")j", "fixed",
+       "3 arguments were supplied, but at most 2 where expected | in the function call spl(x,3,4)"},
+      {R"j("fixed":"spl(a,b,c,q=1)")j", "fixed",
+       "4 arguments were supplied, but at most 2 where expected | in the function call spl(a,b,c,q=1)"},
+      {R"j("fixed":"spl(x,q=4)")j", "fixed",
+       "q is not a valid argument name | in the function call spl(x,q=4)"},
+      {R"j("fixed":"spl(k=1,k=4)")j", "fixed",
+       "a duplicate value for k was supplied | in the function call spl(k=1,k=4)"},
       {R"j("fixed":"spl(x,variable_name=z)")j", "fixed",
-       "variable_name was supplied as both a positional and named argument | in the function call spl(x,variable_name=z)"},
-      {R"j("fixed":"spl(k=3,x)")j", "fixed", "all positional arguments must preceed all named arguments | in the function call spl(k=3,x)"},
-      {R"j("fixed":"spl(k=3)")j", "fixed", "argument variable_name is required | in the function call spl(k=3)"},
-      {R"j("fixed":"spl(x,k=3.5)")j", "fixed", "expected an integer scalar for argument \"k | in the function call spl(x,k=3.5)"},
-      {R"j("fixed":"spl(x,[1,)")j", "fixed", "Invalid formula term: spl(x,[1,). | Error: Mismatched brackets: \"[\" at position 7 closed by \")\" at position 10."},
+       "variable_name was supplied as both a positional and named argument | in the function call "
+       "spl(x,variable_name=z)"},
+      {R"j("fixed":"spl(k=3,x)")j", "fixed",
+       "all positional arguments must preceed all named arguments | in the function call spl(k=3,x)"},
+      {R"j("fixed":"spl(k=3)")j", "fixed",
+       "argument variable_name is required | in the function call spl(k=3)"},
+      {R"j("fixed":"spl(x,k=3.5)")j", "fixed",
+       "expected an integer scalar for argument \"k | in the function call spl(x,k=3.5)"},
+      {R"j("fixed":"spl(x,[1,)")j", "fixed",
+       "Invalid formula term: spl(x,[1,). | Error: Mismatched brackets: \"[\" at position 7 closed by \")\" "
+       "at position 10."},
       {R"j("fixed":"spl(x,)")j", "fixed", "invalid argument to spl"},
       {R"j("fixed":"spl(x,'a)")j", "fixed", "invalid argument to spl"},
       // offsets, groups, levels
       {R"j("fixed":"a+offset(x)")j", "fixed", R"j({"terms":["mu","a"]})j"},
-      {R"j("fixed":"offset(x)+offset(z)")j", "fixed", "multiple offsets have been supplied in the model, was only expecting one"},
+      {R"j("fixed":"offset(x)+offset(z)")j", "fixed",
+       "multiple offsets have been supplied in the model, was only expecting one"},
       {R"j("fixed":"grp(x)+a:grp(z)")j", "fixed", R"j({"terms":["mu","x",{"interaction":["a","z"]}]})j"},
       {R"j("fixed":"at(a,'one'):x","variables":[{"name":"a","factor_labels":["none","one"]}])j", "fixed",
        R"j({"terms":["mu",{"interaction":[{"function":{"name":"at","arguments":[{"name":"variable_name","value":{"term_name":"a"}},{"name":"lvls","value":2}],"already_processed":true},"user_facing_factor_name":"at(a,one)"},"x"]}]})j"},
@@ -173,25 +208,38 @@ TEST(Request, PartsOfTheModel)
       {R"j("fixed":"at(a,3)","variables":[{"name":"a","number_of_levels":2}])j", "fixed",
        "expecting a value between 1 and 2 | in the function call at(a,3)"},
       {R"j("fixed":"at(a,[1.5])","variables":[{"name":"a"}])j", "fixed",
-       "invalid factor level supplied, expected either an integer or string | in the function call at(a,[1.5])"},
-      {R"j("fixed":"at(b,1)","variables":[{"name":"a"}])j", "fixed", "variable b is not in the supplied dataset | in the function call at(b,1)"},
+       "invalid factor level supplied, expected either an integer or string | in the function call "
+       "at(a,[1.5])"},
+      {R"j("fixed":"at(b,1)","variables":[{"name":"a"}])j", "fixed",
+       "variable b is not in the supplied dataset | in the function call at(b,1)"},
+      {R"j("residual":"dsum(a:b|site,levels=1)")j", "residual",
+       "expected the levels argument to either be a vector or a vector of vectors | in the function call "
+       "dsum(a:b,site,levels=1)"},
+      {R"j("residual":"dsum(a:b+c|site,levels=[[1],[2],[3]])")j", "residual",
+       "expected the number of elements in the levels argument to match the number of terms | number of terms: 2, "
+       "number of elements in levels: 3 | in the function call dsum(a:b+c,site,levels=[[1],[2],[3]])"},
       // families
-      {R"j("family":"binomial(link=logit)")j", "family", R"j([{"function":{"name":"binomial","arguments":[{"name":"link","value":"logit"}]}}])j"},
+      {R"j("family":"binomial(link=logit)")j", "family",
+       R"j([{"function":{"name":"binomial","arguments":[{"name":"link","value":"logit"}]}}])j"},
       {R"j("family":"poisson")j", "family", R"j([{"function":{"name":"poisson","arguments":[]}}])j"},
-      {R"j("family":[{"name":"gamma","phi":2.5}])j", "family", R"j([{"function":{"name":"gamma","arguments":[{"name":"phi","value":2.5}]}}])j"},
-      {R"j("family":"binomial(logit)")j", "family", "was expecting only named arguments in a family description"},
+      {R"j("family":[{"name":"gamma","phi":2.5}])j", "family",
+       R"j([{"function":{"name":"gamma","arguments":[{"name":"phi","value":2.5}]}}])j"},
+      {R"j("family":"binomial(logit)")j", "family",
+       "was expecting only named arguments in a family description"},
   };
   for (const Case& c : cases) EXPECT_EQ(part_of(c.parts, c.part), c.expected) << c.parts;
 }
 
 TEST(Request, ResponsesAndModels)
 {
-  EXPECT_EQ(result_of(R"j({"model":[{"response":"y1+y2"}]})j"), R"j({"model":{"response":{"terms":["y1","y2"]},"fixed":{"terms":["mu"]}}})j");
+  EXPECT_EQ(result_of(R"j({"model":[{"response":"y1+y2"}]})j"),
+            R"j({"model":{"response":{"terms":["y1","y2"]},"fixed":{"terms":["mu"]}}})j");
   EXPECT_EQ(result_of(R"j({"model":{"response":["y1",{"terms":["y2","y3"]}]}})j"),
             R"j({"model":{"response":[{"terms":"y1"},{"terms":["y2","y3"]}],"fixed":{"terms":["mu"]}}})j");
   EXPECT_EQ(result_of(R"j({"model":{"fixed":"a"}})j"), "response is required but was not found in model");
   EXPECT_EQ(result_of(R"j({"model":[{},{}]})j"), "more than one model in a request is not implemented yet");
-  EXPECT_EQ(result_of(R"j({"model":"y"})j"), "invalid value supplied for model, was expecting one of: an object, supplied value = y");
+  EXPECT_EQ(result_of(R"j({"model":"y"})j"),
+            "invalid value supplied for model, was expecting one of: an object, supplied value = y");
   Standardised none;
   standardise(R"j({"wald":{"den_df":"numeric"}})j", none);
   EXPECT_FALSE(none.model);
@@ -199,7 +247,8 @@ TEST(Request, ResponsesAndModels)
   EXPECT_TRUE(clean(none.eh));
   Standardised unknown;
   standardise(R"j({"model":{"response":"y","rndom":"a","weights":"a+b"},"anything":[1]})j", unknown);
-  EXPECT_EQ(messages_text(unknown.eh).find("model.rndom is not a recognised key") == std::string::npos, false);
+  EXPECT_EQ(messages_text(unknown.eh).find("model.rndom is not a recognised key") == std::string::npos,
+            false);
   EXPECT_FALSE(unknown.eh.terminate());
   ERROR_HANDLER eh;
   bool model = true;
@@ -227,7 +276,8 @@ TEST(Request, ShorthandsBecomeOptions)
   const Case cases[] = {
       {R"j("wald":{"den_df":"numeric"})j", R"j({"ddf":1})j"},
       {R"j("wald":{"den_df":"none","ss_type":"conditional"})j", R"j({"ddf":-1,"fcon":true})j"},
-      {R"j("options":{"fcon":true,"ddf":1},"wald":{"den_df":"algebraic","ss_type":"incremental"})j", R"j({"ddf":2})j"},
+      {R"j("options":{"fcon":true,"ddf":1},"wald":{"den_df":"algebraic","ss_type":"incremental"})j",
+       R"j({"ddf":2})j"},
       {R"j("wald":{"f_test":"a;b c;d"})j", R"j({"fown":"!FOWN a|b c|d"})j"},
       {R"j("na_action":{"x":"include","y":"fail"},"options":{"extra":5})j",
        R"j({"extra":5,"missing_values":"mv_include","y_missing_values":"mv_fail"})j"},
@@ -235,20 +285,27 @@ TEST(Request, ShorthandsBecomeOptions)
       {R"j("options":{})j", "absent"},
       {R"j("options":null,"wald":null,"na_action":null)j", "absent"},
       {R"j("wald":{"den_df":"exact"})j",
-       "invalid value supplied for wald.den_df, was expecting one of: none, numeric or algebraic, supplied value = exact"},
+       "invalid value supplied for wald.den_df, was expecting one of: none, numeric or algebraic, supplied "
+       "value = exact"},
       {R"j("wald":{"ss_type":3})j",
-       "invalid value supplied for wald.ss_type, was expecting one of: conditional or incremental, supplied value = 3"},
-      {R"j("wald":"numeric")j", "invalid value supplied for wald, was expecting one of: an object, supplied value = numeric"},
+       "invalid value supplied for wald.ss_type, was expecting one of: conditional or incremental, supplied "
+       "value = 3"},
+      {R"j("wald":"numeric")j",
+       "invalid value supplied for wald, was expecting one of: an object, supplied value = numeric"},
       {R"j("na_action":{"y":"includ"})j",
-       "invalid value supplied for na_action.y, was expecting one of: omit, include or fail, supplied value = includ"},
-      {R"j("options":[1])j", "invalid value supplied for options, was expecting one of: an object, supplied value = [1]"},
+       "invalid value supplied for na_action.y, was expecting one of: omit, include or fail, supplied value "
+       "= includ"},
+      {R"j("options":[1])j",
+       "invalid value supplied for options, was expecting one of: an object, supplied value = [1]"},
       {R"j("wald":{},"wald":{})j", "the key wald was supplied more than once in the request"},
   };
   for (const Case& c : cases) {
     Standardised s;
     standardise(text(R"j({"model":{"response":"y"},)j", c.keys, "}"), s);
     const JsonNode* options = s.root->find("options");
-    const std::string found = s.eh.terminate() ? s.eh.EH_LAST_MESSAGE() : options == nullptr ? "absent" : json_text(*options);
+    const std::string found = s.eh.terminate()     ? s.eh.EH_LAST_MESSAGE()
+                              : options == nullptr ? "absent"
+                                                   : json_text(*options);
     EXPECT_EQ(found, c.options) << c.keys;
     if (!s.eh.terminate()) {
       EXPECT_EQ(s.root->find("wald"), nullptr);
@@ -261,25 +318,72 @@ TEST(Request, ShorthandsBecomeOptions)
             R"j({"model":{"response":{"terms":"y"},"sparse":{"terms":["mv"]},"fixed":{"terms":["mu"]}}})j");
 }
 
+TEST(Request, PredictStatements)
+{
+  struct Case {
+    const char* keys;
+    const char* predict;
+  };
+  const Case cases[] = {
+      {R"j("predict":{"classify":"a"})j", R"j([{"classify":[{"term_name":"a"}]}])j"},
+      {R"j("predict":[{"classify":"a:x","levels":{"x":0.5}}])j",
+       R"j([{"classify":[{"term_name":"a"},{"term_name":"x","values":[0.5]}]}])j"},
+      {R"j("predict":{"classify":["a:b"],"levels":[{"term_name":"b","values":["p","q"]}]},"predict":{"classify":"b"})j",
+       R"j([{"classify":[{"term_name":"a"},{"term_name":"b","values":["p","q"]}]},{"classify":[{"term_name":"b"}]}])j"},
+      {R"j("predict":{"classify":"a","ignore":"b+b:c","average":{"d":[0.2,0.8],"e":null},"present":["b","c"]})j",
+       R"j([{"classify":[{"term_name":"a"}],"ignore":{"terms":["b",{"interaction":["b","c"]}]},)j"
+       R"j("average":{"terms":[{"term_name":"d","values":[0.2,0.8]},{"term_name":"e"}]},"present":{"terms":["b","c"]}}])j"},
+      {R"j("predict":{"classify":"a+b"})j",
+       "was expecting only a single term, or an interaction for the predict classify"},
+      {R"j("predict":{"classify":3})j", "was expecting either a string or a vector of strings for classify"},
+      {R"j("predict":{"classify":"a","ignore":[1]})j",
+       "was expecting either a string or a vector of strings for ignore"},
+      {R"j("predict":{"classify":"a","average":["b",1]})j",
+       "expected a factor name to be supplied for elements of average, supplied value: 1"},
+      {R"j("predict":{"classify":"a","present":true})j",
+       "expected either a factor name, an array of factor names or a dictionary, with the keys for present"},
+      {R"j("predict":{"classify":"a","levels":{"b":1,"c":2}})j",
+       "levels were supplied for terms not in the predict classify: b, c"},
+      {R"j("predict":{"classify":"a","levels":[1]})j", "invalid type supplied for predict levels"},
+      {R"j("predict":{"ignore":"a"})j", "classify is required but was not found in predict[1]"},
+      {R"j("predict":["a"])j",
+       "expected either a single predict node containing an array of objects or one or more predict nodes "
+       "each containing a single object"},
+  };
+  for (const Case& c : cases) {
+    Standardised s;
+    standardise(text(R"j({"model":{"response":"y"},)j", c.keys, "}"), s);
+    const JsonNode* predict = s.root->find("predict");
+    EXPECT_EQ(s.eh.terminate() ? s.eh.EH_LAST_MESSAGE() : json_text(*predict), c.predict) << c.keys;
+    if (s.eh.terminate()) continue;
+    EXPECT_EQ(result_of(json_text(*s.root)), json_text(*s.root));  // what is standard stays so
+  }
+}
+
 TEST(Request, DatasetsAreGathered)
 {
   EXPECT_EQ(result_of(R"j({"dataset":{"name":"a"},"dataset":[{"name":"b"},{"name":"c"}]})j"),
             R"j({"dataset":[{"name":"a"},{"name":"b"},{"name":"c"}]})j");
   EXPECT_EQ(result_of(R"j({"dataset":[1,2]})j"),
-            "invalid value supplied for dataset, was expecting one of: an object or an array of objects, supplied value = [1,2]");
+            "invalid value supplied for dataset, was expecting one of: an object or an array of objects, "
+            "supplied value = [1,2]");
 }
 
 // Every value of a whole request is replaced by every kind of wrong value, one after the other.
 TEST(Request, WrongTypesAnywhereGiveMessagesNotCrashes)
 {
-  const std::string request = R"j({"dataset":[{"name":"d","variables":[{"name":"a","factor_labels":["p","q"],"number_of_levels":2}],"group":null}],
+  const std::string request =
+      R"j({"dataset":[{"name":"d","variables":[{"name":"a","factor_labels":["p","q"],"number_of_levels":2}],"group":null}],
     "options":{"extra":1},"wald":{"den_df":"numeric","f_test":"x"},"na_action":{"x":"omit","y":"include"},
     "grm_file":[{"name":"G","type":"ft_data"}],
+    "predict":[{"classify":"a:b","levels":{"a":[1]},"ignore":["c"],"average":{"d":[1]},"present":["e"],"prwts":[1]}],
     "model":{"response":{"terms":["y"]},"fixed":{"terms":["a",{"term_name":"b","drop":true},{"interaction":["a",{"function":{"name":"at","arguments":[{"name":"variable_name","value":"a"},{"name":"lvls","value":["p",2]}]}}]}]},
       "random":{"terms":[{"function":{"name":"vm","arguments":[{"value":"a"},{"value":"G"},{"name":"invert","value":true}],"already_processed":true},"user_facing_factor_name":"vm"},
         {"linked":["a"],"function":{"name":"str","arguments":["a","us(2)"]}},{"function":{"name":"grp","arguments":[{"value":"a"}]}}]},
       "family":[{"function":{"name":"gaussian","arguments":[{"name":"link","value":"identity"}]}}],"weights":"w"}})j";
-  const std::string wrong[] = {"null", "true", "7", "-1.5", "\"\"", "\"a:b\"", "\"f(x\"", "[]", "[1,2]", "[[]]", "[null]", "{}", R"j({"name":1})j", R"j({"function":{}})j"};
+  const std::string wrong[] = {
+      "null", "true",  "7",    "-1.5",   "\"\"", "\"a:b\"",         "\"f(x\"",
+      "[]",   "[1,2]", "[[]]", "[null]", "{}",   R"j({"name":1})j", R"j({"function":{}})j"};
   JsonError error;
   const auto original = parse_json(request, error);
   ASSERT_TRUE(original) << error.message;
@@ -287,13 +391,20 @@ TEST(Request, WrongTypesAnywhereGiveMessagesNotCrashes)
   const auto collect = [&](const auto& self, const JsonNode& node, const std::string& path) -> void {
     for (std::size_t k = 0; k < node.children().size(); ++k) {
       const JsonNode& child = *node.children()[k];
-      const std::string below = path + (path.empty() ? "" : ":") + (child.name.empty() ? text(k + 1) : child.name);
+      const std::string below =
+          path + (path.empty() ? "" : ":") + (child.name.empty() ? text(k + 1) : child.name);
       paths.push_back(below);
       self(self, child, below);
     }
   };
   collect(collect, *original, "");
   ASSERT_GT(paths.size(), 60u);
+  VARIABLE_TABLE variables;
+  for (const char* name : {"a", "b", "y", "w"}) {
+    VARIABLE variable;
+    variable.name = name;
+    variables.rows.push_back(variable);
+  }
   for (const std::string& path : paths) {
     for (const std::string& value : wrong) {
       Standardised s;
@@ -304,6 +415,12 @@ TEST(Request, WrongTypesAnywhereGiveMessagesNotCrashes)
       API_STANDARDISE_AND_EXPAND_JSON(s.eh, COMMUNICATION(), s.root.get(), s.model);
       ASSERT_TRUE(s.eh.stack().entries.empty()) << path << " " << value;
       for (const ERROR_MESSAGE& m : s.eh.messages()) ASSERT_FALSE(m.message.value_or("").empty());
+      if (s.eh.terminate() || !s.model) continue;
+      FACTOR_TABLE factors;
+      TERM_TABLE terms;
+      MODEL_INFO info;
+      NEW_PARSE_LINEAR_MODEL(s.eh, COMMUNICATION(), *s.root, variables, factors, terms, info);
+      ASSERT_TRUE(s.eh.stack().entries.empty()) << path << " " << value;
     }
   }
 }
@@ -312,16 +429,20 @@ TEST(Request, DeepAndLongRequestsEndWithAMessage)
 {
   std::string calls, tree, closing;
   for (int i = 0; i < 300; ++i) calls += "id(";
-  EXPECT_NE(part_of(text("\"random\":\"", calls, "x", std::string(300, ')'), "\""), "random").find("nested deeper than 50 levels"),
+  EXPECT_NE(part_of(text("\"random\":\"", calls, "x", std::string(300, ')'), "\""), "random")
+                .find("nested deeper than 50 levels"),
             std::string::npos);
   for (int i = 0; i < 400; ++i) tree += R"j({"interaction":[)j", closing += "]}";
-  EXPECT_NE(part_of(text(R"j("random":{"terms":[)j", tree, "\"a\"", closing, "]}"), "random").find("nested deeper than 50 levels"),
+  EXPECT_NE(part_of(text(R"j("random":{"terms":[)j", tree, "\"a\"", closing, "]}"), "random")
+                .find("nested deeper than 50 levels"),
             std::string::npos);
   const std::string name(1000000, 'n');
-  EXPECT_EQ(part_of(text(R"j("random":{"terms":[")j", name, "\"]}"), "random"), text(R"j({"terms":[")j", name, "\"]}"));
+  EXPECT_EQ(part_of(text(R"j("random":{"terms":[")j", name, "\"]}"), "random"),
+            text(R"j({"terms":[")j", name, "\"]}"));
   std::string many = "\"t0\"";
   for (int i = 1; i < 200000; ++i) many += text(",\"t", i, '"');
-  EXPECT_EQ(part_of(text(R"j("random":{"terms":[)j", many, "]}"), "random"), text(R"j({"terms":[)j", many, "]}"));
+  EXPECT_EQ(part_of(text(R"j("random":{"terms":[)j", many, "]}"), "random"),
+            text(R"j({"terms":[)j", many, "]}"));
 }
 
 }  // namespace

@@ -25,12 +25,15 @@ VARIABLE variable(std::string name, std::int64_t levels, const std::vector<std::
   VARIABLE v;
   v.name = std::move(name);
   v.levels = levels;
-  v.type = levels == 0 ? FieldType::variate : labels.empty() ? FieldType::integer_factor_1_to_n : FieldType::string_factor;
+  v.type = levels == 0      ? FieldType::variate
+           : labels.empty() ? FieldType::integer_factor_1_to_n
+                            : FieldType::string_factor;
   for (const std::string& label : labels) v.labels.find_or_add(label);
   return v;
 }
 
-void parse(std::string_view model, std::vector<VARIABLE> variables, Parsed& out, std::int64_t records = 12, std::int64_t missing = 0)
+void parse(std::string_view model, std::vector<VARIABLE> variables, Parsed& out, std::int64_t records = 12,
+           std::int64_t missing = 0)
 {
   JsonError error;
   out.root = parse_json(text(R"j({"model":)j", model, "}"), error);
@@ -41,21 +44,23 @@ void parse(std::string_view model, std::vector<VARIABLE> variables, Parsed& out,
   API_STANDARDISE_AND_EXPAND_JSON(out.eh, communication, out.root.get(), present);
   if (!out.eh.terminate())
     NEW_PARSE_LINEAR_MODEL(out.eh, communication, *out.root, out.variables, out.factors, out.terms, out.info);
-  if (!out.eh.terminate()) SET_TERM_EQUATIONS(out.eh, out.variables, records, missing, out.factors, out.terms);
+  if (!out.eh.terminate())
+    SET_TERM_EQUATIONS(out.eh, out.variables, records, missing, out.factors, out.terms);
   EXPECT_TRUE(out.eh.stack().entries.empty());
 }
 
 std::vector<VARIABLE> split_plot()
 {
-  return {variable("block", 2), variable("wplot", 3), variable("variety", 3, {"gold", "marv", "vict"}), variable("nitro", 2),
-          variable("y", 0), variable("x", 0)};
+  return {variable("block", 2), variable("wplot", 3), variable("variety", 3, {"gold", "marv", "vict"}),
+          variable("nitro", 2), variable("y", 0),     variable("x", 0)};
 }
 
 /// "name levels<source" for each factor row.
 std::string factor_text(const FACTOR_TABLE& factors)
 {
   std::string out;
-  for (const FACTOR_ROW& f : factors.rows) out += text(out.empty() ? "" : " ", f.shown(), " ", f.levels, f.source > 0 ? text("<", f.source) : "");
+  for (const FACTOR_ROW& f : factors.rows)
+    out += text(out.empty() ? "" : " ", f.shown(), " ", f.levels, f.source > 0 ? text("<", f.source) : "");
   return out;
 }
 
@@ -64,19 +69,23 @@ std::string term_text(const TERM_TABLE& terms)
 {
   std::string out;
   for (const TERM_ROW& t : terms.rows)
-    out += text(out.empty() ? "" : ", ", t.name, " ", t.code, " ", t.equations, "@", t.first, " ", "yfrs"[static_cast<int>(t.block)]);
+    out += text(out.empty() ? "" : ", ", t.name, " ", t.code, " ", t.equations, "@", t.first, " ",
+                "yfrs"[static_cast<int>(t.block)]);
   return out;
 }
 
 TEST(TermTable, SplitPlot)
 {
   Parsed p;
-  parse(R"j({"response":"y","fixed":"variety*nitro","random":"block/wplot","residual":"units"})j", split_plot(), p);
+  parse(R"j({"response":"y","fixed":"variety*nitro","random":"block/wplot","residual":"units"})j",
+        split_plot(), p);
   ASSERT_TRUE(clean(p.eh));
-  EXPECT_EQ(factor_text(p.factors),
-            "block 2 wplot 3 variety 3 nitro 2 y 1 x 1 mu 1 units 12 variety 3<3 nitro 2<4 block 2<1 wplot 3<2");
+  EXPECT_EQ(
+      factor_text(p.factors),
+      "block 2 wplot 3 variety 3 nitro 2 y 1 x 1 mu 1 units 12 variety 3<3 nitro 2<4 block 2<1 wplot 3<2");
   EXPECT_EQ(term_text(p.terms),
-            "y 5 0@0 y, mu 7 1@0 f, variety 3 3@1 f, nitro 4 2@4 f, variety:nitro 20009 6@6 f, block 1 2@12 r, block:wplot 20011 6@14 r");
+            "y 5 0@0 y, mu 7 1@0 f, variety 3 3@1 f, nitro 4 2@4 f, variety:nitro 20009 6@6 f, block 1 2@12 "
+            "r, block:wplot 20011 6@14 r");
   EXPECT_EQ(p.terms.equations, 20);
   EXPECT_EQ(p.terms.fixed_equations, 12);
   EXPECT_EQ(p.info.responses, std::vector<std::int64_t>{5});
@@ -85,11 +94,13 @@ TEST(TermTable, SplitPlot)
   for (const FACTOR_ROW& f : p.factors.rows)
     EXPECT_EQ(f.variable, f.reserved != Reserved::none ? 0 : p.variables.find(f.name)) << f.name;
 
-  const auto level = [&](std::size_t term, std::int64_t k) { return level_name(p.eh, p.variables, p.factors, p.terms.rows[term], k); };
-  EXPECT_EQ(level(1, 1), "1");          // mu
-  EXPECT_EQ(level(2, 3), "vict");       // variety
-  EXPECT_EQ(level(4, 4), "marv.2");     // variety:nitro, the last factor fastest
-  EXPECT_EQ(level(6, 6), "2.3");        // block:wplot
+  const auto level = [&](std::size_t term, std::int64_t k) {
+    return level_name(p.eh, p.variables, p.factors, p.terms.rows[term], k);
+  };
+  EXPECT_EQ(level(1, 1), "1");       // mu
+  EXPECT_EQ(level(2, 3), "vict");    // variety
+  EXPECT_EQ(level(4, 4), "marv.2");  // variety:nitro, the last factor fastest
+  EXPECT_EQ(level(6, 6), "2.3");     // block:wplot
   EXPECT_TRUE(CHECK_FOR_INTERACTION_NO_MAIN(p.factors, p.terms) == std::vector<std::int64_t>{7});
 }
 
@@ -108,7 +119,8 @@ TEST(TermTable, MissingResponsesAreALastTerm)
 TEST(TermTable, StructuresStandOnCopies)
 {
   Parsed p;
-  parse(R"j({"response":"y","random":"idv(block,0.8)+id(nitro)+idv(wplot,init=[0.3]):id(units)+units"})j", split_plot(), p);
+  parse(R"j({"response":"y","random":"idv(block,0.8)+id(nitro)+idv(wplot,init=[0.3]):id(units)+units"})j",
+        split_plot(), p);
   ASSERT_TRUE(clean(p.eh));
   EXPECT_EQ(term_text(p.terms),
             "y 5 0@0 y, mu 7 1@0 f, idv(block,0.8) 10009 2@1 r, id(nitro) 10010 2@3 r, "
@@ -125,10 +137,13 @@ TEST(TermTable, StructuresStandOnCopies)
 TEST(TermTable, CovariatesInteractWithFactors)
 {
   Parsed p;
-  parse(R"j({"response":"y","fixed":"x+variety+variety:x+x:mu","weights":"x","random":{"terms":[{"term_name":"block","values":[2]}]}})j",
-        split_plot(), p);
+  parse(
+      R"j({"response":"y","fixed":"x+variety+variety:x+x:mu","weights":"x","random":{"terms":[{"term_name":"block","values":[2]}]}})j",
+      split_plot(), p);
   ASSERT_TRUE(clean(p.eh));
-  EXPECT_EQ(term_text(p.terms), "y 5 0@0 y, mu 7 1@0 f, x 6 1@1 f, variety 3 3@2 f, variety:x 20009 3@5 f, x:mu 20011 1@8 f, block 1 2@9 r");
+  EXPECT_EQ(term_text(p.terms),
+            "y 5 0@0 y, mu 7 1@0 f, x 6 1@1 f, variety 3 3@2 f, variety:x 20009 3@5 f, x:mu 20011 1@8 f, "
+            "block 1 2@9 r");
   EXPECT_EQ(level_name(p.eh, p.variables, p.factors, p.terms.rows[4], 2), "marv");
   EXPECT_EQ(level_name(p.eh, p.variables, p.factors, p.terms.rows[5], 1), "1");
   EXPECT_EQ(p.info.weights, 6);
@@ -149,34 +164,50 @@ TEST(TermTable, RefusalsNameTheirTerm)
       {R"j({"response":"z"})j", bad, "the response variable, z, is unknown"},
       {R"j({"response":"mu"})j", bad, "the response variable, mu, is unknown"},
       {R"j({"response":"y+x"})j", later, "a model with 2 response variables is not implemented yet"},
-      {R"j({"response":"y","family":["gaussian","gaussian"]})j", bad, "1 response variables were supplied, but 2 distributions"},
-      {R"j({"response":"at(y,1)"})j", later, "the model function at() in the response at(y,1) is not implemented yet"},
+      {R"j({"response":"y","family":["gaussian","gaussian"]})j", bad,
+       "1 response variables were supplied, but 2 distributions"},
+      {R"j({"response":"at(y,1)"})j", later,
+       "the model function at() in the response at(y,1) is not implemented yet"},
       {R"j({"response":"y","fixed":"zz"})j", bad, "unknown term (zz) in the model"},
       {R"j({"response":"y","fixed":"a.b"})j", bad, "a.b is not a valid variable name"},
       {R"j({"response":"y","random":"block:zz"})j", bad, "unknown term (zz) in the model"},
       {R"j({"response":"y","random":"idv(zz)"})j", bad, "unknown term (zz) in the model"},
-      {R"j({"response":"y","random":"mv:block"})j", bad, "mv can not be used as part of an interaction or as an argument to a function call"},
-      {R"j({"response":"y","random":"trait"})j", later, "the factor trait in a model with one response variable is not implemented"},
-      {R"j({"response":"y","fixed":"spl(x)"})j", later, "the model function spl() in term spl(x) is not implemented yet"},
-      {R"j({"response":"y","fixed":"block:pol(x,2)"})j", later, "the model function pol() in term pol(x,2) is not implemented yet"},
-      {R"j({"response":"y","random":"idv(lin(block))"})j", later, "the model function idv() in term idv(lin(block)) is not implemented yet"},
-      {R"j({"response":"y","fixed":"idv(block)"})j", later, "the model function idv() in term idv(block) is not implemented yet"},
+      {R"j({"response":"y","random":"mv:block"})j", bad,
+       "mv can not be used as part of an interaction or as an argument to a function call"},
+      {R"j({"response":"y","random":"trait"})j", later,
+       "the factor trait in a model with one response variable is not implemented"},
+      {R"j({"response":"y","fixed":"spl(x)"})j", later,
+       "the model function spl() in term spl(x) is not implemented yet"},
+      {R"j({"response":"y","fixed":"block:pol(x,2)"})j", later,
+       "the model function pol() in term pol(x,2) is not implemented yet"},
+      {R"j({"response":"y","random":"idv(lin(block))"})j", later,
+       "the model function idv() in term idv(lin(block)) is not implemented yet"},
+      {R"j({"response":"y","fixed":"idv(block)"})j", later,
+       "the model function idv() in term idv(block) is not implemented yet"},
       {R"j({"response":"y","random":"str(block+block:x,us(2):id(2))"})j", later,
        "the model function str() in term str(block+block:x,us(2):id(2)) is not implemented yet"},
-      {R"j({"response":"y","random":"vm(block,G)"})j", later, "the model function vm() in term vm(block,G) is not implemented yet"},
-      {R"j({"response":"y","fixed":"offset(x)"})j", later, "the model function offset() in term offset(x) is not implemented yet"},
-      {R"j({"response":"y","residual":"ar1(block):ar1(wplot)"})j", later, "the residual model ar1(block):ar1(wplot) is not implemented yet"},
-      {R"j({"response":"y","residual":"units+block"})j", later, "the residual model units+block is not implemented yet"},
+      {R"j({"response":"y","random":"vm(block,G)"})j", later,
+       "the model function vm() in term vm(block,G) is not implemented yet"},
+      {R"j({"response":"y","fixed":"offset(x)"})j", later,
+       "the model function offset() in term offset(x) is not implemented yet"},
+      {R"j({"response":"y","residual":"ar1(block):ar1(wplot)"})j", later,
+       "the residual model ar1(block):ar1(wplot) is not implemented yet"},
+      {R"j({"response":"y","residual":"units+block"})j", later,
+       "the residual model units+block is not implemented yet"},
       {R"j({"response":"y","weights":"w"})j", bad, "the weight variable, w, is unknown"},
       {R"j({"response":"y","weights":"block"})j", bad, "the weight variable, block, is not a variate"},
       {R"j({"response":"y","weights":3})j", bad,
-       "invalid value supplied for model.weights, was expecting one of: the name of a variable, supplied value = 3"},
+       "invalid value supplied for model.weights, was expecting one of: the name of a variable, supplied "
+       "value = 3"},
       {R"j({"response":"y","family":"binomal"})j", bad, "binomal is not a recogised family name"},
-      {R"j({"response":"y","family":"poisson(link=log)"})j", later, "the family poisson with the link log is not implemented yet"},
-      {R"j({"response":"y","family":"gaussian(link=log)"})j", later, "the family gaussian with the link log is not implemented yet"},
-      {R"j({"response":"y","family":"gaussian(dispersion=2)"})j", later, "the argument dispersion of the family gaussian is not implemented yet"},
-      {R"j({"response":"y","fixed":{"terms":["mu",{"interaction":["block",{"interaction":["zz","x"]}]}]}})j", bad,
-       "unknown term (zz) in the model"},
+      {R"j({"response":"y","family":"poisson(link=log)"})j", later,
+       "the family poisson with the link log is not implemented yet"},
+      {R"j({"response":"y","family":"gaussian(link=log)"})j", later,
+       "the family gaussian with the link log is not implemented yet"},
+      {R"j({"response":"y","family":"gaussian(dispersion=2)"})j", later,
+       "the argument dispersion of the family gaussian is not implemented yet"},
+      {R"j({"response":"y","fixed":{"terms":["mu",{"interaction":["block",{"interaction":["zz","x"]}]}]}})j",
+       bad, "unknown term (zz) in the model"},
   };
   for (const Case& c : cases) {
     Parsed p;
@@ -203,7 +234,8 @@ TEST(TermTable, FactorsMayBeResponses)
 TEST(TermTable, TooManyEquationsAndFactorsAreTold)
 {
   Parsed big;
-  parse(R"j({"response":"y","random":"a:b:c"})j", {variable("y", 0), variable("a", 1 << 30), variable("b", 1 << 30), variable("c", 1 << 30)}, big);
+  parse(R"j({"response":"y","random":"a:b:c"})j",
+        {variable("y", 0), variable("a", 1 << 30), variable("b", 1 << 30), variable("c", 1 << 30)}, big);
   EXPECT_TRUE(has_message(big.eh, "the model has too many equations"));
   std::string terms;
   for (int k = 0; k < 6000; ++k) terms += text(k > 0 ? "," : "", R"j({"interaction":["a","v)j", k, "\"]}");
