@@ -37,18 +37,19 @@ bool holds(std::string_view status, std::string_view words) { return status.find
 void WARNING(ERROR_HANDLER& eh, std::string_view status, std::int64_t convergence_flag, OUTPUT_TABLE_STORE& store)
 {
   const Frame here{eh, __func__};
+  const bool stopped = convergence_flag == terminated_early && !holds(status, "LogL Converged");
   std::string_view message = status;
-  std::int64_t flag = convergence_flag;
-  if (!holds(status, "LogL Converged") && flag == terminated_early) {
+  if (stopped) {
     message = holds(status, "Forming Design Matrices") ? "Terminated early whilst forming design matrices"
               : holds(status, "Finished Preprocessing") ? "Terminated early whilst preprocessing"
                                                         : "Terminated early";
   }
+  // What stopped a run has been told already.
   const Words words = take_kind(status);
-  if (words.kind && !words.rest.empty() && !eh.terminate()) {
+  if (words.kind && !words.rest.empty() && !stopped) {
     eh.EH_ADD_MESSAGE({.text = std::string(words.rest), .etype = *words.kind, .terminate = false});
   }
-  OTST_SAVE_SCALAR_INTEGER(eh, store, "SCALAR_CONVERGENCE_FLG", flag);
+  OTST_SAVE_SCALAR_INTEGER(eh, store, "SCALAR_CONVERGENCE_FLG", convergence_flag);
   OTST_SAVE_SCALAR_STRING(eh, store, "SCALAR_FINAL_MESSAGE", message);
 }
 

@@ -39,7 +39,7 @@ void AIDRPT(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TAB
 /// WARNING: works out the final status of a run from a text and stores SCALAR_CONVERGENCE_FLG and SCALAR_FINAL_MESSAGE.
 ///   text               the fit's status, or the stage that a stopped run had reached
 ///   convergence_flag   of a fit that ended normally: 0 converged, 2 not converged; of a stopped run: 1
-/// A kind at its head ("Warning: ...") also leaves a message of that kind, unless the run has terminated already.
+/// A kind at the head of a fit's status ("Warning: ...") also leaves a message of that kind, which stops nothing.
 void WARNING(ERROR_HANDLER& eh, std::string_view text, std::int64_t convergence_flag, OUTPUT_TABLE_STORE& store);
 
 /// The document that the monitor receives for one row of the trace.

@@ -1,6 +1,7 @@
 // Named timers of a run, with their table and the process log.  Routines: TMG_START, TMG_STOP, TMG_TABLE, TMG_LOG.
 #include "reports/timing.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "base/clock.h"
@@ -56,7 +57,11 @@ void TMG_START(TIMING_STORE& store, std::string_view name, std::string_view grou
     store.timers.push_back({.name = std::string(name), .group = std::string(group)});
     timer = &store.timers.back();
   }
-  if (timer->mark < 0.0) timer->mark = now;  // a timer inside itself counts once
+  if (timer->mark >= 0.0) return;  // a timer inside itself counts once
+  timer->nested = std::any_of(store.timers.begin(), store.timers.end(), [](const TIMER& other) {
+    return other.mark >= 0.0 && other.group == default_group;
+  });
+  timer->mark = now;
 }
 
 void TMG_STOP(TIMING_STORE& store, std::string_view name, std::string_view caller)
@@ -66,6 +71,7 @@ void TMG_STOP(TIMING_STORE& store, std::string_view name, std::string_view calle
   const double seconds = wall_seconds() - timer->mark;
   timer->mark = -1.0;
   timer->total += seconds;
+  if (timer->nested) timer->inside += seconds;
   ++timer->calls;
   if (!store.intermediate) return;
   const std::string by = caller == name ? "" : text(" in ", caller);
@@ -79,8 +85,9 @@ std::string TMG_TABLE(const TIMING_STORE& store, std::string_view label)
   std::string out = text(label, '\n');
   double named = 0.0;
   for (const TIMER& timer : store.timers) {
-    const double total = timer.total + (timer.mark < 0.0 ? 0.0 : now - timer.mark);
-    if (timer.group == default_group) named += total;
+    const double running = timer.mark < 0.0 ? 0.0 : now - timer.mark;
+    const double total = timer.total + running;
+    if (timer.group == default_group) named += total - timer.inside - (timer.nested ? running : 0.0);
     out += text(padded(timer.name, name_width), edit_f(total, 10, 2), ' ', edit_i(timer.calls, 6), " calls)\n");
   }
   const double whole = store.begun_wall == 0.0 ? 0.0 : now - store.begun_wall;

@@ -11,8 +11,10 @@ namespace tolvan {
 struct TIMER {
   std::string name, group = "DEFAULT_GROUP";
   double total = 0.0;  // wall seconds
+  double inside = 0.0;  // of these, those within another timer of the default group
   std::int64_t calls = 0;
   double mark = -1.0;  // start of the running interval, below 0 when stopped
+  bool nested = false;  // the running interval lies within one of another timer of the default group
 };
 
 /// Timers in order of first use; a name appears once and accumulates.
@@ -28,7 +30,8 @@ struct TIMING_STORE {
 void TMG_START(TIMING_STORE& store, std::string_view name, std::string_view group = "DEFAULT_GROUP");
 /// TMG_STOP: adds the interval to the timer's total and, where asked, writes its line.
 void TMG_STOP(TIMING_STORE& store, std::string_view name, std::string_view caller);
-/// TMG_TABLE: the timing table as text, with the line "Other" last.
+/// TMG_TABLE: the timing table as text, with the line "Other" last: the run's time outside all timers of the default group.
+/// A timer over the whole run belongs in a group of its own.
 std::string TMG_TABLE(const TIMING_STORE& store, std::string_view label);
 /// TMG_LOG: writes a milestone of the run with its process times when the process log is switched on.
 void TMG_LOG(TIMING_STORE& store, std::string_view label);

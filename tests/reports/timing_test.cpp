@@ -24,6 +24,8 @@ TEST(Timing, AddsUpByName)
   ASSERT_EQ(store.timers.size(), 3u);
   EXPECT_EQ(store.timers[0].calls, 3);
   EXPECT_EQ(store.timers[1].group, "K4MSSF");
+  EXPECT_EQ(store.timers[1].inside, store.timers[1].total);  // all of it within K4MITR
+  EXPECT_EQ(store.timers[0].inside, 0.0);
   EXPECT_GE(store.timers[0].total, store.timers[1].total);
   EXPECT_GE(store.timers[2].mark, 0.0);  // still running
   EXPECT_EQ(store.timers[2].calls, 0);
@@ -35,14 +37,15 @@ TEST(Timing, TableListsInOrderOfUseAndTheRest)
   store.begun_wall = wall_seconds() - 100.0;
   store.timers = {{.name = "READ_DATA_FILE", .total = 12.345, .calls = 1},
                   {.name = "K4MXXAIL", .group = "K4MITR", .total = 50.0, .calls = 7},
-                  {.name = "K4MITR", .total = 60.0, .calls = 7}};
+                  {.name = "K4MITR", .total = 60.0, .calls = 7},
+                  {.name = "K4MUPD", .total = 5.0, .inside = 5.0, .calls = 7}};
   const std::vector<std::string> lines = split(TMG_TABLE(store, "END OF AIDATA_BODY"), '\n');
-  ASSERT_EQ(lines.size(), 6u);
+  ASSERT_EQ(lines.size(), 7u);
   EXPECT_EQ(lines[0], "END OF AIDATA_BODY");
   EXPECT_EQ(lines[1], "READ_DATA_FILE               12.35      1 calls)");
   EXPECT_EQ(lines[2], "K4MXXAIL                     50.00      7 calls)");
   EXPECT_EQ(lines[3], "K4MITR                       60.00      7 calls)");
-  EXPECT_TRUE(lines[4].starts_with("Other                        27.6")) << lines[4];
+  EXPECT_TRUE(lines[5].starts_with("Other                        27.6")) << lines[5];
   EXPECT_EQ(interval_line(store.timers[2], 8.5), "K4MITR Time (8.50) Running Total (60.00) 7 calls)");
 }
 
