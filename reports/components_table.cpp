@@ -1,4 +1,5 @@
-// The variance components and their sampling variances.  Routines: CHUNK_OF_AIDRPT, STORE_INITIAL_VALUES_TABLE.
+// The variance components and their sampling variances.  Routines: CHUNK_OF_AIDRPT,
+// STORE_INITIAL_VALUES_TABLE.
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -34,8 +35,8 @@ double standard_error(const FIT_STATE& fit, std::size_t i)
   return variance > 0.0 && std::isfinite(variance) ? std::sqrt(variance) : no_value;
 }
 
-/// The change of a parameter in the last step, in percent of what it was: from the pass before, the last of its
-/// repeats, to the last pass.
+/// The change of a parameter in the last step, in percent of what it was: from the pass before, the last of
+/// its repeats, to the last pass.
 std::int64_t percent_change(const FIT_STATE& fit, std::size_t i)
 {
   constexpr double widest = 999.0;  // of I4, with a sign
@@ -51,13 +52,15 @@ std::int64_t percent_change(const FIT_STATE& fit, std::size_t i)
 }
 
 /// L_ADD_VARCOMP_FOOTNOTES: the lines below the components: the codes, then what applies to these.
-void L_ADD_VARCOMP_FOOTNOTES(ERROR_HANDLER& eh, const FIT_STATE& fit, bool singular, bool scaling, OUTPUT_TABLE& t)
+void L_ADD_VARCOMP_FOOTNOTES(ERROR_HANDLER& eh, const FIT_STATE& fit, bool singular, bool scaling,
+                             OUTPUT_TABLE& t)
 {
   const Frame here{eh, __func__};
   for (const char* line : code_footnotes) OTT_ADD_FOOTNOTE(eh, t, line);
   if (singular) OTT_ADD_FOOTNOTE(eh, t, "S means there is no information in the data for this parameter");
   if (scaling) {
-    OTT_ADD_FOOTNOTE(eh, t, "very small components with Comp/SE ratios of zero sometimes indicate poor scaling");
+    OTT_ADD_FOOTNOTE(eh, t,
+                     "very small components with Comp/SE ratios of zero sometimes indicate poor scaling");
     OTT_ADD_FOOTNOTE(eh, t, "consider rescaling the design matrix in such cases");
   }
   if (singular && !fit.first_singular_label.empty()) {
@@ -82,8 +85,12 @@ void STORE_INITIAL_VALUES_TABLE(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, 
   if (eh.terminate()) return;
   OUTPUT_TABLE& t = store.table(id);
   OTT_ADD_COLUMN(eh, t, {.type = ColumnType::integer, .name = "IDS", .heading = "IDS", .format = "I6"});
-  OTT_ADD_COLUMN(eh, t, {.type = ColumnType::string, .name = "LABELS", .heading = "Label", .format = "A",
-                         .justify = Justify::left});
+  OTT_ADD_COLUMN(eh, t,
+                 {.type = ColumnType::string,
+                  .name = "LABELS",
+                  .heading = "Label",
+                  .format = "A",
+                  .justify = Justify::left});
   OTT_ADD_COLUMN(eh, t, {.name = "VALUES", .heading = "Value", .format = "G14.6"});
   OTT_ADD_COLUMN(eh, t, {.type = ColumnType::string, .name = "FLAGS", .heading = "Con_Flg", .format = "A4"});
   OTT_ALLOC_DATA_STORES(eh, t, model.count());
@@ -92,20 +99,26 @@ void STORE_INITIAL_VALUES_TABLE(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, 
   for (const VARIANCE_PARAMETER& p : model.parameters) {
     OTT_NEXT_ROW(eh, t);
     OTT_SET_INTEGER_VALUES(eh, t, {++number});
-    OTT_SET_STRING_VALUES(eh, t, {p.label, constraint_letters.substr(static_cast<std::size_t>(p.constraint), 1)});
+    OTT_SET_STRING_VALUES(eh, t,
+                          {p.label, constraint_letters.substr(static_cast<std::size_t>(p.constraint), 1)});
     OTT_SET_REAL_VALUES(eh, t, {p.value});
     if (eh.terminate()) return;
   }
 }
 
-void CHUNK_OF_AIDRPT(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store)
+void CHUNK_OF_AIDRPT(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_STATE& fit,
+                     OUTPUT_TABLE_STORE& store)
 {
   const Frame here{eh, __func__};
   const std::int64_t id = OTST_REGISTER_TABLE(eh, store, "TABLE_VARCOMP");
   if (eh.terminate()) return;
   OUTPUT_TABLE& t = store.table(id);
-  OTT_ADD_COLUMN(eh, t, {.type = ColumnType::string, .name = "LABEL", .heading = "Model_Term", .format = "A",
-                         .justify = Justify::left});
+  OTT_ADD_COLUMN(eh, t,
+                 {.type = ColumnType::string,
+                  .name = "LABEL",
+                  .heading = "Model_Term",
+                  .format = "A",
+                  .justify = Justify::left});
   OTT_ADD_COLUMN(eh, t, {.name = "GAMMA", .heading = "Gamma", .format = "G14.6"});
   OTT_ADD_COLUMN(eh, t, {.name = "SIGMA", .heading = "Sigma", .format = "G14.6"});
   OTT_ADD_COLUMN(eh, t, {.name = "SE", .heading = "SE", .format = "G14.6"});

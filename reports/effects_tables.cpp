@@ -4,8 +4,8 @@
 
 namespace tolvan {
 
-void TABLE_SLN(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
-               const FIT_STATE& fit, OUTPUT_TABLE_STORE& store)
+void TABLE_SLN(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
+               const TERM_TABLE& terms, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store)
 {
   const Frame here{eh, __func__};
   if (static_cast<std::int64_t>(fit.solution.size()) < terms.equations) {
@@ -16,10 +16,18 @@ void TABLE_SLN(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_
   const std::int64_t id = OTST_REGISTER_TABLE(eh, store, "TABLE_SLN");
   if (eh.terminate()) return;
   OUTPUT_TABLE& t = store.table(id);
-  OTT_ADD_COLUMN(eh, t, {.type = ColumnType::string, .name = "LABEL", .heading = "Model_Term", .format = "A",
-                         .justify = Justify::left});
-  OTT_ADD_COLUMN(eh, t, {.type = ColumnType::string, .name = "LVL", .heading = "Level", .format = "A",
-                         .justify = Justify::left});
+  OTT_ADD_COLUMN(eh, t,
+                 {.type = ColumnType::string,
+                  .name = "LABEL",
+                  .heading = "Model_Term",
+                  .format = "A",
+                  .justify = Justify::left});
+  OTT_ADD_COLUMN(eh, t,
+                 {.type = ColumnType::string,
+                  .name = "LVL",
+                  .heading = "Level",
+                  .format = "A",
+                  .justify = Justify::left});
   OTT_ADD_COLUMN(eh, t, {.name = "EFFECT", .heading = "Effect", .format = "G12.4"});
   OTT_ADD_COLUMN(eh, t, {.name = "SE", .heading = "seEffect", .format = "G12.4"});
   OTT_ALLOC_DATA_STORES(eh, t, terms.equations);
@@ -63,7 +71,8 @@ void AIDRST(ERROR_HANDLER& eh, const DESIGN_MTX& design, const FIT_STATE& fit, O
   for (std::size_t i = 0; i < analysed; ++i) {
     const std::int64_t record = design.record[i];
     if (record < 1 || record > design.data_records) {
-      eh.internal(text("analysis record ", i + 1, " stands for data record ", record, ", there are ", records));
+      eh.internal(
+          text("analysis record ", i + 1, " stands for data record ", record, ", there are ", records));
       return;
     }
     const auto r = static_cast<std::size_t>(record - 1);

@@ -30,17 +30,21 @@ Words take_kind(std::string_view status)
   return {kind, rest};
 }
 
-bool holds(std::string_view status, std::string_view words) { return status.find(words) != std::string_view::npos; }
+bool holds(std::string_view status, std::string_view words)
+{
+  return status.find(words) != std::string_view::npos;
+}
 
 }  // namespace
 
-void WARNING(ERROR_HANDLER& eh, std::string_view status, std::int64_t convergence_flag, OUTPUT_TABLE_STORE& store)
+void WARNING(ERROR_HANDLER& eh, std::string_view status, std::int64_t convergence_flag,
+             OUTPUT_TABLE_STORE& store)
 {
   const Frame here{eh, __func__};
   const bool stopped = convergence_flag == terminated_early && !holds(status, "LogL Converged");
   std::string_view message = status;
   if (stopped) {
-    message = holds(status, "Forming Design Matrices") ? "Terminated early whilst forming design matrices"
+    message = holds(status, "Forming Design Matrices")  ? "Terminated early whilst forming design matrices"
               : holds(status, "Finished Preprocessing") ? "Terminated early whilst preprocessing"
                                                         : "Terminated early";
   }

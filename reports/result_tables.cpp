@@ -5,7 +5,8 @@
 
 namespace tolvan {
 
-void STORE_FIT_SCALARS(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store)
+void STORE_FIT_SCALARS(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_STATE& fit,
+                       OUTPUT_TABLE_STORE& store)
 {
   const Frame here{eh, __func__};
   if (!fit.usable) return;
@@ -25,8 +26,9 @@ void STORE_FIT_SCALARS(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT
   OTST_SAVE_SCALAR_REAL_WP(eh, store, "SCALAR_DETC", fit.log_det_c);
 }
 
-void AIDRPT(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
-            const DESIGN_MTX& design, const VARIANCE_MODEL& model, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store)
+void AIDRPT(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
+            const TERM_TABLE& terms, const DESIGN_MTX& design, const VARIANCE_MODEL& model,
+            const FIT_STATE& fit, OUTPUT_TABLE_STORE& store)
 {
   const Frame here{eh, __func__};
   if (!fit.usable) return;

@@ -1,5 +1,5 @@
-// The named tables and scalars that a fit leaves.  Routines: HANDLE_TRACE, STORE_INITIAL_VALUES_TABLE, CHUNK_OF_AIDRPT,
-// TABLE_SLN, AIDRST, AIDRPT, STORE_FIT_SCALARS, WARNING.
+// The named tables and scalars that a fit leaves.  Routines: HANDLE_TRACE, STORE_INITIAL_VALUES_TABLE,
+// CHUNK_OF_AIDRPT, TABLE_SLN, AIDRST, AIDRPT, STORE_FIT_SCALARS, WARNING.
 #pragma once
 
 #include <string>
@@ -18,29 +18,35 @@
 namespace tolvan {
 
 /// HANDLE_TRACE: adds the last row of the trace to TABLE_TRACE and hands it to the monitor.
-void HANDLE_TRACE(ERROR_HANDLER& eh, COMMUNICATION& communication, const FIT_STATE& fit, std::int64_t iteration_limit,
-                  OUTPUT_TABLE_STORE& store);
+void HANDLE_TRACE(ERROR_HANDLER& eh, COMMUNICATION& communication, const FIT_STATE& fit,
+                  std::int64_t iteration_limit, OUTPUT_TABLE_STORE& store);
 /// FINISH_TRACE: sizes TABLE_TRACE to the rows made and adds the columns of the parameters.
 void FINISH_TRACE(ERROR_HANDLER& eh, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);
 /// STORE_INITIAL_VALUES_TABLE: registers TABLE_INITVALS; labels must be unique.
 void STORE_INITIAL_VALUES_TABLE(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, OUTPUT_TABLE_STORE& store);
 /// STORE_FIT_SCALARS: the scalars of the fit: LogL, sigma2, df, criteria.
-void STORE_FIT_SCALARS(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);
+void STORE_FIT_SCALARS(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_STATE& fit,
+                       OUTPUT_TABLE_STORE& store);
 /// CHUNK_OF_AIDRPT: registers TABLE_VARCOMP with its footnotes, and TABLE_VARVAR.
-void CHUNK_OF_AIDRPT(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);
+void CHUNK_OF_AIDRPT(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_STATE& fit,
+                     OUTPUT_TABLE_STORE& store);
 /// TABLE_SLN: registers the table of the same name: the solutions of all terms in model order.
-void TABLE_SLN(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
-               const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);
+void TABLE_SLN(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
+               const TERM_TABLE& terms, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);
 /// AIDRST: registers TABLE_YHT: a row a data record, in the order of the data.
 void AIDRST(ERROR_HANDLER& eh, const DESIGN_MTX& design, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);
 /// AIDRPT: the result tables in their order: components, their variances, solutions, fitted values.
-void AIDRPT(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
-            const DESIGN_MTX& design, const VARIANCE_MODEL& model, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);
-/// WARNING: works out the final status of a run from a text and stores SCALAR_CONVERGENCE_FLG and SCALAR_FINAL_MESSAGE.
+void AIDRPT(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
+            const TERM_TABLE& terms, const DESIGN_MTX& design, const VARIANCE_MODEL& model,
+            const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);
+/// WARNING: works out the final status of a run from a text and stores SCALAR_CONVERGENCE_FLG and
+/// SCALAR_FINAL_MESSAGE.
 ///   text               the fit's status, or the stage that a stopped run had reached
 ///   convergence_flag   of a fit that ended normally: 0 converged, 2 not converged; of a stopped run: 1
-/// A kind at the head of a fit's status ("Warning: ...") also leaves a message of that kind, which stops nothing.
-void WARNING(ERROR_HANDLER& eh, std::string_view text, std::int64_t convergence_flag, OUTPUT_TABLE_STORE& store);
+/// A kind at the head of a fit's status ("Warning: ...") also leaves a message of that kind, which stops
+/// nothing.
+void WARNING(ERROR_HANDLER& eh, std::string_view text, std::int64_t convergence_flag,
+             OUTPUT_TABLE_STORE& store);
 
 /// The document that the monitor receives for one row of the trace.
 std::string monitor_json(const ITERATION_ROW& row);

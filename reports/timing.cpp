@@ -1,4 +1,5 @@
-// Named timers of a run, with their table and the process log.  Routines: TMG_START, TMG_STOP, TMG_TABLE, TMG_LOG.
+// Named timers of a run, with their table and the process log.  Routines: TMG_START, TMG_STOP, TMG_TABLE,
+// TMG_LOG.
 #include "reports/timing.h"
 
 #include <algorithm>
@@ -15,9 +16,9 @@ constexpr std::string_view default_group = "DEFAULT_GROUP";
 constexpr std::string_view log_heading =
     " >> >>      Tolvan Process        CPU_time     SumCPU        Clock   SumClock";
 constexpr std::string_view log_start = "Tolvan Started";
-constexpr double least_cpu = 0.05;          // seconds between two lines of the process log
-constexpr double most_seconds = 6000.0;     // on the clock; beyond, the log counts in minutes
-constexpr double most_narrow = 9999999.0;   // the largest number of a narrow field
+constexpr double least_cpu = 0.05;         // seconds between two lines of the process log
+constexpr double most_seconds = 6000.0;    // on the clock; beyond, the log counts in minutes
+constexpr double most_narrow = 9999999.0;  // the largest number of a narrow field
 
 TIMER* find(TIMING_STORE& store, std::string_view name)
 {
@@ -44,8 +45,8 @@ std::string padded(std::string_view s, std::size_t width)
 
 std::string interval_line(const TIMER& timer, double seconds)
 {
-  return text(timer.name, " Time (", edit_f(seconds, 0, 2), ") Running Total (", edit_f(timer.total, 0, 2), ") ",
-              timer.calls, " calls)");
+  return text(timer.name, " Time (", edit_f(seconds, 0, 2), ") Running Total (", edit_f(timer.total, 0, 2),
+              ") ", timer.calls, " calls)");
 }
 
 void TMG_START(TIMING_STORE& store, std::string_view name, std::string_view group)
@@ -88,7 +89,8 @@ std::string TMG_TABLE(const TIMING_STORE& store, std::string_view label)
     const double running = timer.mark < 0.0 ? 0.0 : now - timer.mark;
     const double total = timer.total + running;
     if (timer.group == default_group) named += total - timer.inside - (timer.nested ? running : 0.0);
-    out += text(padded(timer.name, name_width), edit_f(total, 10, 2), ' ', edit_i(timer.calls, 6), " calls)\n");
+    out +=
+        text(padded(timer.name, name_width), edit_f(total, 10, 2), ' ', edit_i(timer.calls, 6), " calls)\n");
   }
   const double whole = store.begun_wall == 0.0 ? 0.0 : now - store.begun_wall;
   out += text(padded("Other", name_width), edit_f(whole - named, 10, 2), '\n');
@@ -104,8 +106,9 @@ std::string process_log_line(const TIMING_STORE& store, std::string_view label, 
   const double unit = minutes ? 60.0 : 1.0;
   const auto narrow = [unit](double seconds) { return edit_f(seconds / unit, 11, 2); };
   const int clock_width = clock / unit > most_narrow ? 14 : 11;
-  return text(" >> >>", padded(label.substr(0, 20), 20), minutes ? ": min" : ": sec", narrow(cpu - store.last_cpu),
-              narrow(cpu - store.begun_cpu), ' ', edit_f(clock / unit, clock_width, 2), narrow(wall - store.last_wall));
+  return text(" >> >>", padded(label.substr(0, 20), 20), minutes ? ": min" : ": sec",
+              narrow(cpu - store.last_cpu), narrow(cpu - store.begun_cpu), ' ',
+              edit_f(clock / unit, clock_width, 2), narrow(wall - store.last_wall));
 }
 
 void TMG_LOG(TIMING_STORE& store, std::string_view label)

@@ -1,4 +1,5 @@
-// Named timers of a run, with their table and the process log.  Routines: TMG_START, TMG_STOP, TMG_TABLE, TMG_LOG.
+// Named timers of a run, with their table and the process log.  Routines: TMG_START, TMG_STOP, TMG_TABLE,
+// TMG_LOG.
 #pragma once
 
 #include <cstdint>
@@ -10,10 +11,10 @@ namespace tolvan {
 
 struct TIMER {
   std::string name, group = "DEFAULT_GROUP";
-  double total = 0.0;  // wall seconds
+  double total = 0.0;   // wall seconds
   double inside = 0.0;  // of these, those within another timer of the default group
   std::int64_t calls = 0;
-  double mark = -1.0;  // start of the running interval, below 0 when stopped
+  double mark = -1.0;   // start of the running interval, below 0 when stopped
   bool nested = false;  // the running interval lies within one of another timer of the default group
 };
 
@@ -30,14 +31,14 @@ struct TIMING_STORE {
 void TMG_START(TIMING_STORE& store, std::string_view name, std::string_view group = "DEFAULT_GROUP");
 /// TMG_STOP: adds the interval to the timer's total and, where asked, writes its line.
 void TMG_STOP(TIMING_STORE& store, std::string_view name, std::string_view caller);
-/// TMG_TABLE: the timing table as text, with the line "Other" last: the run's time outside all timers of the default group.
-/// A timer over the whole run belongs in a group of its own.
+/// TMG_TABLE: the timing table as text, with the line "Other" last: the run's time outside all timers of the
+/// default group. A timer over the whole run belongs in a group of its own.
 std::string TMG_TABLE(const TIMING_STORE& store, std::string_view label);
 /// TMG_LOG: writes a milestone of the run with its process times when the process log is switched on.
 void TMG_LOG(TIMING_STORE& store, std::string_view label);
 
-/// A line of the process log at a moment of both clocks; empty when too little processor time has passed since the
-/// last line.
+/// A line of the process log at a moment of both clocks; empty when too little processor time has passed
+/// since the last line.
 std::string process_log_line(const TIMING_STORE& store, std::string_view label, double cpu, double wall);
 /// The line of one interval of a timer.
 std::string interval_line(const TIMER& timer, double seconds);

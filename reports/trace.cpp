@@ -10,7 +10,7 @@ namespace tolvan {
 namespace {
 
 constexpr std::string_view table_name = "TABLE_TRACE";
-constexpr std::int64_t spare_rows = 20;      // for evaluations that are repeated
+constexpr std::int64_t spare_rows = 20;           // for evaluations that are repeated
 constexpr std::int64_t most_rows_at_once = 1000;  // a huge iteration limit is no reason for a huge table
 
 /// L_REGISTER_TRACE: registers the table with its fixed columns.
@@ -20,12 +20,14 @@ void L_REGISTER_TRACE(ERROR_HANDLER& eh, std::int64_t iteration_limit, OUTPUT_TA
   const std::int64_t id = OTST_REGISTER_TABLE(eh, store, table_name);
   if (eh.terminate()) return;
   OUTPUT_TABLE& t = store.table(id);
-  OTT_ADD_COLUMN(eh, t, {.type = ColumnType::integer, .name = "ITER", .heading = "iteration", .format = "I4"});
+  OTT_ADD_COLUMN(eh, t,
+                 {.type = ColumnType::integer, .name = "ITER", .heading = "iteration", .format = "I4"});
   OTT_ADD_COLUMN(eh, t, {.name = "LOGL", .heading = "LogL", .format = "G13.6"});
   OTT_ADD_COLUMN(eh, t, {.name = "SIGMA2", .heading = "sigma2", .format = "G12.5"});
   OTT_ADD_COLUMN(eh, t, {.type = ColumnType::integer, .name = "DF", .heading = "DF", .format = "I9"});
   OTT_ADD_COLUMN(eh, t, {.name = "DEVDF", .heading = "Dev/DF", .format = "G12.4"});
-  OTT_ADD_COLUMN(eh, t, {.type = ColumnType::integer, .name = "NCON", .heading = "nconstrained", .format = "I4"});
+  OTT_ADD_COLUMN(eh, t,
+                 {.type = ColumnType::integer, .name = "NCON", .heading = "nconstrained", .format = "I4"});
   OTT_ADD_COLUMN(eh, t, {.type = ColumnType::string, .name = "FLG", .heading = "", .format = "A1"});
   if (eh.terminate()) return;
   const std::int64_t limit = std::clamp<std::int64_t>(iteration_limit, 0, most_rows_at_once);
@@ -51,12 +53,13 @@ std::string monitor_json(const ITERATION_ROW& row)
   return json_text(top);
 }
 
-void HANDLE_TRACE(ERROR_HANDLER& eh, COMMUNICATION& communication, const FIT_STATE& fit, std::int64_t iteration_limit,
-                  OUTPUT_TABLE_STORE& store)
+void HANDLE_TRACE(ERROR_HANDLER& eh, COMMUNICATION& communication, const FIT_STATE& fit,
+                  std::int64_t iteration_limit, OUTPUT_TABLE_STORE& store)
 {
   const Frame here{eh, __func__};
   if (fit.trace.empty()) return;
-  if (fit.trace.size() == 1 || store.find_table(table_name) == nullptr) L_REGISTER_TRACE(eh, iteration_limit, store);
+  if (fit.trace.size() == 1 || store.find_table(table_name) == nullptr)
+    L_REGISTER_TRACE(eh, iteration_limit, store);
   if (eh.terminate()) return;
   OUTPUT_TABLE& t = *store.find_table(table_name);
   const ITERATION_ROW& row = fit.trace.back();

@@ -10,7 +10,10 @@ namespace {
 constexpr const char* abort_file = "ABORTTLV.NOW";
 constexpr const char* final_file = "FINALTLV.NOW";
 
-bool exists(const char* name) { return access(name, F_OK) == 0; }
+bool exists(const char* name)
+{
+  return access(name, F_OK) == 0;
+}
 
 }  // namespace
 
@@ -33,6 +36,9 @@ std::int64_t CHECK_FOR_USER_ABORT(ERROR_HANDLER& eh)
   return not_given;
 }
 
-bool abort_file_exists() { return exists(abort_file); }
+bool abort_file_exists()
+{
+  return exists(abort_file);
+}
 
 }  // namespace tolvan

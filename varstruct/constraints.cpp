@@ -22,10 +22,12 @@ void GET_GMCSTR(ERROR_HANDLER& eh, const JsonNode* node, Constraint& code)
     code = *found;
     return;
   }
-  eh.error(text(node->is(JsonType::string) ? letter : json_text(*node), " is not a valid value for a constraint code"));
+  eh.error(text(node->is(JsonType::string) ? letter : json_text(*node),
+                " is not a valid value for a constraint code"));
 }
 
-ConstraintString read_constraints(std::string_view letters, std::int64_t parameters, std::vector<Constraint>& codes)
+ConstraintString read_constraints(std::string_view letters, std::int64_t parameters,
+                                  std::vector<Constraint>& codes)
 {
   codes.clear();
   for (const char c : letters) {
@@ -34,7 +36,8 @@ ConstraintString read_constraints(std::string_view letters, std::int64_t paramet
     codes.push_back(*code);
   }
   if (codes.size() == 1) codes.resize(static_cast<std::size_t>(parameters), codes.front());
-  return static_cast<std::int64_t>(codes.size()) == parameters ? ConstraintString::good : ConstraintString::wrong_count;
+  return static_cast<std::int64_t>(codes.size()) == parameters ? ConstraintString::good
+                                                               : ConstraintString::wrong_count;
 }
 
 bool read_equality_groups(std::string_view letters, std::vector<std::int64_t>& groups)

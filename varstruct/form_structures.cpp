@@ -32,7 +32,8 @@ Formed form_identity(const STRUCTURE_ROW& row, const double* g, FORMED_ROW& out)
 }
 
 /// L_FORM_ROW: forms one row by its model; the fault is 0 when that went well.
-std::int64_t L_FORM_ROW(ERROR_HANDLER& eh, const STRUCTURE_ROW& row, const VARIANCE_MODEL& model, FORMED_ROW& out)
+std::int64_t L_FORM_ROW(ERROR_HANDLER& eh, const STRUCTURE_ROW& row, const VARIANCE_MODEL& model,
+                        FORMED_ROW& out)
 {
   const Frame here{eh, __func__};
   const bool own_variance = row.scale >= 0;
@@ -41,7 +42,8 @@ std::int64_t L_FORM_ROW(ERROR_HANDLER& eh, const STRUCTURE_ROW& row, const VARIA
     return structure_failed + row.model;
   }
   if (row.parameters != (own_variance ? 1 : 0)) {
-    eh.internal(text("size of structure seems wrong, nrow = ", row.size, ", gammas count = ", row.parameters));
+    eh.internal(
+        text("size of structure seems wrong, nrow = ", row.size, ", gammas count = ", row.parameters));
     return structure_failed;
   }
   const double* g = own_variance ? &model.parameters[static_cast<std::size_t>(row.scale)].value : nullptr;
@@ -70,13 +72,15 @@ void K4MVSF(ERROR_HANDLER& eh, const TERM_TABLE& terms, VARIANCE_MODEL& model, s
       fault = L_FORM_ROW(eh, model.rows[static_cast<std::size_t>(structure.first_row + r)], model, row);
       if (fault != 0) return;
       // log|A x B| = size(B) log|A| + size(A) log|B|
-      if (row.size > 0) term.log_determinant += row.log_determinant * static_cast<double>(term.size / row.size);
+      if (row.size > 0)
+        term.log_determinant += row.log_determinant * static_cast<double>(term.size / row.size);
     }
   }
 
   // A profiled residual is I: its variance, sigma2, is found by the evaluation.
   const STRUCTURE_ROW& residual = model.residual.front();
-  const double own = model.profiled ? 1.0 : model.parameters[static_cast<std::size_t>(model.residual_parameter)].value;
+  const double own =
+      model.profiled ? 1.0 : model.parameters[static_cast<std::size_t>(model.residual_parameter)].value;
   if (!std::isfinite(own)) {
     fault = not_a_number;
   } else if (own == 0.0) {

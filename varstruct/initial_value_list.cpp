@@ -23,8 +23,8 @@ struct Given {
 };
 
 /// L_READ_ENTRY: reads one entry of the list and sets the parameter that it names.
-void L_READ_ENTRY(ERROR_HANDLER& eh, const JsonNode& entry, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
-                  VARIANCE_MODEL& model, std::vector<Given>& given)
+void L_READ_ENTRY(ERROR_HANDLER& eh, const JsonNode& entry, const FACTOR_TABLE& factors,
+                  const TERM_TABLE& terms, VARIANCE_MODEL& model, std::vector<Given>& given)
 {
   const Frame here{eh, __func__};
   if (!entry.is(JsonType::object)) {
@@ -56,8 +56,8 @@ void L_READ_ENTRY(ERROR_HANDLER& eh, const JsonNode& entry, const FACTOR_TABLE& 
     }
     const double x = value->number();
     if (known.value) {
-      eh.error(text("at least two initial values have been supplied for ", term, ": ", edit_e(*known.value, 12, 4),
-                    " and ", edit_e(x, 12, 4)));
+      eh.error(text("at least two initial values have been supplied for ", term, ": ",
+                    edit_e(*known.value, 12, 4), " and ", edit_e(x, 12, 4)));
       return;
     }
     known.value = x;
@@ -77,8 +77,8 @@ void L_READ_ENTRY(ERROR_HANDLER& eh, const JsonNode& entry, const FACTOR_TABLE& 
   GET_GMCSTR(eh, letter, code);
   if (eh.terminate()) return;
   if (known.constraint) {
-    eh.error(text("at least two constraints have been supplied for ", term, ": ", constraint_letter(*known.constraint),
-                  " and ", constraint_letter(code)));
+    eh.error(text("at least two constraints have been supplied for ", term, ": ",
+                  constraint_letter(*known.constraint), " and ", constraint_letter(code)));
     return;
   }
   known.constraint = code;
@@ -132,7 +132,8 @@ bool set_constraint(VARIANCE_MODEL& model, std::int64_t parameter, Constraint co
 void REFUSE_PROFILED_RESIDUAL(ERROR_HANDLER& eh, std::string_view term)
 {
   const Frame here{eh, __func__};
-  eh.error(text("If you are attempting to fit a residual using ", term, ", try using the sigma parameterization"));
+  eh.error(
+      text("If you are attempting to fit a residual using ", term, ", try using the sigma parameterization"));
   eh.continuation("by setting varscale to 1.0");
 }
 

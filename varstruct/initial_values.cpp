@@ -83,7 +83,8 @@ void L_REFUSE_QUALIFIERS(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const T
   } else if (!data.coord.empty()) {
     eh.error(text("No cordinates required for ", term));  // sic
   } else if (data.sing % 2 != 0) {
-    eh.error(text("invalid number of levels for SING option, was expecting an even number, observed = ", data.sing));
+    eh.error(text("invalid number of levels for SING option, was expecting an even number, observed = ",
+                  data.sing));
   } else if (data.sing != 0) {
     eh.not_implemented(text("sing of ", term, " is not implemented"));
   } else if (!data.subsection.empty()) {
@@ -97,13 +98,13 @@ void L_REFUSE_QUALIFIERS(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const T
 }
 
 /// L_SET_PARAMETERS: lays one term's values and constraints over its stretch of the vector.
-void L_SET_PARAMETERS(ERROR_HANDLER& eh, const IVALUE_DATA& data, const std::string& term, PARAMETER_RANGE range,
-                      VARIANCE_MODEL& model)
+void L_SET_PARAMETERS(ERROR_HANDLER& eh, const IVALUE_DATA& data, const std::string& term,
+                      PARAMETER_RANGE range, VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
   if (!data.values.empty() && static_cast<std::int64_t>(data.values.size()) != range.count) {
-    eh.error(text("unexpected number of initial values supplied for ", term, ", number expected = ", range.count,
-                  ", number supplied = ", data.values.size()));
+    eh.error(text("unexpected number of initial values supplied for ", term,
+                  ", number expected = ", range.count, ", number supplied = ", data.values.size()));
     return;
   }
   bool refused = false;
@@ -114,11 +115,13 @@ void L_SET_PARAMETERS(ERROR_HANDLER& eh, const IVALUE_DATA& data, const std::str
   if (!data.eq_constraints.empty()) {
     std::vector<std::int64_t> groups;
     if (!read_equality_groups(data.eq_constraints, groups)) {
-      eh.error(text(data.eq_constraints, " is not a valid string for supplying equality constraints for ", term));
+      eh.error(
+          text(data.eq_constraints, " is not a valid string for supplying equality constraints for ", term));
       return;
     }
     if (static_cast<std::int64_t>(groups.size()) != range.count) {
-      eh.error(text("incorrect number of values supplied in  the equality constraints for ", term));  // two blanks
+      eh.error(
+          text("incorrect number of values supplied in  the equality constraints for ", term));  // two blanks
       return;
     }
     std::sort(groups.begin(), groups.end());
@@ -133,13 +136,14 @@ void L_SET_PARAMETERS(ERROR_HANDLER& eh, const IVALUE_DATA& data, const std::str
     std::vector<Constraint> codes;
     switch (read_constraints(data.ps_constraints, range.count, codes)) {
       case ConstraintString::illegal:
-        eh.error(text(data.ps_constraints, " is not a valid string for supplying parameter space constraints for ",
-                      term));
+        eh.error(text(data.ps_constraints,
+                      " is not a valid string for supplying parameter space constraints for ", term));
         return;
       case ConstraintString::wrong_count:
         eh.error(text("incorrect number of values supplied in  the parameter space constraints for ", term));
         return;
-      case ConstraintString::good: break;
+      case ConstraintString::good:
+        break;
     }
     for (std::size_t k = 0; k < codes.size(); ++k) {
       refused = !set_constraint(model, range.first + static_cast<std::int64_t>(k), codes[k]) || refused;
@@ -152,7 +156,8 @@ void L_SET_PARAMETERS(ERROR_HANDLER& eh, const IVALUE_DATA& data, const std::str
 const JsonNode* residual_term(const JsonNode& request)
 {
   const JsonNode* node = request.find("model");
-  if (node != nullptr && node->is(JsonType::array)) node = node->children().empty() ? nullptr : node->children()[0].get();
+  if (node != nullptr && node->is(JsonType::array))
+    node = node->children().empty() ? nullptr : node->children()[0].get();
   if (node != nullptr) node = node->find("residual");
   if (node != nullptr && node->find("terms") != nullptr) node = node->find("terms");
   if (node != nullptr && node->is(JsonType::array)) {
@@ -212,11 +217,12 @@ void FORCE_GAMMA_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& request, cons
       eh.error(text("attempting to set initial values for ", term.name, " which is not in the model"));
       return;
     }
-    const auto structure =
-        std::find_if(model.terms.begin(), model.terms.end(),
-                     [i](const TERM_STRUCTURE& s) { return s.term == static_cast<std::int64_t>(i); });
+    const auto structure = std::find_if(model.terms.begin(), model.terms.end(), [i](const TERM_STRUCTURE& s) {
+      return s.term == static_cast<std::int64_t>(i);
+    });
     if (structure == model.terms.end()) {
-      eh.error(text("no structure vector set up for ", term.name, ", cannot apply variance structure qualifiers"));
+      eh.error(
+          text("no structure vector set up for ", term.name, ", cannot apply variance structure qualifiers"));
       return;
     }
     L_REFUSE_QUALIFIERS(eh, factors, terms, data, term.name);

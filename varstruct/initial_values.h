@@ -1,4 +1,5 @@
-// What a term says about its parameters beside the model.  Routines: SAVE_INITIAL_VALUES, GET_INITIAL_VALUES_FROM_JSON.
+// What a term says about its parameters beside the model.  Routines: SAVE_INITIAL_VALUES,
+// GET_INITIAL_VALUES_FROM_JSON.
 #pragma once
 
 #include <cstdint>
@@ -25,15 +26,17 @@ struct IVALUE_DATA {
 
   bool empty() const
   {
-    return values.empty() && coord.empty() && use.empty() && ps_constraints.empty() && eq_constraints.empty() &&
-           subsection.empty() && sing == 0;
+    return values.empty() && coord.empty() && use.empty() && ps_constraints.empty() &&
+           eq_constraints.empty() && subsection.empty() && sing == 0;
   }
 };
 
-/// SAVE_INITIAL_VALUES: reads the qualifiers of a term node, from the node itself or from its `initial_values` object.
+/// SAVE_INITIAL_VALUES: reads the qualifiers of a term node, from the node itself or from its
+/// `initial_values` object.
 void SAVE_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& term, IVALUE_DATA& data);
 
-/// GET_INITIAL_VALUES_FROM_JSON: lays the request's list of initial values and constraints over the parameters.
+/// GET_INITIAL_VALUES_FROM_JSON: lays the request's list of initial values and constraints over the
+/// parameters.
 void GET_INITIAL_VALUES_FROM_JSON(ERROR_HANDLER& eh, const JsonNode& request, const FACTOR_TABLE& factors,
                                   const TERM_TABLE& terms, VARIANCE_MODEL& model);
 
@@ -44,11 +47,13 @@ struct PARAMETER_RANGE {
 };
 PARAMETER_RANGE parameters_of(const VARIANCE_MODEL& model, const TERM_STRUCTURE& structure);
 
-/// The parameter that a name means: its label, or the text of a term that owns just one; -1 when there is none.
+/// The parameter that a name means: its label, or the text of a term that owns just one; -1 when there is
+/// none.
 std::int64_t find_parameter(const FACTOR_TABLE& factors, const TERM_TABLE& terms, const VARIANCE_MODEL& model,
                             std::string_view name);
 
-/// Sets a parameter's value or constraint; false when the parameter is the profiled residual and can not have it.
+/// Sets a parameter's value or constraint; false when the parameter is the profiled residual and can not have
+/// it.
 bool set_value(VARIANCE_MODEL& model, std::int64_t parameter, double value);
 bool set_constraint(VARIANCE_MODEL& model, std::int64_t parameter, Constraint constraint);
 

@@ -67,7 +67,8 @@ std::string units_label(const FACTOR_TABLE& factors)
   return "units";
 }
 
-void VARIABLE_TABLE_GUTS(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_TABLE& terms, VARIANCE_MODEL& model)
+void VARIABLE_TABLE_GUTS(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
+                         VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
   for (const TERM_STRUCTURE& structure : model.terms) {

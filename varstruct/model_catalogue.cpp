@@ -45,18 +45,30 @@ std::int64_t own_parameters(const COMPONENT_MODEL& model, std::int64_t levels, s
   const std::int64_t n = levels;
   const std::int64_t k = std::max<std::int64_t>(order, 1);
   switch (model.rule) {
-    case ParameterRule::none: return 0;
-    case ParameterRule::one: return 1;
-    case ParameterRule::two: return 2;
-    case ParameterRule::order_to_2: return std::min<std::int64_t>(k, 2);
-    case ParameterRule::order_to_3: return std::min<std::int64_t>(k, 3);
-    case ParameterRule::order_to_5: return std::min<std::int64_t>(k, 5);
-    case ParameterRule::order: return k;
-    case ParameterRule::bands: return n - 1;
-    case ParameterRule::pairs: return n * (n - 1) / 2;
-    case ParameterRule::levels: return n;
-    case ParameterRule::triangle: return n * (n + 1) / 2;
-    case ParameterRule::loadings_and_levels: return n * (std::min(k, n - 1) + 1);
+    case ParameterRule::none:
+      return 0;
+    case ParameterRule::one:
+      return 1;
+    case ParameterRule::two:
+      return 2;
+    case ParameterRule::order_to_2:
+      return std::min<std::int64_t>(k, 2);
+    case ParameterRule::order_to_3:
+      return std::min<std::int64_t>(k, 3);
+    case ParameterRule::order_to_5:
+      return std::min<std::int64_t>(k, 5);
+    case ParameterRule::order:
+      return k;
+    case ParameterRule::bands:
+      return n - 1;
+    case ParameterRule::pairs:
+      return n * (n - 1) / 2;
+    case ParameterRule::levels:
+      return n;
+    case ParameterRule::triangle:
+      return n * (n + 1) / 2;
+    case ParameterRule::loadings_and_levels:
+      return n * (std::min(k, n - 1) + 1);
     case ParameterRule::extended: {
       const std::int64_t factors = std::min(k, n);
       return (n - factors) * (factors + 1);

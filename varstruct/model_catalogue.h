@@ -15,26 +15,27 @@ enum class ParameterRule {
   none,
   one,
   two,
-  order_to_2,            // min(k, 2)
-  order_to_3,            // min(k, 3)
-  order_to_5,            // min(k, 5)
-  order,                 // k
-  bands,                 // n - 1
-  pairs,                 // n(n-1)/2
-  levels,                // n
-  triangle,              // n(n+1)/2
-  loadings_and_levels,   // n(k+1), k at most n - 1
-  extended,              // (n-k)(k+1), n counting the k factors, k from 1 to n
+  order_to_2,           // min(k, 2)
+  order_to_3,           // min(k, 3)
+  order_to_5,           // min(k, 5)
+  order,                // k
+  bands,                // n - 1
+  pairs,                // n(n-1)/2
+  levels,               // n
+  triangle,             // n(n+1)/2
+  loadings_and_levels,  // n(k+1), k at most n - 1
+  extended,             // (n-k)(k+1), n counting the k factors, k from 1 to n
 };
 
 /// One component model.
 struct COMPONENT_MODEL {
-  std::int64_t selector;       // its position in the list of names
-  std::string_view name;       // four characters, as printed
-  std::int64_t code;           // internal code; -2 pedigree inverse, -1 other matrices from outside
-  std::int64_t sub_code;       // of the metric family, else 0
+  std::int64_t selector;  // its position in the list of names
+  std::string_view name;  // four characters, as printed
+  std::int64_t code;      // internal code; -2 pedigree inverse, -1 other matrices from outside
+  std::int64_t sub_code;  // of the metric family, else 0
   ParameterRule rule;
-  std::string_view types;      // letters of its own parameters: one for all, or "RG": the last n or the last one are G
+  std::string_view
+      types;  // letters of its own parameters: one for all, or "RG": the last n or the last one are G
   std::string_view functions;  // request functions without their variance forms, blanks between
   bool forms;                  // these have a v and an h form
   bool built;
@@ -85,7 +86,8 @@ inline constexpr std::array component_models = {
 // clang-format on
 
 /// Names in print: by code from 0 to 14 (15 in the second), of the correlation form and of the form with a
-/// variance, four characters each; by sub-code of the metric family from 1, three each; of matrices from outside.
+/// variance, four characters each; by sub-code of the metric family from 1, three each; of matrices from
+/// outside.
 inline constexpr std::string_view correlation_form_names =
     "IDENAR  MA  ARMA    CORRDIGGOWN DIAGUS  FA  CHOLANTEFACVSAR ";
 inline constexpr std::string_view variance_form_names =
@@ -127,8 +129,9 @@ constexpr bool metric_names_fit()
 
 }  // namespace model_rows
 
-static_assert(model_rows::spell("IDENAR  MA  ARMACORUCORBCORGOWN SAR EUC EXP GAU IEXPIGAUIEUCSPH AEXPAGAULIN LVR "
-                                "AINVGIV CIR MAT DIAGUS  FA  CHOLANTEFACVRRNKXFA NRM GRM "));
+static_assert(
+    model_rows::spell("IDENAR  MA  ARMACORUCORBCORGOWN SAR EUC EXP GAU IEXPIGAUIEUCSPH AEXPAGAULIN LVR "
+                      "AINVGIV CIR MAT DIAGUS  FA  CHOLANTEFACVRRNKXFA NRM GRM "));
 static_assert(model_rows::metric_names_fit());
 static_assert(parameter_type_letters.size() == parameter_type_words.size());
 static_assert(parameter_label_letters.size() == parameter_type_letters.size() + 1);

@@ -14,7 +14,10 @@ namespace {
 constexpr double least_variance = 1e-5;
 constexpr double filled_mark = -0.000919191;  // by which later code knows that the array was filled here
 
-std::size_t packed(std::size_t i, std::size_t j) { return i * (i + 1) / 2 + j; }  // j at most i, both from 0
+std::size_t packed(std::size_t i, std::size_t j)
+{
+  return i * (i + 1) / 2 + j;
+}  // j at most i, both from 0
 
 /// Covariance of two responses over the records that have both, with divisor m; 0 when there are none.
 /// Two passes: the products of raw values lose all digits when the mean is large.
@@ -38,7 +41,8 @@ double covariance(const std::vector<double>& a, const std::vector<double>& b)
   return products / m;
 }
 
-/// L_CHECK_PIVOTS: sweeps the covariance matrix from the last trait upward and warns of traits that the others explain.
+/// L_CHECK_PIVOTS: sweeps the covariance matrix from the last trait upward and warns of traits that the
+/// others explain.
 void L_CHECK_PIVOTS(ERROR_HANDLER& eh, std::vector<double> v, const std::vector<std::string>& names)
 {
   const Frame here{eh, __func__};
@@ -84,7 +88,8 @@ void STARTE(ERROR_HANDLER& eh, double residual_fraction, double term_fraction,
       eh.warning(text("for trait ", names[i], " only ", count, " records have data"));
     }
     if (const double variance = plain[packed(i, i)]; variance <= least_variance) {
-      eh.warning(text("variance of ", names[i], " is ", edit_g(variance, 15, 6), ", the analysis is likely to fail"));
+      eh.warning(text("variance of ", names[i], " is ", edit_g(variance, 15, 6),
+                      ", the analysis is likely to fail"));
       plain[packed(i, i)] = starting[packed(i, i)] = least_variance;
     }
   }

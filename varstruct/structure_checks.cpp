@@ -29,22 +29,24 @@ void L_CHECK_TERM(ERROR_HANDLER& eh, const TERM_ROW& term, const TERM_STRUCTURE&
   }
   // None at all is a term whose variance is that of the residual; two can not be told apart.
   if (scales > 0 && to_estimate <= 1) return;
-  eh.warning(text("G structure for ", term.name, " has ", to_estimate, " variance scale parameters to estimate"));
+  eh.warning(
+      text("G structure for ", term.name, " has ", to_estimate, " variance scale parameters to estimate"));
   eh.continuation(
       "normally (only) one structure term includes a variance, maybe you should change the parameterisation");
 }
 
 }  // namespace
 
-void STRUCTURECHECK(ERROR_HANDLER& eh, const TERM_TABLE& terms, const DESIGN_MTX& design, const VARIANCE_MODEL& model)
+void STRUCTURECHECK(ERROR_HANDLER& eh, const TERM_TABLE& terms, const DESIGN_MTX& design,
+                    const VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
   std::int64_t owned = 0;
   for (const STRUCTURE_ROW& row : model.rows) owned += row.parameters;
   for (const STRUCTURE_ROW& row : model.residual) owned += row.parameters;
   if (owned != model.count()) {
-    eh.internal(text("Overparamaterized variance model: ", owned, " parameters in the structures, ", model.count(),
-                     " in the vector"));
+    eh.internal(text("Overparamaterized variance model: ", owned, " parameters in the structures, ",
+                     model.count(), " in the vector"));
     return;
   }
   for (const TERM_STRUCTURE& structure : model.terms) {
@@ -56,7 +58,8 @@ void STRUCTURECHECK(ERROR_HANDLER& eh, const TERM_TABLE& terms, const DESIGN_MTX
   for (const STRUCTURE_ROW& row : model.residual) records += row.size;
   if (records == design.rows()) return;
   eh.error(text("R structure for ", records,
-                " records does not match the data, probably due to an imbalance caused by the removal of missing values"));
+                " records does not match the data, probably due to an imbalance caused by the removal of "
+                "missing values"));
   eh.continuation(text("number of sections: ", model.residual.size(), ", total size of sections: ", records,
                        ", number of rows in design matrix: ", design.rows()));
   eh.continuation("the model is invalid");

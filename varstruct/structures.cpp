@@ -14,8 +14,8 @@ namespace tolvan {
 
 namespace {
 
-constexpr double random_base = wide(0.1f);    // a plain random term
-constexpr double product_base = 0.05;         // a component of a product of named models
+constexpr double random_base = wide(0.1f);  // a plain random term
+constexpr double product_base = 0.05;       // a component of a product of named models
 constexpr double residual_base = 1.0;
 constexpr double single_variance = wide(0.9f);  // of the base, for the one variance of a v form
 
@@ -34,7 +34,8 @@ void L_SETSTR_TERM(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_RO
     const FACTOR_ROW& f = factors.row(i);
     named = named || !f.structure.empty();
     if (std::find(kinds_with_matrix.begin(), kinds_with_matrix.end(), f.kind) != kinds_with_matrix.end()) {
-      eh.not_implemented(text("the variance structure of ", f.shown(), " in ", term.name, " is not implemented"));
+      eh.not_implemented(
+          text("the variance structure of ", f.shown(), " in ", term.name, " is not implemented"));
       return;
     }
   }
@@ -80,7 +81,8 @@ void NEWSTR(ERROR_HANDLER& eh, const COMPONENT_REQUEST& request, VARIANCE_MODEL&
     return;
   }
   if (!asked.model->built || asked.qualifier > 1) {
-    eh.not_implemented(text("the variance model ", request.function, " in ", request.term, " is not implemented"));
+    eh.not_implemented(
+        text("the variance model ", request.function, " in ", request.term, " is not implemented"));
     return;
   }
 
@@ -118,8 +120,9 @@ void NEWSTR(ERROR_HANDLER& eh, const COMPONENT_REQUEST& request, VARIANCE_MODEL&
   rows.push_back(row);
 }
 
-void SETSTR(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
-            const std::vector<double>& starting, std::int64_t records, VARIANCE_MODEL& model)
+void SETSTR(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const FACTOR_TABLE& factors,
+            const TERM_TABLE& terms, const std::vector<double>& starting, std::int64_t records,
+            VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
   model = {};

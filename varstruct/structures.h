@@ -14,11 +14,11 @@ namespace tolvan {
 
 /// One component model as a term asks for it.
 struct COMPONENT_REQUEST {
-  std::string_view term = {};   // for messages
+  std::string_view term = {};      // for messages
   std::string_view function = {};  // request function; empty: a plain term, which has a variance of its own
   std::int64_t levels = 0;
-  std::int64_t factor = 0;      // factor row, 0 for none
-  double base = 0.0;            // the value that the defaults are made from
+  std::int64_t factor = 0;                    // factor row, 0 for none
+  double base = 0.0;                          // the value that the defaults are made from
   const std::vector<double>* init = nullptr;  // the user's values; null or empty: none
 };
 

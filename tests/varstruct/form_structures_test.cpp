@@ -75,14 +75,17 @@ TEST(FormStructures, AgreeWithDenseMatricesAndDifferences)
     g = kept - h;
     const FORMED below = formed(m);
     g = kept;
-    EXPECT_TRUE(near(pick(now).derivative.at(0), -(pick(above).inverse - pick(below).inverse) / (2 * h), 1e-8));
-    EXPECT_TRUE(near(pick(now).score_part.at(0), (pick(above).log_determinant - pick(below).log_determinant) / (2 * h),
-                     1e-8));
+    EXPECT_TRUE(
+        near(pick(now).derivative.at(0), -(pick(above).inverse - pick(below).inverse) / (2 * h), 1e-8));
+    EXPECT_TRUE(near(pick(now).score_part.at(0),
+                     (pick(above).log_determinant - pick(below).log_determinant) / (2 * h), 1e-8));
   };
   for (std::size_t i = 0; i < now.terms.size(); ++i) {
     for (std::int64_t r = 0; r < m.model.terms[i].rows; ++r) {
       compare(m.model.rows[static_cast<std::size_t>(m.model.terms[i].first_row + r)],
-              [i, r](const FORMED& f) -> const FORMED_ROW& { return f.terms[i].rows[static_cast<std::size_t>(r)]; });
+              [i, r](const FORMED& f) -> const FORMED_ROW& {
+                return f.terms[i].rows[static_cast<std::size_t>(r)];
+              });
     }
   }
   compare(m.model.residual.front(), [](const FORMED& f) -> const FORMED_ROW& { return f.residual; });

@@ -59,10 +59,12 @@ TEST(InitialValues, SetValuesAndConstraints)
       {R"({})", g + "P " + g + "P 0.5P 0.25P 1P"},
       {R"({"initial_values":[{"term":"block","value":0.5,"constraint":"F"},{"term":"block:wplot;IDV_V","value":2}]})",
        "0.5F 2P 0.5P 0.25P 1P"},
-      {R"({"model":{"initial_values":{"term":"a:b;b.IDV_V","constraint":"U"}}})", g + "P " + g + "P 0.5P 0.25U 1P"},
+      {R"({"model":{"initial_values":{"term":"a:b;b.IDV_V","constraint":"U"}}})",
+       g + "P " + g + "P 0.5P 0.25U 1P"},
       {R"({"initial_values":[{"term":"block","constraint":"Z"},{"term":"block","value":3}]})",
        "3Z " + g + "P 0.5P 0.25P 1P"},
-      {R"({"initial_values":[{"term":"units","value":1.0,"constraint":"P"}]})", g + "P " + g + "P 0.5P 0.25P 1P"},
+      {R"({"initial_values":[{"term":"units","value":1.0,"constraint":"P"}]})",
+       g + "P " + g + "P 0.5P 0.25P 1P"},
       {R"({"initial_values":[{"term":"units","value":9,"constraint":"F"},{"term":"block","value":2}]})",
        "2P " + text(wide(0.1f) * 4) + "P 0.5P 0.25P 9F", true},
       {R"({"initial_values":[{"term":"block","value":"NoValueSupplied"},{"term":"block:wplot","value":-1e-37}]})",
@@ -107,8 +109,10 @@ TEST(InitialValues, TellWhatIsWrong)
        "an initial value was supplied for the term x, but it is not in the model"},
       {R"({"initial_values":[{"term":"block","constraint":"f"}]})",
        "unexpected constraint code (f) supplied for term block"},
-      {R"({"initial_values":[{"term":"block","constraint":"FF"}]})", "FF is not a valid value for a constraint code"},
-      {R"({"initial_values":[{"term":"block","constraint":1}]})", "1 is not a valid value for a constraint code"},
+      {R"({"initial_values":[{"term":"block","constraint":"FF"}]})",
+       "FF is not a valid value for a constraint code"},
+      {R"({"initial_values":[{"term":"block","constraint":1}]})",
+       "1 is not a valid value for a constraint code"},
       {R"({"initial_values":[{"value":1}]})", "term is required but was not found"},
       {R"({"initial_values":[{"term":4,"value":1}]})", "was expecting one of: the name of a term"},
       {R"({"initial_values":[{"term":"block","value":"2"}]})", "was expecting one of: a number"},
@@ -128,7 +132,8 @@ TEST(InitialValues, TellWhatIsWrong)
       {R"({"nodes":{"product":{"eq_constraints":"ab"}}})",
        "ab is not a valid string for supplying equality constraints for idv(a):idv(b)"},
       {R"({"nodes":{"product":{"eq_constraints":"AA"}}})",
-       "eq_constraints (AA) that equate parameters of idv(a):idv(b) are not implemented", Ecode::not_implemented},
+       "eq_constraints (AA) that equate parameters of idv(a):idv(b) are not implemented",
+       Ecode::not_implemented},
       {R"({"nodes":{"product":{"ps_constraints":"PPP"}}})",
        "incorrect number of values supplied in  the parameter space constraints for idv(a):idv(b)"},
       {R"({"nodes":{"block":{"ps_constraints":"p"}}})",
@@ -180,12 +185,13 @@ TEST(Constraints, EqualityGroups)
     bool legal;
     Groups groups;
   };
-  for (const Case& c : {Case{"1:4", true, {1, 2, 3, 4}}, Case{"AAB", true, {1, 1, 2}}, Case{"A:D", true, {1, 2, 3, 4}},
-                        Case{"0129", true, {0, 1, 2, 9}}, Case{"1:3:5", true, {1, 2, 3, 4, 5}},
-                        Case{"2:2A", true, {2, 1}}, Case{"AB CD", true, {1, 2}}, Case{"", true, {}},
-                        Case{"8:C", false, {}}, Case{":3", false, {}}, Case{"1:", false, {}}, Case{"1::3", false, {}},
-                        Case{"3:1", false, {}}, Case{"a", false, {}}, Case{"A-B", false, {}}, Case{"J:Z", true,
-                        {10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26}}}) {
+  for (const Case& c :
+       {Case{"1:4", true, {1, 2, 3, 4}}, Case{"AAB", true, {1, 1, 2}}, Case{"A:D", true, {1, 2, 3, 4}},
+        Case{"0129", true, {0, 1, 2, 9}}, Case{"1:3:5", true, {1, 2, 3, 4, 5}}, Case{"2:2A", true, {2, 1}},
+        Case{"AB CD", true, {1, 2}}, Case{"", true, {}}, Case{"8:C", false, {}}, Case{":3", false, {}},
+        Case{"1:", false, {}}, Case{"1::3", false, {}}, Case{"3:1", false, {}}, Case{"a", false, {}},
+        Case{"A-B", false, {}},
+        Case{"J:Z", true, {10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26}}}) {
     Groups groups;
     EXPECT_EQ(read_equality_groups(c.letters, groups), c.legal) << c.letters;
     EXPECT_TRUE(!c.legal || groups == c.groups) << c.letters;

@@ -63,7 +63,8 @@ struct SMALL_MODEL {
     std::int64_t equations = 1, first = 0;
     std::string name;
     for (const Component& c : components) {
-      FACTOR_ROW row{.name = c.factor, .is_factor = true, .levels = c.levels, .structure = c.function, .init = c.init};
+      FACTOR_ROW row{
+          .name = c.factor, .is_factor = true, .levels = c.levels, .structure = c.function, .init = c.init};
       if (!c.function.empty()) row.name = c.function + "(" + c.factor + ")";
       if (!name.empty()) name += ":";
       name += row.name;

@@ -1,10 +1,11 @@
 // Starting variances against their definition, with every warning.
+#include "varstruct/starting_values.h"
+
 #include <cmath>
 #include <random>
 
 #include "base/numbers.h"
 #include "support/checks.h"
-#include "varstruct/starting_values.h"
 
 namespace tolvan {
 namespace {
@@ -49,7 +50,8 @@ TEST(StartingValues, AreTheSharesOfTheCovariances)
     std::size_t at = 0;
     for (std::size_t i = 0; i < 3; ++i) {
       for (std::size_t j = 0; j <= i; ++j, ++at) {
-        EXPECT_TRUE(near(starting[at], by_definition(traits[i], traits[j]) * (i == j ? f.used_a : f.used_b), 1e-12));
+        EXPECT_TRUE(
+            near(starting[at], by_definition(traits[i], traits[j]) * (i == j ? f.used_a : f.used_b), 1e-12));
       }
     }
   }

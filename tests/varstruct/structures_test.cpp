@@ -1,6 +1,8 @@
 // The catalogue of models, and the tables that random terms and the residual make.
 #include "varstruct/structures.h"
 
+#include <cmath>
+
 #include "base/numbers.h"
 #include "base/text.h"
 #include "varstruct/model_catalogue.h"
@@ -16,13 +18,13 @@ TEST(ModelCatalogue, FindsTheModelBehindAFunction)
     const char* name;  // empty: none
     std::int64_t qualifier, order;
   };
-  for (const Case& c : {Case{"id", "IDEN", 0, 1}, Case{"idv", "IDEN", 1, 1}, Case{"idh", "IDEN", 2, 1},
-                        Case{"ar1", "AR  ", 0, 1}, Case{"ar3h", "AR  ", 2, 3}, Case{"sar2v", "SAR ", 1, 2},
+  for (const Case& c : {Case{"id", "IDEN", 0, 1},    Case{"idv", "IDEN", 1, 1},   Case{"idh", "IDEN", 2, 1},
+                        Case{"ar1", "AR  ", 0, 1},   Case{"ar3h", "AR  ", 2, 3},  Case{"sar2v", "SAR ", 1, 2},
                         Case{"corgh", "CORG", 2, 1}, Case{"corbv", "CORB", 1, 1}, Case{"ilvv", "LVR ", 1, 1},
-                        Case{"mtrnh", "MAT ", 2, 1}, Case{"sfa", "FA  ", 0, 1}, Case{"fa", "XFA ", 0, 1},
-                        Case{"cholc", "CHOL", 0, 1}, Case{"ide", "NRM ", 0, 1}, Case{"usv", "", 0, 1},
-                        Case{"ar4", "", 0, 1}, Case{"v", "", 0, 1}, Case{"", "", 0, 1}, Case{"lin", "", 0, 1},
-                        Case{"AR1", "", 0, 1}}) {
+                        Case{"mtrnh", "MAT ", 2, 1}, Case{"sfa", "FA  ", 0, 1},   Case{"fa", "XFA ", 0, 1},
+                        Case{"cholc", "CHOL", 0, 1}, Case{"ide", "NRM ", 0, 1},   Case{"usv", "", 0, 1},
+                        Case{"ar4", "", 0, 1},       Case{"v", "", 0, 1},         Case{"", "", 0, 1},
+                        Case{"lin", "", 0, 1},       Case{"AR1", "", 0, 1}}) {
     const MODEL_REQUEST found = model_request(c.function);
     EXPECT_EQ(found.model == nullptr ? "" : found.model->name, c.name) << c.function;
     EXPECT_EQ(found.qualifier, c.qualifier) << c.function;
@@ -36,11 +38,13 @@ TEST(ModelCatalogue, CountsParameters)
     const char* function;
     std::int64_t levels, order, parameters;
   };
-  for (const Case& c : {Case{"id", 7, 0, 0}, Case{"ar3", 7, 3, 3}, Case{"ar3", 7, 5, 3}, Case{"ma2", 7, 0, 1},
-                        Case{"arma", 7, 0, 2}, Case{"corb", 7, 0, 6}, Case{"corg", 7, 0, 21}, Case{"mtrn", 7, 4, 4},
-                        Case{"us", 3, 0, 6}, Case{"diag", 3, 0, 3}, Case{"sfa", 3, 5, 9}, Case{"facv", 6, 2, 18},
-                        Case{"fa", 6, 2, 12}, Case{"fa", 6, 0, 10}, Case{"chol", 4, 1, 10}}) {
-    EXPECT_EQ(own_parameters(*model_request(c.function).model, c.levels, c.order), c.parameters) << c.function;
+  for (const Case& c :
+       {Case{"id", 7, 0, 0}, Case{"ar3", 7, 3, 3}, Case{"ar3", 7, 5, 3}, Case{"ma2", 7, 0, 1},
+        Case{"arma", 7, 0, 2}, Case{"corb", 7, 0, 6}, Case{"corg", 7, 0, 21}, Case{"mtrn", 7, 4, 4},
+        Case{"us", 3, 0, 6}, Case{"diag", 3, 0, 3}, Case{"sfa", 3, 5, 9}, Case{"facv", 6, 2, 18},
+        Case{"fa", 6, 2, 12}, Case{"fa", 6, 0, 10}, Case{"chol", 4, 1, 10}}) {
+    EXPECT_EQ(own_parameters(*model_request(c.function).model, c.levels, c.order), c.parameters)
+        << c.function;
   }
 }
 
@@ -86,7 +90,8 @@ TEST(Structures, MakeTheParameterTable)
       {"the same term twice, told apart",
        {{{"a", 5}}, {{"a", 5, "idv"}}, {{"a", 5}}},
        text("a;IDV_V ", g, " GP\na;IDV_V#2 ", v * g, " GP\na;IDV_V#3 ", g, " GP\nunits;IDV_V 1 VP\n"),
-       text("a;IDV_V ", g * 4, " VP\na;IDV_V#2 ", v * (g * 4), " VP\na;IDV_V#3 ", g * 4, " VP\nunits;IDV_V 4 VP\n"),
+       text("a;IDV_V ", g * 4, " VP\na;IDV_V#2 ", v * (g * 4), " VP\na;IDV_V#3 ", g * 4,
+            " VP\nunits;IDV_V 4 VP\n"),
        {5, 5, 5}},
   };
   for (const Case& c : cases) {
@@ -138,14 +143,19 @@ TEST(Structures, RefuseWhatIsNotBuiltByName)
   const Case cases[] = {
       {{{"x", 5, "ar1"}}, "the variance model ar1 in ar1(x) is not implemented", 4, Ecode::not_implemented},
       {{{"x", 5, "idh"}}, "the variance model idh in idh(x) is not implemented", 4, Ecode::not_implemented},
-      {{{"x", 5, "id"}, {"t", 2, "us"}}, "the variance model us in id(x):us(t) is not implemented", 4,
+      {{{"x", 5, "id"}, {"t", 2, "us"}},
+       "the variance model us in id(x):us(t) is not implemented",
+       4,
        Ecode::not_implemented},
       {{{"x", 5, "zzz"}}, "Cannot PARSE zzz(x)", 4, Ecode::invalid_input},
       {{{"x", 5, "idv", {0.1, 0.2}}},
-       "unexpected number of initial values supplied for idv(x), number expected = 1, number supplied = 2", 4,
+       "unexpected number of initial values supplied for idv(x), number expected = 1, number supplied = 2",
+       4,
        Ecode::invalid_input},
       {{{"x", 5, "id", {0.1}}}, "number expected = 0, number supplied = 1", 4, Ecode::invalid_input},
-      {{{"x", 5, "idv", {HUGE_VAL}}}, "an initial value supplied for idv(x) is not a finite number", 4,
+      {{{"x", 5, "idv", {HUGE_VAL}}},
+       "an initial value supplied for idv(x) is not a finite number",
+       4,
        Ecode::invalid_input},
   };
   for (const Case& c : cases) {
@@ -167,6 +177,32 @@ TEST(Structures, RefuseWhatIsNotBuiltByName)
   EXPECT_TRUE(has_message(eh, "the variance structure of g in g is not implemented"));
 }
 
+TEST(Residual, OnlyTheIdentityIsBuilt)
+{
+  struct Case {
+    const char* residual;  // empty: absent
+    const char* message;   // empty: accepted
+  };
+  for (const Case& c :
+       {Case{"", ""}, Case{"null", ""}, Case{R"("units")", ""}, Case{R"({"terms":["units"]})", ""},
+        Case{R"({"terms":[{"term_name":"units"}]})", ""},
+        Case{R"({"terms":["units","site"]})", "a residual of several sections is not implemented"},
+        Case{R"({"terms":["plot"]})", "the residual plot is not implemented"},
+        Case{R"({"terms":[{"interaction":["row","col"]}]})", "the residual row:col is not implemented"}}) {
+    ERROR_HANDLER eh;
+    MODEL_INFO info;
+    const auto node = *c.residual == '\0' ? nullptr : json(c.residual);
+    info.residual = node.get();
+    NEW_GETRCOV(eh, COMMUNICATION{}, info);
+    if (*c.message == '\0') {
+      EXPECT_TRUE(clean(eh)) << c.residual;
+    } else {
+      EXPECT_TRUE(has_message(eh, c.message));
+      EXPECT_EQ(eh.messages().front().ecode, Ecode::not_implemented);
+    }
+  }
+}
+
 TEST(StructureCheck, CountsVarianceScales)
 {
   struct Case {
@@ -174,12 +210,13 @@ TEST(StructureCheck, CountsVarianceScales)
     Constraint second;
     const char* message;
   };
-  for (const Case& c :
-       {Case{{{"a", 2, "idv"}, {"b", 3, "idv"}}, Constraint::P,
-             "G structure for idv(a):idv(b) has 2 variance scale parameters to estimate"},
-        Case{{{"a", 2, "id"}, {"b", 3, "id"}}, Constraint::P,
-             "G structure for id(a):id(b) has 0 variance scale parameters to estimate"},
-        Case{{{"a", 2, "idv"}, {"b", 3, "idv"}}, Constraint::F, ""}}) {
+  for (const Case& c : {Case{{{"a", 2, "idv"}, {"b", 3, "idv"}},
+                             Constraint::P,
+                             "G structure for idv(a):idv(b) has 2 variance scale parameters to estimate"},
+                        Case{{{"a", 2, "id"}, {"b", 3, "id"}},
+                             Constraint::P,
+                             "G structure for id(a):id(b) has 0 variance scale parameters to estimate"},
+                        Case{{{"a", 2, "idv"}, {"b", 3, "idv"}}, Constraint::F, ""}}) {
     ERROR_HANDLER eh;
     SMALL_MODEL m;
     m.random(c.term);
@@ -191,8 +228,10 @@ TEST(StructureCheck, CountsVarianceScales)
       continue;
     }
     EXPECT_TRUE(has_message(eh, c.message));
-    EXPECT_TRUE(has_message(eh, "normally (only) one structure term includes a variance, maybe you should change the "
-                                "parameterisation"));
+    EXPECT_TRUE(
+        has_message(eh,
+                    "normally (only) one structure term includes a variance, maybe you should change the "
+                    "parameterisation"));
     EXPECT_EQ(eh.EH_STATUS(), -3);
   }
 }
@@ -204,8 +243,9 @@ TEST(StructureCheck, ComparesTheResidualWithTheData)
   m.set_up(eh);
   m.records = 23;
   STRUCTURECHECK(eh, m.terms, m.design(), m.model);
-  EXPECT_TRUE(has_message(eh, "R structure for 24 records does not match the data, probably due to an imbalance "
-                              "caused by the removal of missing values"));
+  EXPECT_TRUE(has_message(eh,
+                          "R structure for 24 records does not match the data, probably due to an imbalance "
+                          "caused by the removal of missing values"));
   EXPECT_TRUE(has_message(
       eh, "number of sections: 1, total size of sections: 24, number of rows in design matrix: 23"));
   EXPECT_TRUE(has_message(eh, "the model is invalid"));
