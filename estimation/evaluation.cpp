@@ -173,7 +173,9 @@ void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int 
     const Timed timed{in.timing, "K4MXXG", "K4MITR"};
     K4MXXG(eh, in.terms, model, ev.formed, q, ev.log_det_g);
   }
-  ev.log_det_r = ev.formed.residual.log_determinant - q.log_weights;
+  // Records of weight zero are in the residual's size and not in the data.
+  const double used = static_cast<double>(q.records) / static_cast<double>(std::max<std::int64_t>(1, ev.formed.residual.size));
+  ev.log_det_r = used * ev.formed.residual.log_determinant - q.log_weights;
   L_ABSORB(eh, in, threads, work, ev);
   if (eh.terminate() || ev.absorbed.cancelled) return;
   solve(in, threads, work, ev);

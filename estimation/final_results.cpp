@@ -170,6 +170,18 @@ void bound_letters(const VARIANCE_MODEL& model, const FIT_WORK& work, const EVAL
   }
 }
 
+/// The parameters of terms that were taken out of the run stand at their bound.
+void dropped_letters(const VARIANCE_MODEL& model, FIT_STATE& fit)
+{
+  for (const TERM_STRUCTURE& structure : model.terms) {
+    if (!structure.dropped) continue;
+    for (std::int64_t r = structure.first_row; r < structure.first_row + structure.rows; ++r) {
+      const STRUCTURE_ROW& row = model.rows[static_cast<std::size_t>(r)];
+      for (std::int64_t i = row.first; i < row.first + row.parameters; ++i) fit.bound[static_cast<std::size_t>(i)] = 'B';
+    }
+  }
+}
+
 /// The number of parameters that the criteria count.
 std::int64_t parameters_counted(const VARIANCE_MODEL& model, const EVALUATION& ev)
 {
@@ -251,6 +263,7 @@ void K4MFIN(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
   if (eh.terminate()) return;
   L_COVARIANCE(eh, model, work, ev, fit);
   bound_letters(model, work, ev, fit);
+  dropped_letters(model, fit);
   fit.first_singular_label = work.update.first_singular;
 
   // Akaike (1974) and Schwarz (1978) with the restricted likelihood: t parameters, df residual degrees of freedom.
