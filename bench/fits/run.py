@@ -37,19 +37,16 @@ def run(driver, folder, threads):
     out = child.stdout.read()
     _, status, used = os.wait4(child.pid, 0)
     wall = time.monotonic() - start
-    parts, iterations, logl = {}, 0, None
+    parts, logl = {}, None
     for line in out.splitlines():
         m = ROW.match(line.strip())
         if m:
             parts[m.group(1).strip()] = (float(m.group(2)), int(m.group(3)))
-        m = re.match(r"\s+(\d+)\s+(-?\d+\.\d+)", line)
-        if m:
-            iterations = max(iterations, int(m.group(1)))
         m = re.match(r"\s*LogL\s+(-?[\d.]+)\s*$", line)
         if m:
             logl = float(m.group(1))
     return dict(wall=wall, cpu=used.ru_utime + used.ru_stime, mb=used.ru_maxrss / 1024, parts=parts, logl=logl,
-                iterations=iterations, status=os.waitstatus_to_exitcode(status))
+                iterations=parts.get("K4MITR", (0, 0))[1], status=os.waitstatus_to_exitcode(status))
 
 
 def main():
