@@ -25,7 +25,7 @@ bool has_converged(std::int64_t n, double logl, double reset_step, FIT_WORK& wor
                         aiopt(Ai::restrained) <= 2 && aiopt(Ai::boundary) == 0;
   const bool simple = d_stable < wide(0.001f) && aiopt(Ai::restrained) <= 1 && std::llabs(thousandths - 1000) < 501;
   if (m <= 1) work.update.step = reset_step;
-  return standard || simple;
+  return (standard || simple) && !work.update.growth_capped;
 }
 
 double damp_towards_saved(const std::vector<double>& failed, VARIANCE_MODEL& model, FIT_WORK& work)

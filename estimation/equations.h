@@ -47,6 +47,7 @@ struct MIXED_EQUATIONS {
   std::vector<double> c0;                // C0, aligned with c.value
   std::vector<double> r0;                // W'R0^-1 y, elimination order, of the shifted response
   double y0 = 0.0;                       // y'R0^-1 y of the shifted response
+  std::vector<double> mean_square;       // per term: the mean square of its non-zero design values, 1 for factors
   double log_weights = 0.0;              // sum of ln w over records with a weight above zero
 
   double shift = 0.0;                    // taken off every observed response before any product

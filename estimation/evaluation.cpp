@@ -10,6 +10,7 @@ namespace tolvan {
 namespace {
 
 constexpr int repeats_of_damping = 10;
+constexpr std::int64_t not_positive_definite = 1008;  // fault of a variance matrix that has lost its definiteness
 
 /// The list of parameters that take part, and the one held out of the update.
 void list_active(VARIANCE_MODEL& model, EVALUATION& ev)
@@ -34,11 +35,31 @@ void list_active(VARIANCE_MODEL& model, EVALUATION& ev)
       continue;
     }
     information.active.push_back(static_cast<std::int64_t>(i));
-    const bool variance = v.role == ParamRole::variance || v.role == ParamRole::covariance;
-    const double residual_variance = model.profiled ? ev.sigma2 : ev.evaluated[static_cast<std::size_t>(model.residual_parameter)];
-    information.unit.push_back((residual || !model.profiled) && variance ? residual_variance : 1.0);
+    information.unit.push_back(residual && model.profiled ? ev.sigma2 : 1.0);
   }
   information.score.assign(information.active.size(), 0.0);
+}
+
+/// Natural units of the parameters: what would give a record the residual variance (gamma) or the variance of the response.
+void set_units(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, EVALUATION& ev)
+{
+  const double total = q.records > 0 && q.y0 > 0.0 ? q.y0 / static_cast<double>(q.records) : 1.0;
+  std::vector<double> unit(model.parameters.size(), 1.0);
+  for (const TERM_STRUCTURE& structure : model.terms) {
+    const TERM_ROW& term = in.terms.rows[static_cast<std::size_t>(structure.term)];
+    const double size = q.mean_square[static_cast<std::size_t>(structure.term)];
+    for (std::int64_t r = structure.first_row; r < structure.first_row + structure.rows; ++r) {
+      const STRUCTURE_ROW& row = model.rows[static_cast<std::size_t>(r)];
+      if (row.scale >= 0 && term.equations > 0 && size > 0.0) unit[static_cast<std::size_t>(row.scale)] = 1.0 / size;
+    }
+  }
+  for (std::size_t i = 0; i < ev.information.active.size(); ++i) {
+    if (static_cast<std::int64_t>(i) == ev.information.held_out) continue;
+    const auto parameter = static_cast<std::size_t>(ev.information.active[i]);
+    const ParamRole role = model.parameters[parameter].role;
+    if (role != ParamRole::variance && role != ParamRole::covariance) continue;
+    ev.information.unit[i] = unit[parameter] * (model.profiled ? 1.0 : total);
+  }
 }
 
 /// L_DROP_SMALL: takes out terms whose variance is nothing.
@@ -74,6 +95,7 @@ void L_ABSORB(ERROR_HANDLER& eh, const FIT_MODEL& in, int threads, FIT_WORK& wor
   ABSORB_CONTROL control;
   control.t0 = work.tolerance;
   control.default_tolerance = work.default_tolerance;
+  control.floor = 0.0;  // an absolute floor would drop equations by the unit of the response or of a covariate
   control.threads = threads;
   control.cancel = work.cancel;
   ev.absorbed = {};
@@ -99,6 +121,24 @@ void L_ABSORB(ERROR_HANDLER& eh, const FIT_MODEL& in, int threads, FIT_WORK& wor
     eh.continuation(pivot.accepted ? "assuming it is not singular, so setting the tolerance option to -1"
                                    : "set the tolerance option to -2 if it should not be singular");
   }
+}
+
+/// Whether V is positive definite on the data left by the fixed effects, by inertia: C and G^-1 then have equally many
+/// negative pivots (Sylvester's law).  Only negative variances can make it otherwise.
+bool is_positive_definite(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, const EVALUATION& ev)
+{
+  std::int64_t negative = 0;
+  for (std::size_t t = 0; t < model.terms.size(); ++t) {
+    if (model.terms[t].dropped) continue;
+    double inverse = 1.0;
+    for (const FORMED_ROW& row : ev.formed.terms[t].rows) inverse *= row.inverse;
+    if (inverse >= 0.0) continue;
+    const TERM_ROW& term = in.terms.rows[static_cast<std::size_t>(model.terms[t].term)];
+    for (std::int64_t e = term.first; e < term.first + term.equations; ++e) {
+      negative += q.factor.reciprocal[static_cast<std::size_t>(q.position_of(e))] != 0.0 ? 1 : 0;
+    }
+  }
+  return negative == 0 || ev.absorbed.negative == negative;
 }
 
 /// The solutions and y'Py, from the right-hand side of the response.
@@ -178,6 +218,10 @@ void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int 
   ev.log_det_r = used * ev.formed.residual.log_determinant - q.log_weights;
   L_ABSORB(eh, in, threads, work, ev);
   if (eh.terminate() || ev.absorbed.cancelled) return;
+  if (!is_positive_definite(in, model, q, ev)) {
+    ev.fault = not_positive_definite;
+    return;
+  }
   solve(in, threads, work, ev);
   if (!std::isfinite(ev.absorbed.log_determinant) || !std::isfinite(ev.quadratic)) {
     ev.fault = 999;
@@ -228,6 +272,7 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
   }
 
   list_active(model, ev);
+  set_units(in, model, q, ev);
   WORKING_VARIABLES working;
   {
     const Timed part{in.timing, "K4MWVG", "K4MITR"};

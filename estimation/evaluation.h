@@ -68,11 +68,15 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
 /// K4MWVG: the working variables of the active parameters as alpha_i y + W a_i, and K4MWVA's products of them.
 ///
 /// w_i = Hdot_i P y: for a plain variance v of a random term w = Z u / v; for the profiled residual scale w = y; for a
-/// residual variance v of its own w = e / v (Gilmour, Thompson & Cullis 1995).  All of these lie in the span of y and
-/// the columns of W, so that W'R^-1 w and w'R^-1 w need the residual part of C alone and no pass over the data.
+/// residual variance v of its own w = e / v, e = y - W b (Gilmour, Thompson & Cullis 1995).  The first two lie in the span
+/// of y and the columns of W, so that W'R^-1 w and w'R^-1 w need the residual part of C alone and no pass over the data;
+/// the last is formed record by record, since e from y and W b would lose its digits.
 struct WORKING_VARIABLES {
-  std::vector<double> alpha;  // one an active parameter
-  std::vector<double> a;      // n by active, elimination order
+  std::vector<double> alpha;   // one an active parameter
+  std::vector<double> a;       // n by active, elimination order
+  std::int64_t residual = -1;  // the active parameter whose variable is e / v, -1 for none
+  double residual_square = 0;  // e'R^-1 e / v^2
+  std::vector<double> residual_products;  // W'R^-1 e / v, elimination order
 };
 void K4MWVG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations,
             const EVALUATION& ev, WORKING_VARIABLES& working);

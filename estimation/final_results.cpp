@@ -15,7 +15,7 @@ void effects(const FIT_MODEL& in, const MIXED_EQUATIONS& q, const EVALUATION& ev
   fit.se.assign(n, 0.0);
   for (std::size_t e = 0; e < n; ++e) {
     const auto p = static_cast<std::size_t>(q.position[e]);
-    fit.solution[e] = ev.solution[p];
+    fit.solution[e] = q.factor.reciprocal[p] != 0.0 ? ev.solution[p] : 0.0;  // a singular one is 0, not -0
     fit.se[e] = std::sqrt(std::max(0.0, ev.sigma2 * ev.inverse_diagonal[p]));
   }
   if (q.mu < 0) return;
@@ -30,7 +30,10 @@ void effects(const FIT_MODEL& in, const MIXED_EQUATIONS& q, const EVALUATION& ev
   }
   for (const TERM_ROW& term : in.terms.rows) {
     if (!term.is_mv) continue;
-    for (std::int64_t e = term.first; e < term.first + term.equations; ++e) fit.solution[static_cast<std::size_t>(e)] += q.shift;
+    for (std::int64_t e = term.first; e < term.first + term.equations; ++e) {
+      const bool estimated = q.factor.reciprocal[static_cast<std::size_t>(q.position_of(e))] != 0.0;
+      fit.solution[static_cast<std::size_t>(e)] += estimated ? q.shift : 0.0;
+    }
   }
   if (q.centred.empty() || !ev.constant.empty()) return;
   // var(mu) = c' C^-1 c with c = 1 for mu and -shift_x for each centred covariate.
@@ -101,7 +104,8 @@ void L_COVARIANCE(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, FIT_WORK& work
   for (std::int64_t i = 0; i < ev.information.count(); ++i) {
     const std::int64_t parameter = ev.information.active[static_cast<std::size_t>(i)];
     const bool held_out = i == ev.information.held_out;
-    if (!held_out && !is_free(model.parameters[static_cast<std::size_t>(parameter)].constraint)) continue;
+    const bool at_bound = fit.bound[static_cast<std::size_t>(parameter)] == 'B';
+    if (!held_out && (at_bound || !is_free(model.parameters[static_cast<std::size_t>(parameter)].constraint))) continue;
     if (held_out) kept.held_out = kept.count();
     kept.active.push_back(parameter);
     kept.unit.push_back(ev.information.unit[static_cast<std::size_t>(i)]);
@@ -161,7 +165,10 @@ void bound_letters(const VARIANCE_MODEL& model, const FIT_WORK& work, const EVAL
     const VARIANCE_PARAMETER& v = model.parameters[i];
     fit.bound[i] = constraint_letters[static_cast<std::size_t>(v.constraint)];
     if (!is_free(v.constraint) || i >= work.update.pulled.size()) continue;
-    const double small = 1e-4 * (model.profiled ? 1.0 : ev.evaluated[static_cast<std::size_t>(model.residual_parameter)]);
+    const auto& active = ev.information.active;
+    const auto at = std::lower_bound(active.begin(), active.end(), static_cast<std::int64_t>(i));
+    if (at == active.end() || *at != static_cast<std::int64_t>(i)) continue;
+    const double small = 1e-4 * ev.information.unit[static_cast<std::size_t>(at - active.begin())];
     if (work.update.pulled[i] >= 2 && std::fabs(ev.evaluated[i]) < small) {
       fit.bound[i] = 'B';
     } else if (work.update.pulled[i] >= 1) {
@@ -183,7 +190,7 @@ void dropped_letters(const VARIANCE_MODEL& model, FIT_STATE& fit)
 }
 
 /// The number of parameters that the criteria count.
-std::int64_t parameters_counted(const VARIANCE_MODEL& model, const EVALUATION& ev)
+std::int64_t parameters_counted(const VARIANCE_MODEL& model, const EVALUATION& ev, const FIT_STATE& fit)
 {
   std::int64_t t = 0;
   for (std::size_t i = 0; i < model.parameters.size(); ++i) {
@@ -192,6 +199,7 @@ std::int64_t parameters_counted(const VARIANCE_MODEL& model, const EVALUATION& e
     if (v.constraint == Constraint::C || x == 0.0 || is_no_value(x)) continue;
     if (v.constraint == Constraint::F && (v.type == ParamType::L || x == 1.0)) continue;
     if (!is_free(v.constraint) && std::fabs(x) < 1e-6) continue;
+    if (is_free(v.constraint) && fit.bound[i] == 'B') continue;  // pulled to nothing, though not settled yet
     ++t;
   }
   return t;
@@ -261,13 +269,13 @@ void K4MFIN(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
   fitted_values(in, work.equations, ev, fit);
   AIRHAT(eh, in, work.equations, ev, static_cast<int>(std::max<std::int64_t>(1, work.aiopt(Ai::threads))), fit.hat);
   if (eh.terminate()) return;
-  L_COVARIANCE(eh, model, work, ev, fit);
   bound_letters(model, work, ev, fit);
   dropped_letters(model, fit);
+  L_COVARIANCE(eh, model, work, ev, fit);
   fit.first_singular_label = work.update.first_singular;
 
   // Akaike (1974) and Schwarz (1978) with the restricted likelihood: t parameters, df residual degrees of freedom.
-  fit.parameters_estimated = parameters_counted(model, ev);
+  fit.parameters_estimated = parameters_counted(model, ev, fit);
   const auto t = static_cast<double>(fit.parameters_estimated);
   fit.aic = 2.0 * (t - ev.logl);
   fit.bic = t * std::log(static_cast<double>(ev.nu)) - 2.0 * ev.logl;

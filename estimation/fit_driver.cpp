@@ -33,6 +33,7 @@ struct ITERATION {
   double started = 0.0;
   bool final_pass = false;
   bool interrupted = false;          // a finish code was acted on
+  bool go_back = false;              // report from the last accepted parameters, not from the rejected ones
   CONVERGENCE convergence;
 };
 
@@ -227,12 +228,14 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
       eh.warning("iteration was aborted because model is not converging");
       eh.continuation("consider changing the starting values, the model or use !CONTINUE to push on regardless");
       fit.status = "Convergence failed";
+      it.go_back = true;
       return;
     }
     L_ACCEPT(eh, call, ev, work, it);
     L_TRACE(eh, call, work, ev, it, fit);
     const bool repeated = it.repeats > 0;
     it.repeats = 0;
+    it.failed = 0;
 
     const std::int64_t singular = work.aiopt(Ai::ai_singularities);
     if (singular > 0 && call.options(Slot::aisingularities) == 0) {
@@ -316,11 +319,12 @@ void L_CRITERIA(ERROR_HANDLER& eh, const FIT_STATE& fit)
 void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& work, EVALUATION& ev, const ITERATION& it, FIT_STATE& fit)
 {
   const Frame here{eh, __func__};
-  ERROR_HANDLER own;  // an aborted fit still reports: its own handler, joined at the end
+  ERROR_HANDLER aside;  // an aborted fit still reports: routines leave at once when their handler has terminated
+  ERROR_HANDLER& own = eh.terminate() ? aside : eh;
   FINISH_TRACE(own, fit, call.tables);
   const bool evaluated = work.has_saved && fit.end != FitEnd::aborted;
-  if (evaluated && fit.fault > 0) {
-    // The failed evaluation left nothing to report from: evaluate once more at the last good parameters.
+  if (evaluated && (fit.fault > 0 || it.go_back)) {
+    // The failed or rejected evaluation is nothing to report from: evaluate once more at the last good parameters.
     for (std::size_t i = 0; i < work.saved.size(); ++i) call.model.parameters[i] = work.saved[i];
     K4MITR(own, in, 1, call.model, work, ev);
   }
@@ -335,7 +339,7 @@ void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& 
       TMG_LOG(call.timing, " TLV/SLN/YHT written");
     }
   }
-  eh.EH_ADD_ALL(own);
+  eh.EH_ADD_ALL(aside);
 }
 
 /// L_FAILURE: the terminating words of a fit that failed.
@@ -382,9 +386,9 @@ void AIWORK(ERROR_HANDLER& eh, FIT_CALL& call, FIT_STATE& fit)
   L_REPORT(eh, call, in, work, ev, it, fit);
   if (fit.end == FitEnd::failed && !eh.terminate()) L_FAILURE(eh, fit, singular);
   const std::int64_t flag = fit.end == FitEnd::converged ? 0 : (fit.end == FitEnd::not_converged ? 2 : 1);
-  ERROR_HANDLER own;
-  WARNING(own, fit.status, flag, call.tables);
-  eh.EH_ADD_ALL(own);
+  ERROR_HANDLER aside;
+  WARNING(eh.terminate() ? aside : eh, fit.status, flag, call.tables);
+  eh.EH_ADD_ALL(aside);
   TMG_LOG(call.timing, "END OF AIWORK");
 }
 

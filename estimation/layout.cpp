@@ -11,6 +11,7 @@ namespace tolvan {
 namespace {
 
 constexpr std::int64_t default_dense_limit = 800;
+constexpr double far_from_zero = 1e5;  // squared mean over variance of a covariate
 
 /// The design row by row in inner order, covariates centred.
 struct INNER_DESIGN {
@@ -89,10 +90,11 @@ void choose_shifts(const TERM_TABLE& terms, const DESIGN_MTX& design, std::int64
   }
   q.shift = mean;
 
-  if (!mu_first || !all_dense) return;
+  if (!mu_first) return;
   std::vector<std::int64_t> covariates;
   for (const TERM_ROW& term : terms.rows) {
-    if (term.block == Block::fixed && term.code <= 10000 && term.equations == 1 && term.first != q.mu) {
+    const bool in_dense = term.equations == 1 && q.inner[static_cast<std::size_t>(term.first)] >= q.n - dense;
+    if (term.block == Block::fixed && term.code <= 10000 && term.first != q.mu && in_dense) {
       covariates.push_back(term.first);
     }
   }
@@ -101,15 +103,21 @@ void choose_shifts(const TERM_TABLE& terms, const DESIGN_MTX& design, std::int64
   for (std::size_t k = 0; k < covariates.size(); ++k) slot[static_cast<std::size_t>(covariates[k])] = static_cast<std::int64_t>(k);
   std::vector<double> means(covariates.size(), 0.0);
   std::vector<double> present(covariates.size(), 0.0);
+  std::vector<double> squares(covariates.size(), 0.0);  // of the deviations from the mean
   for (std::size_t k = 0; k < design.equation.size(); ++k) {
     const std::int64_t s = slot[static_cast<std::size_t>(design.equation[k])];
     if (s < 0) continue;
     const auto i = static_cast<std::size_t>(s);
     present[i] += 1.0;
-    means[i] += (design.value[k] - means[i]) / present[i];
+    const double deviation = design.value[k] - means[i];
+    means[i] += deviation / present[i];
+    squares[i] += deviation * (design.value[k] - means[i]);
   }
   for (std::size_t k = 0; k < covariates.size(); ++k) {
-    if (present[k] == static_cast<double>(rows) && means[k] != 0.0 && std::isfinite(means[k])) {
+    // Beside sparse fixed effects mu may be the one left out, and its standard error with it is that of another basis;
+    // there only a covariate so far from zero that its equation would be lost is centred.
+    const bool far = means[k] * means[k] > far_from_zero * squares[k] / std::max(1.0, present[k]);
+    if (present[k] == static_cast<double>(rows) && means[k] != 0.0 && std::isfinite(means[k]) && (all_dense || far)) {
       q.centred.push_back({covariates[k], means[k]});
     }
   }
@@ -316,6 +324,28 @@ void response_products(const DESIGN_MTX& design, MIXED_EQUATIONS& q)
   }
 }
 
+/// The mean square of the non-zero design values of every random term.
+void design_sizes(const TERM_TABLE& terms, MIXED_EQUATIONS& q)
+{
+  q.mean_square.assign(terms.rows.size(), 1.0);
+  for (std::size_t t = 0; t < terms.rows.size(); ++t) {
+    const TERM_ROW& term = terms.rows[t];
+    if (term.block != Block::random) continue;
+    double sum = 0.0;
+    double count = 0.0;
+    for (std::int64_t e = term.first; e < term.first + term.equations; ++e) {
+      const auto p = static_cast<std::size_t>(q.position_of(e));
+      for (auto k = static_cast<std::size_t>(q.columns.start[p]); k < static_cast<std::size_t>(q.columns.start[p + 1]); ++k) {
+        const double x = q.columns.value[k];
+        if (x == 0.0) continue;
+        sum += x * x;
+        count += 1.0;
+      }
+    }
+    if (count > 0.0 && std::isfinite(sum)) q.mean_square[t] = sum / count;
+  }
+}
+
 }  // namespace
 
 void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TABLE& terms, const DESIGN_MTX& design,
@@ -349,6 +379,7 @@ void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_T
     q.position[e] = q.factor.position[static_cast<std::size_t>(q.inner[e])];
   }
   response_products(design, q);
+  design_sizes(terms, q);
 }
 
 }  // namespace tolvan

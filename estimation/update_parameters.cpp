@@ -10,8 +10,6 @@
 namespace tolvan {
 namespace {
 
-constexpr int rounds_of_restraint = 4;
-
 /// L_PENALTY: the damping number by the change of LogL, and the multiplier of the information's diagonal it gives.
 void L_PENALTY(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION& information, AIOPT& aiopt, UPDATE_STATE& state)
 {
@@ -156,31 +154,48 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
   for (std::size_t i = 0; i < k; ++i) {
     if (!is_free(parameter(i).constraint)) open[i] = 0;
   }
+  const auto hold = [&](std::size_t i) {
+    restrained[i] = 1;
+    open[i] = 0;
+    taken[i] = (result[i].value - parameter(i).value) / information.unit[i];
+  };
   const auto pass = [&](bool first_stage) {
-    bool any = false;
+    std::size_t worst = k;
+    double worst_measure = 0.0;
     solve_step(information, open, taken, delta);
     for (std::size_t i = 0; i < k; ++i) {
       if (!open[i] || static_cast<std::int64_t>(i) == information.held_out) continue;
       const VARIANCE_PARAMETER& v = parameter(i);
       if (in_first_stage(v.type) != first_stage) continue;
       const auto at = static_cast<std::size_t>(information.active[i]);
-      const double step = delta[i] * information.unit[i];
-      const RESTRAINT_INPUT in{v.value, step, state.reference[at], state.step, v.type, v.role, v.constraint};
-      result[i] = first_stage ? restrain_typed(in, state.last[at], 1e-7) : restrain_by_sign(in);
-      if (std::fabs(result[i].value - (v.value + step)) > 1e-10 * information.unit[i]) {
-        restrained[i] = 1;
-        open[i] = 0;
-        taken[i] = (result[i].value - v.value) / information.unit[i];
-        any = true;
+      // The rules compare values with constants of their own, so they are told the value in its unit.
+      const double unit = information.unit[i];
+      const RESTRAINT_INPUT in{v.value / unit, delta[i], state.reference[at] / unit, state.step, v.type, v.role, v.constraint};
+      RESTRAINT ruled = first_stage ? restrain_typed(in, state.last[at] / unit, 1e-7) : restrain_by_sign(in);
+      const double short_of = std::fabs(ruled.value - (in.value + in.delta));
+      ruled.value *= unit;
+      ruled.reference *= unit;
+      result[i] = ruled;
+      if (short_of <= 1e-10) continue;
+      const double measure = short_of / std::max(std::fabs(in.value), 1e-10);
+      if (first_stage) {
+        hold(i);
+      } else if (worst == k || measure > worst_measure) {
+        worst = i;
+        worst_measure = measure;
       }
     }
-    return any;
+    if (worst < k) hold(worst);
+    return worst < k;
   };
+  // By sign one parameter is held at a time, the one that its rule cuts back most: with it held the others may well step
+  // away from zero.
   pass(true);
-  for (int round = 0; round < rounds_of_restraint && pass(false); ++round) {
+  for (std::size_t round = 0; round < k && pass(false); ++round) {
   }
 
   double largest_loading = 0.0;
+  state.growth_capped = false;
   for (std::size_t i = 0; i < k; ++i) {
     if (static_cast<std::int64_t>(i) == information.held_out || !used[i]) continue;
     VARIANCE_PARAMETER& v = parameter(i);
@@ -191,6 +206,7 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     if (restrained[i]) ++aiopt(Ai::restrained);
     if (taken_by.boundary) ++aiopt(Ai::boundary);
     if (taken_by.reset_step) state.step = state.saved_step;
+    if (restrained[i] && std::fabs(taken_by.value) > 10.0 * std::fabs(v.value)) state.growth_capped = true;
     largest_loading = std::max(largest_loading, taken_by.loading_change);
     const bool pulled = restrained[i] && v.role == ParamRole::variance && std::fabs(taken_by.value) < std::fabs(v.value);
     state.pulled[at] = pulled ? state.pulled[at] + 1 : 0;

@@ -41,6 +41,7 @@ struct UPDATE_STATE {
   std::vector<int> pulled;         // consecutive updates in which the rules pulled a scale parameter towards zero
   std::vector<double> change;      // relative change that the last step would make
   double largest_change = 0.0;
+  bool growth_capped = false;      // a parameter wanted to grow by more than a step may: not at its optimum
   std::string first_singular;      // label of the first parameter without information
 };
 

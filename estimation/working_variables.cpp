@@ -4,6 +4,41 @@
 #include "estimation/evaluation.h"
 
 namespace tolvan {
+namespace {
+
+/// e'R^-1 e and W'R^-1 e of the residuals e = y - W b, for the working variable e / v.
+void residual_products(const FIT_MODEL& in, const MIXED_EQUATIONS& q, const EVALUATION& ev, double v, WORKING_VARIABLES& working)
+{
+  const auto rows = static_cast<std::size_t>(in.design.rows());
+  const auto n = static_cast<std::size_t>(q.n);
+  std::vector<double> e(rows);
+  for (std::size_t r = 0; r < rows; ++r) e[r] = in.design.response[r] - q.shift;
+  for (const std::int64_t r : in.design.mv) e[static_cast<std::size_t>(r)] = 0.0;
+  const auto column = [&](std::size_t p, auto&& each) {
+    for (auto k = static_cast<std::size_t>(q.columns.start[p]); k < static_cast<std::size_t>(q.columns.start[p + 1]); ++k) {
+      each(static_cast<std::size_t>(q.columns.record[k]), q.columns.value[k]);
+    }
+  };
+  for (std::size_t p = 0; p < n; ++p) {
+    const double b = ev.solution[p];
+    if (b != 0.0) column(p, [&](std::size_t r, double x) { e[r] -= b * x; });
+  }
+  const double ri = ev.formed.residual.inverse;
+  working.residual_square = 0.0;
+  for (std::size_t r = 0; r < rows; ++r) {
+    const double w = in.design.weight.empty() ? 1.0 : std::max(in.design.weight[r], 0.0);
+    working.residual_square += ri * w * e[r] * e[r] / (v * v);
+    e[r] *= ri * w / v;
+  }
+  working.residual_products.assign(n, 0.0);
+  for (std::size_t p = 0; p < n; ++p) {
+    double sum = 0.0;
+    column(p, [&](std::size_t r, double x) { sum += x * e[r]; });
+    working.residual_products[p] = sum;
+  }
+}
+
+}  // namespace
 
 void K4MWVG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, const EVALUATION& ev,
             WORKING_VARIABLES& working)
@@ -39,10 +74,8 @@ void K4MWVG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
   if (model.profiled) {
     working.alpha[static_cast<std::size_t>(column)] = 1.0;
   } else {
-    const double v = ev.evaluated[static_cast<std::size_t>(model.residual_parameter)];
-    working.alpha[static_cast<std::size_t>(column)] = 1.0 / v;
-    double* a = working.a.data() + static_cast<std::size_t>(column) * n;
-    for (std::size_t p = 0; p < n; ++p) a[p] = -ev.solution[p] / v;
+    working.residual = column;
+    residual_products(in, q, ev, ev.evaluated[static_cast<std::size_t>(model.residual_parameter)], working);
   }
 }
 
@@ -71,6 +104,14 @@ void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, co
     for (std::size_t j = 0; j <= i; ++j) {
       ai(i, j) = working.alpha[i] * working.alpha[j] * ri * q.y0 + working.alpha[i] * ra[j] + working.alpha[j] * ra[i] +
                  dot(working.a.data() + i * n, b.data() + j * n);
+    }
+  }
+  if (working.residual >= 0) {
+    const auto r = static_cast<std::size_t>(working.residual);
+    std::copy(working.residual_products.begin(), working.residual_products.end(), b.begin() + static_cast<std::ptrdiff_t>(r * n));
+    for (std::size_t i = 0; i < k; ++i) {
+      double& element = i >= r ? ai(i, r) : ai(r, i);
+      element = i == r ? working.residual_square : dot(working.a.data() + i * n, working.residual_products.data());
     }
   }
   for (std::size_t i = 0; i < k; ++i) {
