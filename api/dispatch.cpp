@@ -42,6 +42,12 @@ auto not_accepted(ERROR_HANDLER& eh)
   return [&eh](auto&) { eh.internal("Unknown handle"); };
 }
 
+/// The messages of an input call that failed, where the object prints them.
+void print_failure(const ERROR_HANDLER& eh, const TLV_OBJECT& object)
+{
+  if (eh.terminate() && object.options.prints(DebugPrint::einfo)) eh.EH_PRINT(true, true, true);
+}
+
 }  // namespace
 
 void XXX_CHECK(ERROR_HANDLER& eh, const DECODED_HANDLE& handle)
@@ -72,6 +78,7 @@ void XXX_INPUT_INFO(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, std::string
       [&](TLV_OBJECT& object) {
         AOT_CHECK_FOR_API_OPTIONS_FROM_JSTR(eh, json, object.options);
         if (!eh.terminate()) TLV_MT_STORE_JSTR(eh, object, json);
+        print_failure(eh, object);
       },
       [&](AINV_OBJECT& object) { AINV_STORE_JSTR(eh, object, json); }, not_accepted(eh));
 }
@@ -85,9 +92,10 @@ void XXX_INPUT_REAL_2D(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, std::str
       [&](TLV_OBJECT& object) {
         if (values == nullptr || rows < 1 || columns < 1) {
           eh.error(text("the values of dataset ", name, " are not there, or have no rows or no columns"));
-          return;
+        } else {
+          UDST_ADD(eh, object.datasets, name, values, rows, columns);
         }
-        UDST_ADD(eh, object.datasets, name, values, rows, columns);
+        print_failure(eh, object);
       },
       [&](AINV_OBJECT&) {
         eh.internal(text(XXX_HANDLE_NAME(eh, handle.status), " does not take any 2D reall arrays"));  // sic

@@ -14,6 +14,15 @@ std::string no_such_output(ERROR_HANDLER& eh, const OUTPUT_ID& id)
   return {};
 }
 
+/// What every object with tables answers.
+std::string errors_or_tables(ERROR_HANDLER& eh, const ERROR_HANDLER& errors, const OUTPUT_TABLE_STORE& tables,
+                             std::string_view id)
+{
+  const OUTPUT_ID asked = split_output_id(id);
+  if (!is_part(asked, "ERROR_INFORMATION")) return OTST_OUTPUT_JSON(eh, tables, id);
+  return asked.parts.size() == 1 ? errors.EH_TO_JSTR() : no_such_output(eh, asked);
+}
+
 }  // namespace
 
 std::unique_ptr<TLV_OBJECT> ALLOCATE_TLV_OBJECT(ERROR_HANDLER& eh)
@@ -53,11 +62,7 @@ std::string AOT_OUTPUT_JSON(ERROR_HANDLER& eh, const ERROR_HANDLER& errors, cons
                             std::string_view id)
 {
   const Frame here{eh, __func__};
-  const OUTPUT_ID asked = split_output_id(id);
-  if (is_part(asked, "ERROR_INFORMATION")) {
-    return asked.parts.size() == 1 ? errors.EH_TO_JSTR() : no_such_output(eh, asked);
-  }
-  return OTST_OUTPUT_JSON(eh, tables, id);
+  return errors_or_tables(eh, errors, tables, id);
 }
 
 std::string AOT_OUTPUT_JSON(ERROR_HANDLER& eh, const TLV_OBJECT& object, std::string_view id)
@@ -68,7 +73,7 @@ std::string AOT_OUTPUT_JSON(ERROR_HANDLER& eh, const TLV_OBJECT& object, std::st
     return asked.parts.size() == 1 ? AOPT_TO_JSTR(eh, object.options) : no_such_output(eh, asked);
   }
   if (!is_part(asked, "INPUT_JSON") && !is_part(asked, "STANDARDISED_JSON")) {
-    return AOT_OUTPUT_JSON(eh, object.errors, object.tables, id);
+    return errors_or_tables(eh, object.errors, object.tables, id);
   }
   if (object.request != nullptr) return AOT_GET_INFO_FROM_JSON(eh, *object.request, asked);
   const auto merged = AOT_GET_FULL_JSTR(eh, object, "");

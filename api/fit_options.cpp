@@ -162,6 +162,16 @@ bool asks(const JsonNode& node)
   return true;
 }
 
+/// Whether an option asks for anything, by the value that its slot gets.
+bool asks(const OptionRow& row, const JsonNode& node)
+{
+  if (row.reader != OptionReader::integer) return asks(node);
+  ERROR_HANDLER unreadable;  // what can not be read is complained of by the reader
+  std::int64_t value = 0;
+  GET_VALUE_FROM_JPTR_INTEGER(unreadable, node, static_cast<std::int64_t>(row.bare), value);
+  return unreadable.terminate() ? asks(node) : value != 0 && value != -1;
+}
+
 }  // namespace
 
 FIT_OPTIONS FIT_OPTIONS_DEFAULTS()
@@ -213,12 +223,14 @@ void REFUSE_UNBUILT_OPTIONS(ERROR_HANDLER& eh, const JsonNode* options)
   for (const auto& node : options->children()) {
     const OptionRow* row = find_option(node->name);
     if (row == nullptr) continue;
-    if (row->effect == OptionEffect::unbuilt && asks(*node)) {
+    if (row->effect == OptionEffect::unbuilt && asks(*row, *node)) {
       eh.not_implemented(text("the option ", row->key, " is not implemented"));
     }
     // Under varscale 1 variances are absolute; what other values would mean is not settled.
-    if (row->key == "varscale" && node->is_number() && std::fabs(node->number()) > 1.5) {
-      eh.not_implemented("the option varscale is implemented for 0 and 1");
+    if (row->key == "varscale") {
+      std::int64_t value = 0;
+      GET_VALUE_FROM_JPTR_INTEGER(eh, *node, static_cast<std::int64_t>(row->bare), value);
+      if (value != 0 && value != 1) eh.not_implemented("the option varscale is implemented for 0 and 1");
     }
   }
 }

@@ -87,6 +87,11 @@ void L_MERGE_DOCUMENT(ERROR_HANDLER& eh, std::string_view json, const std::strin
     eh.continuation(text(json.substr(0, longest_excerpt), json.size() > longest_excerpt ? "..." : ""));
     return;
   }
+  REPORT_DUPLICATED_JSON_KEYS(eh, *document);
+  for (const MergeRule& rule : merge_rules) {
+    if (rule.merge == Merge::settings) REPORT_IF_JSON_KEY_DUPLICATED(eh, *document, rule.key);
+  }
+  if (eh.terminate()) return;
   while (document->size() > 0) {
     auto child = document->detach(document->children().front().get());
     JsonNode* earlier = request.find(child->name);

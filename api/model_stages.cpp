@@ -140,8 +140,11 @@ void form_parameters(ERROR_HANDLER& eh, CORE_DATA& core)
 
 void adjust_parameters(ERROR_HANDLER& eh, CORE_DATA& core)
 {
-  refuse_key(eh, core.request, "vcm");
-  refuse_key(eh, core.request, "vcc_constraint");
+  const JsonNode* model = core.request.find("model");
+  for (const char* key : {"vcm", "vcc_constraint"}) {
+    refuse_key(eh, core.request, key);
+    if (model != nullptr) refuse_key(eh, *model, key);
+  }
   if (eh.terminate()) return;
   STRUCTURECHECK(eh, core.terms, core.design, core.variances);
   if (eh.terminate()) return;

@@ -54,7 +54,7 @@ void L_EXIT_TAIL(ERROR_HANDLER& eh, CORE_DATA& core, bool terminated, std::strin
 void AIDATA_BODY(ERROR_HANDLER& eh, CORE_DATA& core)
 {
   const Frame here{eh, __func__};
-  TMG_START(core.timing, whole_run);
+  TMG_START(core.timing, whole_run, "RUN");  // a group of its own: it covers all others
   std::string_view stage;
   guarded(eh, [&] { L_RUN_STAGES(eh, core, stage); });
 

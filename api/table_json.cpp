@@ -349,7 +349,10 @@ std::string OTST_TO_JSTR(ERROR_HANDLER& eh, const OUTPUT_TABLE_STORE& store, Tab
     for (const auto& scalar : store.scalars) {
       if (!OST_ADD_TO_JPTR(eh, *scalar, scalars)) return false;
     }
-    for (const auto& scalar : scalars.children()) sink.node(*scalar);
+    for (const auto& scalar : scalars.children()) {
+      if (values == TableValues::left_out) scalar->remove("value");
+      sink.node(*scalar);
+    }
     return true;
   });
 }

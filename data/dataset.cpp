@@ -147,7 +147,7 @@ void UDIT_FROM_JSTR(ERROR_HANDLER& eh, std::string_view json, USER_DATASET_INFO&
   JsonError failure;
   const auto root = parse_json(json, failure);
   if (root == nullptr) {
-    eh.error(text(failure.message, " at position ", failure.position), Ecode::invalid_json);
+    eh.error(failure.message, Ecode::invalid_json);
     return;
   }
   JsonNode* dataset = root->is(JsonType::object) ? root->find("dataset") : nullptr;

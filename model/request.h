@@ -28,6 +28,8 @@ void REPORT_JSON_ERROR(ERROR_HANDLER& eh, const JsonNode& node,
                        std::initializer_list<std::string_view> expected);
 /// REPORT_IF_JSON_KEY_DUPLICATED: complains when a key stands twice in an object.
 void REPORT_IF_JSON_KEY_DUPLICATED(ERROR_HANDLER& eh, const JsonNode& object, std::string_view key);
+/// REPORT_DUPLICATED_JSON_KEYS: complains of a key that stands twice in any object below the root.
+void REPORT_DUPLICATED_JSON_KEYS(ERROR_HANDLER& eh, const JsonNode& root);
 
 /// GET_FACNAME_FROM_JPTR: the text of a term node as a factor name ("a", "a:b", "idv(a)").
 std::string GET_FACNAME_FROM_JPTR(ERROR_HANDLER& eh, const COMMUNICATION& communication,

@@ -1,5 +1,6 @@
 #include "model/request_nodes.h"
 
+#include <algorithm>
 #include <iterator>
 
 #include "base/text.h"
@@ -71,6 +72,28 @@ void REPORT_IF_JSON_KEY_DUPLICATED(ERROR_HANDLER& eh, const JsonNode& object, st
   if (object.count(key) > 1)
     eh.error(text("the key ", key, " was supplied more than once in ", shown_path(object)),
              Ecode::invalid_json);
+}
+
+void REPORT_DUPLICATED_JSON_KEYS(ERROR_HANDLER& eh, const JsonNode& root)
+{
+  const Frame here{eh, __func__};
+  std::vector<const JsonNode*> waiting{&root};
+  std::vector<std::string_view> keys;
+  while (!waiting.empty()) {
+    const JsonNode& node = *waiting.back();
+    waiting.pop_back();
+    for (const auto& child : node.children()) {
+      if (child->is(JsonType::object) || child->is(JsonType::array)) waiting.push_back(child.get());
+    }
+    if (&node == &root || !node.is(JsonType::object)) continue;
+    keys.clear();
+    for (const auto& child : node.children()) keys.push_back(child->name);
+    std::sort(keys.begin(), keys.end());
+    if (const auto twice = std::adjacent_find(keys.begin(), keys.end()); twice != keys.end()) {
+      REPORT_IF_JSON_KEY_DUPLICATED(eh, node, *twice);
+      return;
+    }
+  }
 }
 
 std::optional<std::string> GET_VALUE_FROM_JPTR_STRING(ERROR_HANDLER& eh, const JsonNode& parent,

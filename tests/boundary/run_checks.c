@@ -144,8 +144,23 @@ static void run_with_all_prints(void** handle)
   process(handle, MODEL);
 }
 
+static void fail_on_input(void** handle)
+{
+  info(handle, "{\"api_options\":{\"debug_level\":8}}");
+  info(handle, "{");
+}
+
+static void fail_on_data(void** handle) { matrix(handle, "d", NULL, 1, 1); }
+
 static void debug_prints(void)
 {
+  void* failing = new_handle("TLV");
+  capture(fail_on_input, &failing);
+  CHECK_HAS(printed, "invalid JSON");
+  capture(fail_on_data, &failing);
+  CHECK_HAS(printed, "the values of dataset d are not there");
+  ctlv_cleanup(&failing);
+
   void* handle = new_trial();
   capture(run_with_all_prints, &handle);
   CHECK(status <= 0);
@@ -186,8 +201,44 @@ static void side_files(void)
   for (int k = 0; k < 3; ++k) unlink(stays[k]);
 }
 
+/* What is not built, or can not be meant, ends a run with a message that names it. */
+static void refusals(void)
+{
+#define WITH(part) "{\"model\":{\"response\":\"y\",\"random\":\"block\"" part "}"
+  static const struct {
+    const char *request, *told, *code;
+  } rows[] = {
+      {WITH(",\"vcm\":[{\"values\":[1]}]") "}", "the key vcm is not implemented", "\"ecode\":4"},
+      {WITH(",\"vcc_constraint\":[\"a\"]") "}", "the key vcc_constraint is not implemented", "\"ecode\":4"},
+      {WITH("") ",\"options\":{\"varscale\":\"2\"}}", "the option varscale is implemented for 0 and 1", "\"ecode\":4"},
+      {WITH("") ",\"options\":{\"varscale\":[2]}}", "the option varscale is implemented for 0 and 1", "\"ecode\":4"},
+      {WITH("") ",\"options\":{\"varscale\":-1}}", "the option varscale is implemented for 0 and 1", "\"ecode\":4"},
+      {WITH("") ",\"options\":{\"ddf\":\"1\"}}", "the option ddf is not implemented", "\"ecode\":4"},
+      {WITH("") ",\"options\":{\"blup\":[[\"2\"]]}}", "the option blup is not implemented", "\"ecode\":4"},
+      {WITH("") ",\"options\":{\"extra\":1,\"extra\":2}}", "the key extra was supplied more than once in options",
+       "ehc_invalid_json"},
+      {WITH("") ",\"options\":{},\"options\":{}}", "the key options was supplied more than once in the request",
+       "ehc_invalid_json"},
+      {WITH(",\"fixed\":{\"terms\":[{\"term_name\":\"a\",\"term_name\":\"b\"}]}") "}",
+       "the key term_name was supplied more than once in model.fixed.terms[1]", "ehc_invalid_json"},
+  };
+  void* handle = new_trial();
+  for (size_t k = 0; k < sizeof rows / sizeof rows[0]; ++k) {
+    CHECK_INT(process(&handle, rows[k].request), 4);
+    CHECK_HAS(errors_of(&handle), rows[k].told);
+    CHECK_HAS(errors_of(&handle), rows[k].code);
+  }
+  /* Values that ask for nothing pass, and a later document takes the place of an earlier one. */
+  info(&handle, "{\"options\":{\"ddf\":\"0\",\"varscale\":[\"1\"],\"extra\":1}}");
+  CHECK(process(&handle, WITH("") ",\"options\":{\"extra\":2}}") <= 0);
+  CHECK(strcmp(json_of(&handle, "INPUT_JSON:OPTIONS"), "{\"ddf\":\"0\",\"varscale\":[\"1\"],\"extra\":2}") == 0);
+  ctlv_cleanup(&handle);
+#undef WITH
+}
+
 int run_checks(void)
 {
+  refusals();
   no_model();
   repeated_runs();
   preprocessing();

@@ -209,6 +209,8 @@ TEST(TableStore, OutputIdsGiveTheirDocuments)
   EXPECT_EQ(output("SCALAR_INFO"), R"({"SCALAR_INFO":{"type":"json","value":{"a":[1,2.5],"b":null}}})");
   EXPECT_EQ(output("AVAILABLE_OUTPUT_FULL"), OTST_TO_JSTR(eh, store));
   EXPECT_EQ(output("available_output"), OTST_TO_JSTR(eh, store, TableValues::left_out));
+  EXPECT_NE(output("AVAILABLE_OUTPUT").find(R"("SCALAR_DF":{"type":"integer"})"), std::string::npos);
+  EXPECT_EQ(output("AVAILABLE_OUTPUT").find("-209.5"), std::string::npos);
   EXPECT_EQ(output("AVAILABLE_OUTPUT:TABLE_RICH"), OTT_TO_JSTR(eh, rich, TableValues::left_out));
   EXPECT_EQ(output("AVAILABLE_OUTPUT:TABLE_RICH:P"),
             OTT_TABLE_COLUMN_TO_JSTR(eh, rich, "P", TableValues::left_out));
