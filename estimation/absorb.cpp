@@ -68,7 +68,7 @@ void absorb_node(ABSORPTION& run, int32_t s, int threads, int thread)
   const auto tile_end = [&](int64_t k) {
     return tiled ? std::min(width + k * tile_rows, node.rows) : node.rows;
   };
-  const int forked = static_cast<double>(node.rows) * width * node.rows > 64.0 * 80 * 80 ? threads : 1;
+  const int forked = static_cast<double>(node.rows) * width * node.rows > fork_above ? threads : 1;
 
   share(forked, tiles, [&](int64_t k, int) { load_rows(run, node, places, tile_begin(k), tile_end(k)); });
 
@@ -150,7 +150,7 @@ void K4MXXAIL(ERROR_HANDLER& eh, const COEFFICIENTS& c, const ABSORB_CONTROL& co
   absorbed = {};
   absorbed.t0 = control.t0;
   factor.holds_inverse = false;
-  const int threads = std::max(1, control.threads);
+  const int threads = useful_threads(factor, control.threads);
 
   std::vector<NODE_WORK> work;
   std::vector<double> tolerance;
@@ -161,7 +161,7 @@ void K4MXXAIL(ERROR_HANDLER& eh, const COEFFICIENTS& c, const ABSORB_CONTROL& co
     return;
   }
   for (int64_t p = 0; p < factor.n; ++p)
-    tolerance[p] = std::max(std::abs(c.diagonal(p)) * control.t0, control.t0);
+    tolerance[p] = std::max(std::abs(c.diagonal(p)), control.floor) * control.t0;
 
   single_blas_thread();
   WATCH watch(control.cancel);

@@ -66,9 +66,9 @@ struct FACTOR {
 
 /// What an absorption is told.
 struct ABSORB_CONTROL {
-  double t0 = 1e-8;  // tolerance: t(i) = max(|C(i,i)| t0, t0)
-  bool default_tolerance =
-      true;  // t0 stands at exactly 1e-8: a small pivot may be accepted and tighten t0 tenfold, once
+  double t0 = 1e-8;               // tolerance: t(i) = max(|C(i,i)|, floor) t0
+  double floor = 1.0;             // 0 makes the tolerance relative, free of the units of data and parameters
+  bool default_tolerance = true;  // t0 stands at exactly 1e-8: a small pivot may tighten it tenfold, once
   std::span<const signed char> flags;  // by position, or empty; below 0 leaves the equation out as singular
   int threads = 1;
   CANCEL cancel;

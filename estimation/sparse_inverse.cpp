@@ -21,12 +21,27 @@ using std::int32_t;
 using std::int64_t;
 
 constexpr int64_t group_columns = 256;  // columns of Z_RR gathered at a time
-constexpr int64_t group_tile = 40;      // columns of a group, or of a node, that one thread sums up at a time
+constexpr int64_t group_tile = 80;      // columns of a group, or of a node, that one thread sums up at a time
+
+// Columns of Z_RR from the node's row `begin` on.
+struct GROUP {
+  int64_t begin = 0, end = 0;  // rows of the node whose columns they are
+  const double* z = nullptr;   // element (begin, begin); both triangles of the square, then all rows below
+  int64_t ld = 0;
+};
+
+// The panel that is inverted, and its Y.
+struct PANEL {
+  double* z;
+  int64_t ld, width, below;
+  double* y;  // below by width
+};
 
 // Beside what all threads share, a node's inverse needs its Y and a group of Z_RR.
 struct INVERSE_WORK {
   std::vector<double> y;        // rows by columns of a node
   std::vector<double> group;    // rows by group_columns
+  std::vector<GROUP> groups;    // blocks of a node
   std::vector<double> square;   // widest_panel squared
   std::vector<double> scaled;   // widest_panel squared
   std::vector<int32_t> places;  // rows
@@ -107,12 +122,18 @@ void invert_column(INVERSION& run, int32_t s, INVERSE_WORK& work)
   z[0] = d;
 }
 
-// Columns of Z_RR, from R's row `begin` on; `from` is the first row of R that they hold.
-struct GROUP {
-  int64_t begin = 0, end = 0;
-  const double* z = nullptr;  // element (begin, begin)
-  int64_t ld = 0;
-};
+// A block of Z_RR where it stands: the rows of R from the block on follow each other, there too.
+bool stands_together(const FACTOR& factor, const SNODE& node, const SBLOCK& block, GROUP& group)
+{
+  const int32_t* row = factor.row_list.data() + node.row_list;
+  const SNODE& up = factor.nodes[block.target];
+  const int64_t rows = node.rows - block.begin;
+  if (row[node.rows - 1] - row[block.begin] != rows - 1) return false;
+  if (!up.contiguous && rows > block.end - block.begin) return false;
+  const int64_t at = row[block.begin] - up.first;
+  group = {block.begin, block.end, factor.panel.data() + up.panel + at + at * up.rows, up.rows};
+  return true;
+}
 
 // The next group: one block where it stands, or as many as there is room for, gathered.
 GROUP next_group(INVERSION& run, const SNODE& node, int64_t& b, int64_t b_end, int threads,
@@ -121,21 +142,12 @@ GROUP next_group(INVERSION& run, const SNODE& node, int64_t& b, int64_t b_end, i
   FACTOR& factor = run.factor;
   const int32_t* row = factor.row_list.data() + node.row_list;
   GROUP group;
+  if (stands_together(factor, node, factor.blocks[b], group)) {
+    ++b;
+    return group;
+  }
   group.begin = factor.blocks[b].begin;
   const int64_t rows = node.rows - group.begin;
-  {
-    const SBLOCK& block = factor.blocks[b];
-    const SNODE& up = factor.nodes[block.target];
-    if (row[node.rows - 1] - row[group.begin] == rows - 1 &&
-        (up.contiguous || rows <= block.end - block.begin)) {
-      const int64_t at = row[group.begin] - up.first;
-      group.z = factor.panel.data() + up.panel + at + at * up.rows;
-      group.ld = up.rows;
-      group.end = block.end;
-      ++b;
-      return group;
-    }
-  }
   group.z = work.group.data();
   group.ld = rows;
   group.end = group.begin;
@@ -145,7 +157,7 @@ GROUP next_group(INVERSION& run, const SNODE& node, int64_t& b, int64_t b_end, i
     int32_t* place = work.places.data();
     find_places(factor, up, row + block.begin, row + node.rows, place);
     const int64_t columns = block.end - block.begin;
-    const int forked = columns * rows > 64 * 1024 ? threads : 1;
+    const int forked = columns * rows > 256 * 1024 ? threads : 1;
     share(forked, (columns + group_tile - 1) / group_tile, [&](int64_t k, int) {
       const int64_t last = std::min<int64_t>(block.end, block.begin + (k + 1) * group_tile);
       for (int64_t c = block.begin + k * group_tile; c < last; ++c) {
@@ -164,6 +176,65 @@ GROUP next_group(INVERSION& run, const SNODE& node, int64_t& b, int64_t b_end, i
   return group;
 }
 
+// What a group adds to the rows from..to of Z_RJ, which lie at or below its first row: -Z_RR Y, its columns
+// of Z_RR.
+void add_columns(const GROUP& group, const PANEL& p, int64_t from, int64_t to)
+{
+  dgemm('N', 'N', to - from, p.width, group.end - group.begin, -1.0, group.z + (from - group.begin), group.ld,
+        p.y + (group.begin - p.width), p.below, 1.0, p.z + from, p.ld);
+}
+
+// What the rows below a group add to its own rows from..to: the same columns of Z_RR, transposed.
+void add_rows(const GROUP& group, const PANEL& p, int64_t from, int64_t to)
+{
+  if (group.end == p.ld) return;
+  dgemm('T', 'N', to - from, p.width, p.ld - group.end, -1.0,
+        group.z + (group.end - group.begin) + (from - group.begin) * group.ld, group.ld,
+        p.y + (group.end - p.width), p.below, 1.0, p.z + from, p.ld);
+}
+
+// Z_RJ where all of Z_RR can be read in its place: tiles of whole groups, each of them summed by one thread.
+void multiply_in_place(INVERSION& run, const PANEL& p, const std::vector<GROUP>& groups, int64_t count,
+                       int threads)
+{
+  const int64_t blocks = (p.below + tile_rows - 1) / tile_rows;  // about as many tiles, cut between groups
+  share(threads, blocks, [&](int64_t k, int) {
+    const auto cut = [&](int64_t at) {
+      return std::partition_point(groups.begin(), groups.begin() + count,
+                                  [&](const GROUP& g) { return g.begin - p.width < at * tile_rows; }) -
+             groups.begin();
+    };
+    const int64_t first = cut(k), last = cut(k + 1);
+    if (first == last) return;
+    const int64_t to = groups[last - 1].end;
+    for (int64_t g = 0; g < last && !run.watch.stop(); ++g) {
+      add_columns(groups[g], p, std::max(groups[first].begin, groups[g].begin), to);
+      if (g >= first) add_rows(groups[g], p, groups[g].begin, groups[g].end);
+    }
+  });
+}
+
+// Z_RJ group by group; what doesn't stand together is gathered first.
+void multiply_gathered(INVERSION& run, int32_t s, const PANEL& p, int threads, INVERSE_WORK& work)
+{
+  const FACTOR& factor = run.factor;
+  const bool tiled = p.below > untiled_rows;
+  for (int64_t b = factor.block_start[s], b_end = factor.block_start[s + 1];
+       b < b_end && !run.watch.stop();) {
+    const GROUP group = next_group(run, factor.nodes[s], b, b_end, threads, work);
+    const int64_t columns = group.end - group.begin, rows = p.ld - group.begin;
+    const int forked = static_cast<double>(rows) * columns * p.width > fork_above ? threads : 1;
+    const int64_t tile = tiled ? tile_rows : rows;
+    share(forked, (rows + tile - 1) / tile, [&](int64_t k, int) {
+      add_columns(group, p, group.begin + k * tile, std::min(group.begin + (k + 1) * tile, p.ld));
+    });
+    const int64_t sums = tiled ? group_tile : columns;
+    share(forked, (columns + sums - 1) / sums, [&](int64_t k, int) {
+      add_rows(group, p, group.begin + k * sums, std::min(group.begin + (k + 1) * sums, group.end));
+    });
+  }
+}
+
 void invert_node(INVERSION& run, int32_t s, int threads, INVERSE_WORK& work)
 {
   FACTOR& factor = run.factor;
@@ -173,12 +244,11 @@ void invert_node(INVERSION& run, int32_t s, int threads, INVERSE_WORK& work)
   double* panel = factor.panel.data() + node.panel;
   double* y = work.y.data();
   const bool tiled = below > untiled_rows;
-  const int64_t tiles = tiled ? (below + tile_rows - 1) / tile_rows : 1;
-  const int64_t tile = tiled ? tile_rows : below;
-  const int forked = static_cast<double>(below) * width * below > 64.0 * 80 * 80 ? threads : 1;
+  const int forked = static_cast<double>(below) * width * below > fork_above ? threads : 1;
 
   if (below > 0) {
-    share(forked, tiles, [&](int64_t k, int) {
+    const int64_t tile = tiled ? tile_rows : below;
+    share(forked, (below + tile - 1) / tile, [&](int64_t k, int) {
       const int64_t from = k * tile, rows = std::min(tile, below - from);
       for (int64_t j = 0; j < width; ++j) {
         double* l = panel + width + from + j * ld;
@@ -187,25 +257,16 @@ void invert_node(INVERSION& run, int32_t s, int threads, INVERSE_WORK& work)
       }
       dtrsm('R', 'L', 'N', 'U', rows, width, 1.0, panel, ld, y + from, below);
     });
-    for (int64_t b = factor.block_start[s], b_end = factor.block_start[s + 1]; b < b_end;) {
-      const GROUP group = next_group(run, node, b, b_end, threads, work);
-      const int64_t columns = group.end - group.begin, after = node.rows - group.end;
-      const int64_t first = group.begin - width, next = group.end - width;  // in rows of Y
-      share(forked, tiles, [&](int64_t k, int) {
-        if (run.watch.stop()) return;
-        const int64_t from = std::max(k * tile, first), to = std::min((k + 1) * tile, below);
-        if (from >= to) return;
-        dgemm('N', 'N', to - from, width, columns, -1.0, group.z + (from - first), group.ld, y + first, below,
-              1.0, panel + width + from, ld);
-      });
-      if (after == 0) continue;
-      const int64_t sums = tiled ? group_tile : columns;
-      share(forked, (columns + sums - 1) / sums, [&](int64_t k, int) {
-        if (run.watch.stop()) return;
-        const int64_t from = k * sums, count = std::min(sums, columns - from);
-        dgemm('T', 'N', count, width, after, -1.0, group.z + columns + from * group.ld, group.ld, y + next,
-              below, 1.0, panel + group.begin + from, ld);
-      });
+    const PANEL p{panel, ld, width, below, y};
+    int64_t count = 0;
+    bool together = true;
+    for (int64_t b = factor.block_start[s]; b < factor.block_start[s + 1] && together; ++b) {
+      together = stands_together(factor, node, factor.blocks[b], work.groups[count++]);
+    }
+    if (together) {
+      multiply_in_place(run, p, work.groups, count, forked);
+    } else {
+      multiply_gathered(run, s, p, forked, work);
     }
   }
 
@@ -240,13 +301,14 @@ void invert_node(INVERSION& run, int32_t s, int threads, INVERSE_WORK& work)
 
 // What the largest of some nodes needs.
 struct NEED {
-  int64_t y = 1, rows = 1;
+  int64_t y = 1, rows = 1, blocks = 1;
   void add(const FACTOR& factor, int32_t begin, int32_t end)
   {
     for (int32_t s = begin; s < end; ++s) {
       const SNODE& node = factor.nodes[s];
       y = std::max(y, node.rows * node.width());
       rows = std::max(rows, node.rows);
+      blocks = std::max(blocks, factor.block_start[s + 1] - factor.block_start[s]);
     }
   }
 };
@@ -256,8 +318,8 @@ bool reserve_inverse(ERROR_HANDLER& eh, const NEED& need, INVERSE_WORK& work)
   const int64_t square = int64_t{widest_panel} * widest_panel;
   return resize(eh, work.y, need.y) &&
          resize(eh, work.group, need.rows * std::min(need.rows, group_columns)) &&
-         resize(eh, work.places, need.rows) && resize(eh, work.square, square) &&
-         resize(eh, work.scaled, square);
+         resize(eh, work.places, need.rows) && resize(eh, work.groups, need.blocks) &&
+         resize(eh, work.square, square) && resize(eh, work.scaled, square);
 }
 
 }  // namespace
@@ -265,7 +327,7 @@ bool reserve_inverse(ERROR_HANDLER& eh, const NEED& need, INVERSE_WORK& work)
 void SMIREV(ERROR_HANDLER& eh, FACTOR& factor, int threads, CANCEL cancel)
 {
   const Frame here{eh, __func__};
-  threads = std::max(1, threads);
+  threads = useful_threads(factor, threads);
   const auto nodes = static_cast<int32_t>(factor.nodes.size());
   NEED of_tasks, of_all;
   for (const auto& task : factor.tasks) of_tasks.add(factor, task.begin, task.end);
@@ -285,7 +347,7 @@ void SMIREV(ERROR_HANDLER& eh, FACTOR& factor, int threads, CANCEL cancel)
     for (auto s = factor.top.rbegin(); s != factor.top.rend() && !watch.stop(); ++s)
       invert_node(run, *s, threads, work[0]);
     share(threads, static_cast<int64_t>(factor.tasks.size()), [&](int64_t k, int t) {
-      const auto& task = factor.tasks[factor.tasks.size() - 1 - k];
+      const auto& task = factor.tasks[k];
       for (int32_t s = task.end - 1; s >= task.begin && !watch.stop(); --s) invert_node(run, s, 1, work[t]);
     });
   }

@@ -6,6 +6,7 @@
 
 #include <omp.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -19,8 +20,17 @@ namespace tolvan {
 inline constexpr std::int32_t widest_panel = 160;  // columns of a node
 inline constexpr std::int64_t block_columns =
     80;                                         // columns factorised before the rest of the node is updated
-inline constexpr std::int64_t tile_rows = 256;  // rows of a large node that one thread works on at a time
+inline constexpr std::int64_t tile_rows = 512;  // rows of a large node that one thread works on at a time
 inline constexpr std::int64_t untiled_rows = 640;  // nodes of up to so many rows are one tile
+
+// Rows by width by rows above which threads share a node: some 100 microseconds of work.
+inline constexpr double fork_above = 4e6;
+
+/// The threads that are worth waking for a factor.
+inline int useful_threads(const FACTOR& factor, int threads)
+{
+  return factor.flops < 2e6 ? 1 : std::max(threads, 1);
+}
 
 /// What one thread works with; made once for an absorption, an inversion or a sweep.
 struct NODE_WORK {

@@ -91,7 +91,10 @@ void update_blocked(const FACTOR& factor, const SBLOCK& block, const ROW_PLACES&
 
   for (int64_t k = 0; k < width; ++k) {  // L D of the columns met
     const double d = l[k + k * ld];
-    for (int64_t c = 0; c < columns; ++c) work.scaled[c + k * columns] = l[block.begin + c + k * ld] * d;
+    const double* from_l = l + block.begin + k * ld;
+    double* scaled = work.scaled.data() + k * columns;
+#pragma omp simd
+    for (int64_t c = 0; c < columns; ++c) scaled[c] = from_l[c] * d;
   }
   const int64_t first_place = places(row[from]), first_column = row[block.begin] - node.first;
   if (places(row[to - 1]) - first_place == rows - 1 && row[block.end - 1] - row[block.begin] == columns - 1) {

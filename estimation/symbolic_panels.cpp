@@ -1,5 +1,6 @@
 // Panels: wide nodes cut, row lists, the blocks in which nodes meet, and the tasks for threads.
 #include <algorithm>
+#include <numeric>
 
 #include "estimation/supernode.h"
 #include "estimation/symbolic.h"
@@ -90,15 +91,16 @@ void form_tasks(FACTOR& factor)
       begin[node.parent] = std::min(begin[node.parent], begin[s]);
     }
   }
-  const double grain = total / 48.0;
+  const double largest = total / 12.0, pack = total / 100.0;  // of a task; of small subtrees put together
   factor.tasks.clear();
   factor.top.clear();
   std::vector<std::uint8_t> covered(factor.nodes.size(), 0);
   for (int32_t s = nodes - 1; s >= 0; --s) {
     const int32_t p = factor.nodes[s].parent;
-    covered[s] = (p >= 0 && covered[p]) || work[s] <= grain;
+    covered[s] = (p >= 0 && covered[p]) || work[s] <= largest;
   }
   double packed = 0.0;
+  std::vector<double> task_work;
   for (int32_t s = 0; s < nodes; ++s) {
     if (!covered[s]) {
       factor.top.push_back(s);
@@ -106,14 +108,23 @@ void form_tasks(FACTOR& factor)
     }
     const int32_t p = factor.nodes[s].parent;
     if (p >= 0 && covered[p]) continue;  // inside a subtree whose root comes later
-    if (!factor.tasks.empty() && factor.tasks.back().end == begin[s] && packed + work[s] <= grain) {
+    if (!factor.tasks.empty() && factor.tasks.back().end == begin[s] && packed + work[s] <= pack) {
       factor.tasks.back().end = s + 1;
       packed += work[s];
+      task_work.back() = packed;
     } else {
       factor.tasks.push_back({begin[s], s + 1});
-      packed = work[s];
+      task_work.push_back(packed = work[s]);
     }
   }
+  // The longest first, so that the threads end at about the same time.
+  std::vector<FACTOR::TASK> sorted;
+  std::vector<std::size_t> sequence(task_work.size());
+  std::iota(sequence.begin(), sequence.end(), std::size_t{0});
+  std::stable_sort(sequence.begin(), sequence.end(),
+                   [&](auto a, auto b) { return task_work[a] > task_work[b]; });
+  for (const std::size_t k : sequence) sorted.push_back(factor.tasks[k]);
+  factor.tasks.swap(sorted);
 }
 
 }  // namespace
