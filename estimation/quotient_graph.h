@@ -24,7 +24,7 @@ struct QUOTIENT_GRAPH {
 
   std::vector<std::int32_t> weight;  // equations merged into one; 0 no equation of its own any more; negative
                                      // while it lies in the element being formed
-  std::vector<std::int32_t> degree;    // of an equation: approximate; of an element: the weight of its list
+  std::vector<std::int32_t> degree;  // of an equation: approximate; of an element: the weight of its list
   std::vector<std::int32_t> taken_by;  // the equation or element that one went into; -1 none
   std::vector<std::int64_t> mark;      // 0 dead element
 
