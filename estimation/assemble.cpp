@@ -32,8 +32,7 @@ void K4MXXG(ERROR_HANDLER& eh, const TERM_TABLE& terms, const VARIANCE_MODEL& mo
     }
     const FORMED_TERM& g = formed.terms[t];
     log_det_g += g.log_determinant;
-    double inverse = 1.0;  // a product of scaled identities is a scaled identity
-    for (const FORMED_ROW& row : g.rows) inverse *= row.inverse;
+    const double inverse = g.inverse();
     for (std::int64_t e = term.first; e < term.first + term.equations; ++e) {
       const auto p = static_cast<std::size_t>(q.position_of(e));
       q.c.value[static_cast<std::size_t>(q.c.start[p])] += inverse;

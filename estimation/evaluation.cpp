@@ -40,10 +40,10 @@ void list_active(VARIANCE_MODEL& model, EVALUATION& ev)
   information.score.assign(information.active.size(), 0.0);
 }
 
-/// Natural units of the parameters: what would give a record the residual variance (gamma) or the variance of the response.
+/// Natural units of the parameters: what would give a record as much variance as the residual has now.
 void set_units(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, EVALUATION& ev)
 {
-  const double total = q.records > 0 && q.y0 > 0.0 ? q.y0 / static_cast<double>(q.records) : 1.0;
+  const double residual = model.profiled ? 1.0 : ev.evaluated[static_cast<std::size_t>(model.residual_parameter)];
   std::vector<double> unit(model.parameters.size(), 1.0);
   for (const TERM_STRUCTURE& structure : model.terms) {
     const TERM_ROW& term = in.terms.rows[static_cast<std::size_t>(structure.term)];
@@ -58,7 +58,7 @@ void set_units(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQU
     const auto parameter = static_cast<std::size_t>(ev.information.active[i]);
     const ParamRole role = model.parameters[parameter].role;
     if (role != ParamRole::variance && role != ParamRole::covariance) continue;
-    ev.information.unit[i] = unit[parameter] * (model.profiled ? 1.0 : total);
+    ev.information.unit[i] = unit[parameter] * residual;
   }
 }
 
@@ -125,24 +125,61 @@ void L_ABSORB(ERROR_HANDLER& eh, const FIT_MODEL& in, int threads, FIT_WORK& wor
 
 /// Whether V is positive definite on the data left by the fixed effects, by inertia: C and G^-1 then have equally many
 /// negative pivots (Sylvester's law).  Only negative variances can make it otherwise.
-bool is_positive_definite(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, const EVALUATION& ev)
+bool is_positive_definite(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, EVALUATION& ev)
 {
   std::int64_t negative = 0;
   for (std::size_t t = 0; t < model.terms.size(); ++t) {
     if (model.terms[t].dropped) continue;
-    double inverse = 1.0;
-    for (const FORMED_ROW& row : ev.formed.terms[t].rows) inverse *= row.inverse;
+    const double inverse = ev.formed.terms[t].inverse();
     if (inverse >= 0.0) continue;
     const TERM_ROW& term = in.terms.rows[static_cast<std::size_t>(model.terms[t].term)];
     for (std::int64_t e = term.first; e < term.first + term.equations; ++e) {
       negative += q.factor.reciprocal[static_cast<std::size_t>(q.position_of(e))] != 0.0 ? 1 : 0;
     }
   }
-  return negative == 0 || ev.absorbed.negative == negative;
+  ev.negative = ev.absorbed.negative - negative;
+  return negative == 0 || ev.negative == 0;
 }
 
-/// The solutions and y'Py, from the right-hand side of the response.
-void solve(const FIT_MODEL& in, int threads, FIT_WORK& work, EVALUATION& ev)
+/// e'R^-1 e of the residuals e = y - W b, record by record.
+double residual_sum_of_squares(const FIT_MODEL& in, const MIXED_EQUATIONS& q, const EVALUATION& ev)
+{
+  const auto rows = static_cast<std::size_t>(in.design.rows());
+  std::vector<double> e(rows);
+  for (std::size_t r = 0; r < rows; ++r) e[r] = in.design.response[r] - q.shift;
+  for (const std::int64_t r : in.design.mv) e[static_cast<std::size_t>(r)] = 0.0;
+  for (std::size_t p = 0; p < static_cast<std::size_t>(q.n); ++p) {
+    const double b = ev.solution[p];
+    if (b == 0.0) continue;
+    for (auto k = static_cast<std::size_t>(q.columns.start[p]); k < static_cast<std::size_t>(q.columns.start[p + 1]); ++k) {
+      e[static_cast<std::size_t>(q.columns.record[k])] -= b * q.columns.value[k];
+    }
+  }
+  double sum = 0.0;
+  for (std::size_t r = 0; r < rows; ++r) {
+    sum += (in.design.weight.empty() ? 1.0 : std::max(in.design.weight[r], 0.0)) * e[r] * e[r];
+  }
+  return ev.formed.residual.inverse * sum;
+}
+
+/// Takes G^-1 times the effects in ev.constant off a right-hand side.
+void subtract_random_part(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, const EVALUATION& ev,
+                          std::vector<double>& right)
+{
+  for (std::size_t t = 0; t < model.terms.size(); ++t) {
+    if (model.terms[t].dropped) continue;
+    const TERM_ROW& term = in.terms.rows[static_cast<std::size_t>(model.terms[t].term)];
+    const double inverse = ev.formed.terms[t].inverse();
+    for (std::int64_t e = term.first; e < term.first + term.equations; ++e) {
+      const auto p = static_cast<std::size_t>(q.position_of(e));
+      right[p] -= inverse * ev.constant[p];
+    }
+  }
+}
+
+/// The solutions and y'Py = e'R^-1 e + u'G^-1 u.  The absorbed corner y'R^-1 y - b'W'R^-1 y is the same number, but with large
+/// effects it is a small difference of large ones; here an error of the solutions enters squared.
+void solve(const FIT_MODEL& in, const VARIANCE_MODEL& model, int threads, FIT_WORK& work, EVALUATION& ev)
 {
   const Timed timed{in.timing, "SMIFWD", "K4MITR"};
   MIXED_EQUATIONS& q = work.equations;
@@ -150,20 +187,39 @@ void solve(const FIT_MODEL& in, int threads, FIT_WORK& work, EVALUATION& ev)
   ev.solution.resize(static_cast<std::size_t>(q.n));
   std::transform(q.r0.begin(), q.r0.end(), ev.solution.begin(), [ri](double x) { return ri * x; });
   SMIFWD(q.factor, ev.solution.data(), 1, threads);
-  double absorbed = 0.0;
-  for (std::size_t p = 0; p < ev.solution.size(); ++p) absorbed += ev.solution[p] * ev.solution[p] * q.factor.reciprocal[p];
-  ev.quadratic = ri * q.y0 - absorbed;
   SMIBCK(q.factor, ev.solution.data(), 1, threads);
+  ev.residual_square = residual_sum_of_squares(in, q, ev);
+  ev.quadratic = ev.residual_square;
+  for (std::size_t t = 0; t < model.terms.size(); ++t) {
+    if (model.terms[t].dropped) continue;
+    const TERM_ROW& term = in.terms.rows[static_cast<std::size_t>(model.terms[t].term)];
+    const double inverse = ev.formed.terms[t].inverse();
+    double sum = 0.0;
+    for (std::int64_t e = term.first; e < term.first + term.equations; ++e) {
+      const double u = ev.solution[static_cast<std::size_t>(q.position_of(e))];
+      sum += u * u;
+    }
+    ev.quadratic += inverse * sum;
+  }
 
   // mu was left out as singular: what was taken off the response goes to the effects that span it.
   ev.constant.clear();
   if (q.mu >= 0 && q.shift != 0.0 && q.factor.reciprocal[static_cast<std::size_t>(q.position_of(q.mu))] == 0.0) {
-    std::vector<double> a(static_cast<std::size_t>(q.n), 0.0);
-    a[static_cast<std::size_t>(q.position_of(q.mu))] = 1.0;
-    ev.constant.resize(a.size());
-    multiply_residual_part(q, ri, a.data(), ev.constant.data(), 1);
-    SMIFWD(q.factor, ev.constant.data(), 1, threads);
-    SMIBCK(q.factor, ev.constant.data(), 1, threads);
+    // Solved twice: the second time for what the first left over, since the constant may be large against the effects.
+    std::vector<double> left(static_cast<std::size_t>(q.n), 0.0);
+    left[static_cast<std::size_t>(q.position_of(q.mu))] = 1.0;
+    std::vector<double> step(left.size());
+    ev.constant.assign(left.size(), 0.0);
+    for (int round = 0; round < 2; ++round) {
+      multiply_residual_part(q, ri, left.data(), step.data(), 1);
+      if (round > 0) subtract_random_part(in, model, q, ev, step);
+      SMIFWD(q.factor, step.data(), 1, threads);
+      SMIBCK(q.factor, step.data(), 1, threads);
+      for (std::size_t p = 0; p < left.size(); ++p) {
+        ev.constant[p] += step[p];
+        left[p] -= step[p];
+      }
+    }
   }
   std::int64_t rank = 0;
   for (std::int64_t e = 0; e < q.n; ++e) {
@@ -222,13 +278,13 @@ void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int 
     ev.fault = not_positive_definite;
     return;
   }
-  solve(in, threads, work, ev);
+  solve(in, model, threads, work, ev);
   if (!std::isfinite(ev.absorbed.log_determinant) || !std::isfinite(ev.quadratic)) {
     ev.fault = 999;
     return;
   }
   // Nothing left to estimate a variance from: no degrees of freedom, or a sum of squares lost in its own rounding.
-  if (ev.nu < 1 || !(ev.quadratic > 1e-14 * std::fabs(ev.formed.residual.inverse * q.y0))) {
+  if (ev.nu < 1 || !(ev.quadratic > 1e-26 * std::fabs(ev.formed.residual.inverse * q.y0))) {
     ev.fault = 2130;
     return;
   }

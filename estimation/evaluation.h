@@ -28,10 +28,12 @@ struct EVALUATION {
   ABSORBED absorbed;
   double log_det_c = 0.0, log_det_g = 0.0, log_det_r = 0.0;
   double quadratic = 0.0;                // y'Py
+  double residual_square = 0.0;          // e'R^-1 e
   std::int64_t nu = 0;                   // records used less the rank of the fixed effects
   double sigma2 = 1.0;
   double logl = 0.0;                     // without base
   std::int64_t fault = 0;
+  std::int64_t negative = 0;             // negative pivots that no negative variance accounts for
   std::vector<double> solution;          // elimination order, on the scale of the shifted response
   std::vector<double> constant;          // the effects that stand for a constant of 1 when mu itself is singular; else empty
   std::vector<double> inverse_diagonal;  // of C-inverse, elimination order
@@ -65,18 +67,16 @@ struct FIT_MODEL {
 /// K4MITR: evaluates likelihood, score and information at the present parameters and updates them.
 void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARIANCE_MODEL& model, FIT_WORK& work, EVALUATION& ev);
 
-/// K4MWVG: the working variables of the active parameters as alpha_i y + W a_i, and K4MWVA's products of them.
+/// K4MWVG: the working variables of the active parameters as alpha_i e + W a_i, e = y - W b being the residuals.
 ///
-/// w_i = Hdot_i P y: for a plain variance v of a random term w = Z u / v; for the profiled residual scale w = y; for a
-/// residual variance v of its own w = e / v, e = y - W b (Gilmour, Thompson & Cullis 1995).  The first two lie in the span
-/// of y and the columns of W, so that W'R^-1 w and w'R^-1 w need the residual part of C alone and no pass over the data;
-/// the last is formed record by record, since e from y and W b would lose its digits.
+/// w_i = Hdot_i P y: for a plain variance v of a random term w = Z u / v; for the profiled residual scale w = y, or as well
+/// y less its fixed part, e + Z u; for a residual variance v of its own w = e / v (Gilmour, Thompson & Cullis 1995).  All of
+/// these lie in the span of e and the columns of W.  Since W'R^-1 e is G^-1 u in the equations of random terms and zero in
+/// the others, W'R^-1 w and w'R^-1 w need the residual part of C alone and no pass over the data.
 struct WORKING_VARIABLES {
-  std::vector<double> alpha;   // one an active parameter
-  std::vector<double> a;       // n by active, elimination order
-  std::int64_t residual = -1;  // the active parameter whose variable is e / v, -1 for none
-  double residual_square = 0;  // e'R^-1 e / v^2
-  std::vector<double> residual_products;  // W'R^-1 e / v, elimination order
+  std::vector<double> alpha;  // one an active parameter
+  std::vector<double> a;      // n by active, elimination order
+  std::vector<double> g;      // W'R^-1 e, elimination order
 };
 void K4MWVG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations,
             const EVALUATION& ev, WORKING_VARIABLES& working);

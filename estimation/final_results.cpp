@@ -263,7 +263,7 @@ void K4MFIN(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
   fit.df = ev.nu;
   fit.log_det_c = ev.log_det_c;
   fit.singular = ev.absorbed.singular;
-  fit.negative = ev.absorbed.negative;
+  fit.negative = ev.negative;
   fit.tolerance = work.tolerance;
   effects(in, work.equations, ev, fit);
   fitted_values(in, work.equations, ev, fit);

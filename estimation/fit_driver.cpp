@@ -170,8 +170,8 @@ void L_ACCEPT(ERROR_HANDLER& eh, const FIT_CALL& call, const EVALUATION& ev, FIT
   work.saved = call.model.parameters;
   for (std::size_t i = 0; i < work.saved.size(); ++i) work.saved[i].value = ev.evaluated[i];
   work.has_saved = true;
-  if (ev.absorbed.negative > 0) {
-    eh.EH_ADD_MESSAGE({.text = text(ev.absorbed.negative, " negative pivot(s) in MME treated as singular"),
+  if (ev.negative > 0) {
+    eh.EH_ADD_MESSAGE({.text = text(ev.negative, " negative pivot(s) in MME treated as singular"),
                        .etype = Etype::note,
                        .unique = true});
   }

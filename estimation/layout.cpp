@@ -93,8 +93,8 @@ void choose_shifts(const TERM_TABLE& terms, const DESIGN_MTX& design, std::int64
   if (!mu_first) return;
   std::vector<std::int64_t> covariates;
   for (const TERM_ROW& term : terms.rows) {
-    const bool in_dense = term.equations == 1 && q.inner[static_cast<std::size_t>(term.first)] >= q.n - dense;
-    if (term.block == Block::fixed && term.code <= 10000 && term.first != q.mu && in_dense) {
+    const bool main_effect = (term.block == Block::fixed || term.block == Block::sparse) && term.code <= 10000 && !term.is_mv;
+    if (main_effect && term.equations == 1 && term.first != q.mu) {
       covariates.push_back(term.first);
     }
   }

@@ -31,9 +31,7 @@ void K4MSCG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
       const auto p = static_cast<std::size_t>(q.position_of(e));
       s += ev.solution[p] * ev.solution[p] / ev.sigma2 + ev.inverse_diagonal[p];
     }
-    double others = 1.0;  // inverse scale of the whole product
-    const FORMED_TERM& g = ev.formed.terms[static_cast<std::size_t>(&structure - model.terms.data())];
-    for (const FORMED_ROW& row : g.rows) others *= row.inverse;
+    const double others = ev.formed.terms[static_cast<std::size_t>(&structure - model.terms.data())].inverse();
     for (std::int64_t r = structure.first_row; r < structure.first_row + structure.rows; ++r) {
       const STRUCTURE_ROW& row = model.rows[static_cast<std::size_t>(r)];
       if (row.scale < 0) continue;
@@ -55,24 +53,20 @@ void K4MSCR(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
   if (score == nullptr) return;
   // With R = v R0:  d LogL / d v = -0.5 (tr(P R0) - y'P R0 P y), where
   //     v tr(P R0) = N - tr(C^-1 W'R^-1 W) = N - rank(C) + tr(C^-1 G^-1),
-  //     v y'P R0 P y = e'R^-1 e = y'Py - u'G^-1 u.
+  //     v y'P R0 P y = e'R^-1 e.
   const double v = ev.evaluated[static_cast<std::size_t>(model.residual_parameter)];
   double trace = 0.0;
-  double quadratic = 0.0;
   for (std::size_t t = 0; t < model.terms.size(); ++t) {
     if (model.terms[t].dropped) continue;
     const TERM_ROW& term = in.terms.rows[static_cast<std::size_t>(model.terms[t].term)];
-    double inverse = 1.0;
-    for (const FORMED_ROW& row : ev.formed.terms[t].rows) inverse *= row.inverse;
+    const double inverse = ev.formed.terms[t].inverse();
     for (std::int64_t e = term.first; e < term.first + term.equations; ++e) {
-      const auto p = static_cast<std::size_t>(q.position_of(e));
-      trace += inverse * ev.inverse_diagonal[p];
-      quadratic += inverse * ev.solution[p] * ev.solution[p];
+      trace += inverse * ev.inverse_diagonal[static_cast<std::size_t>(q.position_of(e))];
     }
   }
   double rank = 0.0;
   for (std::size_t p = 0; p < static_cast<std::size_t>(q.n); ++p) rank += q.factor.reciprocal[p] != 0.0 ? 1.0 : 0.0;
-  *score += -0.5 * (static_cast<double>(q.records) - rank + trace - (ev.quadratic - quadratic)) / v;
+  *score += -0.5 * (static_cast<double>(q.records) - rank + trace - ev.residual_square) / v;
 }
 
 }  // namespace tolvan

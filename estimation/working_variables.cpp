@@ -4,42 +4,6 @@
 #include "estimation/evaluation.h"
 
 namespace tolvan {
-namespace {
-
-/// e'R^-1 e and W'R^-1 e of the residuals e = y - W b, for the working variable e / v.
-void residual_products(const FIT_MODEL& in, const MIXED_EQUATIONS& q, const EVALUATION& ev, double v, WORKING_VARIABLES& working)
-{
-  const auto rows = static_cast<std::size_t>(in.design.rows());
-  const auto n = static_cast<std::size_t>(q.n);
-  std::vector<double> e(rows);
-  for (std::size_t r = 0; r < rows; ++r) e[r] = in.design.response[r] - q.shift;
-  for (const std::int64_t r : in.design.mv) e[static_cast<std::size_t>(r)] = 0.0;
-  const auto column = [&](std::size_t p, auto&& each) {
-    for (auto k = static_cast<std::size_t>(q.columns.start[p]); k < static_cast<std::size_t>(q.columns.start[p + 1]); ++k) {
-      each(static_cast<std::size_t>(q.columns.record[k]), q.columns.value[k]);
-    }
-  };
-  for (std::size_t p = 0; p < n; ++p) {
-    const double b = ev.solution[p];
-    if (b != 0.0) column(p, [&](std::size_t r, double x) { e[r] -= b * x; });
-  }
-  const double ri = ev.formed.residual.inverse;
-  working.residual_square = 0.0;
-  for (std::size_t r = 0; r < rows; ++r) {
-    const double w = in.design.weight.empty() ? 1.0 : std::max(in.design.weight[r], 0.0);
-    working.residual_square += ri * w * e[r] * e[r] / (v * v);
-    e[r] *= ri * w / v;
-  }
-  working.residual_products.assign(n, 0.0);
-  for (std::size_t p = 0; p < n; ++p) {
-    double sum = 0.0;
-    column(p, [&](std::size_t r, double x) { sum += x * e[r]; });
-    working.residual_products[p] = sum;
-  }
-}
-
-}  // namespace
-
 void K4MWVG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, const EVALUATION& ev,
             WORKING_VARIABLES& working)
 {
@@ -48,14 +12,25 @@ void K4MWVG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
   const auto k = static_cast<std::size_t>(ev.information.count());
   working.alpha.assign(k, 0.0);
   working.a.assign(n * k, 0.0);
+  working.g.assign(n, 0.0);
   const auto column_of = [&](std::int64_t parameter) {
     const auto& active = ev.information.active;
     const auto at = std::lower_bound(active.begin(), active.end(), parameter);
     return at != active.end() && *at == parameter ? at - active.begin() : std::ptrdiff_t{-1};
   };
+  const std::ptrdiff_t residual = column_of(model.residual_parameter);
   for (const TERM_STRUCTURE& structure : model.terms) {
     if (structure.dropped) continue;
     const TERM_ROW& term = in.terms.rows[static_cast<std::size_t>(structure.term)];
+    const double inverse = ev.formed.terms[static_cast<std::size_t>(&structure - model.terms.data())].inverse();
+    const auto each = [&](auto&& set) {
+      for (std::int64_t e = term.first; e < term.first + term.equations; ++e) set(static_cast<std::size_t>(q.position_of(e)));
+    };
+    each([&](std::size_t p) { working.g[p] = inverse * ev.solution[p]; });
+    if (residual >= 0 && model.profiled) {
+      double* a = working.a.data() + static_cast<std::size_t>(residual) * n;
+      each([&](std::size_t p) { a[p] = ev.solution[p]; });
+    }
     for (std::int64_t r = structure.first_row; r < structure.first_row + structure.rows; ++r) {
       const STRUCTURE_ROW& row = model.rows[static_cast<std::size_t>(r)];
       if (row.scale < 0) continue;
@@ -63,20 +38,12 @@ void K4MWVG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
       if (column < 0) continue;
       const double v = ev.evaluated[static_cast<std::size_t>(row.scale)];
       double* a = working.a.data() + static_cast<std::size_t>(column) * n;
-      for (std::int64_t e = term.first; e < term.first + term.equations; ++e) {
-        const auto p = static_cast<std::size_t>(q.position_of(e));
-        a[p] = ev.solution[p] / v;
-      }
+      each([&](std::size_t p) { a[p] = ev.solution[p] / v; });
     }
   }
-  const std::ptrdiff_t column = column_of(model.residual_parameter);
-  if (column < 0) return;
-  if (model.profiled) {
-    working.alpha[static_cast<std::size_t>(column)] = 1.0;
-  } else {
-    working.residual = column;
-    residual_products(in, q, ev, ev.evaluated[static_cast<std::size_t>(model.residual_parameter)], working);
-  }
+  if (residual < 0) return;
+  const double v = model.profiled ? 1.0 : ev.evaluated[static_cast<std::size_t>(model.residual_parameter)];
+  working.alpha[static_cast<std::size_t>(residual)] = 1.0 / v;
 }
 
 void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, const WORKING_VARIABLES& working, int threads,
@@ -88,7 +55,7 @@ void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, co
   const auto k = static_cast<std::size_t>(ev.information.count());
   const double ri = ev.formed.residual.inverse;
 
-  // b_i = W'R^-1 w_i = alpha_i W'R^-1 y + C_R a_i and the corner w_i'R^-1 w_j.
+  // b_i = W'R^-1 w_i = alpha_i g + C_R a_i and the corner w_i'R^-1 w_j.
   std::vector<double> b(n * k);
   multiply_residual_part(q, ri, working.a.data(), b.data(), static_cast<std::int64_t>(k));
   const auto dot = [n](const double* x, const double* y) {
@@ -96,27 +63,19 @@ void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, co
     for (std::size_t p = 0; p < n; ++p) sum += x[p] * y[p];
     return sum;
   };
-  std::vector<double> ra(k);  // y'R^-1 W a_i
-  for (std::size_t i = 0; i < k; ++i) ra[i] = ri * dot(q.r0.data(), working.a.data() + i * n);
+  std::vector<double> ga(k);  // e'R^-1 W a_i
+  for (std::size_t i = 0; i < k; ++i) ga[i] = dot(working.g.data(), working.a.data() + i * n);
   ev.information.ai.assign(k * (k + 1) / 2, 0.0);
   const auto ai = [&](std::size_t i, std::size_t j) -> double& { return ev.information.ai[i * (i + 1) / 2 + j]; };
   for (std::size_t i = 0; i < k; ++i) {
     for (std::size_t j = 0; j <= i; ++j) {
-      ai(i, j) = working.alpha[i] * working.alpha[j] * ri * q.y0 + working.alpha[i] * ra[j] + working.alpha[j] * ra[i] +
+      ai(i, j) = working.alpha[i] * working.alpha[j] * ev.residual_square + working.alpha[i] * ga[j] + working.alpha[j] * ga[i] +
                  dot(working.a.data() + i * n, b.data() + j * n);
-    }
-  }
-  if (working.residual >= 0) {
-    const auto r = static_cast<std::size_t>(working.residual);
-    std::copy(working.residual_products.begin(), working.residual_products.end(), b.begin() + static_cast<std::ptrdiff_t>(r * n));
-    for (std::size_t i = 0; i < k; ++i) {
-      double& element = i >= r ? ai(i, r) : ai(r, i);
-      element = i == r ? working.residual_square : dot(working.a.data() + i * n, working.residual_products.data());
     }
   }
   for (std::size_t i = 0; i < k; ++i) {
     if (working.alpha[i] == 0.0) continue;
-    for (std::size_t p = 0; p < n; ++p) b[i * n + p] += working.alpha[i] * ri * q.r0[p];
+    for (std::size_t p = 0; p < n; ++p) b[i * n + p] += working.alpha[i] * working.g[p];
   }
 
   // w_i'P w_j = w_i'R^-1 w_j - (L^-1 b_i)' D^-1 (L^-1 b_j): the forward sweep alone.

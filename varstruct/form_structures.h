@@ -29,6 +29,14 @@ struct FORMED_TERM {
   std::int64_t size = 0;             // equations
   double log_determinant = 0.0;      // log|G| of the term
   std::vector<FORMED_ROW> rows;      // one a component of the structure
+
+  /// G^-1 = inverse() I: a product of scaled identities is a scaled identity.
+  double inverse() const
+  {
+    double product = 1.0;
+    for (const FORMED_ROW& row : rows) product *= row.inverse;
+    return product;
+  }
 };
 
 /// All structures of one evaluation.

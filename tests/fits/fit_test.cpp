@@ -275,6 +275,105 @@ TEST(Fit, AConstantIsGivenBackWhereverMuIs)
 extern "C" void finish_at_once(std::int32_t* result, const char*, std::int32_t) { *result = -1; }
 extern "C" void abort_at_once(std::int32_t* result, const char*, std::int32_t) { *result = 7; }
 
+// Balanced one-way layout: sigma_a = (MSB - MSW) / J may be negative, and is so when its constraint is U.
+TEST(Fit, AnUnboundedVarianceMayBeNegative)
+{
+  for (const unsigned seed : {3U, 11U, 12U}) {
+    std::mt19937_64 gen(seed);
+    std::normal_distribution<double> normal;
+    constexpr int groups = 8;
+    constexpr int size = 4;
+    Data data{{{"group", groups}, {"y", 0}}, {{}, {}}};
+    double ssw = 0.0;
+    std::vector<double> means;
+    for (int g = 0; g < groups; ++g) {
+      std::vector<double> y(size);
+      double mean = 0.0;
+      for (double& v : y) mean += (v = normal(gen)) / size;
+      for (const double v : y) {
+        const double moved = v - 0.8 * mean;  // groups more alike than chance
+        data.columns[0].push_back(g + 1);
+        data.columns[1].push_back(moved);
+        ssw += (v - mean) * (v - mean);
+      }
+      means.push_back(0.2 * mean);
+    }
+    double grand = 0.0;
+    for (const double m : means) grand += m / groups;
+    double ssb = 0.0;
+    for (const double m : means) ssb += size * (m - grand) * (m - grand);
+    const double msw = ssw / (groups * (size - 1));
+    const double between = (ssb / (groups - 1) - msw) / size;
+    ASSERT_LT(between, 0.0);
+    for (const int varscale : {0, 1}) {
+      Host host;
+      hand_in(host, data);
+      ASSERT_LE(host.process("{\"model\":{\"response\":\"y\",\"random\":\"group\"},\"initial_values\":[{\"term\":\"group\",\"value\":0.1,"
+                             "\"constraint\":\"U\"}],\"options\":{\"maxiterations\":100,\"extra\":5,\"varscale\":" +
+                             std::to_string(varscale) + "}}"),
+                0)
+          << host.errors();
+      const std::vector<double> sigma = host.reals("TABLE_VARCOMP:SIGMA");
+      EXPECT_NEAR(sigma[0], between, 1e-6 * msw) << seed << " " << varscale;
+      EXPECT_NEAR(sigma[1], msw, 1e-6 * msw) << seed << " " << varscale;
+    }
+  }
+}
+
+// The same data in other units, or with effects a million times the residual's spread, are the same fit.
+TEST(Fit, LargeEffectsAndSmallUnitsLoseNothing)
+{
+  const Data data = crossed(300, 20, 10, 2, 29);
+  const auto fit = [&](const std::vector<double>& y, const std::vector<double>& x, int varscale, const char* model, double* out) {
+    Data d = data;
+    d.columns[5] = y;
+    d.columns[3] = x;
+    Host host;
+    hand_in(host, d);
+    ASSERT_LE(host.process("{\"model\":" + std::string(model) + ",\"options\":{\"maxiterations\":60,\"extra\":4,\"varscale\":" +
+                           std::to_string(varscale) + "}}"),
+              0)
+        << host.errors();
+    const std::vector<double> sigma = host.reals("TABLE_VARCOMP:SIGMA");
+    out[0] = sigma[0];
+    out[1] = sigma[1];
+    out[2] = host.real("SCALAR_DF");
+  };
+  const char* plain = R"({"response":"y","fixed":"mu + service","random":"s"})";
+  const char* beside_sparse = R"({"response":"y","fixed":"mu + service","sparse":"dept","random":"s"})";
+  const std::vector<double>& y = data.columns[5];
+  std::vector<double> x = data.columns[3];
+  std::mt19937_64 gen(31);
+  std::normal_distribution<double> normal;
+  for (double& v : x) v = normal(gen);
+  for (const char* model : {plain, beside_sparse}) {
+    double want[3];
+    fit(y, x, 0, model, want);
+    std::vector<double> steep = y;
+    std::vector<double> far = x;
+    for (std::size_t r = 0; r < y.size(); ++r) {
+      steep[r] += 1e6 * x[r];
+      far[r] += 1e6;
+    }
+    double got[3];
+    fit(steep, x, 0, model, got);
+    for (int k = 0; k < 3; ++k) EXPECT_NEAR(got[k], want[k], 1e-7 * want[k]) << "steep " << k;
+    fit(y, far, 0, model, got);
+    for (int k = 0; k < 3; ++k) EXPECT_NEAR(got[k], want[k], 1e-7 * want[k]) << "far " << k;
+    std::vector<double> faint = x;
+    for (double& v : faint) v *= 1e-5;
+    fit(y, faint, 0, model, got);
+    for (int k = 0; k < 3; ++k) EXPECT_NEAR(got[k], want[k], 1e-7 * want[k]) << "faint " << k;
+    for (const double unit : {1e-5, 1e5}) {
+      std::vector<double> scaled = y;
+      for (double& v : scaled) v *= unit;
+      fit(scaled, x, 1, model, got);
+      for (int k = 0; k < 2; ++k) EXPECT_NEAR(got[k] / (unit * unit), want[k], 1e-6 * want[k]) << "unit " << unit << " " << k;
+      EXPECT_EQ(got[2], want[2]);
+    }
+  }
+}
+
 TEST(Fit, EndsAsTheUserWishes)
 {
   const Data data = crossed(300, 20, 10, 2, 17);
