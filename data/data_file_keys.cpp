@@ -11,7 +11,8 @@ namespace tolvan {
 
 namespace {
 
-constexpr std::array keys_not_built = {"rskip", "recode", "print", "save", "filter", "select", "exclude", "format"};
+constexpr std::array keys_not_built = {"rskip",  "recode", "print",   "save",
+                                       "filter", "select", "exclude", "format"};
 constexpr std::array binary_extensions = {".bin", ".srs", ".dbl", ".drs", ".dpr"};
 
 bool has_extension(const std::string& name, std::string_view extension)

@@ -15,8 +15,14 @@ class DATA_STORE {
   explicit DATA_STORE(std::int64_t width = 0);
   std::int64_t width() const { return width_; }
   std::int64_t records() const { return records_; }
-  std::span<const double> row(std::int64_t i) const { return {at(i), static_cast<std::size_t>(width_)}; }  // from 0
-  std::span<double> row(std::int64_t i) { return {const_cast<double*>(at(i)), static_cast<std::size_t>(width_)}; }
+  std::span<const double> row(std::int64_t i) const
+  {
+    return {at(i), static_cast<std::size_t>(width_)};
+  }  // from 0
+  std::span<double> row(std::int64_t i)
+  {
+    return {const_cast<double*>(at(i)), static_cast<std::size_t>(width_)};
+  }
 
  private:
   friend void DST_WRITE_ROW(ERROR_HANDLER&, DATA_STORE&, std::span<const double>);

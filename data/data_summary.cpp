@@ -8,8 +8,8 @@ namespace tolvan {
 
 namespace {
 
-/// Levels are counted one by one up to this number, or eight times the records where that is more: a code of 1e9 in
-/// the data must not cost gigabytes.
+/// Levels are counted one by one up to this number, or eight times the records where that is more: a code of
+/// 1e9 in the data must not cost gigabytes.
 constexpr std::int64_t counted_levels = 1000000;
 
 void count_value(double x, bool is_factor, VARIABLE_SUMMARY& s)
@@ -34,7 +34,8 @@ void count_value(double x, bool is_factor, VARIABLE_SUMMARY& s)
 
 }  // namespace
 
-void AIDSUM(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_STORE& store, DATA_SUMMARY& summary)
+void AIDSUM(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_STORE& store,
+            DATA_SUMMARY& summary)
 {
   const Frame here{eh, __func__};
   summary.assign(variables.rows.size(), {});
@@ -47,14 +48,17 @@ void AIDSUM(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_STORE
   }
   for (std::int64_t r = 0; r < store.records(); ++r) {
     const std::span<const double> row = store.row(r);
-    for (std::size_t v = 0; v < summary.size(); ++v) count_value(row[v], variables.rows[v].is_factor(), summary[v]);
+    for (std::size_t v = 0; v < summary.size(); ++v)
+      count_value(row[v], variables.rows[v].is_factor(), summary[v]);
   }
 }
 
 std::string AIDDIS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_SUMMARY& summary)
 {
   const Frame here{eh, __func__};
-  std::string lines = " Variable                          Records   Missing     Zeros         Mean      Minimum      Maximum\n";
+  std::string lines =
+      " Variable                          Records   Missing     Zeros         Mean      Minimum      "
+      "Maximum\n";
   for (std::size_t v = 0; v < summary.size(); ++v) {
     const VARIABLE_SUMMARY& s = summary[v];
     std::string name = variables.rows[v].name;
@@ -88,8 +92,8 @@ void ADJUST_DATA_SUMMARY(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, con
   if (response < 1 || response > static_cast<std::int64_t>(summary.size())) return;
   const VARIABLE_SUMMARY& s = summary[static_cast<std::size_t>(response - 1)];
   if (variables.row(response).is_factor()) {
-    const auto present = std::count_if(s.level_counts.begin(), s.level_counts.end(),
-                                       [](std::int64_t n) { return n > 0; });
+    const auto present =
+        std::count_if(s.level_counts.begin(), s.level_counts.end(), [](std::int64_t n) { return n > 0; });
     if (present == 1) eh.warning("no variation in the response variable");
   } else if (s.records - s.missing > 1 && s.minimum == s.maximum) {
     eh.warning("no variation in the response variable");

@@ -120,7 +120,8 @@ void UDIT_FROM_JSON(ERROR_HANDLER& eh, const JsonNode& dataset, USER_DATASET_INF
     return;
   }
   if (info.number_of_observations != 0) {
-    eh.warning("data information has been supplied multiple times, the previous information will be overwritten");
+    eh.warning(
+        "data information has been supplied multiple times, the previous information will be overwritten");
     info = {};
   }
   if (const JsonNode* name = given_value(dataset, "name"); name != nullptr) {

@@ -10,7 +10,10 @@ namespace tolvan {
 
 namespace {
 
-std::string_view shown(const std::string& name) { return name.empty() ? "none specified" : std::string_view(name); }
+std::string_view shown(const std::string& name)
+{
+  return name.empty() ? "none specified" : std::string_view(name);
+}
 
 /// L_CHECK_SIZE: complains of a matrix that is smaller than its description.
 void L_CHECK_SIZE(ERROR_HANDLER& eh, const USER_DATASET_INFO& info, std::int64_t rows, std::int64_t columns)
@@ -62,8 +65,10 @@ void UDST_ADD(ERROR_HANDLER& eh, USER_DATASET_STORE& store, std::string_view nam
     added.name = name;
   }
   std::int64_t size = 0;
-  if (rows < 0 || columns < 0 || __builtin_mul_overflow(rows, columns, &size) || (values == nullptr && size > 0)) {
-    eh.error(text("invalid data supplied for dataset ", shown(added.name), ", it is (", rows, " x ", columns, ")"));
+  if (rows < 0 || columns < 0 || __builtin_mul_overflow(rows, columns, &size) ||
+      (values == nullptr && size > 0)) {
+    eh.error(text("invalid data supplied for dataset ", shown(added.name), ", it is (", rows, " x ", columns,
+                  ")"));
     return;
   }
   added.values.assign(values, values + size);
@@ -79,7 +84,8 @@ void UDST_ADD(ERROR_HANDLER& eh, USER_DATASET_STORE& store, std::string_view nam
   store.datasets.push_back(std::move(added));
 }
 
-void UDST_BIND(ERROR_HANDLER& eh, const USER_DATASET_STORE& store, const JsonNode& dataset, DATASET_VIEW& view)
+void UDST_BIND(ERROR_HANDLER& eh, const USER_DATASET_STORE& store, const JsonNode& dataset,
+               DATASET_VIEW& view)
 {
   const Frame here{eh, __func__};
   view = {};
@@ -139,7 +145,8 @@ std::vector<const JsonNode*> dataset_descriptions(ERROR_HANDLER& eh, const JsonN
         earlier = entry;
         eh.EH_ADD_MESSAGE({.text = "data information has been supplied multiple times, the previous "
                                    "information will be overwritten",
-                           .etype = Etype::warning, .unique = true});
+                           .etype = Etype::warning,
+                           .unique = true});
       }
       if (!repeated) kept.push_back(entry);
     }
@@ -160,7 +167,8 @@ std::string UDST_DUMP(const USER_DATASET_STORE& store)
   std::string dump;
   for (const USER_DATASET& dataset : store.datasets) {
     dump += text("dataset: ", shown(dataset.name), ", ", dataset.rows, " x ", dataset.columns, "\n");
-    const std::int64_t shown_values = std::min<std::int64_t>(10, static_cast<std::int64_t>(dataset.values.size()));
+    const std::int64_t shown_values =
+        std::min<std::int64_t>(10, static_cast<std::int64_t>(dataset.values.size()));
     dump += "  first values as handed in:";
     for (std::int64_t k = 0; k < shown_values; ++k) {
       dump += ' ';

@@ -7,7 +7,8 @@ namespace tolvan {
 
 namespace {
 
-/// Gives memory back where a quarter or more of it is not used: shrinking copies, so little slack is left alone.
+/// Gives memory back where a quarter or more of it is not used: shrinking copies, so little slack is left
+/// alone.
 template <class T>
 void shrink(std::vector<T>& a)
 {

@@ -21,13 +21,13 @@ struct DESIGN_MTX {
   std::vector<std::int32_t> equation;
   std::vector<double> value;
 
-  std::vector<double> response;        // one an analysis record; 0 where mv estimates it
-  std::vector<double> weight;          // empty: all 1
-  std::vector<std::int64_t> record;    // data record of each analysis record, from 1
-  std::vector<std::int64_t> mv;        // analysis records (from 0) whose response is estimated, in equation order
-  std::int64_t data_records = 0;       // records of the data store
-  std::int64_t negative_weights = 0;   // records whose weight was below 0; it is 0 here
-  std::int64_t zero_weights = 0;       // records whose weight was 0 as it came
+  std::vector<double> response;      // one an analysis record; 0 where mv estimates it
+  std::vector<double> weight;        // empty: all 1
+  std::vector<std::int64_t> record;  // data record of each analysis record, from 1
+  std::vector<std::int64_t> mv;   // analysis records (from 0) whose response is estimated, in equation order
+  std::int64_t data_records = 0;  // records of the data store
+  std::int64_t negative_weights = 0;  // records whose weight was below 0; it is 0 here
+  std::int64_t zero_weights = 0;      // records whose weight was 0 as it came
 
   std::int64_t rows() const { return static_cast<std::int64_t>(start.size()) - 1; }
   std::span<const std::int32_t> equations(std::int64_t row) const
@@ -50,10 +50,13 @@ void DMT_ADD_ROWS(ERROR_HANDLER& eh, DESIGN_MTX& design, std::span<const std::in
 /// DMT_RESIZE_TO: gives back memory beyond the rows in use.
 void DMT_RESIZE_TO(ERROR_HANDLER& eh, DESIGN_MTX& design);
 
-/// AIDSGN: forms the design row of every record, treating missing responses and design values as the options say.
-///   terms     first equations are set (SET_TERM_EQUATIONS); the mv term, last of all, gets its equation count here
-void AIDSGN(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TABLE& variables, const DATA_STORE& store,
-            FACTOR_TABLE& factors, TERM_TABLE& terms, const MODEL_INFO& info, DESIGN_MTX& design);
+/// AIDSGN: forms the design row of every record, treating missing responses and design values as the options
+/// say.
+///   terms     first equations are set (SET_TERM_EQUATIONS); the mv term, last of all, gets its equation
+///   count here
+void AIDSGN(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TABLE& variables,
+            const DATA_STORE& store, FACTOR_TABLE& factors, TERM_TABLE& terms, const MODEL_INFO& info,
+            DESIGN_MTX& design);
 
 /// CHECK_AND_CONFORMITY: checks that factors joined by and() agree.
 void CHECK_AND_CONFORMITY(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_TABLE& terms);

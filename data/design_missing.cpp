@@ -76,7 +76,8 @@ void REPORT_MISSING_VALUES(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const 
   switch (counts.treatment) {
     case MissingTreatment::include:
       eh.note(count_line(counts));
-      eh.continuation("they were treated as zeros, this may be reasonable if all covariates involved are centred");
+      eh.continuation(
+          "they were treated as zeros, this may be reasonable if all covariates involved are centred");
       tell_of_missing_responses(eh, counts);
       return;
     case MissingTreatment::remove:
@@ -85,7 +86,8 @@ void REPORT_MISSING_VALUES(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const 
         return;
       }
       if (counts.removed > 0) {
-        eh.notice(text(counts.removed, " records were dropped because of missing values in design variables"));
+        eh.notice(
+            text(counts.removed, " records were dropped because of missing values in design variables"));
         eh.continuation("the analysis records involved have been excluded from analysis");
       } else {
         eh.note(count_line(counts));
@@ -95,8 +97,11 @@ void REPORT_MISSING_VALUES(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const 
     case MissingTreatment::fail:
       eh.note(count_line(counts));
       if (counts.design_values > 0) {
-        eh.warning("the analysis records involved have been annulled by converting the response (Y) to a missing value.");
-        eh.continuation("you should set the missing value options if you wish missing values handled differently");
+        eh.warning(
+            "the analysis records involved have been annulled by converting the response (Y) to a missing "
+            "value.");
+        eh.continuation(
+            "you should set the missing value options if you wish missing values handled differently");
         eh.continuation("full records with missing values in the design variables should be dropped");
       }
       tell_of_missing_responses(eh, counts);

@@ -36,8 +36,10 @@ void L_PLAN_COMPONENT(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM
   const FACTOR_ROW& factor = factors.row(row);
   component.name = factor.shown();
   component.levels = factor.is_factor ? factor.levels : 1;
-  if (factor.kind != 0 || data->kind != 0 || data->reserved == Reserved::trait || data->reserved == Reserved::mv) {
-    eh.not_implemented(text("the design of ", component.name, " in model term ", term.name, " is not implemented"));
+  if (factor.kind != 0 || data->kind != 0 || data->reserved == Reserved::trait ||
+      data->reserved == Reserved::mv) {
+    eh.not_implemented(
+        text("the design of ", component.name, " in model term ", term.name, " is not implemented"));
     return;
   }
   switch (data->reserved) {
@@ -79,8 +81,8 @@ void L_PLAN_TERM(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_ROW&
     planned.components.push_back(std::move(component));
   }
   if (equations != term.equations) {
-    eh.internal(text("issue forming the design matrix (", term.name, "), ", term.equations, " equations were set up, ",
-                     equations, " are needed"));
+    eh.internal(text("issue forming the design matrix (", term.name, "), ", term.equations,
+                     " equations were set up, ", equations, " are needed"));
     return;
   }
   plan.terms.push_back(std::move(planned));
@@ -113,7 +115,8 @@ void L_PLAN_DESIGN(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, TERM_TABLE& t
     return;
   }
   if (terms.equations > most_equations) {
-    eh.error(text("the model has ", terms.equations, " equations, at most ", most_equations, " are possible"));
+    eh.error(
+        text("the model has ", terms.equations, " equations, at most ", most_equations, " are possible"));
     return;
   }
   L_FIND_COLUMN(eh, factors, info.responses.front(), plan.response);

@@ -33,8 +33,8 @@ struct DESIGN_PLAN {
   std::vector<std::size_t> design_columns;  // of the data store, each once: where a value may be missing
   std::size_t response = 0;                 // column of the response
   bool weighted = false;
-  std::size_t weight = 0;                   // column of the weights
-  TERM_ROW* mv = nullptr;                   // null without mv
+  std::size_t weight = 0;  // column of the weights
+  TERM_ROW* mv = nullptr;  // null without mv
 };
 
 /// L_PLAN_DESIGN: resolves the terms to columns of the data store; refuses what has no design yet.

@@ -21,21 +21,23 @@ struct DesignRow {
 };
 
 /// L_LEVEL_ABOVE: the complaint about a level beyond the declared ones.
-void L_LEVEL_ABOVE(ERROR_HANDLER& eh, const DESIGN_TERM& term, const DESIGN_COMPONENT& component, double level,
-                   std::int64_t record, std::int64_t records)
+void L_LEVEL_ABOVE(ERROR_HANDLER& eh, const DESIGN_TERM& term, const DESIGN_COMPONENT& component,
+                   double level, std::int64_t record, std::int64_t records)
 {
   const Frame here{eh, __func__};
   eh.error(text("misspecification of model term ", term.name,
-                ", actual number of levels exceeds the number declared [", component.levels, "], after processing ",
-                record, " of ", records, " records"));
-  eh.continuation(text("level ", static_cast<std::int64_t>(level), " of ", component.name, " in data record ", record));
+                ", actual number of levels exceeds the number declared [", component.levels,
+                "], after processing ", record, " of ", records, " records"));
+  eh.continuation(
+      text("level ", static_cast<std::int64_t>(level), " of ", component.name, " in data record ", record));
 }
 
 /// L_FORM_ROW: the equations of one record with their values.
 ///
-/// A term of components with level counts n1, n2, ..., the first the slowest, puts a record with levels l1, l2, ...
-/// at equation  first + (..((l1 - 1) n2 + l2 - 1) n3 + l3 - 1..)  with the product of its covariates as value.
-/// A missing level gives no equation; a missing covariate counts as 0, and elements of value 0 are left out.
+/// A term of components with level counts n1, n2, ..., the first the slowest, puts a record with levels l1,
+/// l2, ... at equation  first + (..((l1 - 1) n2 + l2 - 1) n3 + l3 - 1..)  with the product of its covariates
+/// as value. A missing level gives no equation; a missing covariate counts as 0, and elements of value 0 are
+/// left out.
 void L_FORM_ROW(ERROR_HANDLER& eh, const DESIGN_PLAN& plan, std::span<const double> data, std::int64_t record,
                 std::int64_t records, DesignRow& row)
 {
@@ -47,7 +49,8 @@ void L_FORM_ROW(ERROR_HANDLER& eh, const DESIGN_PLAN& plan, std::span<const doub
     double value = 1.0;
     for (const DESIGN_COMPONENT& component : term.components) {
       switch (component.reads) {
-        case DESIGN_COMPONENT::Reads::one: break;
+        case DESIGN_COMPONENT::Reads::one:
+          break;
         case DESIGN_COMPONENT::Reads::value: {
           const double x = data[component.column];
           value = is_no_value(x) ? 0.0 : value * x;
@@ -93,7 +96,8 @@ double weight_of(double given, DESIGN_MTX& design)
 }
 
 /// L_CLOSE_MV: gives the mv term its equations, all behind those of the other terms.
-void L_CLOSE_MV(ERROR_HANDLER& eh, FACTOR_TABLE& factors, TERM_TABLE& terms, const DESIGN_MTX& design, TERM_ROW& mv)
+void L_CLOSE_MV(ERROR_HANDLER& eh, FACTOR_TABLE& factors, TERM_TABLE& terms, const DESIGN_MTX& design,
+                TERM_ROW& mv)
 {
   const Frame here{eh, __func__};
   mv.equations = static_cast<std::int64_t>(design.mv.size());
@@ -106,8 +110,9 @@ void L_CLOSE_MV(ERROR_HANDLER& eh, FACTOR_TABLE& factors, TERM_TABLE& terms, con
 
 }  // namespace
 
-void AIDSGN(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TABLE& variables, const DATA_STORE& store,
-            FACTOR_TABLE& factors, TERM_TABLE& terms, const MODEL_INFO& info, DESIGN_MTX& design)
+void AIDSGN(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TABLE& variables,
+            const DATA_STORE& store, FACTOR_TABLE& factors, TERM_TABLE& terms, const MODEL_INFO& info,
+            DESIGN_MTX& design)
 {
   const Frame here{eh, __func__};
   if (variables.count() != store.width()) {

@@ -22,14 +22,17 @@ bool all_whole_numbers(const LEVEL_TABLE& labels)
 Coding coding_of(const VARIABLE& variable, bool coded_labels)
 {
   switch (variable.type) {
-    case FieldType::variate: return Coding::variate;
-    case FieldType::integer_factor_1_to_n: return Coding::level_number;
+    case FieldType::variate:
+      return Coding::variate;
+    case FieldType::integer_factor_1_to_n:
+      return Coding::level_number;
     case FieldType::string_factor:
       if (!coded_labels) return Coding::by_text;
       return variable.labels_fixed ? Coding::label_number : Coding::by_number;
     case FieldType::integer_factor:
       // Declared labels that are no numbers can only be told by their position.
-      return variable.labels_fixed && !all_whole_numbers(variable.labels) ? Coding::label_number : Coding::by_number;
+      return variable.labels_fixed && !all_whole_numbers(variable.labels) ? Coding::label_number
+                                                                          : Coding::by_number;
   }
   return Coding::variate;
 }
@@ -86,7 +89,8 @@ void L_SORT_LEVELS(ERROR_HANDLER& eh, const LEVEL_CODING& coding, VARIABLE_TABLE
 
 }  // namespace
 
-void L_PREPARE_LEVEL_CODING(ERROR_HANDLER& eh, const VARIABLE_TABLE& table, bool coded_labels, LEVEL_CODING& coding)
+void L_PREPARE_LEVEL_CODING(ERROR_HANDLER& eh, const VARIABLE_TABLE& table, bool coded_labels,
+                            LEVEL_CODING& coding)
 {
   const Frame here{eh, __func__};
   const std::vector<std::int64_t> owners = level_owners(table);
@@ -105,7 +109,8 @@ void L_PREPARE_LEVEL_CODING(ERROR_HANDLER& eh, const VARIABLE_TABLE& table, bool
   }
 }
 
-std::int64_t level_of_number(VARIABLE_TABLE& table, LEVEL_CODING& coding, std::size_t variable, std::int64_t number)
+std::int64_t level_of_number(VARIABLE_TABLE& table, LEVEL_CODING& coding, std::size_t variable,
+                             std::int64_t number)
 {
   VARIABLE_CODING& coded = coding.variables[variable];
   std::int64_t level = 0;
@@ -121,7 +126,8 @@ std::int64_t level_of_number(VARIABLE_TABLE& table, LEVEL_CODING& coding, std::s
   return level;
 }
 
-std::int64_t level_of_text(VARIABLE_TABLE& table, LEVEL_CODING& coding, std::size_t variable, std::string_view label)
+std::int64_t level_of_text(VARIABLE_TABLE& table, LEVEL_CODING& coding, std::size_t variable,
+                           std::string_view label)
 {
   VARIABLE_CODING& coded = coding.variables[variable];
   const std::int64_t level = table.row(coded.owner).labels.find_or_add(label);
@@ -156,7 +162,8 @@ void L_FINISH_LEVELS(ERROR_HANDLER& eh, const LEVEL_CODING& coding, VARIABLE_TAB
     const std::int64_t declared = variable.labels_fixed ? variable.levels : variable.declared_levels;
     variable.levels = declared > 0 ? declared : std::max(met, variable.labels.size());
     if (met > variable.levels) {
-      eh.warning(text("the delared number of levels for ", variable.name, " should be increased from ",  // sic
+      eh.warning(text("the delared number of levels for ", variable.name,
+                      " should be increased from ",  // sic
                       variable.levels, " to about ", met));
     }
   }

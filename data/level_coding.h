@@ -41,14 +41,18 @@ inline constexpr std::int64_t most_levels = 2147483647;
 
 /// L_PREPARE_LEVEL_CODING: decides how each variable is coded.
 ///   coded_labels   string factors come as label numbers (a matrix) and not as texts (a file)
-void L_PREPARE_LEVEL_CODING(ERROR_HANDLER& eh, const VARIABLE_TABLE& table, bool coded_labels, LEVEL_CODING& coding);
+void L_PREPARE_LEVEL_CODING(ERROR_HANDLER& eh, const VARIABLE_TABLE& table, bool coded_labels,
+                            LEVEL_CODING& coding);
 
 /// The level of a whole number under level_number, label_number and by_number; 0 if it can't be one.
-std::int64_t level_of_number(VARIABLE_TABLE& table, LEVEL_CODING& coding, std::size_t variable, std::int64_t number);
+std::int64_t level_of_number(VARIABLE_TABLE& table, LEVEL_CODING& coding, std::size_t variable,
+                             std::int64_t number);
 /// The level of a label under by_text, added when it is new.
-std::int64_t level_of_text(VARIABLE_TABLE& table, LEVEL_CODING& coding, std::size_t variable, std::string_view label);
+std::int64_t level_of_text(VARIABLE_TABLE& table, LEVEL_CODING& coding, std::size_t variable,
+                           std::string_view label);
 
-/// L_FINISH_LEVELS: sorts levels where asked, completes level counts and labels, warns of more levels than were declared.
+/// L_FINISH_LEVELS: sorts levels where asked, completes level counts and labels, warns of more levels than
+/// were declared.
 void L_FINISH_LEVELS(ERROR_HANDLER& eh, const LEVEL_CODING& coding, VARIABLE_TABLE& table, DATA_STORE& store);
 
 }  // namespace tolvan

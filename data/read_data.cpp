@@ -7,7 +7,8 @@
 
 namespace tolvan {
 
-void READ_DATA_FILE(ERROR_HANDLER& eh, const PRIMARY_DATA& primary, VARIABLE_TABLE& variables, DATA_STORE& store)
+void READ_DATA_FILE(ERROR_HANDLER& eh, const PRIMARY_DATA& primary, VARIABLE_TABLE& variables,
+                    DATA_STORE& store)
 {
   const Frame here{eh, __func__};
   if (primary.data_file == nullptr && primary.matrix.data == nullptr) {

@@ -22,12 +22,15 @@ struct PRIMARY_DATA {
 };
 
 /// GET_PRIMARY_DATA_DESCRIPTION: finds the file, or the first dataset that holds the response.
-void GET_PRIMARY_DATA_DESCRIPTION(ERROR_HANDLER& eh, JsonNode& request, const USER_DATASET_STORE& store, PRIMARY_DATA& primary);
+void GET_PRIMARY_DATA_DESCRIPTION(ERROR_HANDLER& eh, JsonNode& request, const USER_DATASET_STORE& store,
+                                  PRIMARY_DATA& primary);
 
-/// READ_DATA_FILE: reads the primary data, file or matrix, into rows of doubles with factors as level numbers.
+/// READ_DATA_FILE: reads the primary data, file or matrix, into rows of doubles with factors as level
+/// numbers.
 ///   variables   level counts and labels are completed
 ///   store       one row a record, one column a variable, in variable order
-void READ_DATA_FILE(ERROR_HANDLER& eh, const PRIMARY_DATA& primary, VARIABLE_TABLE& variables, DATA_STORE& store);
+void READ_DATA_FILE(ERROR_HANDLER& eh, const PRIMARY_DATA& primary, VARIABLE_TABLE& variables,
+                    DATA_STORE& store);
 
 /// What the counting passes found of one variable.
 struct VARIABLE_SUMMARY {
@@ -38,10 +41,12 @@ struct VARIABLE_SUMMARY {
 using DATA_SUMMARY = std::vector<VARIABLE_SUMMARY>;
 
 /// AIDSUM: counts records, missing values, zeros and levels of every variable.
-void AIDSUM(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_STORE& store, DATA_SUMMARY& summary);
+void AIDSUM(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_STORE& store,
+            DATA_SUMMARY& summary);
 /// AIDDIS: the data summary as text: a line a variable, and the level counts of factors.
 std::string AIDDIS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_SUMMARY& summary);
 /// ADJUST_DATA_SUMMARY: complains of a response without variation.
-void ADJUST_DATA_SUMMARY(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_SUMMARY& summary, std::int64_t response);
+void ADJUST_DATA_SUMMARY(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_SUMMARY& summary,
+                         std::int64_t response);
 
 }  // namespace tolvan

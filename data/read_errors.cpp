@@ -17,15 +17,21 @@ std::string cause(const READ_FAULT& fault, const VARIABLE& variable)
 {
   const std::string field = text("variable ", variable.name, ": \"", excerpt(fault.content), "\" ");
   switch (fault.kind) {
-    case READ_FAULT::Kind::no_number: return field + "is not a number";
-    case READ_FAULT::Kind::not_finite: return field + "is not a finite number";
+    case READ_FAULT::Kind::no_number:
+      return field + "is not a number";
+    case READ_FAULT::Kind::not_finite:
+      return field + "is not a finite number";
     case READ_FAULT::Kind::no_level:
       return text(field, "is not a level, levels are whole numbers from ", variable.indexed_from);
-    case READ_FAULT::Kind::level_too_large: return text(field, "is too large for a level, at most ", most_levels);
-    case READ_FAULT::Kind::no_label: return field + "is neither a whole number nor a factor label";
-    case READ_FAULT::Kind::too_few_fields: return text("variable ", variable.name, ": the line has too few fields");
+    case READ_FAULT::Kind::level_too_large:
+      return text(field, "is too large for a level, at most ", most_levels);
+    case READ_FAULT::Kind::no_label:
+      return field + "is neither a whole number nor a factor label";
+    case READ_FAULT::Kind::too_few_fields:
+      return text("variable ", variable.name, ": the line has too few fields");
     case READ_FAULT::Kind::none:
-    case READ_FAULT::Kind::open_quote: break;
+    case READ_FAULT::Kind::open_quote:
+      break;
   }
   return {};
 }
@@ -70,11 +76,13 @@ void REPORT_DATA_READING_ERRORS_AND_WARNINGS(ERROR_HANDLER& eh, const READ_FAULT
     eh.continuation(text("increase the number of levels declared for factor ", variable.name,
                          " and any other large factors"));
   }
-  const bool wants_number = fault.kind == READ_FAULT::Kind::no_number || fault.kind == READ_FAULT::Kind::no_level;
+  const bool wants_number =
+      fault.kind == READ_FAULT::Kind::no_number || fault.kind == READ_FAULT::Kind::no_level;
   if (wants_number && looks_like_label(fault.content)) {
     eh.continuation(text("Maybe you want !A !L qualifiers for this factor: ", variable.name));
   }
-  if (record == 1) eh.continuation("since this is the first data record you may need to skip some header lines");
+  if (record == 1)
+    eh.continuation("since this is the first data record you may need to skip some header lines");
   if (!values.empty()) {
     eh.continuation("values read before read error:");
     std::string read;

@@ -13,15 +13,25 @@
 namespace tolvan {
 
 struct READ_FAULT {
-  enum class Kind { none, no_number, not_finite, no_level, level_too_large, no_label, too_few_fields, open_quote };
+  enum class Kind {
+    none,
+    no_number,
+    not_finite,
+    no_level,
+    level_too_large,
+    no_label,
+    too_few_fields,
+    open_quote
+  };
   Kind kind = Kind::none;
-  std::int64_t field = 0;      // its number in the line, from 1
-  std::size_t variable = 0;    // the variable read from it, from 0
-  std::string content;         // of the field
-  std::size_t character = 0;   // of the line, from 1, for an open quote
+  std::int64_t field = 0;     // its number in the line, from 1
+  std::size_t variable = 0;   // the variable read from it, from 0
+  std::string content;        // of the field
+  std::size_t character = 0;  // of the line, from 1, for an open quote
 };
 
-/// REPORT_DATA_READING_ERRORS_AND_WARNINGS: says where and why reading stopped, with the values and the line around it.
+/// REPORT_DATA_READING_ERRORS_AND_WARNINGS: says where and why reading stopped, with the values and the line
+/// around it.
 ///   values   of the record so far, in the order in which they were read
 void REPORT_DATA_READING_ERRORS_AND_WARNINGS(ERROR_HANDLER& eh, const READ_FAULT& fault, std::int64_t record,
                                              const VARIABLE_TABLE& variables, std::span<const double> values,

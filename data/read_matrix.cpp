@@ -21,13 +21,14 @@ std::string_view level_fault(const VARIABLE_CODING& coded, double x)
 }
 
 /// L_CODE_VALUE: the number of the working row for one value of the matrix.
-double L_CODE_VALUE(ERROR_HANDLER& eh, const DATASET_VIEW& matrix, std::int64_t record, std::size_t v, double x,
-                    VARIABLE_TABLE& variables, LEVEL_CODING& coding)
+double L_CODE_VALUE(ERROR_HANDLER& eh, const DATASET_VIEW& matrix, std::int64_t record, std::size_t v,
+                    double x, VARIABLE_TABLE& variables, LEVEL_CODING& coding)
 {
   const Frame here{eh, __func__};
   const VARIABLE& variable = variables.rows[v];
   if (std::isinf(x)) {
-    eh.error(text("infinite value in dataset ", matrix.info.name, ", variable ", variable.name, ", record ", record));
+    eh.error(text("infinite value in dataset ", matrix.info.name, ", variable ", variable.name, ", record ",
+                  record));
     return no_value;
   }
   const VARIABLE_CODING& coded = coding.variables[v];
@@ -36,15 +37,15 @@ double L_CODE_VALUE(ERROR_HANDLER& eh, const DATASET_VIEW& matrix, std::int64_t 
     level = level_of_number(variables, coding, v, static_cast<std::int64_t>(x));
   }
   if (level > 0) return static_cast<double>(level);
-  eh.error(text("invalid level in dataset ", matrix.info.name, ", variable ", variable.name, ", record ", record, ": ",
-                x, level_fault(coded, x)));
+  eh.error(text("invalid level in dataset ", matrix.info.name, ", variable ", variable.name, ", record ",
+                record, ": ", x, level_fault(coded, x)));
   return no_value;
 }
 
 }  // namespace
 
-void L_READ_MATRIX(ERROR_HANDLER& eh, const DATASET_VIEW& matrix, VARIABLE_TABLE& variables, LEVEL_CODING& coding,
-                   DATA_STORE& store)
+void L_READ_MATRIX(ERROR_HANDLER& eh, const DATASET_VIEW& matrix, VARIABLE_TABLE& variables,
+                   LEVEL_CODING& coding, DATA_STORE& store)
 {
   const Frame here{eh, __func__};
   for (const VARIABLE& variable : variables.rows) {

@@ -7,7 +7,7 @@
 namespace tolvan {
 
 /// L_READ_MATRIX: turns the observations of a matrix into rows of the data store.
-void L_READ_MATRIX(ERROR_HANDLER& eh, const DATASET_VIEW& matrix, VARIABLE_TABLE& variables, LEVEL_CODING& coding,
-                   DATA_STORE& store);
+void L_READ_MATRIX(ERROR_HANDLER& eh, const DATASET_VIEW& matrix, VARIABLE_TABLE& variables,
+                   LEVEL_CODING& coding, DATA_STORE& store);
 
 }  // namespace tolvan

@@ -43,7 +43,10 @@ struct Cursor {
   bool more = true;
 };
 
-bool is_space(char c) { return c == ' ' || c == '\t'; }
+bool is_space(char c)
+{
+  return c == ' ' || c == '\t';
+}
 
 void step_over_delimiter(Cursor& cursor)
 {
@@ -79,7 +82,8 @@ bool take_quoted(Cursor& cursor, char delimiter, std::string& field)
 bool ININTR(TextReading& reading, Cursor& cursor, std::string_view& field)
 {
   const std::string_view line = cursor.line;
-  while (cursor.at < line.size() && is_space(line[cursor.at]) && line[cursor.at] != reading.delimiter) ++cursor.at;
+  while (cursor.at < line.size() && is_space(line[cursor.at]) && line[cursor.at] != reading.delimiter)
+    ++cursor.at;
   if (cursor.at < line.size() && line[cursor.at] == '"') {
     if (!take_quoted(cursor, reading.delimiter, reading.scratch)) return false;
     field = trim(reading.scratch);
@@ -97,7 +101,8 @@ bool is_missing_text(std::string_view field)
   return field.empty() || field == "NA" || field == "na" || field == "*" || field == ".";
 }
 
-/// Whether a number too large or too small for a double is too large: its first digit stands left of the point.
+/// Whether a number too large or too small for a double is too large: its first digit stands left of the
+/// point.
 bool overflows(std::string_view number)
 {
   const std::size_t e = number.find_first_of("eE");
@@ -139,7 +144,8 @@ READ_FAULT::Kind parse_real(TextReading& reading, std::string_view field, double
 }
 
 /// The level that a field of a coded factor stands for.
-READ_FAULT::Kind level_of_field(TextReading& reading, std::size_t v, std::string_view field, std::int64_t& level)
+READ_FAULT::Kind level_of_field(TextReading& reading, std::size_t v, std::string_view field,
+                                std::int64_t& level)
 {
   using Kind = READ_FAULT::Kind;
   const Coding coding = reading.coding.variables[v].coding;
@@ -158,7 +164,8 @@ READ_FAULT::Kind level_of_field(TextReading& reading, std::size_t v, std::string
   return *number > 0 ? Kind::level_too_large : Kind::no_level;
 }
 
-/// L_LABEL_LEVEL: the level of a label; blanks inside become underscores and long labels are cut, both with a note.
+/// L_LABEL_LEVEL: the level of a label; blanks inside become underscores and long labels are cut, both with a
+/// note.
 std::int64_t L_LABEL_LEVEL(ERROR_HANDLER& eh, TextReading& reading, std::size_t v, std::string_view field)
 {
   const VARIABLE& variable = reading.variables.rows[v];
@@ -177,9 +184,11 @@ std::int64_t L_LABEL_LEVEL(ERROR_HANDLER& eh, TextReading& reading, std::size_t 
     if (!reading.blanks_told) eh.note("Embedded blanks in data fields are converted to UNDERSCORE");
     reading.blanks_told = true;
   }
-  if (too_long && reading.cut_labels.size() < most_cut_labels_told && reading.cut_labels.insert(label).second) {
+  if (too_long && reading.cut_labels.size() < most_cut_labels_told &&
+      reading.cut_labels.insert(label).second) {
     eh.note(text("Truncating label \"", label, ". Reset label length with !LL"));  // sic
-    if (reading.cut_labels.size() == most_cut_labels_told) eh.continuation("further labels are cut without a note");
+    if (reading.cut_labels.size() == most_cut_labels_told)
+      eh.continuation("further labels are cut without a note");
   }
   return level_of_text(reading.variables, reading.coding, v, cut_label(label, variable.label_length));
 }
@@ -205,9 +214,15 @@ bool L_TAKE_FIELD(ERROR_HANDLER& eh, TextReading& reading, std::size_t v, std::s
   READ_FAULT::Kind fault = READ_FAULT::Kind::none;
   std::int64_t level = 0;
   switch (reading.coding.variables[v].coding) {
-    case Coding::variate: fault = parse_real(reading, field, x); break;
-    case Coding::by_text: level = L_LABEL_LEVEL(eh, reading, v, field); break;
-    default: fault = level_of_field(reading, v, field, level); break;
+    case Coding::variate:
+      fault = parse_real(reading, field, x);
+      break;
+    case Coding::by_text:
+      level = L_LABEL_LEVEL(eh, reading, v, field);
+      break;
+    default:
+      fault = level_of_field(reading, v, field, level);
+      break;
   }
   if (level > 0) x = static_cast<double>(level);
   if (fault == READ_FAULT::Kind::none) return true;
@@ -240,7 +255,8 @@ bool take_quickly(TextReading& reading, std::size_t v, Cursor& cursor, double& x
       cursor = before;
       return false;
     }
-    default: return false;
+    default:
+      return false;
   }
 }
 
@@ -259,7 +275,8 @@ bool RDDATA(ERROR_HANDLER& eh, TextReading& reading, std::string_view line, std:
       reading.fault.variable = v;
       return false;
     }
-    if (v != no_variable && reading.next_variable[v] == no_variable && take_quickly(reading, v, cursor, row[v])) {
+    if (v != no_variable && reading.next_variable[v] == no_variable &&
+        take_quickly(reading, v, cursor, row[v])) {
       reading.values.push_back(row[v]);
       continue;
     }
@@ -284,11 +301,12 @@ bool is_decimal_comma(std::string_view field)
   if (!field.empty() && (field[0] == '-' || field[0] == '+')) field.remove_prefix(1);
   const std::size_t comma = field.find(',');
   if (comma == std::string_view::npos || field.size() < 2) return false;
-  return field.find_first_not_of("0123456789,") == std::string_view::npos && field.find(',', comma + 1) == std::string_view::npos;
+  return field.find_first_not_of("0123456789,") == std::string_view::npos &&
+         field.find(',', comma + 1) == std::string_view::npos;
 }
 
-/// L_CHOOSE_DELIMITER: tells from the first data line what separates the fields.  A semicolon does if every comma of
-/// the line is a decimal one.
+/// L_CHOOSE_DELIMITER: tells from the first data line what separates the fields.  A semicolon does if every
+/// comma of the line is a decimal one.
 void L_CHOOSE_DELIMITER(ERROR_HANDLER& eh, const DATA_LINES& lines, TextReading& reading)
 {
   const Frame here{eh, __func__};
@@ -314,7 +332,8 @@ void L_CHOOSE_DELIMITER(ERROR_HANDLER& eh, const DATA_LINES& lines, TextReading&
     return;
   }
   if (bare.find(',') != std::string::npos || reading.first_variable.size() == 1) return;
-  eh.error(text("line [", excerpt(lines.line.substr(0, 40)), " ...] does not have CSV structure as expected"));
+  eh.error(
+      text("line [", excerpt(lines.line.substr(0, 40)), " ...] does not have CSV structure as expected"));
   eh.continuation(text("at line ", lines.number, " of ", lines.name, ", ", reading.first_variable.size(),
                        " fields are needed"));
 }
@@ -340,8 +359,8 @@ void L_PREPARE_DATA_REORDER(ERROR_HANDLER& eh, TextReading& reading)
 
 }  // namespace
 
-void L_READ_TEXT_FILE(ERROR_HANDLER& eh, const JsonNode& data_file, VARIABLE_TABLE& variables, LEVEL_CODING& coding,
-                      DATA_STORE& store)
+void L_READ_TEXT_FILE(ERROR_HANDLER& eh, const JsonNode& data_file, VARIABLE_TABLE& variables,
+                      LEVEL_CODING& coding, DATA_STORE& store)
 {
   const Frame here{eh, __func__};
   DATA_FILE_KEYS keys;
@@ -361,8 +380,8 @@ void L_READ_TEXT_FILE(ERROR_HANDLER& eh, const JsonNode& data_file, VARIABLE_TAB
       if (eh.terminate()) return;
     }
     if (!RDDATA(eh, reading, lines.line, row)) {
-      REPORT_DATA_READING_ERRORS_AND_WARNINGS(eh, reading.fault, store.records() + 1, variables, reading.values,
-                                              lines);
+      REPORT_DATA_READING_ERRORS_AND_WARNINGS(eh, reading.fault, store.records() + 1, variables,
+                                              reading.values, lines);
       return;
     }
     DST_WRITE_ROW(eh, store, row);

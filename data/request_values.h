@@ -20,13 +20,18 @@ inline bool asks_for_something(const JsonNode* node)
 {
   if (node == nullptr) return false;
   switch (node->type()) {
-    case JsonType::null: return false;
-    case JsonType::logical: return node->logical();
+    case JsonType::null:
+      return false;
+    case JsonType::logical:
+      return node->logical();
     case JsonType::integer:
-    case JsonType::real: return node->number() != 0.0 && node->number() != -1.0;
-    case JsonType::string: return !node->text().empty();
+    case JsonType::real:
+      return node->number() != 0.0 && node->number() != -1.0;
+    case JsonType::string:
+      return !node->text().empty();
     case JsonType::array:
-    case JsonType::object: return node->size() > 0;
+    case JsonType::object:
+      return node->size() > 0;
   }
   return true;
 }

@@ -43,9 +43,15 @@ void L_OBEY_DIRECTIVE(ERROR_HANDLER& eh, DATA_LINES& lines)
   for (const Directive& directive : directives) {
     if (!starts_with_nocase(words, directive.word)) continue;
     switch (directive.does) {
-      case Directive::Does::complain: eh.error(std::string(directive.complaint)); break;
-      case Directive::Does::not_built: eh.not_implemented(std::string(directive.complaint)); break;
-      case Directive::Does::end: lines.ended = true; return;
+      case Directive::Does::complain:
+        eh.error(std::string(directive.complaint));
+        break;
+      case Directive::Does::not_built:
+        eh.not_implemented(std::string(directive.complaint));
+        break;
+      case Directive::Does::end:
+        lines.ended = true;
+        return;
       case Directive::Does::special_char:
         if (lines.special_hash) eh.note("# is treated as a normal alpha character in data file");
         lines.special_hash = false;
@@ -89,12 +95,14 @@ void L_CUT_REMARK(ERROR_HANDLER& eh, DATA_LINES& lines, std::string_view& line)
 bool L_NEXT_LINE(ERROR_HANDLER& eh, DATA_LINES& lines, std::string_view& line)
 {
   if (lines.file.next_line(line)) {
-    if (lines.file.line_number() == 1 && line.starts_with(byte_order_mark)) line.remove_prefix(byte_order_mark.size());
+    if (lines.file.line_number() == 1 && line.starts_with(byte_order_mark))
+      line.remove_prefix(byte_order_mark.size());
     return true;
   }
   if (lines.file.error().empty()) return false;
   const Frame here{eh, __func__};
-  eh.error(text("unable to read file ", lines.name, " behind line ", lines.file.line_number()), Ecode::io_error);
+  eh.error(text("unable to read file ", lines.name, " behind line ", lines.file.line_number()),
+           Ecode::io_error);
   eh.continuation(lines.file.error());
   return false;
 }

@@ -19,14 +19,14 @@ struct DATA_LINES {
   bool ended = false;        // by a directive
   bool special_hash = true;  // '#' starts a remark
   bool hash_told = false;
-  std::string joined;        // holds a line made of several
+  std::string joined;  // holds a line made of several
 };
 
 /// L_OPEN_DATA_FILE: opens a data file and skips what the request says.
 void L_OPEN_DATA_FILE(ERROR_HANDLER& eh, const DATA_FILE_KEYS& keys, DATA_LINES& lines);
 
-/// GTLINE: the next logical line that isn't blank: remarks cut off, continued lines joined, directives obeyed.
-/// False at the end of the data and after a failure.
+/// GTLINE: the next logical line that isn't blank: remarks cut off, continued lines joined, directives
+/// obeyed. False at the end of the data and after a failure.
 bool GTLINE(ERROR_HANDLER& eh, DATA_LINES& lines);
 
 }  // namespace tolvan

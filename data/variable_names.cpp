@@ -8,7 +8,10 @@ namespace {
 
 constexpr std::size_t longest_name = 31;
 
-bool is_letter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool is_letter(char c)
+{
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
 
 /// The first rule that a name breaks, as a message; empty when it breaks none.
 std::string broken_rule(const COMMUNICATION& c, std::string_view name, bool allow_reserved)
@@ -34,8 +37,8 @@ std::string broken_rule(const COMMUNICATION& c, std::string_view name, bool allo
 
 }  // namespace
 
-bool CHECK_VARIABLE_NAME_VALIDITY(ERROR_HANDLER& eh, const COMMUNICATION& communication, std::string_view name,
-                                  bool allow_reserved, bool suppress)
+bool CHECK_VARIABLE_NAME_VALIDITY(ERROR_HANDLER& eh, const COMMUNICATION& communication,
+                                  std::string_view name, bool allow_reserved, bool suppress)
 {
   const Frame here{eh, __func__};
   const std::string complaint = broken_rule(communication, name, allow_reserved);

@@ -1,4 +1,5 @@
-// The table of variables.  Routines: NEW_AIDTIN, PROCESS_NUMBER_OF_LEVELS, UPDATE_NUMBER_OF_LEVELS, INITFLL, GET_LEVEL_NAME.
+// The table of variables.  Routines: NEW_AIDTIN, PROCESS_NUMBER_OF_LEVELS, UPDATE_NUMBER_OF_LEVELS, INITFLL,
+// GET_LEVEL_NAME.
 #include "data/variable_table.h"
 
 #include <algorithm>
@@ -20,15 +21,15 @@ struct TypeWord {
   FieldType type;
 };
 constexpr std::array field_types = {
-    TypeWord{"vt_variate",                FieldType::variate},
-    TypeWord{"vt_string_factor",          FieldType::string_factor},
-    TypeWord{"vt_integer_factor",         FieldType::integer_factor},
-    TypeWord{"vt_integer_factor_1_to_n",  FieldType::integer_factor_1_to_n},
+    TypeWord{"vt_variate", FieldType::variate},
+    TypeWord{"vt_string_factor", FieldType::string_factor},
+    TypeWord{"vt_integer_factor", FieldType::integer_factor},
+    TypeWord{"vt_integer_factor_1_to_n", FieldType::integer_factor_1_to_n},
 };
 
 /// The keys of a variable that ask for what isn't built.
-constexpr std::array keys_not_built = {"is_pedigree_factor", "group", "transformations", "recode_factor_labels_from",
-                                       "recode_factor_labels_because"};
+constexpr std::array keys_not_built = {"is_pedigree_factor", "group", "transformations",
+                                       "recode_factor_labels_from", "recode_factor_labels_because"};
 
 constexpr std::int64_t most_levels = std::numeric_limits<std::int32_t>::max();
 
@@ -43,7 +44,8 @@ void read_field_type(ERROR_HANDLER& eh, const JsonNode& description, VARIABLE& v
     }
   }
   if (node->is_text("vt_date") || node->is_text("vt_time")) {
-    eh.not_implemented(text("field_type ", node->text(), " of variable ", variable.name, " is not implemented"));
+    eh.not_implemented(
+        text("field_type ", node->text(), " of variable ", variable.name, " is not implemented"));
     return;
   }
   REPORT_JSON_ERROR(eh, *node,
@@ -162,7 +164,8 @@ void L_READ_VARIABLE(ERROR_HANDLER& eh, const COMMUNICATION& communication, cons
     read_integer(eh, description, "label_length", 1, "a positive integer", variable.label_length);
     if (eh.terminate()) return;
   }
-  read_integer(eh, description, "factor_labels_indexed_from", -most_levels, "an integer", variable.indexed_from);
+  read_integer(eh, description, "factor_labels_indexed_from", -most_levels, "an integer",
+               variable.indexed_from);
   if (eh.terminate()) return;
   read_factor_labels(eh, description, variable);
   if (eh.terminate()) return;
@@ -188,7 +191,8 @@ std::int64_t VARIABLE_TABLE::find(std::string_view name) const
   return 0;
 }
 
-void NEW_AIDTIN(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode* variables, VARIABLE_TABLE& table)
+void NEW_AIDTIN(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode* variables,
+                VARIABLE_TABLE& table)
 {
   const Frame here{eh, __func__};
   table = {};
@@ -213,7 +217,8 @@ void NEW_AIDTIN(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode*
   }
 }
 
-void PROCESS_NUMBER_OF_LEVELS(ERROR_HANDLER& eh, VARIABLE_TABLE& table, std::int64_t row, JsonNode& description)
+void PROCESS_NUMBER_OF_LEVELS(ERROR_HANDLER& eh, VARIABLE_TABLE& table, std::int64_t row,
+                              JsonNode& description)
 {
   const Frame here{eh, __func__};
   VARIABLE& variable = table.row(row);
@@ -227,8 +232,8 @@ void PROCESS_NUMBER_OF_LEVELS(ERROR_HANDLER& eh, VARIABLE_TABLE& table, std::int
     return;
   }
   if (shared->is_text("vt_integer_factor_1_to_n")) {
-    eh.not_implemented(text("code_levels_as vt_integer_factor_1_to_n of variable ", variable.name,
-                            " is not implemented"));
+    eh.not_implemented(
+        text("code_levels_as vt_integer_factor_1_to_n of variable ", variable.name, " is not implemented"));
     return;
   }
   const std::int64_t other = table.find(shared->text());
@@ -288,7 +293,8 @@ std::vector<std::int64_t> level_owners(const VARIABLE_TABLE& table)
 
 namespace {
 
-/// L_SHARE_DECLARED_LEVELS: gathers what the variables of each group declare at its first and hands it to all.
+/// L_SHARE_DECLARED_LEVELS: gathers what the variables of each group declare at its first and hands it to
+/// all.
 void L_SHARE_DECLARED_LEVELS(ERROR_HANDLER& eh, VARIABLE_TABLE& table)
 {
   const Frame here{eh, __func__};

@@ -1,5 +1,6 @@
 // The variables of the primary data set with their types, level counts and labels.
-// Routines: NEW_AIDTIN, PROCESS_NUMBER_OF_LEVELS, UPDATE_NUMBER_OF_LEVELS, CHECK_VARIABLE_NAME_VALIDITY, INITFLL, GET_LEVEL_NAME.
+// Routines: NEW_AIDTIN, PROCESS_NUMBER_OF_LEVELS, UPDATE_NUMBER_OF_LEVELS, CHECK_VARIABLE_NAME_VALIDITY,
+// INITFLL, GET_LEVEL_NAME.
 #pragma once
 
 #include <cstdint>
@@ -25,11 +26,11 @@ struct VARIABLE {
   std::int64_t indexed_from = 1;     // the number of the first label
   bool is_pedigree_factor = false;
   bool sort = false;
-  bool labels_fixed = false;         // factor_labels were given
-  std::string code_levels_as;        // empty: its own
-  std::string group;                 // empty: in none
-  std::int64_t levels = 0;           // level count in use; known for every factor once the data are read
-  LEVEL_TABLE labels;                // empty for a variate and for a coded factor without labels
+  bool labels_fixed = false;            // factor_labels were given
+  std::string code_levels_as;           // empty: its own
+  std::string group;                    // empty: in none
+  std::int64_t levels = 0;              // level count in use; known for every factor once the data are read
+  LEVEL_TABLE labels;                   // empty for a variate and for a coded factor without labels
   std::int64_t shares_levels_with = 0;  // row of the variable named by code_levels_as, 0: none
 
   bool is_factor() const { return type != FieldType::variate; }
@@ -49,25 +50,32 @@ struct VARIABLE_TABLE {
 /// NEW_AIDTIN: builds the variable table from a list of variable descriptions.
 ///   variables   the array node "variables" of the primary data (null: an error)
 /// Keys that ask for what isn't built (pedigree factors, groups, transformations, recoding) end with code 4.
-void NEW_AIDTIN(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode* variables, VARIABLE_TABLE& table);
+void NEW_AIDTIN(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode* variables,
+                VARIABLE_TABLE& table);
 
-/// PROCESS_NUMBER_OF_LEVELS: takes the declared level count or shares the levels of another variable of the table.
-void PROCESS_NUMBER_OF_LEVELS(ERROR_HANDLER& eh, VARIABLE_TABLE& table, std::int64_t row, JsonNode& description);
+/// PROCESS_NUMBER_OF_LEVELS: takes the declared level count or shares the levels of another variable of the
+/// table.
+void PROCESS_NUMBER_OF_LEVELS(ERROR_HANDLER& eh, VARIABLE_TABLE& table, std::int64_t row,
+                              JsonNode& description);
 
 /// UPDATE_NUMBER_OF_LEVELS: takes number_of_levels of a factor's description over.
 void UPDATE_NUMBER_OF_LEVELS(ERROR_HANDLER& eh, VARIABLE& variable, const JsonNode& description);
 
-/// CHECK_VARIABLE_NAME_VALIDITY: tells whether a name is legal for a variable; complains unless suppress is set.
-bool CHECK_VARIABLE_NAME_VALIDITY(ERROR_HANDLER& eh, const COMMUNICATION& communication, std::string_view name,
-                                  bool allow_reserved = false, bool suppress = false);
+/// CHECK_VARIABLE_NAME_VALIDITY: tells whether a name is legal for a variable; complains unless suppress is
+/// set.
+bool CHECK_VARIABLE_NAME_VALIDITY(ERROR_HANDLER& eh, const COMMUNICATION& communication,
+                                  std::string_view name, bool allow_reserved = false, bool suppress = false);
 
-/// For each variable, counted from 0, the first row (from 1) of those that share its levels: its own row when it shares none.
+/// For each variable, counted from 0, the first row (from 1) of those that share its levels: its own row when
+/// it shares none.
 std::vector<std::int64_t> level_owners(const VARIABLE_TABLE& table);
 
-/// INITFLL: checks factor_labels against the declared counts and hands both to the variables that share levels.
+/// INITFLL: checks factor_labels against the declared counts and hands both to the variables that share
+/// levels.
 void INITFLL(ERROR_HANDLER& eh, VARIABLE_TABLE& table);
 
-/// GET_LEVEL_NAME: the text of a level: its label, "NA" at or below the missing mark, or the number of a coded factor.
+/// GET_LEVEL_NAME: the text of a level: its label, "NA" at or below the missing mark, or the number of a
+/// coded factor.
 std::string GET_LEVEL_NAME(ERROR_HANDLER& eh, const VARIABLE& variable, std::int64_t level);
 
 }  // namespace tolvan

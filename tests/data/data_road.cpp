@@ -4,7 +4,8 @@
 
 namespace tolvan {
 
-void DataRoad::matrix(std::string_view name, std::int64_t rows, std::int64_t columns, const std::vector<double>& values)
+void DataRoad::matrix(std::string_view name, std::int64_t rows, std::int64_t columns,
+                      const std::vector<double>& values)
 {
   UDST_ADD(eh, datasets, name, values.data(), rows, columns);
 }

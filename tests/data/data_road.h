@@ -34,7 +34,8 @@ struct DataRoad {
   MODEL_INFO info;
   DESIGN_MTX design;
 
-  void matrix(std::string_view name, std::int64_t rows, std::int64_t columns, const std::vector<double>& values);
+  void matrix(std::string_view name, std::int64_t rows, std::int64_t columns,
+              const std::vector<double>& values);
   /// From the request's text to the filled data store.
   bool read(std::string_view json);
   /// On to the design.

@@ -16,17 +16,20 @@ std::string request(std::int64_t records, std::string_view model, std::string_vi
   return text(R"({"dataset":{"name":"d","storage_order":"so_row_major","number_of_observations":)", records,
               R"(,"variables":[{"name":"f","field_type":"vt_integer_factor_1_to_n","number_of_levels":3},
       {"name":"g","field_type":"vt_integer_factor_1_to_n","number_of_levels":2},
-      {"name":"x"},{"name":"w"},{"name":"y"}]},"model":{"response":"y",)", model, "}", more, "}");
+      {"name":"x"},{"name":"w"},{"name":"y"}]},"model":{"response":"y",)",
+              model, "}", more, "}");
 }
 
-void form(DataRoad& road, const std::vector<double>& values, std::string_view model, std::string_view more = "")
+void form(DataRoad& road, const std::vector<double>& values, std::string_view model,
+          std::string_view more = "")
 {
   const auto records = static_cast<std::int64_t>(values.size() / 5);
   road.matrix("d", records, 5, values);
   road.form(request(records, model, more));
 }
 
-/// The design rows from their definition: terms by name, each record's column told by the labels of its levels.
+/// The design rows from their definition: terms by name, each record's column told by the labels of its
+/// levels.
 std::string reference_rows(const DataRoad& road, const std::vector<std::vector<std::string>>& terms)
 {
   const std::map<std::string, std::int64_t> levels{{"f", 3}, {"g", 2}, {"units", road.store.records()}};
@@ -82,36 +85,42 @@ TEST(Design, AgreesWithItsDefinition)
   DataRoad road;
   form(road, values, R"("fixed":"x+f:x+g:f:x","random":"f:g+units+x:x+idv(g):f")", include);
   ASSERT_FALSE(road.eh.terminate()) << messages_text(road.eh);
-  EXPECT_EQ(road.design_rows(), reference_rows(road, {{"mu"}, {"x"}, {"f", "x"}, {"g", "f", "x"}, {"f", "g"},
-                                                      {"units"}, {"x", "x"}, {"g", "f"}}));
+  EXPECT_EQ(
+      road.design_rows(),
+      reference_rows(
+          road, {{"mu"}, {"x"}, {"f", "x"}, {"g", "f", "x"}, {"f", "g"}, {"units"}, {"x", "x"}, {"g", "f"}}));
   for (std::int64_t r = 0; r < road.design.rows(); ++r) {  // rising equations
     const auto e = road.design.equations(r);
     EXPECT_TRUE(std::adjacent_find(e.begin(), e.end(), std::greater_equal<>{}) == e.end());
   }
 }
 
-constexpr std::string_view dropped_text = " analysis records were dropped because the response variable was missing\n";
+constexpr std::string_view dropped_text =
+    " analysis records were dropped because the response variable was missing\n";
 constexpr std::string_view zeros_text =
     "9999/- they were treated as zeros, this may be reasonable if all covariates involved are centred\n";
 constexpr std::string_view annulled_text =
-    "3/- the analysis records involved have been annulled by converting the response (Y) to a missing value.\n"
+    "3/- the analysis records involved have been annulled by converting the response (Y) to a missing "
+    "value.\n"
     "9999/- you should set the missing value options if you wish missing values handled differently\n"
     "9999/- full records with missing values in the design variables should be dropped\n";
 constexpr std::string_view removed_text =
     " records were dropped because of missing values in design variables\n"
     "9999/- the analysis records involved have been excluded from analysis\n";
-constexpr std::string_view not_counting_text = "9999/- not counting instances where the response (Y) was also missing\n";
-constexpr std::string_view all_text = "9999/- they were all associated with missing values in the response variable\n";
+constexpr std::string_view not_counting_text =
+    "9999/- not counting instances where the response (Y) was also missing\n";
+constexpr std::string_view all_text =
+    "9999/- they were all associated with missing values in the response variable\n";
 
 TEST(Design, MissingValues)
 {
   // records: 1 whole, 2 f missing, 3 x missing, 4 f and x missing, 5 y missing, 6 f and y missing, 7 whole
-  const std::vector<double> values{1, 1, 10, 1, 1, NA, 1, 20, 1, 2, 3,  1, NA, 1,  3, NA, 2, NA, 1, 4,
-                                   2, 2, 50, 1, NA, NA, 2, 60, 1, NA, 3, 2, 70, 1, 7};
+  const std::vector<double> values{1, 1, 10, 1, 1,  NA, 1,  20, 1, 2,  3, 1,  NA, 1, 3,  NA, 2, NA,
+                                   1, 4, 2,  2, 50, 1,  NA, NA, 2, 60, 1, NA, 3,  2, 70, 1,  7};
   struct Row {
     std::string_view x;  // na_action
     bool mv;
-    std::string rows;    // design: mu 1, f 2-4, x 5, then mv
+    std::string rows;  // design: mu 1, f 2-4, x 5, then mv
     std::string told;
   };
   const Row table[] = {
@@ -127,8 +136,8 @@ TEST(Design, MissingValues)
       {"omit", true, "1:1 2:1 5:10 | 1\n1:1 3:1 5:50 6:-1 | 0\n1:1 4:1 5:70 | 7\n",
        text("2/- 4", removed_text, not_counting_text)},
       {"fail", false, "1:1 2:1 5:10 | 1\n1:1 4:1 5:70 | 7\n",
-       text("1/- 5", dropped_text, "1/- 4 missing value(s) detected in the design variables:\n", annulled_text,
-            not_counting_text)},
+       text("1/- 5", dropped_text, "1/- 4 missing value(s) detected in the design variables:\n",
+            annulled_text, not_counting_text)},
       {"fail", true,
        "1:1 2:1 5:10 | 1\n1:1 5:20 6:-1 | 0\n1:1 4:1 7:-1 | 0\n1:1 8:-1 | 0\n1:1 3:1 5:50 9:-1 | 0\n"
        "1:1 5:60 10:-1 | 0\n1:1 4:1 5:70 | 7\n",
@@ -150,9 +159,10 @@ TEST(Design, MissingOnlyTogether)
 {
   const std::vector<double> values{1, 1, NA, 1, NA, 2, 1, 3, 1, 4, 3, 2, 5, 1, 6};
   const std::string one = "1/- 1 missing value(s) detected in the design variables:\n";
-  for (const auto& [x, told] : {std::pair<std::string, std::string>{"include", text(one, zeros_text, all_text)},
-                                {"omit", text(one, all_text)},
-                                {"fail", text(one, all_text)}}) {
+  for (const auto& [x, told] :
+       {std::pair<std::string, std::string>{"include", text(one, zeros_text, all_text)},
+        {"omit", text(one, all_text)},
+        {"fail", text(one, all_text)}}) {
     DataRoad road;
     form(road, values, R"("fixed":"x")", text(R"(,"na_action":{"x":")", x, "\"}"));
     EXPECT_EQ(messages_text(road.eh), text("1/- 1", dropped_text, told)) << x;
@@ -168,7 +178,8 @@ TEST(Design, FewRecords)
 {
   DataRoad none;
   form(none, {1, 1, 1, 1, NA, 2, 1, 1, 1, NA}, R"("fixed":"f")");
-  EXPECT_EQ(messages_text(none.eh), text("1/- 2", dropped_text, "!4/3 no records included in the design matrix\n"));
+  EXPECT_EQ(messages_text(none.eh),
+            text("1/- 2", dropped_text, "!4/3 no records included in the design matrix\n"));
   DataRoad estimated;  // all of them: nothing is observed
   form(estimated, {1, 1, 1, 1, NA, 2, 1, 1, 1, NA}, R"("fixed":"f","sparse":"mv")");
   EXPECT_TRUE(has_message(estimated.eh, "no records included in the design matrix"));
@@ -202,10 +213,12 @@ TEST(Design, Refusals)
 {
   DataRoad above;
   form(above, {1, 1, 1, 1, 1, 4, 1, 1, 1, 2, 5, 1, 1, 1, 3}, R"("fixed":"g","random":"g:f")");
-  EXPECT_TRUE(has_message(above.eh, "misspecification of model term g:f, actual number of levels exceeds the number "
-                                    "declared [3], after processing 2 of 3 records"));
+  EXPECT_TRUE(has_message(above.eh,
+                          "misspecification of model term g:f, actual number of levels exceeds the number "
+                          "declared [3], after processing 2 of 3 records"));
   EXPECT_TRUE(has_message(above.eh, "level 4 of f in data record 2"));
-  EXPECT_TRUE(has_message(above.eh, "the delared number of levels for f should be increased from 3 to about 5"));
+  EXPECT_TRUE(
+      has_message(above.eh, "the delared number of levels for f should be increased from 3 to about 5"));
   EXPECT_TRUE(above.eh.terminate());
 
   DataRoad unused;  // the factor isn't in the model
@@ -220,8 +233,8 @@ TEST(Design, Refusals)
   form(miscount, {1, 1, 1, 1, 1, 2, 1, 1, 1, 2}, R"("fixed":"f")");
   ERROR_HANDLER eh;
   miscount.terms.rows.back().equations = 2;
-  AIDSGN(eh, miscount.options, miscount.variables, miscount.store, miscount.factors, miscount.terms, miscount.info,
-         miscount.design);
+  AIDSGN(eh, miscount.options, miscount.variables, miscount.store, miscount.factors, miscount.terms,
+         miscount.info, miscount.design);
   EXPECT_TRUE(has_message(eh, "issue forming the design matrix (f), "));
 }
 

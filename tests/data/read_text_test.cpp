@@ -26,9 +26,11 @@ struct FileRoad : DataRoad {
   {
     std::string all = messages_text(eh);
     const std::string folder_name = folder.path("");
-    for (std::size_t at; (at = all.find(folder_name)) != std::string::npos;) all.erase(at, folder_name.size());
+    for (std::size_t at; (at = all.find(folder_name)) != std::string::npos;)
+      all.erase(at, folder_name.size());
     const std::string note = "1/- reading f.csv as FREE FORMAT skipping ";
-    if (const std::size_t at = all.find(note); at != std::string::npos) all.erase(at, all.find('\n', at) + 1 - at);
+    if (const std::size_t at = all.find(note); at != std::string::npos)
+      all.erase(at, all.find('\n', at) + 1 - at);
     return all;
   }
 };
@@ -37,8 +39,9 @@ TEST(ReadText, RoadToTheDesign)
 {
   FileRoad road;
   const std::string path = road.folder.file("f.csv", "gen,rep,yield\nA,1,5.2\nB,1,NA\nA,2,6.1\nB,2,5.7\n");
-  const std::string json = text(R"({"data_file":{"name":")", path, R"(","type":"ft_csv","skip":1},)", three_variables,
-                                R"(,"model":{"response":"yield","fixed":"gen","random":"rep"})");
+  const std::string json =
+      text(R"({"data_file":{"name":")", path, R"(","type":"ft_csv","skip":1},)", three_variables,
+           R"(,"model":{"response":"yield","fixed":"gen","random":"rep"})");
   ASSERT_TRUE(road.form(json + "}")) << messages_text(road.eh);
   EXPECT_EQ(road.rows(), "1 1 5.2\n2 1 NA\n1 2 6.1\n2 2 5.7\n");
   EXPECT_EQ(road.labels("gen"), "A B");
@@ -68,15 +71,17 @@ TEST(ReadText, Fields)
       "1/- # is honoured as a special white-out character in data file\n"
       "9999/- Use !SPECIALCHAR to treat # as normal character in data file\n";
   const Row table[] = {
-      {"A,1,5\nB,2,6", "1 1 5\n2 2 6\n", "A B"},                                   // no end of the last line
+      {"A,1,5\nB,2,6", "1 1 5\n2 2 6\n", "A B"},  // no end of the last line
       {"A,1,5\r\nB,2,6\r\n", "1 1 5\n2 2 6\n", "A B"},
-      {"\n A , 1 ,\t5 \n\n  \nB,2,6,\n", "1 1 5\n2 2 6\n", "A B"},                 // blanks around, blank lines
+      {"\n A , 1 ,\t5 \n\n  \nB,2,6,\n", "1 1 5\n2 2 6\n", "A B"},  // blanks around, blank lines
       {"A,NA,na\n*,.,\n,,\nNa,1,2\n", "1 NA NA\nNA NA NA\nNA NA NA\n2 1 2\n", "A Na"},
       {"A,1,-.5e1\nA,+1,+5.\nA,1.0,1d2\nA,1,1e-400\n", "1 1 -5\n1 1 5\n1 1 100\n1 1 0\n", "A"},
-      {"\"A,1\",1,5\n\"say \"\"B\"\"\",2,\"6\"\n\"\",1,7\n", "1 1 5\n2 2 6\nNA 1 7\n", "A,1 say_\"B\"", blanks},
+      {"\"A,1\",1,5\n\"say \"\"B\"\"\",2,\"6\"\n\"\",1,7\n", "1 1 5\n2 2 6\nNA 1 7\n", "A,1 say_\"B\"",
+       blanks},
       {"New York,1,5\n\"New  York\",1,5\n", "1 1 5\n2 1 5\n", "New_York New__York", blanks},
       {"A,1,5 # remark\n# a whole line\n\"B#\",1,6\n", "1 1 5\n2 1 6\n", "A B#", remarks},
-      {"!SPECIALCHAR\nA#1,1,5\n", "1 1 5\n", "A#1", "1/- # is treated as a normal alpha character in data file\n"},
+      {"!SPECIALCHAR\nA#1,1,5\n", "1 1 5\n", "A#1",
+       "1/- # is treated as a normal alpha character in data file\n"},
       {"A,1,&\n5\nB,2,6\n!STOP\nC,3\n", "1 1 5\n2 2 6\n", "A B"},
       {"A;1;1,5\nB;2;-,5\nA;1;2\n", "1 1 1.5\n2 2 -0.5\n1 1 2\n", "A B",
        "1/- CSV file appears to be \";\" delimited by: 1,5, treated as DSV with , interpreted as .\n"},
@@ -88,7 +93,8 @@ TEST(ReadText, Fields)
   };
   for (const Row& row : table) {
     FileRoad road;
-    EXPECT_TRUE(road.read_file(text("gen,rep,yield\n", row.contents))) << row.contents << messages_text(road.eh);
+    EXPECT_TRUE(road.read_file(text("gen,rep,yield\n", row.contents)))
+        << row.contents << messages_text(road.eh);
     EXPECT_EQ(road.rows(), row.rows) << row.contents;
     EXPECT_EQ(road.labels("gen"), row.labels) << row.contents;
     EXPECT_EQ(road.told(), row.told) << row.contents;
@@ -121,8 +127,9 @@ TEST(ReadText, LevelsAndColumns)
   EXPECT_EQ(numbered.rows(), "2 1 9\n4 2 8\n4 2 7\n");
 
   FileRoad unknown;  // a label that was not declared
-  ASSERT_TRUE(unknown.read_file("p\nr\n", R"("variables":[{"name":"s","field_type":"vt_string_factor","factor_labels":["p","q"]}])",
-                                R"("type":"ft_csv")"));
+  ASSERT_TRUE(unknown.read_file(
+      "p\nr\n", R"("variables":[{"name":"s","field_type":"vt_string_factor","factor_labels":["p","q"]}])",
+      R"("type":"ft_csv")"));
   EXPECT_EQ(unknown.rows(), "1\n3\n");
   EXPECT_EQ(unknown.told(), "3/- the delared number of levels for s should be increased from 2 to about 3\n");
 }
@@ -141,14 +148,18 @@ TEST(ReadText, Skipping)
       {R"("skip":9)", "", "!4/3 unable to skip 9 lines in f.csv\n"},
       {R"("skip":"title:1")", "", "!4/3 error at field [1] of record 1 [line 2\n"},
       {R"("skip":"dat:2")", "2\n",
-       "1/- reading f.csv as FREE FORMAT skipping 0 lines\n9999/- and all lines up to and including 2 instance of \"dat\n"},
+       "1/- reading f.csv as FREE FORMAT skipping 0 lines\n9999/- and all lines up to and including 2 "
+       "instance of \"dat\n"},
       {R"("skip":"none")", "", "!4/3 failed to find  none\n"},
-      {R"("skip":-2)", "", "!4/3 invalid value supplied for data_file.skip, was expecting one of: a number of lines or a text, supplied value = -2\n"},
+      {R"("skip":-2)", "",
+       "!4/3 invalid value supplied for data_file.skip, was expecting one of: a number of lines or a text, "
+       "supplied value = -2\n"},
       {R"("skip":2,"rrec":1)", "1\n", ""},
   };
   for (const Row& row : table) {
     FileRoad road;
-    const bool done = road.read_file(contents, R"("variables":[{"name":"x"}])", text(R"("type":"ft_csv",)", row.keys));
+    const bool done =
+        road.read_file(contents, R"("variables":[{"name":"x"}])", text(R"("type":"ft_csv",)", row.keys));
     EXPECT_EQ(done, !row.rows.empty()) << row.keys;
     if (done) {
       EXPECT_EQ(road.rows(), row.rows);
@@ -186,20 +197,25 @@ TEST(ReadText, Complaints)
        "9999/3 context of read error: gen,rep,yield\n"
        "!4/3 data input was aborted after reading 0 records, 0 lines remain in the data file\n"},
       {"A,1\n", "9999/3 variable yield: the line has too few fields\n"},
-      {"A\n", "!4/3 line [A ...] does not have CSV structure as expected\n9999/- at line 2 of f.csv, 3 fields are needed\n"},
+      {"A\n",
+       "!4/3 line [A ...] does not have CSV structure as expected\n9999/- at line 2 of f.csv, 3 fields are "
+       "needed\n"},
       {"A,1.5,1\n", "9999/3 variable rep: \"1.5\" is not a level"},
       {"A,1e30,1\n", "9999/3 variable rep: \"1e30\" is not a level"},
       {"A,1,1.5.2\n", "9999/3 variable yield: \"1.5.2\" is not a number\n"},
       {"A,1,1 2\n", "9999/3 variable yield: \"1 2\" is not a number\n"},
       {"A,1,1e\n", "9999/3 variable yield: \"1e\" is not a number\n"},
       {"A,1,inf\n", "9999/3 variable yield: \"inf\" is not a finite number\n"},
-      {"A,1,5\nA,1,-Infinity\n", "!4/3 error at field [3] of record 2 [line 3\n9999/3 variable yield: \"-Infinity\" is not a finite number\n"},
+      {"A,1,5\nA,1,-Infinity\n",
+       "!4/3 error at field [3] of record 2 [line 3\n9999/3 variable yield: \"-Infinity\" is not a finite "
+       "number\n"},
       {"A,1,nan\n", "9999/3 variable yield: \"nan\" is not a finite number\n"},
       {"A,1,1e999\n", "9999/3 variable yield: \"1e999\" is not a finite number\n"},
       {"A,1,0.001e312\n", "9999/3 variable yield: \"0.001e312\" is not a finite number\n"},
       {"A,1,-1d999999999999999999999\n", "is not a finite number\n"},
-      {"A,1,\"5\n", "!4/3 unexpected LineFeed character in character string\n9999/3 at character 7 of line 2\n"
-                    "9999/3 you probably need to convert the file from Unix ASCII to PC ASCII format\n"},
+      {"A,1,\"5\n",
+       "!4/3 unexpected LineFeed character in character string\n9999/3 at character 7 of line 2\n"
+       "9999/3 you probably need to convert the file from Unix ASCII to PC ASCII format\n"},
       {"A,1,5\n!CALL x\n", "!4/3 no longer supporting the !CALL directive\n9999/3 at line 3 of f.csv\n"},
       {"!include x\n", "!4/4 the directive !INCLUDE in a data file is not implemented\n"},
       {" !what\n", "!4/3 unrecognised qualifier at character 2\n"},
@@ -210,16 +226,20 @@ TEST(ReadText, Complaints)
     std::string told = road.told();
     for (std::size_t at; (at = told.find("9999/- ")) != std::string::npos;) told.replace(at, 7, "9999/3 ");
     std::string expected(row.told);
-    for (std::size_t at; (at = expected.find("9999/- ")) != std::string::npos;) expected.replace(at, 7, "9999/3 ");
+    for (std::size_t at; (at = expected.find("9999/- ")) != std::string::npos;)
+      expected.replace(at, 7, "9999/3 ");
     EXPECT_NE(told.find(expected), std::string::npos) << row.contents << "\n" << told;
   }
   FileRoad large;
-  EXPECT_FALSE(large.read_file("3000000000,1\n", R"("variables":[{"name":"f","field_type":"vt_integer_factor_1_to_n"},{"name":"y"}])",
-                               R"("type":"ft_csv")"));
-  EXPECT_TRUE(has_message(large.eh, "increase the number of levels declared for factor f and any other large factors"));
+  EXPECT_FALSE(large.read_file(
+      "3000000000,1\n", R"("variables":[{"name":"f","field_type":"vt_integer_factor_1_to_n"},{"name":"y"}])",
+      R"("type":"ft_csv")"));
+  EXPECT_TRUE(has_message(large.eh,
+                          "increase the number of levels declared for factor f and any other large factors"));
   FileRoad zero;
-  EXPECT_FALSE(zero.read_file("1,1\n0,1\n", R"("variables":[{"name":"f","field_type":"vt_integer_factor_1_to_n"},{"name":"y"}])",
-                              R"("type":"ft_csv")"));
+  EXPECT_FALSE(zero.read_file(
+      "1,1\n0,1\n", R"("variables":[{"name":"f","field_type":"vt_integer_factor_1_to_n"},{"name":"y"}])",
+      R"("type":"ft_csv")"));
   EXPECT_TRUE(has_message(zero.eh, "variable f: \"0\" is not a level, levels are whole numbers from 1"));
 }
 
@@ -235,11 +255,13 @@ TEST(ReadText, KeysOfTheFile)
       {R"({"name":".","type":"ft_csv"})", "!4/2 unable to open file .\n"},
       {R"({"name":"a.csv","type":"ft_text"})", "!4/4 data_file type ft_text is not implemented\n"},
       {R"({"name":"a.csv","type":"ft_xls"})",
-       "!4/3 invalid value supplied for data_file.type, was expecting one of: ft_csv or ft_text, supplied value = ft_xls\n"},
+       "!4/3 invalid value supplied for data_file.type, was expecting one of: ft_csv or ft_text, supplied "
+       "value = ft_xls\n"},
       {R"({"name":"a.txt"})", "!4/4 data_file type ft_text, taken for a.txt, is not implemented\n"},
       {R"({"name":"a.BIN"})", "!4/4 reading the binary data file a.BIN is not implemented\n"},
       {R"({"name":"a.csv","save":2})", "!4/4 the key save of data_file is not implemented\n"},
-      {R"({"name":"a.csv","filter":"x","select":1})", "!4/4 the key filter of data_file is not implemented\n"},
+      {R"({"name":"a.csv","filter":"x","select":1})",
+       "!4/4 the key filter of data_file is not implemented\n"},
       {R"({"name":"a.csv","exclude":"x"})", "!4/4 the key exclude of data_file is not implemented\n"},
       {R"x({"name":"a.csv","format":"(F8.2)"})x", "!4/4 the key format of data_file is not implemented\n"},
       {R"({"name":"a.csv","recode":true})", "!4/4 the key recode of data_file is not implemented\n"},
@@ -251,7 +273,8 @@ TEST(ReadText, KeysOfTheFile)
   };
   for (const Row& row : table) {
     DataRoad road;
-    EXPECT_FALSE(road.read(text(R"({"data_file":)", row.file, R"(,"variables":[{"name":"x"}]})"))) << row.file;
+    EXPECT_FALSE(road.read(text(R"({"data_file":)", row.file, R"(,"variables":[{"name":"x"}]})")))
+        << row.file;
     EXPECT_EQ(messages_text(road.eh).substr(0, row.expected.size()), row.expected);
   }
   DataRoad bare;
@@ -268,7 +291,8 @@ TEST(ReadText, LongLines)
     variables += text(k > 1 ? "," : "", R"({"name":"v)", k, R"("})");
   }
   FileRoad road;
-  ASSERT_TRUE(road.read_file(line + "\n" + line, variables + "]", R"("type":"ft_csv")")) << messages_text(road.eh);
+  ASSERT_TRUE(road.read_file(line + "\n" + line, variables + "]", R"("type":"ft_csv")"))
+      << messages_text(road.eh);
   EXPECT_EQ(road.store.records(), 2);
   EXPECT_EQ(road.store.row(1)[2999], 3000.0);
 }
@@ -299,7 +323,8 @@ TEST(ReadText, CutAtEveryByte)
 {
   const TempFolder folder;
   const std::string path = folder.file("damaged.csv", whole_file);
-  for (std::size_t n = 0; n <= whole_file.size(); ++n) read_damaged(path, std::string(whole_file.substr(0, n)));
+  for (std::size_t n = 0; n <= whole_file.size(); ++n)
+    read_damaged(path, std::string(whole_file.substr(0, n)));
 }
 
 TEST(ReadText, MutatedBytes)
@@ -307,16 +332,26 @@ TEST(ReadText, MutatedBytes)
   const TempFolder folder;
   const std::string path = folder.file("damaged.csv", whole_file);
   std::mt19937 random(20240611);
-  constexpr std::string_view spice = ",;\"#&!\n\r\t \0\x80\xFF" "0e.-+NA*";
+  constexpr std::string_view spice =
+      ",;\"#&!\n\r\t \0\x80\xFF"
+      "0e.-+NA*";
   for (int round = 0; round < 3000; ++round) {
     std::string contents(whole_file);
     for (int k = static_cast<int>(random() % 6); k >= 0; --k) {
       const std::size_t at = random() % contents.size();
       switch (random() % 4) {
-        case 0: contents[at] = spice[random() % spice.size()]; break;
-        case 1: contents.erase(at, random() % 4 + 1); break;
-        case 2: contents.insert(at, 1, spice[random() % spice.size()]); break;
-        default: contents[at] = static_cast<char>(random() % 256); break;
+        case 0:
+          contents[at] = spice[random() % spice.size()];
+          break;
+        case 1:
+          contents.erase(at, random() % 4 + 1);
+          break;
+        case 2:
+          contents.insert(at, 1, spice[random() % spice.size()]);
+          break;
+        default:
+          contents[at] = static_cast<char>(random() % 256);
+          break;
       }
       if (contents.empty()) contents = "x";
     }
