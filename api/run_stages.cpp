@@ -1,6 +1,7 @@
 // The table of stages and the stages that set a run up; the stages from the data on are in model_stages.cpp.
 #include "api/run_stages.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 
@@ -79,9 +80,20 @@ void pedigrees(ERROR_HANDLER& eh, CORE_DATA& core) { refuse_key(eh, core.request
 
 void level_tables(ERROR_HANDLER& eh, CORE_DATA& core) { INITFLL(eh, core.variables); }
 
+/// True for matrices that are none of a file: vm() makes such entries itself, and is refused by its own name.
+bool all_matrices_are_data(const JsonNode& list)
+{
+  return list.is(JsonType::array) && !list.packed() &&
+         std::all_of(list.children().begin(), list.children().end(), [](const auto& entry) {
+           const JsonNode* type = entry->find("type");
+           return type != nullptr && type->is_text("ft_data");
+         });
+}
+
 void relationship_files(ERROR_HANDLER& eh, CORE_DATA& core)
 {
-  refuse_key(eh, core.request, "grm_file");
+  const JsonNode* matrices = core.request.find("grm_file");
+  if (matrices != nullptr && !all_matrices_are_data(*matrices)) refuse_key(eh, core.request, "grm_file");
   refuse_key(eh, core.request, "marker_file");
 }
 

@@ -1,4 +1,6 @@
 // Which data are the primary ones.  Routine: GET_PRIMARY_DATA_DESCRIPTION.
+#include <algorithm>
+
 #include "base/text.h"
 #include "data/read_data.h"
 #include "data/request_values.h"
@@ -62,12 +64,29 @@ void L_DESCRIBE_FILE(ERROR_HANDLER& eh, JsonNode& request, PRIMARY_DATA& primary
   }
   primary.data_file = file;
   const JsonNode* model = request.find("model");
-  for (const JsonNode* place : {static_cast<const JsonNode*>(&request), model, static_cast<const JsonNode*>(file)}) {
+  for (const JsonNode* place :
+       {static_cast<const JsonNode*>(&request), model, static_cast<const JsonNode*>(file)}) {
     if (place == nullptr || given_value(*place, "variables") == nullptr) continue;
     primary.variables = place->find("variables");
     return;
   }
   REPORT_JSON_ERROR(eh, request, "variables");
+}
+
+/// Descriptions in the order in which their matrices came, behind them those without a matrix.
+std::vector<const JsonNode*> in_order_of_store(std::vector<const JsonNode*> descriptions,
+                                               const USER_DATASET_STORE& store)
+{
+  const auto place = [&store](const JsonNode* description) {
+    const JsonNode* name = given_value(*description, "name");
+    const USER_DATASET* data = store.find(name != nullptr ? name->text() : std::string());
+    return std::find_if(store.datasets.begin(), store.datasets.end(),
+                        [data](const USER_DATASET& d) { return &d == data; }) -
+           store.datasets.begin();
+  };
+  std::stable_sort(descriptions.begin(), descriptions.end(),
+                   [&place](const JsonNode* a, const JsonNode* b) { return place(a) < place(b); });
+  return descriptions;
 }
 
 /// L_DESCRIBE_MATRIX: binds the first dataset that holds the response.
@@ -84,7 +103,7 @@ void L_DESCRIBE_MATRIX(ERROR_HANDLER& eh, const JsonNode& request, const USER_DA
   const std::string response = response_name(request);
   const JsonNode* chosen = response.empty() ? descriptions.front() : nullptr;
   std::string chosen_name;
-  for (const JsonNode* description : descriptions) {
+  for (const JsonNode* description : in_order_of_store(descriptions, store)) {
     USER_DATASET_INFO info;
     UDIT_FROM_JSON(eh, *description, info);
     if (eh.terminate()) return;

@@ -89,6 +89,23 @@ bool is_variable_argument(const MODEL_ARG_INFO& argument)
          (argument.NAME == "variable_name" || argument.NAME == "x" || argument.NAME == "y");
 }
 
+/// L_CHECK_TERM_FORM: complains of a term that is given in two forms, or whose drop is no logical.
+void L_CHECK_TERM_FORM(ERROR_HANDLER& eh, const JsonNode& term)
+{
+  const Frame here{eh, __func__};
+  if (const JsonNode* drop = term.find("drop");
+      drop != nullptr && !drop->is(JsonType::logical) && !drop->is(JsonType::null)) {
+    REPORT_JSON_ERROR(eh, *drop, {"true", "false"});
+    return;
+  }
+  std::vector<std::string> forms;
+  for (const char* form : {"term_name", "interaction", "function", "linked"})
+    if (term.find(form) != nullptr) forms.emplace_back(form);
+  const bool linked_by_function = forms.size() == 2 && forms[0] == "function" && forms[1] == "linked";
+  if (forms.size() > 1 && !linked_by_function)
+    eh.error(text(json_path(term), " has more than one form of a term: ", join(forms, ", ")));
+}
+
 /// L_HANDLE_FUNCTION_ARGUMENTS: puts the arguments in declared order and completes them.
 void L_HANDLE_FUNCTION_ARGUMENTS(ERROR_HANDLER& eh, JsonNode& function, const MODEL_FUN_INFO& info)
 {
@@ -162,6 +179,8 @@ void L_STANDARDISE_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communicatio
       set_term_value(eh, communication, value);
       if (eh.terminate()) return;
     }
+    L_CHECK_TERM_FORM(eh, value);
+    if (eh.terminate()) return;
     const TermPlace within{.part = place.part, .in_function = true, .depth = place.depth + 1};
     if (value.find("function") != nullptr) {
       API_PROCESS_MODEL_FUNCTION(eh, communication, root, value, within);
@@ -210,6 +229,8 @@ void API_PROCESS_MODEL_FUNCTIONS(ERROR_HANDLER& eh, const COMMUNICATION& communi
   if (list.packed()) list.unpack();
   for (const auto& term : list.children()) {
     if (term->is(JsonType::string)) continue;
+    L_CHECK_TERM_FORM(eh, *term);
+    if (eh.terminate()) return;
     bool known = !plain_name(*term).empty() || term->find("function") != nullptr;
     for (std::string_view key : {"interaction", "linked"}) {
       JsonNode* inner = term->find(key);

@@ -91,6 +91,11 @@ void L_EXPAND_RESPONSE(ERROR_HANDLER& eh, const COMMUNICATION& communication, Js
   JsonNode& terms = *node.find("terms");
   API_PROCESS_MODEL_FUNCTIONS(eh, communication, root, terms, {.part = "response"});
   if (eh.terminate()) return;
+  for (const auto& term : terms.children()) {
+    if (!has_flag(*term, "drop")) continue;
+    eh.error(text("the response variable, ", GET_FACNAME_FROM_JPTR(eh, communication, *term), ", can not be dropped"));
+    return;
+  }
   if (terms.size() == 1) terms.replace_with(terms.detach(terms.children().front().get()));
 }
 
@@ -131,7 +136,9 @@ void API_EXPAND_MODEL_PART(ERROR_HANDLER& eh, const COMMUNICATION& communication
   }
   JsonNode& terms = *node.find("terms");
   if (part == "fixed") L_ADD_INTERCEPT(eh, communication, terms);
-  if (terms.size() == 0) eh.internal("not expecting to get here with no terms");
+  if (terms.size() > 0) return;
+  eh.error("not expecting to get here with no terms");
+  eh.continuation(text(json_path(node), " names none"));
 }
 
 void API_EXPAND_MODEL_PARTS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root,
@@ -199,7 +206,7 @@ void API_EXPAND_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communication, Jso
     } else if (key == "family") {
       API_EXPAND_FAMILY(eh, communication, *child);
     } else if (std::find(std::begin(other_keys), std::end(other_keys), key) == std::end(other_keys)) {
-      eh.warning(text(json_path(*child), " is not a recognised key"));
+      eh.error(text(json_path(*child), " is not a recognised key"));  // a part that is misspelt would be lost
     }
     if (eh.terminate()) return;
   }

@@ -56,6 +56,8 @@ std::string text_as_written(const COMMUNICATION& communication, const JsonNode& 
 void API_DROP_DUPLICATE_TERMS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& list,
                               std::string_view part);
 
+/// WARN_OF_UNKNOWN_KEYS: tells the keys of datasets, data file, initial values and terms that nothing reads.
+void WARN_OF_UNKNOWN_KEYS(ERROR_HANDLER& eh, const JsonNode& root);
 /// API_EXPAND_DATASETS: gathers the datasets into one list.
 void API_EXPAND_DATASETS(ERROR_HANDLER& eh, JsonNode& root);
 /// API_EXPAND_WALD: turns the tests asked for into options.

@@ -188,7 +188,7 @@ void API_EXPAND_PREDICT(ERROR_HANDLER& eh, const COMMUNICATION& communication, J
     } else if (among(child->name, factor_lists)) {
       L_EXPAND_FACTOR_LIST(eh, communication, root, *child);
     } else if (!among(child->name, other_keys)) {
-      eh.warning(text(json_path(*child), " is not a recognised key"));
+      eh.error(text(json_path(*child), " is not a recognised key"));
     }
     if (eh.terminate()) return;
   }

@@ -48,13 +48,13 @@ int word_of(ERROR_HANDLER& eh, const JsonNode& object, std::string_view key,
   return -1;
 }
 
-void warn_of_unknown_keys(ERROR_HANDLER& eh, const JsonNode& object,
+void refuse_unknown_keys(ERROR_HANDLER& eh, const JsonNode& object,
                           std::initializer_list<std::string_view> known)
 {
   for (const auto& child : object.children()) {
     bool found = false;
     for (std::string_view key : known) found = found || child->name == key;
-    if (!found) eh.warning(text(json_path(*child), " is not a recognised key"));
+    if (!found) eh.error(text(json_path(*child), " is not a recognised key"));
   }
 }
 
@@ -107,7 +107,8 @@ void API_EXPAND_WALD(ERROR_HANDLER& eh, JsonNode& root, JsonNode& options)
     REPORT_JSON_ERROR(eh, *wald, {"an object"});
     return;
   }
-  warn_of_unknown_keys(eh, *wald, {"den_df", "ss_type", "f_test"});
+  refuse_unknown_keys(eh, *wald, {"den_df", "ss_type", "f_test"});
+  if (eh.terminate()) return;
   constexpr std::int64_t ddf[] = {-1, 1, 2};
   if (const int k = word_of(eh, *wald, "den_df", {"none", "numeric", "algebraic"}); k >= 0)
     set_key(options, "ddf", ddf[k]);
@@ -135,7 +136,8 @@ void API_EXPAND_NA_ACTION(ERROR_HANDLER& eh, const COMMUNICATION& communication,
     REPORT_JSON_ERROR(eh, *policy, {"an object"});
     return;
   }
-  warn_of_unknown_keys(eh, *policy, {"x", "y"});
+  refuse_unknown_keys(eh, *policy, {"x", "y"});
+  if (eh.terminate()) return;
   constexpr const char* of_x[] = {"mv_remove", "mv_include", "mv_fail"};
   const int x = word_of(eh, *policy, "x", {"omit", "include", "fail"});
   if (eh.terminate()) return;
@@ -192,6 +194,7 @@ void API_STANDARDISE_AND_EXPAND_JSON(ERROR_HANDLER& eh, const COMMUNICATION& com
     if (eh.terminate()) return;
   }
   if (options->size() == 0) root->detach(options);
+  WARN_OF_UNKNOWN_KEYS(eh, *root);
 }
 
 }  // namespace tolvan

@@ -1,6 +1,7 @@
 #include "model/formula_nodes.h"
 
 #include <algorithm>
+#include <cmath>
 #include <memory>
 
 #include "base/text.h"
@@ -26,6 +27,29 @@ bool is_quoted(std::string_view s)
 std::string_view unquoted(std::string_view s)
 {
   return is_quoted(s) ? s.substr(1, s.size() - 2) : s;
+}
+
+/// What is written as a number but is none that can be computed with: nan, inf, 1e400, 1e-400.
+bool is_unusable_number(std::string_view s)
+{
+  double x = 0.0;
+  if (read_real(s, x)) return !std::isfinite(x);
+  const auto digits = [&s] {
+    const std::size_t n = std::min(s.find_first_not_of("0123456789"), s.size());
+    s.remove_prefix(n);
+    return n;
+  };
+  const auto skip = [&s](std::string_view one_of) {
+    if (!s.empty() && one_of.find(s.front()) != std::string_view::npos) s.remove_prefix(1);
+  };
+  skip("+-");
+  std::size_t mantissa = digits();
+  skip(".");
+  mantissa += digits();
+  if (mantissa == 0 || s.empty() || (s.front() != 'e' && s.front() != 'E')) return false;
+  s.remove_prefix(1);
+  skip("+-");
+  return digits() > 0 && s.empty();
 }
 
 JsonNode& add_key(JsonNode& parent, std::string_view key, JsonType type)
@@ -64,6 +88,7 @@ bool set_vector(JsonNode& node, std::string_view s, char separator, std::int64_t
       std::all_of(pieces.begin(), pieces.end(), [](const std::string& p) { return is_numeric(trim(p)); });
   for (const std::string& piece : pieces) {
     const std::string_view element = trim(piece);
+    if (is_unusable_number(element)) return false;
     std::int64_t i = 0;
     double x = 0.0;
     if (numbers) {
@@ -106,6 +131,8 @@ void L_ADD_ARGUMENT_VALUE(ERROR_HANDLER& eh, const COMMUNICATION& communication,
       });
   bool good = true;
   if (s.empty() || ((s[0] == '"' || s[0] == '\'') && !is_quoted(s))) {
+    good = false;
+  } else if (!raw && is_unusable_number(s)) {
     good = false;
   } else if (raw) {
     argument.add_value("value", std::string(unquoted(s)));

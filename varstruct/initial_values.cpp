@@ -16,6 +16,8 @@ namespace tolvan {
 
 namespace {
 
+constexpr double largest_ratio = 1e12;  // of a variance to the residual's
+
 /// A qualifier on the term node or inside its `initial_values` object; null when neither has it.
 const JsonNode* qualifier(const JsonNode& term, std::string_view key)
 {
@@ -152,6 +154,24 @@ void L_SET_PARAMETERS(ERROR_HANDLER& eh, const IVALUE_DATA& data, const std::str
   if (refused) REFUSE_PROFILED_RESIDUAL(eh, term);
 }
 
+/// L_CHECK_VALUES: complains of starting values that no iteration can begin with.
+void L_CHECK_VALUES(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, double unit)
+{
+  const Frame here{eh, __func__};
+  for (const VARIANCE_PARAMETER& p : model.parameters) {
+    const std::string given = text("the initial value ", p.value, " of ", p.label);
+    const bool positive = p.constraint == Constraint::P || p.constraint == Constraint::Z || p.constraint == Constraint::none;
+    if (!std::isfinite(p.value)) {
+      eh.error(text(given, " is not a finite number"));
+    } else if (std::fabs(p.value) > largest_ratio * unit) {
+      eh.error(text(given, " is too large: against it the residual variance would be lost in rounding"));
+    } else if (p.role == ParamRole::variance && positive && p.value < 0.0) {
+      eh.error(text(given, " is below zero: give a value above zero, or the constraint U"));
+    }
+    if (eh.terminate()) return;
+  }
+}
+
 /// The one term of the request's residual, which has no row in the term table; null without one.
 const JsonNode* residual_term(const JsonNode& request)
 {
@@ -203,6 +223,10 @@ void FORCE_GAMMA_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& request, cons
                                 const TERM_TABLE& terms, VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
+  // Absolute values are as large as the response makes them; ratios have no unit.
+  const double unit = model.gamma || model.residual_parameter < 0
+                          ? 1.0
+                          : std::fabs(model.parameters[static_cast<std::size_t>(model.residual_parameter)].value);
   GET_INITIAL_VALUES_FROM_JSON(eh, request, factors, terms, model);
   if (eh.terminate()) return;
 
@@ -232,12 +256,17 @@ void FORCE_GAMMA_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& request, cons
   }
 
   const JsonNode* residual = residual_term(request);
-  if (residual == nullptr || model.residual_parameter < 0) return;
-  SAVE_INITIAL_VALUES(eh, *residual, data);
-  if (eh.terminate() || data.empty()) return;
-  L_REFUSE_QUALIFIERS(eh, factors, terms, data, units_label(factors));
-  if (eh.terminate()) return;
-  L_SET_PARAMETERS(eh, data, units_label(factors), {model.residual_parameter, 1}, model);
+  if (residual != nullptr && model.residual_parameter >= 0) {
+    SAVE_INITIAL_VALUES(eh, *residual, data);
+    if (eh.terminate()) return;
+    if (!data.empty()) {
+      L_REFUSE_QUALIFIERS(eh, factors, terms, data, units_label(factors));
+      if (eh.terminate()) return;
+      L_SET_PARAMETERS(eh, data, units_label(factors), {model.residual_parameter, 1}, model);
+      if (eh.terminate()) return;
+    }
+  }
+  L_CHECK_VALUES(eh, model, unit);
 }
 
 }  // namespace tolvan

@@ -210,6 +210,8 @@ static void refusals(void)
   } rows[] = {
       {WITH(",\"vcm\":[{\"values\":[1]}]") "}", "the key vcm is not implemented", "\"ecode\":4"},
       {WITH(",\"vcc_constraint\":[\"a\"]") "}", "the key vcc_constraint is not implemented", "\"ecode\":4"},
+      {"{\"model\":{\"response\":\"y\",\"random\":\"vm(block,G)\"}}", "vm", "\"ecode\":4"},
+      {WITH("") ",\"grm_file\":[{\"name\":\"G\",\"type\":\"ft_csv\"}]}", "the key grm_file is not implemented", "\"ecode\":4"},
       {WITH("") ",\"options\":{\"varscale\":\"2\"}}", "the option varscale is implemented for 0 and 1", "\"ecode\":4"},
       {WITH("") ",\"options\":{\"varscale\":[2]}}", "the option varscale is implemented for 0 and 1", "\"ecode\":4"},
       {WITH("") ",\"options\":{\"varscale\":-1}}", "the option varscale is implemented for 0 and 1", "\"ecode\":4"},

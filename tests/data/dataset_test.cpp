@@ -109,8 +109,8 @@ std::string coded(const std::string& keys, const std::vector<double>& codes)
   DataRoad road;
   const auto n = static_cast<std::int64_t>(codes.size());
   road.matrix("d", n, 1, codes);
-  if (!road.read(text(R"({"dataset":{"name":"d","number_of_observations":)", n, R"(,"variables":[{"name":"f",)", keys,
-                      "}]}}"))) {
+  if (!road.read(text(R"({"dataset":{"name":"d","number_of_observations":)", n,
+                      R"(,"variables":[{"name":"f",)", keys, "}]}}"))) {
     return messages_text(road.eh);
   }
   std::string out;
@@ -160,7 +160,8 @@ TEST(Dataset, SharedLevels)
   ASSERT_TRUE(road.read(R"({"dataset":{"name":"d","number_of_observations":3,"variables":[
       {"name":"a","field_type":"vt_integer_factor","code_levels_as":"b"},
       {"name":"b","field_type":"vt_integer_factor","sort":true},
-      {"name":"c","field_type":"vt_integer_factor","code_levels_as":"a"}]}})")) << messages_text(road.eh);
+      {"name":"c","field_type":"vt_integer_factor","code_levels_as":"a"}]}})"))
+      << messages_text(road.eh);
   EXPECT_EQ(road.rows(), "1 3 2\n2 1 5\n1 4 2\n");
   EXPECT_EQ(road.labels("a"), "11 12 13 14 15");
   EXPECT_EQ(road.labels("c"), "11 12 13 14 15");
@@ -179,25 +180,26 @@ TEST(Dataset, PrimaryIsTheFirstWithTheResponse)
 {
   const std::string json = R"({"dataset":[
       {"name":"g","number_of_observations":1,"number_of_variables":2},
-      {"name":"d","number_of_observations":2,"variables":[{"name":"y"},{"name":"x"}]},
-      {"name":"e","number_of_observations":1,"variables":[{"name":"y"}]}],
+      {"name":"e","number_of_observations":1,"variables":[{"name":"y"}]},
+      {"name":"d","number_of_observations":2,"variables":[{"name":"y"},{"name":"x"}]}],
       "model":{"response":"y","fixed":"x"}})";
   DataRoad road;
-  road.matrix("e", 1, 1, {9});
   road.matrix("g", 1, 2, {7, 7});
   road.matrix("d", 2, 2, {1, 2, 3, 4});
+  road.matrix("e", 1, 1, {9});
   ASSERT_TRUE(road.read(json)) << messages_text(road.eh);
   EXPECT_EQ(road.rows(), "1 3\n2 4\n");
   const std::string warning =
-      "3/- the variable y is not unique\n9999/- it appears in datasets d and e\n9999/- the variable from d will be used\n";
+      "3/- the variable y is not unique\n9999/- it appears in datasets d and e\n9999/- the variable from d "
+      "will be used\n";
   EXPECT_EQ(messages_text(road.eh), warning);
 
-  ERROR_HANDLER eh;  // here the order of the matrices counts
+  ERROR_HANDLER eh;
   DATASET_VIEW view;
   std::int64_t column = -1;
   UDST_FIND_VAR(eh, road.datasets, *road.request, "y", view, column);
-  EXPECT_TRUE(has_message(eh, "it appears in datasets e and d"));
-  EXPECT_EQ(view.value(0, column), 9.0);
+  EXPECT_TRUE(has_message(eh, "it appears in datasets d and e"));
+  EXPECT_EQ(view.value(0, column), 1.0);
   UDST_FIND_VAR(eh, road.datasets, *road.request, "x", view, column);
   EXPECT_EQ(view.value(1, column), 4.0);
   EXPECT_FALSE(eh.terminate());
@@ -214,14 +216,15 @@ TEST(Dataset, LaterMatrixAndLaterDescriptionCount)
                                        {"name":"d","number_of_observations":2,"variables":[{"name":"b"}]}]})"));
   EXPECT_EQ(road.rows(), "5\n6\n");
   EXPECT_EQ(messages_text(road.eh),
-            "3/- data information has been supplied multiple times, the previous information will be overwritten\n");
+            "3/- data information has been supplied multiple times, the previous information will be "
+            "overwritten\n");
 }
 
 TEST(Dataset, Complaints)
 {
   struct Row {
-    std::string_view dataset;  // the value of the key
-    std::string_view expected; // first message
+    std::string_view dataset;   // the value of the key
+    std::string_view expected;  // first message
   };
   // clang-format off
   const Row table[] = {
@@ -294,15 +297,21 @@ TEST(Dataset, VariableNames)
   const Row table[] = {
       {"", "null string is not a valid name"},
       {long_name, ""},
-      {long_name + "n", "nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnn is invalid, variable names must be <= 31 characters long"},
-      {"1" + long_name, "1nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnn is invalid, variable names must be <= 31 characters long"},
+      {long_name + "n",
+       "nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnn is invalid, variable names must be <= 31 characters long"},
+      {"1" + long_name,
+       "1nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnn is invalid, variable names must be <= 31 characters long"},
       {"1a", "1a is invalid, variable names must begin with a character"},
       {".a", ".a is invalid, variable names must begin with a character"},
       {"a.b", "a.b is invalid, variable names must not contain any of the following symbols: .*:/!#$|()"},
       {"a b", ""},
-      {"mu", "mu is invalid, variable names may not be one of the following reserved words: mu, mv, units or trait"},
+      {"mu",
+       "mu is invalid, variable names may not be one of the following reserved words: mu, mv, units or "
+       "trait"},
       {"Units", ""},
-      {"trait", "trait is invalid, variable names may not be one of the following reserved words: mu, mv, units or trait"},
+      {"trait",
+       "trait is invalid, variable names may not be one of the following reserved words: mu, mv, units or "
+       "trait"},
   };
   for (const Row& row : table) {
     ERROR_HANDLER eh;

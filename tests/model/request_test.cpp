@@ -126,8 +126,22 @@ TEST(Request, PartsOfTheModel)
        R"j({"terms":[{"term_name":"a","values":[0.5]}]})j"},
       {R"j("random":{"terms":["a",{"term_name":"a","drop":true},"b"]})j", "random", R"j({"terms":["b"]})j"},
       {R"j("random":null)j", "random", "absent"},
-      {R"j("random":"")j", "random", "not expecting to get here with no terms"},
-      {R"j("random":{"terms":[]})j", "random", "not expecting to get here with no terms"},
+      {R"j("random":"")j", "random", "not expecting to get here with no terms | model.random names none"},
+      {R"j("random":{"terms":[]})j", "random",
+       "not expecting to get here with no terms | model.random names none"},
+      {R"j("Fixed":"a")j", "fixed", "model.Fixed is not a recognised key"},
+      {R"j("random":{"terms":[{"term_name":"a","drop":"yes"}]})j", "random",
+       "invalid value supplied for model.random.terms[1].drop, was expecting one of: true or false, supplied "
+       "value = yes"},
+      {R"j("random":{"terms":[{"term_name":"a","interaction":["a","b"]}]})j", "random",
+       "model.random.terms[1] has more than one form of a term: term_name, interaction"},
+      {R"j("random":{"interaction":["a",{"term_name":"b","function":{"name":"idv","arguments":["b"]}}]})j",
+       "random", "model.random.terms[1].interaction[2] has more than one form of a term: term_name, function"},
+      {R"j("random":"idv(a,nan)")j", "random", "invalid argument to idv"},
+      {R"j("random":"idv(a,1e400)")j", "random", "invalid argument to idv"},
+      {R"j("random":"idv(a,-1e400)")j", "random", "invalid argument to idv"},
+      {R"j("random":"idv(a,init=1e-400)")j", "random", "invalid argument to idv"},
+      {R"j("random":"ar1(a,[0.1,inf])")j", "random", "invalid argument to ar1"},
       {R"j("random":{})j", "random", "terms is required but was not found in model.random"},
       {R"j("random":3)j", "random",
        "invalid value supplied for model.random, was expecting one of: a formula or an object with terms, "
@@ -245,16 +259,33 @@ TEST(Request, ResponsesAndModels)
   EXPECT_FALSE(none.model);
   EXPECT_EQ(json_text(*none.root), R"j({"wald":{"den_df":"numeric"}})j");
   EXPECT_TRUE(clean(none.eh));
-  Standardised unknown;
-  standardise(R"j({"model":{"response":"y","rndom":"a","weights":"a+b"},"anything":[1]})j", unknown);
-  EXPECT_EQ(messages_text(unknown.eh).find("model.rndom is not a recognised key") == std::string::npos,
-            false);
-  EXPECT_FALSE(unknown.eh.terminate());
+  EXPECT_EQ(result_of(R"j({"model":{"response":"-y"}})j"), "the response variable, y, can not be dropped");
   ERROR_HANDLER eh;
   bool model = true;
   API_STANDARDISE_AND_EXPAND_JSON(eh, COMMUNICATION(), nullptr, model);
   EXPECT_TRUE(has_message(eh, "JPTR is not associated"));
   EXPECT_EQ(eh.EH_STATUS(), 999);
+}
+
+TEST(Request, KeysThatNothingReadsAreTold)
+{
+  Standardised s;
+  standardise(R"j({"dataset":{"name":"d","nobs":1,"variables":[{"name":"y","field_typ":"x"}]},
+      "data_file":{"name":"f.csv","skipp":1},"variables":[{"nam":"y"}],
+      "initial_values":[{"term":"a","val":1}],
+      "model":{"response":"y","fixed":{"terms":["a"],"zzz":1},"weights":"a+b",
+        "random":{"terms":[{"term_name":"b","value":1},{"interaction":["c",{"term_name":"d","q":1}]},
+          {"function":{"name":"idv","arguments":[{"value":"e","x":1}],"y":2},"initial_values":{"vals":1}}]}}})j", s);
+  const char* const keys[] = {"dataset[1].nobs", "dataset[1].variables[1].field_typ", "data_file.skipp",
+                              "variables[1].nam", "initial_values[1].val", "model.fixed.zzz",
+                              "model.random.terms[1].value", "model.random.terms[2].interaction[2].q",
+                              "model.random.terms[3].initial_values.vals",
+                              "model.random.terms[3].function.y"};
+  std::vector<std::string> expected, told;
+  for (const char* key : keys) expected.push_back(text(key, " is not a recognised key"));
+  for (const ERROR_MESSAGE& m : s.eh.messages()) told.push_back(m.message.value_or(""));
+  EXPECT_EQ(told, expected);
+  EXPECT_FALSE(s.eh.terminate());
 }
 
 TEST(Request, DroppedTermsAreTold)
@@ -297,6 +328,9 @@ TEST(Request, ShorthandsBecomeOptions)
        "= includ"},
       {R"j("options":[1])j",
        "invalid value supplied for options, was expecting one of: an object, supplied value = [1]"},
+      {R"j("wald":{"dendf":"numeric"})j", "wald.dendf is not a recognised key"},
+      {R"j("na_action":{"X":"omit"})j", "na_action.X is not a recognised key"},
+      {R"j("predict":{"classify":"a","onlyus":"b"})j", "predict[1].onlyus is not a recognised key"},
       {R"j("wald":{},"wald":{})j", "the key wald was supplied more than once in the request"},
   };
   for (const Case& c : cases) {

@@ -78,6 +78,8 @@ TEST(InitialValues, SetValuesAndConstraints)
        g + "P " + g + "P 0.5B 0.25B 1P"},
       {R"({"model":{"residual":{"terms":[{"term_name":"units","values":[5],"ps_constraints":"H"}]}}})",
        text(wide(0.1f) * 4, "P ", wide(0.1f) * 4, "P 0.5P 0.25P 5H"), true},
+      {R"({"nodes":{"product":{"values":[-3,0],"ps_constraints":"UP"}}})",
+       g + "P " + g + "P -3U 0P 1P"},
       {R"({"initial_values":[{"term":"block","value":0.5}],"nodes":{"block":{"values":[0.75]}}})",
        "0.75P " + g + "P 0.5P 0.25P 1P"},
   };
@@ -151,6 +153,12 @@ TEST(InitialValues, TellWhatIsWrong)
        "the term nobody used when subsection for block doe not exist in the model"},
       {R"({"nodes":{"block":{"subsection":"x"}}})", "subsection (x) of block is not implemented",
        Ecode::not_implemented},
+      {R"({"initial_values":[{"term":"block","value":-0.5}]})",
+       "the initial value -0.5 of block;IDV_V is below zero: give a value above zero, or the constraint U"},
+      {R"({"nodes":{"product":{"values":[1,-2],"ps_constraints":"UZ"}}})",
+       "of a:b;b.IDV_V is below zero: give a value above zero, or the constraint U"},
+      {R"({"initial_values":[{"term":"block","value":2e12,"constraint":"U"}]})",
+       "of block;IDV_V is too large: against it the residual variance would be lost in rounding"},
       {R"({"model":[{"residual":{"terms":[{"term_name":"units","values":[5]}]}}]})",
        "If you are attempting to fit a residual using units, try using the sigma parameterization"},
   };
