@@ -42,8 +42,8 @@ struct INVERSE_WORK {
   std::vector<double> y;        // rows by columns of a node
   std::vector<double> group;    // rows by group_columns
   std::vector<GROUP> groups;    // blocks of a node
-  std::vector<double> square;   // widest_panel squared
-  std::vector<double> scaled;   // widest_panel squared
+  std::vector<double> square;   // columns of a node squared
+  std::vector<double> scaled;   // columns of a node squared
   std::vector<int32_t> places;  // rows
 };
 
@@ -301,13 +301,14 @@ void invert_node(INVERSION& run, int32_t s, int threads, INVERSE_WORK& work)
 
 // What the largest of some nodes needs.
 struct NEED {
-  int64_t y = 1, rows = 1, blocks = 1;
+  int64_t y = 1, rows = 1, width = 1, blocks = 1;
   void add(const FACTOR& factor, int32_t begin, int32_t end)
   {
     for (int32_t s = begin; s < end; ++s) {
       const SNODE& node = factor.nodes[s];
       y = std::max(y, node.rows * node.width());
       rows = std::max(rows, node.rows);
+      width = std::max<int64_t>(width, node.width());
       blocks = std::max(blocks, factor.block_start[s + 1] - factor.block_start[s]);
     }
   }
@@ -315,7 +316,7 @@ struct NEED {
 
 bool reserve_inverse(ERROR_HANDLER& eh, const NEED& need, INVERSE_WORK& work)
 {
-  const int64_t square = int64_t{widest_panel} * widest_panel;
+  const int64_t square = need.width * need.width;
   return resize(eh, work.y, need.y) &&
          resize(eh, work.group, need.rows * std::min(need.rows, group_columns)) &&
          resize(eh, work.places, need.rows) && resize(eh, work.groups, need.blocks) &&

@@ -71,13 +71,16 @@ bool accept(const SNODE& node, const int32_t* rows, const double* panel, int64_t
 
 bool reserve_work(ERROR_HANDLER& eh, const FACTOR& factor, int threads, std::vector<NODE_WORK>& work)
 {
-  int64_t longest = 1;
-  for (const SNODE& node : factor.nodes) longest = std::max(longest, node.rows);
+  int64_t longest = 1, widest = 1;
+  for (const SNODE& node : factor.nodes) {
+    longest = std::max(longest, node.rows);
+    widest = std::max<int64_t>(widest, node.width());
+  }
   if (!resize(eh, work, threads)) return false;
   for (NODE_WORK& w : work) {
     if (!resize(eh, w.map, factor.n) || !resize(eh, w.places, longest) ||
-        !resize(eh, w.product, untiled_rows * widest_panel) ||
-        !resize(eh, w.scaled, int64_t{widest_panel} * widest_panel) || !resize(eh, w.line, widest_panel)) {
+        !resize(eh, w.product, std::min(longest, untiled_rows) * widest) ||
+        !resize(eh, w.scaled, widest * widest) || !resize(eh, w.line, widest)) {
       return false;
     }
   }

@@ -36,9 +36,9 @@ inline int useful_threads(const FACTOR& factor, int threads)
 struct NODE_WORK {
   std::vector<std::int32_t> map;     // place of each position in the rows of the node at hand
   std::vector<std::int32_t> places;  // places of a run of rows
-  std::vector<double> product;       // untiled_rows by widest_panel
-  std::vector<double> scaled;        // widest_panel squared
-  std::vector<double> line;          // widest_panel
+  std::vector<double> product;       // rows of a tile by columns of a node
+  std::vector<double> scaled;        // columns of a node squared
+  std::vector<double> line;          // columns of a node
 };
 bool reserve_work(ERROR_HANDLER& eh, const FACTOR& factor, int threads, std::vector<NODE_WORK>& work);
 
