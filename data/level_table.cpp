@@ -4,7 +4,7 @@ namespace tolvan {
 
 LEVEL_TABLE::LEVEL_TABLE(const LEVEL_TABLE& other)
 {
-  for (const std::string& label : other.labels_) find_or_add(label);
+  for (std::int64_t level = 1; level <= other.size(); ++level) find_or_add(other.label(level));
 }
 
 LEVEL_TABLE& LEVEL_TABLE::operator=(const LEVEL_TABLE& other)
@@ -25,16 +25,17 @@ std::int64_t LEVEL_TABLE::find(std::string_view label) const
 std::int64_t LEVEL_TABLE::find_or_add(std::string_view label)
 {
   if (const auto at = index_.find(label); at != index_.end()) return at->second;
-  labels_.emplace_back(label);
+  if (labels_ == nullptr) labels_ = std::make_unique<std::deque<std::string>>();
+  labels_->emplace_back(label);
   const std::int64_t level = size();
-  index_.emplace(labels_.back(), level);
+  index_.emplace(labels_->back(), level);
   return level;
 }
 
 void LEVEL_TABLE::clear()
 {
   index_.clear();
-  labels_.clear();
+  labels_.reset();
 }
 
 }  // namespace tolvan
