@@ -51,6 +51,12 @@ std::int32_t run(Engine& engine, const Request& request, Messages& messages)
   return status;
 }
 
+/// Whether the request asked for no more than the checks of itself and its data.
+bool only_checked(Engine& engine, std::int32_t status)
+{
+  return status <= 0 && engine.scalar_text("SCALAR_FINAL_MESSAGE").find("whilst preprocessing") != std::string::npos;
+}
+
 Exit judge(Engine& engine, std::int32_t status, const Messages& messages, int interrupts)
 {
   constexpr std::int32_t finished_by_monitor = -5;
@@ -94,7 +100,8 @@ int fit(const FitArguments& arguments)
     progress.finish();
   }
   messages.show(arguments.talk);
-  const Exit exit = judge(engine, status, messages, interrupt.count());
+  const bool checked = only_checked(engine, status);
+  const Exit exit = checked ? Exit::converged : judge(engine, status, messages, interrupt.count());
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
   char seconds[32];
   std::snprintf(seconds, sizeof seconds, "%.2f s in all\n", elapsed.count());
@@ -102,6 +109,8 @@ int fit(const FitArguments& arguments)
 
   if (arguments.json) {
     print_json_report(&engine, status, engine.scalar_text("SCALAR_FINAL_MESSAGE"), messages.document());
+  } else if (checked) {
+    std::puts("The request and the data were checked; nothing was fitted, as process_stage is preprocess.");
   } else if (status <= 0 || !engine.integers("TABLE_TRACE:ITER").empty()) {
     print_report(engine, request.title);
   }

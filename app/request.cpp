@@ -1,5 +1,6 @@
 #include "app/request.h"
 
+#include <algorithm>
 #include <climits>
 #include <filesystem>
 #include <set>
@@ -33,6 +34,38 @@ Problem set_options(const FitArguments& arguments, Json& request)
   return {};
 }
 
+/// The part of name=file.csv before its sign.
+std::string dataset_name(const std::string& item) { return item.substr(0, item.find('=')); }
+
+/// Without this, a name that is no dataset's would stand beside the described one, which stays without data.
+Problem check_dataset_names(const FitArguments& arguments, const Json& request)
+{
+  if (arguments.data.empty()) return {};
+  std::vector<std::string> described;
+  const auto describe = [&described](const Json& entry) {
+    if (const Json* name = entry.string_at("name")) described.push_back(name->text);
+  };
+  for (const Json& each : request.items) {
+    if (each.name != "dataset") continue;
+    if (each.is(JsonKind::object)) describe(each);
+    if (each.is(JsonKind::array)) std::for_each(each.items.begin(), each.items.end(), describe);
+  }
+  std::string unknown, without;
+  for (const std::string& item : arguments.data) {
+    if (item.find('=') == std::string::npos) return {};  // told where the files are read
+    const std::string name = dataset_name(item);
+    if (unknown.empty() && std::find(described.begin(), described.end(), name) == described.end()) unknown = name;
+  }
+  for (const std::string& name : described) {
+    const bool given = std::any_of(arguments.data.begin(), arguments.data.end(),
+                                   [&name](const std::string& item) { return dataset_name(item) == name; });
+    if (without.empty() && !given) without = name;
+  }
+  if (unknown.empty() || without.empty()) return {};
+  return {Exit::bad_input, "no CSV file was given for the dataset " + without +
+                               ", and no dataset entry of the request is called " + unknown};
+}
+
 Problem add_datasets(const FitArguments& arguments, Json& request, Request& out)
 {
   std::set<std::string> names;
@@ -56,7 +89,10 @@ Problem prepare_request(const FitArguments& arguments, Request& out)
 {
   std::vector<char> text;
   if (Problem p = read_file(arguments.request, text)) return p;
+  // Some editors begin a file with a mark of its encoding, which is no JSON.
+  constexpr std::string_view mark = "\xEF\xBB\xBF";
   out.document.assign(text.begin(), text.end());
+  if (out.document.starts_with(mark)) out.document.erase(0, mark.size());
   std::optional<Json> request = read_json(out.document);
   if (request && request->is(JsonKind::object)) {
     if (const Json* title = request->string_at("title")) out.title = title->text;
@@ -66,6 +102,7 @@ Problem prepare_request(const FitArguments& arguments, Request& out)
         file->set("name", json_string(beside(arguments.request, name->text)));
       }
     }
+    if (Problem p = check_dataset_names(arguments, *request)) return p;
     if (Problem p = add_datasets(arguments, *request, out)) return p;
     if (Problem p = set_options(arguments, *request)) return p;
     out.document = write_json(*request);

@@ -123,6 +123,23 @@ class Results(InAFolder):
         self.assertEqual(verbose.stdout, normal.stdout)
         self.assertIn(" s in all", verbose.stderr)
 
+    def test_checking_alone(self):
+        request = json.loads((OATS / "request.json").read_text())
+        request.setdefault("options", {})["process_stage"] = "preprocess"
+        request["data_file"]["name"] = str(OATS / "oats.csv")
+        run = tolvan("fit", self.write("r.json", request))
+        self.assertEqual(run.returncode, 0, run.stderr)
+        self.assertEqual(run.stdout.count("\n"), 1)
+        self.assertIn("nothing was fitted", run.stdout)
+
+    def test_a_request_with_a_byte_order_mark(self):
+        request = json.loads((OATS / "request.json").read_text())
+        del request["variables"], request["data_file"]
+        path = self.folder / "marked.json"
+        path.write_text("\ufeff" + json.dumps(request), encoding="utf-8")
+        run = tolvan("fit", path, "--data", f"oats={OATS / 'oats.csv'}")
+        self.assertEqual(run.returncode, 0, run.stderr)
+
     def test_on_a_terminal(self):
         for no_color, decorated in (("", True), ("1", False)):
             text = self.on_terminal({"NO_COLOR": no_color, "TERM": "xterm"})
@@ -172,6 +189,11 @@ class Failures(InAFolder):
         for number, text in enumerate(("", "{", "[1,2", "{\"model\":}", "nonsense", "\x00", "[" * 100000, "[]", "3")):
             self.refused(3, self.write(f"r{number}.json", text))
         self.refused(3, self.write("empty.json", {}), says="model")
+
+    def test_data_under_another_name(self):
+        request = self.write("r.json", {"model": {"response": "y"}, "dataset": {"name": "d", "variables": [{"name": "y"}]}})
+        self.refused(3, request, "--data", f"D={self.write('d.csv', 'y' + chr(10) + '1' + chr(10))}",
+                     says="no CSV file was given for the dataset d, and no dataset entry of the request is called D")
 
     def test_bad_data(self):
         request = self.write("r.json", {"model": {"response": "y"}})
