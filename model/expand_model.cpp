@@ -137,7 +137,7 @@ void API_EXPAND_MODEL_PART(ERROR_HANDLER& eh, const COMMUNICATION& communication
   JsonNode& terms = *node.find("terms");
   if (part == "fixed") L_ADD_INTERCEPT(eh, communication, terms);
   if (terms.size() > 0) return;
-  eh.error("not expecting to get here with no terms");
+  eh.internal("not expecting to get here with no terms");
   eh.continuation(text(json_path(node), " names none"));
 }
 
