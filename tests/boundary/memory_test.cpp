@@ -1,5 +1,5 @@
-// Memory that runs out at every single allocation of a session: each call ends with a status and a message, the result
-// of a session that got through is right to the bit, and nothing stays allocated.
+// Memory that runs out at every single allocation of a whole run: each call ends with a status and a message, the result
+// of a run that got through is right to the bit, and nothing stays allocated.
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -28,10 +28,10 @@ const char file_data[] = "g,x,y\none,1,3.1\ntwo,2,NA\none,3,4.9\nthree,1,5.5\ntw
 constexpr std::int32_t six = 6, two = 2;
 const double values[12] = {1, 1, 2, 2, 3, 3, 10, 12, 15, 14, 20, 18};
 
-struct Session {
+struct HostCalls {
   const char* request;
   void* handle = nullptr;
-  std::int32_t status = 0;  // of the last call made: the session ends with the first one that fails
+  std::int32_t status = 0;  // of the last call made: the run ends with the first one that fails
   double logl = 0.0;
 
   bool given = false;  // all inputs were taken
@@ -64,40 +64,40 @@ struct Session {
   }
 };
 
-/// Lets the n-th allocation fail; false once the session needs fewer than that.
+/// Lets the n-th allocation fail; false once the run needs fewer than that.
 bool fail_at(const char* request, std::int64_t n, bool once, double expected)
 {
   const std::int64_t before = tolvan::bytes_in_use();
-  Session session{request};
+  HostCalls calls{request};
   bool struck = false;
   {
     const tolvan::FailingMemory failing(n, once);
-    session.run();
+    calls.run();
     struck = failing.struck();
   }
-  if (session.good()) {
-    if (session.logl != expected) {
-      std::fprintf(stderr, "allocation %lld: no call failed, LogL is %.17g\n", static_cast<long long>(n), session.logl);
+  if (calls.good()) {
+    if (calls.logl != expected) {
+      std::fprintf(stderr, "allocation %lld: no call failed, LogL is %.17g\n", static_cast<long long>(n), calls.logl);
       ++failures;
     }
-  } else if (session.handle == nullptr) {
-    CHECK_INT(session.status, 2);
+  } else if (calls.handle == nullptr) {
+    CHECK_INT(calls.status, 2);
   } else {
-    CHECK_INT(session.status, 4);
+    CHECK_INT(calls.status, 4);
     // A single failure leaves room for its message.
     if (once) {
-      const std::string told = session.errors();
+      const std::string told = calls.errors();
       CHECK_HAS(told.c_str(), "ehc_alloc_fail");
       CHECK_HAS(told.c_str(), "\"stack\":[\"CTLV_");
     }
     // With memory there again, the object still has its inputs and fits.
-    if (session.given) {
-      session.fit();
-      CHECK(session.good() && session.logl == expected);
+    if (calls.given) {
+      calls.fit();
+      CHECK(calls.good() && calls.logl == expected);
     }
   }
-  ctlv_cleanup(&session.handle);
-  CHECK(session.handle == nullptr);
+  ctlv_cleanup(&calls.handle);
+  CHECK(calls.handle == nullptr);
   if (tolvan::bytes_in_use() != before) {
     std::fprintf(stderr, "allocation %lld (%s): %lld bytes left\n", static_cast<long long>(n), once ? "once" : "from there on",
                  static_cast<long long>(tolvan::bytes_in_use() - before));
@@ -109,8 +109,8 @@ bool fail_at(const char* request, std::int64_t n, bool once, double expected)
 /// All failures of the sessions of one request.
 void fail_everywhere(const char* request)
 {
-  // Twice: what the libraries keep for good is made by the first session.
-  Session first{request}, reference{request};
+  // Twice: what the libraries keep for good is made by the first calls.
+  HostCalls first{request}, reference{request};
   first.run();
   ctlv_cleanup(&first.handle);
   reference.run();
