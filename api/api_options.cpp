@@ -66,8 +66,10 @@ void AOPT_FROM_JPTR(ERROR_HANDLER& eh, JsonNode& node, bool remove, TLV_OPTIONS&
     JsonNode* child = node.children()[k].get();
     const bool read = L_READ_SETTING(eh, *child, options);
     if (eh.terminate()) return;
-    if (read && remove) node.detach(child);
-    else ++k;
+    if (read && remove)
+      node.detach(child);
+    else
+      ++k;
   }
 }
 

@@ -1,5 +1,6 @@
-// TLV_OPTIONS: the settings of a fit object that its documents may name, and the diagnostic prints they switch on.
-// Routines: AOPT_FROM_JPTR, AOPT_TO_JSTR, AOT_CHECK_FOR_API_OPTIONS_FROM_JPTR, AOT_CHECK_FOR_API_OPTIONS_FROM_JSTR.
+// TLV_OPTIONS: the settings of a fit object that its documents may name, and the diagnostic prints they
+// switch on. Routines: AOPT_FROM_JPTR, AOPT_TO_JSTR, AOT_CHECK_FOR_API_OPTIONS_FROM_JPTR,
+// AOT_CHECK_FOR_API_OPTIONS_FROM_JSTR.
 #pragma once
 
 #include <cstdint>
@@ -39,12 +40,14 @@ struct TLV_OPTIONS {
   bool prints(DebugPrint bit) const { return (debug_level & static_cast<std::int64_t>(bit)) != 0; }
 };
 
-/// AOPT_FROM_JPTR: takes up the three settings that stand in an object node, and removes them from it if asked.
+/// AOPT_FROM_JPTR: takes up the three settings that stand in an object node, and removes them from it if
+/// asked.
 void AOPT_FROM_JPTR(ERROR_HANDLER& eh, JsonNode& node, bool remove, TLV_OPTIONS& options);
 /// AOPT_TO_JSTR: the document {"options":{...}} of the settings.
 std::string AOPT_TO_JSTR(ERROR_HANDLER& eh, const TLV_OPTIONS& options);
-/// AOT_CHECK_FOR_API_OPTIONS_FROM_JPTR: takes up the settings of a document's api_options, which is removed, and options,
-/// which stays; warns of anything else in api_options.  A value of the wrong kind changes nothing.
+/// AOT_CHECK_FOR_API_OPTIONS_FROM_JPTR: takes up the settings of a document's api_options, which is removed,
+/// and options, which stays; warns of anything else in api_options.  A value of the wrong kind changes
+/// nothing.
 void AOT_CHECK_FOR_API_OPTIONS_FROM_JPTR(ERROR_HANDLER& eh, JsonNode& root, TLV_OPTIONS& options);
 /// AOT_CHECK_FOR_API_OPTIONS_FROM_JSTR: the same for a text, which must be a JSON object.
 void AOT_CHECK_FOR_API_OPTIONS_FROM_JSTR(ERROR_HANDLER& eh, std::string_view json, TLV_OPTIONS& options);

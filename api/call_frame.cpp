@@ -15,7 +15,10 @@ std::string text_in(const char* text, std::int32_t length)
   return {text, strnlen(text, static_cast<std::size_t>(length))};
 }
 
-std::string id_in(const char* text, std::int32_t length) { return upper(text_in(text, length)); }
+std::string id_in(const char* text, std::int32_t length)
+{
+  return upper(text_in(text, length));
+}
 
 void write_status(std::int32_t* status, std::int64_t value) noexcept
 {

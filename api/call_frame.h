@@ -12,18 +12,20 @@
 
 namespace tolvan {
 
-/// A text argument as an owned string: it ends at the first NUL within the length, or at the length.  Null is empty.
+/// A text argument as an owned string: it ends at the first NUL within the length, or at the length.  Null is
+/// empty.
 std::string text_in(const char* text, std::int32_t length);
 /// The text of an output ID, in upper case.
 std::string id_in(const char* text, std::int32_t length);
 /// Writes a status; the host may not want it.
 void write_status(std::int32_t* status, std::int64_t value) noexcept;
 
-/// FINISH_CALL: works out the status of a call and hands its messages over to the object, where they stay readable.
+/// FINISH_CALL: works out the status of a call and hands its messages over to the object, where they stay
+/// readable.
 ///
-/// Without messages the object keeps those of an earlier call.  Otherwise its error store becomes the call's, with the
-/// export's name on the live stack; the call's own handler is left empty.  Nothing is allocated, so that the end of a
-/// call cannot fail.
+/// Without messages the object keeps those of an earlier call.  Otherwise its error store becomes the call's,
+/// with the export's name on the live stack; the call's own handler is left empty.  Nothing is allocated, so
+/// that the end of a call cannot fail.
 void FINISH_CALL(ERROR_HANDLER& eh, void* const* handle, std::int32_t* status) noexcept;
 
 /// What the work of an export is given.

@@ -42,8 +42,10 @@ struct COMMUNICATION {
 /// CT_SET_DIALECT: sets the symbols of the default or the stand-alone dialect.
 void CT_SET_DIALECT(COMMUNICATION& communication, bool sa_like);
 /// CT_REGISTER_FUNCTION: stores a callback of the one known kind, "MONITOR_FUNCTION"; null switches it off.
-void CT_REGISTER_FUNCTION(ERROR_HANDLER& eh, COMMUNICATION& communication, MonitorFunction function, std::string_view kind);
-/// CT_MONITOR_FUNCTION: hands the JSON of one iteration to the monitor and turns its answer into messages of code 8 or 9.
+void CT_REGISTER_FUNCTION(ERROR_HANDLER& eh, COMMUNICATION& communication, MonitorFunction function,
+                          std::string_view kind);
+/// CT_MONITOR_FUNCTION: hands the JSON of one iteration to the monitor and turns its answer into messages of
+/// code 8 or 9.
 void CT_MONITOR_FUNCTION(ERROR_HANDLER& eh, COMMUNICATION& communication, const std::string& json);
 
 }  // namespace tolvan

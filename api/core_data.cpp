@@ -12,10 +12,14 @@ constexpr std::int64_t run_mode_api = 2;
 bool option_asks(const JsonNode& node)
 {
   switch (node.type()) {
-    case JsonType::logical: return node.logical();
-    case JsonType::integer: return node.integer() > 0;
-    case JsonType::string: return !is_blank(node.text());
-    default: return false;
+    case JsonType::logical:
+      return node.logical();
+    case JsonType::integer:
+      return node.integer() > 0;
+    case JsonType::string:
+      return !is_blank(node.text());
+    default:
+      return false;
   }
 }
 
@@ -24,11 +28,16 @@ bool option_asks(const JsonNode& node)
 std::string run_mode_name(std::int64_t mode)
 {
   switch (mode) {
-    case 0: return "<UNKNOWN>";
-    case 1: return "stand alone";
-    case run_mode_api: return "API";
-    case 3: return "python";
-    default: return text(" (<INVALID>", mode, ")");
+    case 0:
+      return "<UNKNOWN>";
+    case 1:
+      return "stand alone";
+    case run_mode_api:
+      return "API";
+    case 3:
+      return "python";
+    default:
+      return text(" (<INVALID>", mode, ")");
   }
 }
 

@@ -25,9 +25,9 @@ namespace tolvan {
 
 struct CORE_DATA {
   // What the run is given; all of it outlives the run.
-  JsonNode& request;               // standardised
+  JsonNode& request;  // standardised
   const TLV_OPTIONS& api_options;
-  COMMUNICATION& communication;    // the words and symbols of the model language, the monitor
+  COMMUNICATION& communication;  // the words and symbols of the model language, the monitor
   const USER_DATASET_STORE& datasets;
   OUTPUT_TABLE_STORE& tables;
 

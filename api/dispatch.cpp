@@ -21,7 +21,8 @@ const OUTPUT_TABLE_STORE* tables_of(const DECODED_HANDLE& handle)
   return nullptr;
 }
 
-/// L_DISPATCH: validates the handle and calls what fits its kind; a kind for which there is nothing is not known here.
+/// L_DISPATCH: validates the handle and calls what fits its kind; a kind for which there is nothing is not
+/// known here.
 template <class ForFit, class ForAinverse, class ForInformation>
 void L_DISPATCH(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, ForFit&& fit, ForAinverse&& ainverse,
                 ForInformation&& information)
@@ -29,10 +30,17 @@ void L_DISPATCH(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, ForFit&& fit, F
   CHECK_OBJECT_POINTER(eh, handle);
   if (eh.terminate()) return;
   switch (handle.status) {
-    case HandleStatus::tlv: fit(*handle.tlv); return;
-    case HandleStatus::ainv: ainverse(*handle.ainv); return;
-    case HandleStatus::info: information(*handle.info); return;
-    default: eh.internal("Unknown handle");
+    case HandleStatus::tlv:
+      fit(*handle.tlv);
+      return;
+    case HandleStatus::ainv:
+      ainverse(*handle.ainv);
+      return;
+    case HandleStatus::info:
+      information(*handle.info);
+      return;
+    default:
+      eh.internal("Unknown handle");
   }
 }
 
@@ -83,8 +91,8 @@ void XXX_INPUT_INFO(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, std::string
       [&](AINV_OBJECT& object) { AINV_STORE_JSTR(eh, object, json); }, not_accepted(eh));
 }
 
-void XXX_INPUT_REAL_2D(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, std::string_view name, const double* values,
-                       std::int64_t rows, std::int64_t columns)
+void XXX_INPUT_REAL_2D(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, std::string_view name,
+                       const double* values, std::int64_t rows, std::int64_t columns)
 {
   const Frame here{eh, __func__};
   L_DISPATCH(
@@ -135,7 +143,8 @@ void XXX_OUTPUT_TABLE_DATA(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, std:
   L_DISPATCH(eh, handle, squash, squash, not_accepted(eh));
 }
 
-void XXX_OUTPUT_SCALAR(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, std::string_view id, std::int32_t* value)
+void XXX_OUTPUT_SCALAR(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, std::string_view id,
+                       std::int32_t* value)
 {
   const Frame here{eh, __func__};
   const auto read = [&](auto&) { OTST_OUTPUT_SCALAR(eh, *tables_of(handle), id, value); };

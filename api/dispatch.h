@@ -19,8 +19,8 @@ void XXX_PROCESS(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, std::string_vi
 /// XXX_INPUT_INFO: gives the object a document; a fit keeps all of them, an A-inverse object the last.
 void XXX_INPUT_INFO(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, std::string_view json);
 /// XXX_INPUT_REAL_2D: gives the object the values of a dataset.
-void XXX_INPUT_REAL_2D(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, std::string_view name, const double* values,
-                       std::int64_t rows, std::int64_t columns);
+void XXX_INPUT_REAL_2D(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, std::string_view name,
+                       const double* values, std::int64_t rows, std::int64_t columns);
 /// XXX_REGISTER_FUNCTION: gives the object a callback.
 void XXX_REGISTER_FUNCTION(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, MonitorFunction function,
                            std::string_view kind);
@@ -30,7 +30,8 @@ std::string XXX_OUTPUT_JSON(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, std
 void XXX_OUTPUT_TABLE_DATA(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, std::string_view id,
                            const SQUASH_BUFFERS_I4B& buffers);
 /// XXX_OUTPUT_SCALAR: copies a scalar into an integer.
-void XXX_OUTPUT_SCALAR(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, std::string_view id, std::int32_t* value);
+void XXX_OUTPUT_SCALAR(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, std::string_view id,
+                       std::int32_t* value);
 /// XXX_OUTPUT_SCALAR: copies a scalar into a real.
 void XXX_OUTPUT_SCALAR(ERROR_HANDLER& eh, const DECODED_HANDLE& handle, std::string_view id, double* value);
 

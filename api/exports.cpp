@@ -1,4 +1,5 @@
-// The fourteen exports.  Each only turns what crosses the boundary and calls its dispatcher inside the call frame.
+// The fourteen exports.  Each only turns what crosses the boundary and calls its dispatcher inside the call
+// frame.
 #include <algorithm>
 #include <cstring>
 #include <limits>
@@ -19,7 +20,10 @@ constexpr std::int64_t initialise_failed = 2;
 constexpr std::int64_t buffer_too_small = 4;
 constexpr std::int64_t check_failed = 4;
 
-std::int64_t value_of(const std::int32_t* number) { return number == nullptr ? 0 : *number; }
+std::int64_t value_of(const std::int32_t* number)
+{
+  return number == nullptr ? 0 : *number;
+}
 
 void write_length(std::int32_t* length, std::size_t value) noexcept
 {
@@ -28,7 +32,10 @@ void write_length(std::int32_t* length, std::size_t value) noexcept
 }
 
 /// The bytes that a text takes in the caller's buffer, its NUL included.
-std::size_t bytes_out(const std::string& text) { return text.size() + 1; }
+std::size_t bytes_out(const std::string& text)
+{
+  return text.size() + 1;
+}
 
 bool fits(const std::string& text, const char* buffer, const std::int32_t* length)
 {
@@ -105,8 +112,8 @@ void ctlv_check(int32_t* status, void** handle, char* buffer, int32_t* length)
     write_length(length, 0);
     return;
   }
-  // The messages are the object's by now.  A handle that leads to no object has them nowhere: the reading of them
-  // fails in its turn, and its status stands.
+  // The messages are the object's by now.  A handle that leads to no object has them nowhere: the reading of
+  // them fails in its turn, and its status stands.
   bool read = false;
   std::string json;
   call_frame("CTLV_CHECK", status, handle, [&](CALL& call) {
@@ -128,8 +135,10 @@ void ctlv_dump(void** handle)
   eh.EST_ADD("CTLV_DUMP");
   guarded(eh, [&] {
     const DECODED_HANDLE object = CHECK_HANDLE(eh, handle, "HND");
-    if (eh.count() > 0) eh.EH_PRINT();
-    else DUMP(eh, object);
+    if (eh.count() > 0)
+      eh.EH_PRINT();
+    else
+      DUMP(eh, object);
   });
 }
 
@@ -142,8 +151,8 @@ void ctlv_input_info(int32_t* status, void** handle, const char* json, int32_t j
   });
 }
 
-void ctlv_input_real_2d(int32_t* status, void** handle, const char* name, int32_t name_length, const double* values,
-                        const int32_t* rows, const int32_t* columns)
+void ctlv_input_real_2d(int32_t* status, void** handle, const char* name, int32_t name_length,
+                        const double* values, const int32_t* rows, const int32_t* columns)
 {
   call_frame("CTLV_INPUT_REAL_2D", status, handle, [&](CALL& call) {
     const std::string dataset = text_in(name, name_length);
@@ -196,7 +205,8 @@ void ctlv_output_integer(int32_t* status, void** handle, const char* id, int32_t
                          int32_t* count)
 {
   call_frame("CTLV_OUTPUT_INTEGER", status, handle, [&](CALL& call) {
-    XXX_OUTPUT_TABLE_DATA(call.eh, call.object, id_in(id, id_length), {.integers = values, .integer_count = count});
+    XXX_OUTPUT_TABLE_DATA(call.eh, call.object, id_in(id, id_length),
+                          {.integers = values, .integer_count = count});
   });
 }
 
@@ -208,7 +218,8 @@ void ctlv_output_real(int32_t* status, void** handle, const char* id, int32_t id
   });
 }
 
-void ctlv_output_integer_scalar(int32_t* status, void** handle, const char* id, int32_t id_length, int32_t* value)
+void ctlv_output_integer_scalar(int32_t* status, void** handle, const char* id, int32_t id_length,
+                                int32_t* value)
 {
   call_frame("CTLV_OUTPUT_INTEGER_SCALAR", status, handle, [&](CALL& call) {
     std::int32_t unwanted = 0;

@@ -6,7 +6,10 @@
 namespace tolvan {
 namespace {
 
-bool is_part(const OUTPUT_ID& id, std::string_view name) { return equal_nocase(rtrim(id.parts[0]), name); }
+bool is_part(const OUTPUT_ID& id, std::string_view name)
+{
+  return equal_nocase(rtrim(id.parts[0]), name);
+}
 
 std::string no_such_output(ERROR_HANDLER& eh, const OUTPUT_ID& id)
 {
@@ -37,9 +40,13 @@ void TLV_MT_STORE_JSTR(ERROR_HANDLER& eh, TLV_OBJECT& object, std::string_view j
   SAT_ADD_STRING(eh, object.documents, json);
 }
 
-void TLV_CHECK(ERROR_HANDLER& eh, const TLV_OBJECT&) { const Frame here{eh, __func__}; }
+void TLV_CHECK(ERROR_HANDLER& eh, const TLV_OBJECT&)
+{
+  const Frame here{eh, __func__};
+}
 
-void AOT_REGISTER_FUNCTION(ERROR_HANDLER& eh, TLV_OBJECT& object, MonitorFunction function, std::string_view kind)
+void AOT_REGISTER_FUNCTION(ERROR_HANDLER& eh, TLV_OBJECT& object, MonitorFunction function,
+                           std::string_view kind)
 {
   const Frame here{eh, __func__};
   CT_REGISTER_FUNCTION(eh, object.communication, function, kind);
@@ -49,11 +56,13 @@ std::string AOT_GET_INFO_FROM_JSON(ERROR_HANDLER& eh, JsonNode& request, const O
 {
   const Frame here{eh, __func__};
   if (!is_part(id, "INPUT_JSON") && !is_part(id, "STANDARDISED_JSON")) {
-    eh.internal(text("only expected to get here when looking for INPUT_JSON, what we are looking for is ", id.full));
+    eh.internal(
+        text("only expected to get here when looking for INPUT_JSON, what we are looking for is ", id.full));
     return {};
   }
   JsonNode* node = &request;
-  for (std::size_t k = 1; node != nullptr && k < id.parts.size(); ++k) node = json_walk(*node, rtrim(id.parts[k]));
+  for (std::size_t k = 1; node != nullptr && k < id.parts.size(); ++k)
+    node = json_walk(*node, rtrim(id.parts[k]));
   if (node == nullptr) return no_such_output(eh, id);
   return json_text(*node);
 }
@@ -84,8 +93,8 @@ std::string AOT_OUTPUT_JSON(ERROR_HANDLER& eh, const TLV_OBJECT& object, std::st
 std::string fit_object_text(const TLV_OBJECT& object)
 {
   ERROR_HANDLER eh;
-  std::string out = text("TLV_OBJECT\n", "options: ", AOPT_TO_JSTR(eh, object.options), "\n", "documents: ",
-                         object.documents.size(), "\n");
+  std::string out = text("TLV_OBJECT\n", "options: ", AOPT_TO_JSTR(eh, object.options), "\n",
+                         "documents: ", object.documents.size(), "\n");
   for (const std::string& each : object.documents.elements) out += text("  ", each, "\n");
   out += text("monitor: ", object.communication.monitor == nullptr ? "none" : "registered", "\n");
   out += UDST_DUMP(object.datasets);

@@ -21,7 +21,10 @@ constexpr std::int64_t most_threads = 16;
 /// The seeds of the run's random numbers.
 constexpr std::array<std::int64_t, 4> random_seeds{123456789, 362436069, 521288629, 88675123};
 
-std::int64_t machine_threads() { return std::max<std::int64_t>(1, std::thread::hardware_concurrency()); }
+std::int64_t machine_threads()
+{
+  return std::max<std::int64_t>(1, std::thread::hardware_concurrency());
+}
 
 void read_file_option(ERROR_HANDLER& eh, const JsonNode& node, FileOption& option)
 {
@@ -54,8 +57,10 @@ void read_y_missing_values(ERROR_HANDLER& eh, const JsonNode& node, std::int64_t
 
 void read_process_stage(ERROR_HANDLER& eh, const JsonNode& node, std::int64_t& slot)
 {
-  if (node.is_text("preprocess")) slot = 1;
-  else if (node.is_text("all")) slot = all_stages;
+  if (node.is_text("preprocess"))
+    slot = 1;
+  else if (node.is_text("all"))
+    slot = all_stages;
   else
     eh.error("invalid value supplied for option process_stage, was expecting one of: preprocess or all",
              Ecode::invalid_syntax);
@@ -90,22 +95,35 @@ void L_READ_OPTION(ERROR_HANDLER& eh, const OptionRow& row, const JsonNode& node
       if (flag) options(static_cast<Slot>(row.slot)) = 1;
       options.given[static_cast<std::size_t>(row.slot)] = true;
       break;
-    case OptionReader::file: read_file_option(eh, node, file_option(options, row.key)); break;
+    case OptionReader::file:
+      read_file_option(eh, node, file_option(options, row.key));
+      break;
     case OptionReader::em:
       GET_VALUE_FROM_JPTR_INTEGER(eh, node, 1, options(Slot::em_value));
       options(Slot::em_mode) = bare;
       break;
-    case OptionReader::hold: GET_VALUE_FROM_JPTR_INTEGERS(eh, node, options.hold); break;
+    case OptionReader::hold:
+      GET_VALUE_FROM_JPTR_INTEGERS(eh, node, options.hold);
+      break;
     case OptionReader::tolerance:
       GET_VALUE_FROM_JPTR_INTEGERS(eh, node, options.tolerance);
       if (options.tolerance.empty()) options.tolerance = {bare};
       if (options.tolerance.size() > 3) options.tolerance.resize(3);
       break;
-    case OptionReader::missing_values: read_missing_values(eh, node, options(Slot::missing_values)); break;
-    case OptionReader::y_missing_values: read_y_missing_values(eh, node, options(Slot::y_missing_values)); break;
-    case OptionReader::process_stage: read_process_stage(eh, node, options(Slot::process_stage)); break;
-    case OptionReader::outfolder: GET_VALUE_FROM_JPTR_STRING(eh, node, options.outfolder); break;
-    case OptionReader::elsewhere: break;
+    case OptionReader::missing_values:
+      read_missing_values(eh, node, options(Slot::missing_values));
+      break;
+    case OptionReader::y_missing_values:
+      read_y_missing_values(eh, node, options(Slot::y_missing_values));
+      break;
+    case OptionReader::process_stage:
+      read_process_stage(eh, node, options(Slot::process_stage));
+      break;
+    case OptionReader::outfolder:
+      GET_VALUE_FROM_JPTR_STRING(eh, node, options.outfolder);
+      break;
+    case OptionReader::elsewhere:
+      break;
   }
 }
 
@@ -144,10 +162,14 @@ void settle(ERROR_HANDLER& eh, FIT_OPTIONS& options)
 bool asks(const JsonNode& node)
 {
   switch (node.type()) {
-    case JsonType::null: return false;
-    case JsonType::logical: return node.logical();
-    case JsonType::integer: return node.integer() != 0 && node.integer() != -1;
-    case JsonType::real: return node.number() != 0.0 && node.number() != -1.0;
+    case JsonType::null:
+      return false;
+    case JsonType::logical:
+      return node.logical();
+    case JsonType::integer:
+      return node.integer() != 0 && node.integer() != -1;
+    case JsonType::real:
+      return node.number() != 0.0 && node.number() != -1.0;
     case JsonType::string: {
       const auto value = trim(node.text());
       return !value.empty() && value != "0" && value != "-1";
@@ -157,7 +179,8 @@ bool asks(const JsonNode& node)
       if (node.packed()) return node.number(0) != 0.0 && node.number(0) != -1.0;
       // Deeper nesting is no value of any option.
       return node.children().front()->is(JsonType::array) || asks(*node.children().front());
-    case JsonType::object: return node.size() > 0;
+    case JsonType::object:
+      return node.size() > 0;
   }
   return true;
 }
@@ -208,7 +231,8 @@ void UPDATE_OPTIONS_FROM_JPTR(ERROR_HANDLER& eh, const JsonNode* options, FIT_OP
       }
       L_READ_OPTION(eh, *row, *node, fit_options);
       if (eh.terminate()) {
-        if (row->reader != OptionReader::process_stage) eh.error(text("invalid value supplied for option ", row->key));
+        if (row->reader != OptionReader::process_stage)
+          eh.error(text("invalid value supplied for option ", row->key));
         return;
       }
     }

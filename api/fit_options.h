@@ -12,6 +12,7 @@
 
 namespace tolvan {
 
+// clang-format off
 /// Integer options, in the order of the option table; the name of a slot is the option's key.
 enum class Slot : int {
   aisingularities, ailoadings, aipenalty, asmv, asuv, bend, blup, brief, ddf, debug, dense, df, display, extra, freegh,
@@ -28,6 +29,7 @@ enum class Flag : int {
   vrb, design, spatial, twoway, nodisplay, nographs, testmode, onerun, logfile, drop_small_variance, k4mxxail_tol_42,
   count_
 };
+// clang-format on
 
 /// A parameter file option (continue, final, tsv, msv): asked for, with a file name or a number.
 struct FileOption {
@@ -54,9 +56,11 @@ struct FIT_OPTIONS {
   bool& operator()(Flag s) { return flags[static_cast<std::size_t>(s)]; }
 };
 
-/// FIT_OPTIONS_DEFAULTS: every slot at the engine's default, maximum_number_of_threads at the machine's count.
+/// FIT_OPTIONS_DEFAULTS: every slot at the engine's default, maximum_number_of_threads at the machine's
+/// count.
 FIT_OPTIONS FIT_OPTIONS_DEFAULTS();
-/// UPDATE_OPTIONS_FROM_JPTR: reads the options object of a request over the defaults and runs the steps after the loop.
+/// UPDATE_OPTIONS_FROM_JPTR: reads the options object of a request over the defaults and runs the steps after
+/// the loop.
 void UPDATE_OPTIONS_FROM_JPTR(ERROR_HANDLER& eh, const JsonNode* options, FIT_OPTIONS& fit_options);
 /// REFUSE_UNBUILT_OPTIONS: complains of every option whose effect is not built and which asks for something.
 void REFUSE_UNBUILT_OPTIONS(ERROR_HANDLER& eh, const JsonNode* options);

@@ -1,5 +1,5 @@
-// The options of a request, one a line: how each is read, where it goes, its value when the request only names it, and
-// how far its effect reaches.  Used by the reader and by its tests; nobody else should need it.
+// The options of a request, one a line: how each is read, where it goes, its value when the request only
+// names it, and how far its effect reaches.  Used by the reader and by its tests; nobody else should need it.
 #pragma once
 
 #include <array>
@@ -10,33 +10,33 @@
 namespace tolvan {
 
 enum class OptionReader {
-  integer,         // into an integer slot
-  real,            // into a real slot
-  flag,            // a logical
-  flag_to_one,     // a logical that sets an integer slot to 1
-  file,            // continue, final, tsv, msv
-  em,              // emflag, pxem
+  integer,      // into an integer slot
+  real,         // into a real slot
+  flag,         // a logical
+  flag_to_one,  // a logical that sets an integer slot to 1
+  file,         // continue, final, tsv, msv
+  em,           // emflag, pxem
   hold,
   tolerance,
   missing_values,
   y_missing_values,
   process_stage,
   outfolder,
-  elsewhere,       // read by another routine, or by none
+  elsewhere,  // read by another routine, or by none
 };
 
 /// What naming the option does.
 enum class OptionEffect {
-  built,    // all of it stands
-  harmless, // steers something that is itself refused where it is not built, or nothing at all
-  unbuilt,  // refused when it asks for something
+  built,     // all of it stands
+  harmless,  // steers something that is itself refused where it is not built, or nothing at all
+  unbuilt,   // refused when it asks for something
 };
 
 struct OptionRow {
   std::string_view key;
   OptionReader reader;
-  int slot;      // a Slot, RealSlot or Flag by the reader; -1 for none
-  double bare;   // the value of an option named without a value
+  int slot;     // a Slot, RealSlot or Flag by the reader; -1 for none
+  double bare;  // the value of an option named without a value
   OptionEffect effect;
 };
 
@@ -56,7 +56,8 @@ constexpr OptionRow one_option(std::string_view key, Slot slot, OptionEffect eff
 {
   return {key, OptionReader::flag_to_one, static_cast<int>(slot), 1.0, effect};
 }
-constexpr OptionRow own_option(std::string_view key, OptionReader reader, OptionEffect effect, double bare = 1.0)
+constexpr OptionRow own_option(std::string_view key, OptionReader reader, OptionEffect effect,
+                               double bare = 1.0)
 {
   return {key, reader, -1, bare, effect};
 }

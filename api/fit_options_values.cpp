@@ -9,8 +9,8 @@
 namespace tolvan {
 namespace {
 
-constexpr double integer_limit = 9.2e18;     // below the largest 64-bit integer
-constexpr std::size_t longest_value = 200;   // of a value shown in a message
+constexpr double integer_limit = 9.2e18;    // below the largest 64-bit integer
+constexpr std::size_t longest_value = 200;  // of a value shown in a message
 
 /// What a reader needs to know of a scalar, whether it stands alone or as the one element of an array.
 struct SCALAR {
@@ -35,11 +35,16 @@ SCALAR scalar_of(const JsonNode& given)
     node = node->children().front().get();
   }
   switch (node->type()) {
-    case JsonType::logical: return {.type = JsonType::logical, .logical = node->logical()};
-    case JsonType::integer: return {.type = JsonType::integer, .integer = node->integer()};
-    case JsonType::real: return {.type = JsonType::real, .real = node->number()};
-    case JsonType::string: return {.type = JsonType::string, .text = &node->text()};
-    default: return {};
+    case JsonType::logical:
+      return {.type = JsonType::logical, .logical = node->logical()};
+    case JsonType::integer:
+      return {.type = JsonType::integer, .integer = node->integer()};
+    case JsonType::real:
+      return {.type = JsonType::real, .real = node->number()};
+    case JsonType::string:
+      return {.type = JsonType::string, .text = &node->text()};
+    default:
+      return {};
   }
 }
 
@@ -54,8 +59,12 @@ void complain(ERROR_HANDLER& eh, std::string_view expected, const JsonNode& node
 bool integer_of(const SCALAR& scalar, std::int64_t bare, std::int64_t& value)
 {
   switch (scalar.type) {
-    case JsonType::logical: value = scalar.logical ? 1 : 0; return true;
-    case JsonType::integer: value = scalar.integer; return true;
+    case JsonType::logical:
+      value = scalar.logical ? 1 : 0;
+      return true;
+    case JsonType::integer:
+      value = scalar.integer;
+      return true;
     case JsonType::real:
       if (!(std::fabs(scalar.real) < integer_limit)) return false;
       value = std::llround(scalar.real);
@@ -64,16 +73,23 @@ bool integer_of(const SCALAR& scalar, std::int64_t bare, std::int64_t& value)
       if (*scalar.text != no_value_supplied) return read_integer(trim(*scalar.text), value);
       value = bare;
       return true;
-    default: return false;
+    default:
+      return false;
   }
 }
 
 bool real_of(const SCALAR& scalar, double bare, double& value)
 {
   switch (scalar.type) {
-    case JsonType::logical: value = scalar.logical ? 1.0 : 0.0; return true;
-    case JsonType::integer: value = static_cast<double>(scalar.integer); return true;
-    case JsonType::real: value = scalar.real; return true;
+    case JsonType::logical:
+      value = scalar.logical ? 1.0 : 0.0;
+      return true;
+    case JsonType::integer:
+      value = static_cast<double>(scalar.integer);
+      return true;
+    case JsonType::real:
+      value = scalar.real;
+      return true;
     case JsonType::string: {
       double read = bare;
       if (*scalar.text != no_value_supplied && !read_real(trim(*scalar.text), read)) return false;
@@ -81,13 +97,15 @@ bool real_of(const SCALAR& scalar, double bare, double& value)
       value = read;
       return true;
     }
-    default: return false;
+    default:
+      return false;
   }
 }
 
 }  // namespace
 
-void GET_VALUE_FROM_JPTR_INTEGER(ERROR_HANDLER& eh, const JsonNode& node, std::int64_t bare, std::int64_t& value)
+void GET_VALUE_FROM_JPTR_INTEGER(ERROR_HANDLER& eh, const JsonNode& node, std::int64_t bare,
+                                 std::int64_t& value)
 {
   const Frame here{eh, __func__};
   if (!integer_of(scalar_of(node), bare, value)) complain(eh, "an integer scalar", node);
@@ -102,17 +120,22 @@ void GET_VALUE_FROM_JPTR_REAL(ERROR_HANDLER& eh, const JsonNode& node, double ba
 void GET_VALUE_FROM_JPTR_LOGICAL(ERROR_HANDLER& eh, const JsonNode& node, bool& value)
 {
   const Frame here{eh, __func__};
-  if (node.is(JsonType::logical)) value = node.logical();
-  else if (node.is_text(no_value_supplied)) value = true;
-  else complain(eh, "a logical scalar", node);
+  if (node.is(JsonType::logical))
+    value = node.logical();
+  else if (node.is_text(no_value_supplied))
+    value = true;
+  else
+    complain(eh, "a logical scalar", node);
 }
 
 void GET_VALUE_FROM_JPTR_STRING(ERROR_HANDLER& eh, const JsonNode& node, std::string& value)
 {
   const Frame here{eh, __func__};
   const SCALAR scalar = scalar_of(node);
-  if (scalar.type == JsonType::string) value = *scalar.text;
-  else complain(eh, "a string scalar", node);
+  if (scalar.type == JsonType::string)
+    value = *scalar.text;
+  else
+    complain(eh, "a string scalar", node);
 }
 
 void GET_VALUE_FROM_JPTR_INTEGERS(ERROR_HANDLER& eh, const JsonNode& node, std::vector<std::int64_t>& values)
@@ -131,13 +154,16 @@ void GET_VALUE_FROM_JPTR_INTEGERS(ERROR_HANDLER& eh, const JsonNode& node, std::
   } else {
     read.reserve(static_cast<std::size_t>(node.size()));
     for (std::int64_t k = 0; good && k < node.size(); ++k) {
-      good = integer_of(node.packed() ? packed_number(node, k) : scalar_of(*node.children()[static_cast<std::size_t>(k)]),
-                        0, value);
+      good = integer_of(
+          node.packed() ? packed_number(node, k) : scalar_of(*node.children()[static_cast<std::size_t>(k)]),
+          0, value);
       read.push_back(value);
     }
   }
-  if (good) values = std::move(read);
-  else complain(eh, "a list of integers", node);
+  if (good)
+    values = std::move(read);
+  else
+    complain(eh, "a list of integers", node);
 }
 
 }  // namespace tolvan

@@ -7,7 +7,8 @@
 
 namespace tolvan {
 
-/// Turns the exception in flight into a message: short memory, or an internal error.  Call it from a catch only.
+/// Turns the exception in flight into a message: short memory, or an internal error.  Call it from a catch
+/// only.
 void report_exception(ERROR_HANDLER& eh) noexcept;
 
 /// Runs the work; whatever it throws becomes a message.  The frames it left have popped their names by then.

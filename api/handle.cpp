@@ -34,7 +34,10 @@ void make_record(HandleStatus kind, std::unique_ptr<Object> object, void** handl
 
 }  // namespace
 
-HandleStatus handle_status(void* const* handle) noexcept { return decode_handle(handle).status; }
+HandleStatus handle_status(void* const* handle) noexcept
+{
+  return decode_handle(handle).status;
+}
 
 ERROR_HANDLER* DECODED_HANDLE::errors() const noexcept
 {
@@ -57,7 +60,8 @@ DECODED_HANDLE decode_handle(void* const* handle) noexcept
       return {.status = HandleStatus::ainv, .ainv = static_cast<AINV_OBJECT*>(record.object)};
     case HandleStatus::info:
       return {.status = HandleStatus::info, .info = static_cast<INFO_OBJECT*>(record.object)};
-    default: return {.status = HandleStatus::unknown};
+    default:
+      return {.status = HandleStatus::unknown};
   }
 }
 
@@ -81,7 +85,8 @@ void CHECK_OBJECT_POINTER(ERROR_HANDLER& eh, const DECODED_HANDLE& handle)
       if (handle.errors() != nullptr) return;
       eh.error(text("unassociated pointer has been supplied for ", XXX_HANDLE_NAME(eh, handle.status)));
       return;
-    default: eh.error(text("unknown pointer type, type = ", static_cast<std::int64_t>(handle.status)));
+    default:
+      eh.error(text("unknown pointer type, type = ", static_cast<std::int64_t>(handle.status)));
   }
 }
 
@@ -89,11 +94,16 @@ std::string_view XXX_HANDLE_NAME(ERROR_HANDLER& eh, HandleStatus status, bool sh
 {
   const Frame here{eh, __func__};
   switch (status) {
-    case HandleStatus::invalid: return short_form ? "handle_is_invalid" : "an invalid object";
-    case HandleStatus::null: return short_form ? "handle_is_null" : "a null object";
-    case HandleStatus::tlv: return short_form ? "handle_for_tlv_object" : "an tlv object";      // sic
-    case HandleStatus::ainv: return short_form ? "handle_for_ainv_object" : "an ainv object";  // sic
-    default: return short_form ? "handle_is_unknown" : "an unknown object";
+    case HandleStatus::invalid:
+      return short_form ? "handle_is_invalid" : "an invalid object";
+    case HandleStatus::null:
+      return short_form ? "handle_is_null" : "a null object";
+    case HandleStatus::tlv:
+      return short_form ? "handle_for_tlv_object" : "an tlv object";  // sic
+    case HandleStatus::ainv:
+      return short_form ? "handle_for_ainv_object" : "an ainv object";  // sic
+    default:
+      return short_form ? "handle_is_unknown" : "an unknown object";
   }
 }
 
@@ -106,10 +116,17 @@ void ALLOCATE_HANDLE(ERROR_HANDLER& eh, HandleStatus kind, void** handle)
   }
   *handle = nullptr;
   switch (kind) {
-    case HandleStatus::tlv: make_record(kind, ALLOCATE_TLV_OBJECT(eh), handle); return;
-    case HandleStatus::ainv: make_record(kind, ALLOCATE_AINV_OBJECT(eh), handle); return;
-    case HandleStatus::info: make_record(kind, ALLOCATE_INFO_OBJECT(eh), handle); return;
-    default: eh.internal("Unknown handle");
+    case HandleStatus::tlv:
+      make_record(kind, ALLOCATE_TLV_OBJECT(eh), handle);
+      return;
+    case HandleStatus::ainv:
+      make_record(kind, ALLOCATE_AINV_OBJECT(eh), handle);
+      return;
+    case HandleStatus::info:
+      make_record(kind, ALLOCATE_INFO_OBJECT(eh), handle);
+      return;
+    default:
+      eh.internal("Unknown handle");
   }
 }
 
@@ -118,12 +135,23 @@ void DEALLOCATE_HANDLE(ERROR_HANDLER& eh, void** handle)
   const Frame here{eh, __func__};
   const DECODED_HANDLE decoded = decode_handle(handle);
   switch (decoded.status) {
-    case HandleStatus::null: return;
-    case HandleStatus::invalid: eh.internal("Invalid handle"); return;
-    case HandleStatus::tlv: delete decoded.tlv; break;
-    case HandleStatus::ainv: delete decoded.ainv; break;
-    case HandleStatus::info: delete decoded.info; break;
-    default: eh.internal("Unknown handle"); return;
+    case HandleStatus::null:
+      return;
+    case HandleStatus::invalid:
+      eh.internal("Invalid handle");
+      return;
+    case HandleStatus::tlv:
+      delete decoded.tlv;
+      break;
+    case HandleStatus::ainv:
+      delete decoded.ainv;
+      break;
+    case HandleStatus::info:
+      delete decoded.info;
+      break;
+    default:
+      eh.internal("Unknown handle");
+      return;
   }
   delete static_cast<HANDLE*>(*handle);
   *handle = nullptr;

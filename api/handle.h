@@ -24,9 +24,17 @@ struct HANDLE {
 };
 
 /// What a handle variable turns out to hold; the positive ones are the kinds of object.
-enum class HandleStatus : std::int64_t { invalid = -999, null = -888, unknown = 0, tlv = 111, ainv = 222, info = 999 };
+enum class HandleStatus : std::int64_t {
+  invalid = -999,
+  null = -888,
+  unknown = 0,
+  tlv = 111,
+  ainv = 222,
+  info = 999
+};
 
-/// The status of a handle variable.  Reads no further than the magic of what is no handle; handle itself may be null.
+/// The status of a handle variable.  Reads no further than the magic of what is no handle; handle itself may
+/// be null.
 HandleStatus handle_status(void* const* handle) noexcept;
 
 /// A handle taken apart: the pointer of its kind is set, the others are null.
@@ -49,10 +57,11 @@ void CHECK_OBJECT_POINTER(ERROR_HANDLER& eh, const DECODED_HANDLE& handle);
 /// XXX_HANDLE_NAME: the words for a handle status: "an ainv object", or short "handle_for_ainv_object".
 std::string_view XXX_HANDLE_NAME(ERROR_HANDLER& eh, HandleStatus status, bool short_form = false);
 
-/// ALLOCATE_HANDLE: makes an object of a kind with its record; an old handle in the variable is deallocated first.
+/// ALLOCATE_HANDLE: makes an object of a kind with its record; an old handle in the variable is deallocated
+/// first.
 void ALLOCATE_HANDLE(ERROR_HANDLER& eh, HandleStatus kind, void** handle);
-/// DEALLOCATE_HANDLE: frees the object and the record and writes null to the variable, which is left alone when it
-/// holds no handle.
+/// DEALLOCATE_HANDLE: frees the object and the record and writes null to the variable, which is left alone
+/// when it holds no handle.
 void DEALLOCATE_HANDLE(ERROR_HANDLER& eh, void** handle);
 
 }  // namespace tolvan

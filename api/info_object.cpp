@@ -35,8 +35,10 @@ std::string INFO_OUTPUT_JSON(ERROR_HANDLER& eh, const INFO_OBJECT& object, std::
 {
   const Frame here{eh, __func__};
   const OUTPUT_ID asked = split_output_id(id);
-  if (asked.parts.size() == 1 && equal_nocase(asked.parts[0], "VERSION_INFORMATION")) return version_information();
-  if (asked.parts.size() == 1 && equal_nocase(asked.parts[0], "ERROR_INFORMATION")) return object.errors.EH_TO_JSTR();
+  if (asked.parts.size() == 1 && equal_nocase(asked.parts[0], "VERSION_INFORMATION"))
+    return version_information();
+  if (asked.parts.size() == 1 && equal_nocase(asked.parts[0], "ERROR_INFORMATION"))
+    return object.errors.EH_TO_JSTR();
   if (!asked.optional) {
     eh.error(text("the output information with ID ", asked.full, " can not be output via JSON"));
   }

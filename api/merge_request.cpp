@@ -23,15 +23,15 @@ struct MergeRule {
   Merge merge;
 };
 constexpr std::array merge_rules = {
-    MergeRule{"options", Merge::settings},        MergeRule{"api_options", Merge::settings},
-    MergeRule{"dataset", Merge::gathered},        MergeRule{"predict", Merge::repeated},
-    MergeRule{"vpredict", Merge::gathered},       MergeRule{"pedigree_file", Merge::gathered},
-    MergeRule{"grm_file", Merge::gathered},       MergeRule{"marker_file", Merge::gathered},
-    MergeRule{"spline", Merge::gathered},         MergeRule{"mbf", Merge::gathered},
-    MergeRule{"fam", Merge::gathered},            MergeRule{"gindex", Merge::gathered},
-    MergeRule{"pval", Merge::gathered},           MergeRule{"contrast", Merge::gathered},
-    MergeRule{"fown", Merge::gathered},           MergeRule{"initial_values", Merge::gathered},
-    MergeRule{"vcm", Merge::gathered},            MergeRule{"vcc_constraint", Merge::gathered},
+    MergeRule{"options", Merge::settings},  MergeRule{"api_options", Merge::settings},
+    MergeRule{"dataset", Merge::gathered},  MergeRule{"predict", Merge::repeated},
+    MergeRule{"vpredict", Merge::gathered}, MergeRule{"pedigree_file", Merge::gathered},
+    MergeRule{"grm_file", Merge::gathered}, MergeRule{"marker_file", Merge::gathered},
+    MergeRule{"spline", Merge::gathered},   MergeRule{"mbf", Merge::gathered},
+    MergeRule{"fam", Merge::gathered},      MergeRule{"gindex", Merge::gathered},
+    MergeRule{"pval", Merge::gathered},     MergeRule{"contrast", Merge::gathered},
+    MergeRule{"fown", Merge::gathered},     MergeRule{"initial_values", Merge::gathered},
+    MergeRule{"vcm", Merge::gathered},      MergeRule{"vcc_constraint", Merge::gathered},
 };
 
 Merge rule_of(std::string_view key)
@@ -45,8 +45,10 @@ Merge rule_of(std::string_view key)
 void merge_settings(JsonNode& into, const JsonNode& from)
 {
   for (const auto& child : from.children()) {
-    if (JsonNode* earlier = into.find(child->name)) earlier->replace_with(child->clone());
-    else into.add(child->clone());
+    if (JsonNode* earlier = into.find(child->name))
+      earlier->replace_with(child->clone());
+    else
+      into.add(child->clone());
   }
 }
 
@@ -113,7 +115,8 @@ void L_MERGE_DOCUMENT(ERROR_HANDLER& eh, std::string_view json, const std::strin
 
 }  // namespace
 
-std::unique_ptr<JsonNode> AOT_GET_FULL_JSTR(ERROR_HANDLER& eh, const TLV_OBJECT& object, std::string_view last)
+std::unique_ptr<JsonNode> AOT_GET_FULL_JSTR(ERROR_HANDLER& eh, const TLV_OBJECT& object,
+                                            std::string_view last)
 {
   const Frame here{eh, __func__};
   auto request = std::make_unique<JsonNode>(JsonType::object);

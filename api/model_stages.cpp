@@ -95,7 +95,10 @@ void print_data_summary(ERROR_HANDLER& eh, CORE_DATA& core)
   }
 }
 
-void check_conformity(ERROR_HANDLER& eh, CORE_DATA& core) { CHECK_AND_CONFORMITY(eh, core.factors, core.terms); }
+void check_conformity(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  CHECK_AND_CONFORMITY(eh, core.factors, core.terms);
+}
 
 /// Terms keep the order of the model; equations are ordered once the design stands.
 void reorder_terms(ERROR_HANDLER&, CORE_DATA&) {}
@@ -106,7 +109,10 @@ void number_equations(ERROR_HANDLER& eh, CORE_DATA& core)
   SET_TERM_EQUATIONS(eh, core.variables, core.data.records(), 0, core.factors, core.terms);
 }
 
-void residual_part(ERROR_HANDLER& eh, CORE_DATA& core) { NEW_GETRCOV(eh, core.communication, core.model_info); }
+void residual_part(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  NEW_GETRCOV(eh, core.communication, core.model_info);
+}
 
 void predict_setup(ERROR_HANDLER& eh, CORE_DATA& core)
 {
@@ -178,6 +184,9 @@ void fit(ERROR_HANDLER& eh, CORE_DATA& core)
 /// Cross-validation is asked for by an option, which is refused with the other options.
 void cross_validation(ERROR_HANDLER&, CORE_DATA&) {}
 
-void variance_functions(ERROR_HANDLER& eh, CORE_DATA& core) { refuse_key(eh, core.request, "vpredict"); }
+void variance_functions(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  refuse_key(eh, core.request, "vpredict");
+}
 
 }  // namespace tolvan::stages

@@ -37,8 +37,10 @@ void L_RUN_STAGES(ERROR_HANDLER& eh, CORE_DATA& core, std::string_view& stage)
 void L_EXIT_TAIL(ERROR_HANDLER& eh, CORE_DATA& core, bool terminated, std::string_view stage)
 {
   const Frame here{eh, __func__};
-  if (terminated) WARNING(eh, stopped_in(stage), 1, core.tables);
-  else if (core.preprocess_only()) WARNING(eh, "Warning: Finished Preprocessing", 1, core.tables);
+  if (terminated)
+    WARNING(eh, stopped_in(stage), 1, core.tables);
+  else if (core.preprocess_only())
+    WARNING(eh, "Warning: Finished Preprocessing", 1, core.tables);
 
   TMG_STOP(core.timing, whole_run, whole_run);
   if (core.prints(DebugPrint::timings)) stages::print_block("", TMG_TABLE(core.timing, "END OF AIDATA_BODY"));

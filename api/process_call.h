@@ -9,9 +9,11 @@
 
 namespace tolvan {
 
-/// TLV_PROCESS: runs one whole analysis on what the object was given and one more document, which may be empty.
+/// TLV_PROCESS: runs one whole analysis on what the object was given and one more document, which may be
+/// empty.
 ///
-/// A request that cannot be merged or standardised leaves the results of an earlier run; after that they are dropped.
+/// A request that cannot be merged or standardised leaves the results of an earlier run; after that they are
+/// dropped.
 void TLV_PROCESS(ERROR_HANDLER& eh, TLV_OBJECT& object, std::string_view json);
 
 /// AIDATA_BODY: runs the stages until one terminates, then the exit tail.

@@ -44,7 +44,10 @@ void title(ERROR_HANDLER&, CORE_DATA& core)
   core.part_id = text_under(core.request, "part_id");
 }
 
-void core_data(ERROR_HANDLER& eh, CORE_DATA& core) { CDT_INITIALISE(eh, core); }
+void core_data(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  CDT_INITIALISE(eh, core);
+}
 
 void options(ERROR_HANDLER& eh, CORE_DATA& core)
 {
@@ -56,7 +59,8 @@ void options(ERROR_HANDLER& eh, CORE_DATA& core)
 
 void debug_prints(ERROR_HANDLER&, CORE_DATA& core)
 {
-  if (core.prints(DebugPrint::standardised_json)) print_block("STANDARDISED JSON", json_text(core.request, 2));
+  if (core.prints(DebugPrint::standardised_json))
+    print_block("STANDARDISED JSON", json_text(core.request, 2));
   if (core.prints(DebugPrint::user_data)) print_block("USER SUPPLIED DATA", UDST_DUMP(core.datasets));
 }
 
@@ -76,9 +80,15 @@ void report_files(ERROR_HANDLER& eh, CORE_DATA& core)
 /// The comments of a request go to the log, which is a report file.
 void comments(ERROR_HANDLER&, CORE_DATA&) {}
 
-void pedigrees(ERROR_HANDLER& eh, CORE_DATA& core) { refuse_key(eh, core.request, "pedigree_file"); }
+void pedigrees(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  refuse_key(eh, core.request, "pedigree_file");
+}
 
-void level_tables(ERROR_HANDLER& eh, CORE_DATA& core) { INITFLL(eh, core.variables); }
+void level_tables(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  INITFLL(eh, core.variables);
+}
 
 /// True for matrices that are none of a file: vm() makes such entries itself, and is refused by its own name.
 bool all_matrices_are_data(const JsonNode& list)
@@ -99,7 +109,8 @@ void relationship_files(ERROR_HANDLER& eh, CORE_DATA& core)
 
 void term_support(ERROR_HANDLER& eh, CORE_DATA& core)
 {
-  for (const char* key : {"spline", "mbf", "fam", "gindex", "pval", "contrast"}) refuse_key(eh, core.request, key);
+  for (const char* key : {"spline", "mbf", "fam", "gindex", "pval", "contrast"})
+    refuse_key(eh, core.request, key);
 }
 
 /// L_MACRO_NOTE: tells the value of one macro variable.
@@ -118,7 +129,8 @@ void part_and_macros(ERROR_HANDLER& eh, CORE_DATA& core)
   if (macros == nullptr || asks_for_nothing(*macros)) return;
   if (macros->packed()) {
     for (std::int64_t k = 0; k < macros->number_count(); ++k) {
-      L_MACRO_NOTE(eh, k + 1, macros->is_integer(k) ? text(macros->integer(k)) : real_text(macros->number(k)));
+      L_MACRO_NOTE(eh, k + 1,
+                   macros->is_integer(k) ? text(macros->integer(k)) : real_text(macros->number(k)));
     }
   } else if (macros->is(JsonType::array) || macros->is(JsonType::object)) {
     std::int64_t number = 0;
@@ -171,6 +183,9 @@ static_assert(table.size() == 34, "the whole run is stage 1 and the exit tail is
 
 }  // namespace
 
-std::span<const Stage> run_stages() { return table; }
+std::span<const Stage> run_stages()
+{
+  return table;
+}
 
 }  // namespace tolvan

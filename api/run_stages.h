@@ -12,12 +12,12 @@ namespace tolvan {
 struct Stage {
   std::string_view name;  // as the timing table calls it
   bool timed;
-  bool in_preprocess;     // also runs when the request asks for the set-up alone
+  bool in_preprocess;  // also runs when the request asks for the set-up alone
   void (*run)(ERROR_HANDLER& eh, CORE_DATA& core);
 };
 
-/// All stages in their order.  A stage whose work is not built does nothing, unless the request asks for that work: then
-/// it raises a terminating message of code 4 that names the key.
+/// All stages in their order.  A stage whose work is not built does nothing, unless the request asks for that
+/// work: then it raises a terminating message of code 4 that names the key.
 std::span<const Stage> run_stages();
 
 }  // namespace tolvan

@@ -9,12 +9,17 @@ namespace tolvan::stages {
 bool asks_for_nothing(const JsonNode& node)
 {
   switch (node.type()) {
-    case JsonType::null: return true;
-    case JsonType::logical: return !node.logical();
-    case JsonType::string: return is_blank(node.text());
+    case JsonType::null:
+      return true;
+    case JsonType::logical:
+      return !node.logical();
+    case JsonType::string:
+      return is_blank(node.text());
     case JsonType::array:
-    case JsonType::object: return node.size() == 0;
-    default: return false;
+    case JsonType::object:
+      return node.size() == 0;
+    default:
+      return false;
   }
 }
 
@@ -25,7 +30,10 @@ void refuse_key(ERROR_HANDLER& eh, const JsonNode& request, std::string_view key
   eh.not_implemented(text("the key ", key, " is not implemented"));
 }
 
-std::string scalar_text(const JsonNode& node) { return node.is(JsonType::string) ? node.text() : json_text(node); }
+std::string scalar_text(const JsonNode& node)
+{
+  return node.is(JsonType::string) ? node.text() : json_text(node);
+}
 
 std::string text_under(const JsonNode& request, std::string_view key)
 {

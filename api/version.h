@@ -19,8 +19,8 @@ struct build_date {
   std::int64_t year, month, day;
 };
 
-/// The build system may give the date as an integer (20260131), for builds that must repeat to the bit; else it is the
-/// compiler's own date.
+/// The build system may give the date as an integer (20260131), for builds that must repeat to the bit; else
+/// it is the compiler's own date.
 constexpr build_date date_of_build()
 {
 #ifdef TOLVAN_BUILD_DATE
@@ -30,7 +30,8 @@ constexpr build_date date_of_build()
   constexpr const char* months = "JanFebMarAprMayJunJulAugSepOctNovDec";
   std::int64_t month = 1;
   for (std::int64_t m = 0; m < 12; ++m) {
-    if (months[3 * m] == date[0] && months[3 * m + 1] == date[1] && months[3 * m + 2] == date[2]) month = m + 1;
+    if (months[3 * m] == date[0] && months[3 * m + 1] == date[1] && months[3 * m + 2] == date[2])
+      month = m + 1;
   }
   const auto digit = [&](int k) -> std::int64_t { return date[k] == ' ' ? 0 : date[k] - '0'; };
   return {digit(7) * 1000 + digit(8) * 100 + digit(9) * 10 + digit(10), month, digit(4) * 10 + digit(5)};

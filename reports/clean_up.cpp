@@ -10,8 +10,9 @@ namespace tolvan {
 namespace {
 
 // The whole family of extensions; the fifth is passed over, so that saved parameters survive.
-constexpr std::array<std::string_view, 16> extensions = {"csv", "tv",  "tvk", "tlv", "msv", "res", "rsv", "sln",
-                                                         "tmp", "tsv", "veo", "vvp", "xml", "yht", "log", "aov"};
+constexpr std::array<std::string_view, 16> extensions = {"csv", "tv",  "tvk", "tlv", "msv", "res",
+                                                         "rsv", "sln", "tmp", "tsv", "veo", "vvp",
+                                                         "xml", "yht", "log", "aov"};
 constexpr std::size_t saved_parameters = 4;
 static_assert(extensions[saved_parameters] == "msv");
 

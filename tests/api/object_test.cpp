@@ -41,7 +41,8 @@ TEST(Merging, SettingsChildByChildListsGatheredTheRestOnce)
   EXPECT_EQ(merged({R"({"vcc_constraint":["1 2"]})", R"({"vcc_constraint":"3 4"})"}),
             R"({"vcc_constraint":["1 2","3 4"]})");
   EXPECT_EQ(merged({R"({"pval":[1,2.5]})", R"({"pval":[3]})"}), R"({"pval":[1,2.5,3]})");
-  EXPECT_EQ(merged({R"({"predict":{"classify":"a"},"predict":{"classify":"b"}})"}, R"({"predict":{"classify":"c"}})"),
+  EXPECT_EQ(merged({R"({"predict":{"classify":"a"},"predict":{"classify":"b"}})"},
+                   R"({"predict":{"classify":"c"}})"),
             R"({"predict":{"classify":"a"},"predict":{"classify":"b"},"predict":{"classify":"c"}})");
 }
 
@@ -63,7 +64,8 @@ TEST(Merging, DocumentsOfDatasetsComeFirst)
   object.datasets.datasets.push_back({.name = "plain"});
   object.datasets.datasets.push_back({.name = "own", .document = R"({"dataset":{"name":"own"}})"});
   ERROR_HANDLER eh;
-  EXPECT_EQ(json_text(*AOT_GET_FULL_JSTR(eh, object, " \n")), R"({"dataset":[{"name":"own"},{"name":"plain"}]})");
+  EXPECT_EQ(json_text(*AOT_GET_FULL_JSTR(eh, object, " \n")),
+            R"({"dataset":[{"name":"own"},{"name":"plain"}]})");
   EXPECT_TRUE(clean(eh));
 }
 
@@ -83,8 +85,9 @@ TEST(Settings, AreTakenUpFromBothPlacesAndRemovedFromOne)
   EXPECT_TRUE(options.root_named);
   EXPECT_FALSE(options.clean_up_asked);
 
-  for (const char* bad : {R"({"options":7})", R"({"api_options":[]})", R"({"options":{"debug_level":"high"}})",
-                          R"({"options":{"tmp_file_root":4}})", "3", ""}) {
+  for (const char* bad :
+       {R"({"options":7})", R"({"api_options":[]})", R"({"options":{"debug_level":"high"}})",
+        R"({"options":{"tmp_file_root":4}})", "3", ""}) {
     ERROR_HANDLER refused;
     AOT_CHECK_FOR_API_OPTIONS_FROM_JSTR(refused, bad, options);
     EXPECT_TRUE(refused.terminate()) << bad;
@@ -98,9 +101,9 @@ TEST(Settings, DebugPrintsByName)
   EXPECT_TRUE(debug_print_named(512, "DATA_SUMMARY  "));
   EXPECT_FALSE(debug_print_named(511, "data_summary"));
   EXPECT_FALSE(debug_print_named(1023, "COFFEE"));
-  const char* const in_bit_order[] = {"STANDARDISED_JSON", "USER_DATA", "MODEL_STRUCTURES", "EINFO", "INPUT_JSON",
-                                      "ALL_OUTPUT_FULL", "ALL_OUTPUT_INFO", "INTERMEDIATE_TIMINGS", "TIMINGS",
-                                      "DATA_SUMMARY"};
+  const char* const in_bit_order[] = {
+      "STANDARDISED_JSON", "USER_DATA",       "MODEL_STRUCTURES",     "EINFO",   "INPUT_JSON",
+      "ALL_OUTPUT_FULL",   "ALL_OUTPUT_INFO", "INTERMEDIATE_TIMINGS", "TIMINGS", "DATA_SUMMARY"};
   for (int bit = 0; bit < 10; ++bit) EXPECT_TRUE(debug_print_named(1 << bit, in_bit_order[bit]));
   EXPECT_EQ(run_mode_name(2), "API");
   EXPECT_EQ(run_mode_name(7), " (<INVALID>7)");
@@ -113,7 +116,9 @@ TEST(CallFrame, TurnsWhatIsThrownIntoMessages)
   ALLOCATE_HANDLE(eh, HandleStatus::tlv, &handle);
   ASSERT_TRUE(clean(eh));
   std::int32_t status = 77;
-  const auto stored = [&] { return messages_text(static_cast<TLV_OBJECT*>(static_cast<HANDLE*>(handle)->object)->errors); };
+  const auto stored = [&] {
+    return messages_text(static_cast<TLV_OBJECT*>(static_cast<HANDLE*>(handle)->object)->errors);
+  };
   const auto frame = [&](auto work) {
     call_frame("CTLV_TEST", &status, &handle, [&](CALL& call) {
       const Frame outer{call.eh, "OUTER"};
@@ -150,8 +155,9 @@ TEST(Handles, Names)
   EXPECT_EQ(XXX_HANDLE_NAME(eh, HandleStatus::ainv, true), "handle_for_ainv_object");
   CHECK_OBJECT_POINTER(eh, {.status = HandleStatus::ainv});
   CHECK_OBJECT_POINTER(eh, {.status = HandleStatus::unknown});
-  EXPECT_EQ(messages_text(eh), "!4/3 unassociated pointer has been supplied for an ainv object\n"
-                               "!4/3 unknown pointer type, type = 0\n");
+  EXPECT_EQ(messages_text(eh),
+            "!4/3 unassociated pointer has been supplied for an ainv object\n"
+            "!4/3 unknown pointer type, type = 0\n");
 }
 
 }  // namespace

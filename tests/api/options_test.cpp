@@ -1,5 +1,5 @@
-// Reading the options of a request: every key with its value when bare, the kinds of values, the steps behind the last
-// key, and what is refused.
+// Reading the options of a request: every key with its value when bare, the kinds of values, the steps behind
+// the last key, and what is refused.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -75,16 +75,17 @@ TEST(Options, ValuesOfEveryKind)
     const char* value;
     std::int64_t integer;
   };
-  for (const Row& row : {Row{"true", 1}, Row{"false", 0}, Row{"7", 7}, Row{"2.5", 3}, Row{"-2.5", -3}, Row{"2.4", 2},
-                         Row{"\" +12 \"", 12}, Row{"\"-3\"", -3}, Row{"[9]", 9}, Row{"[2.6]", 3}, Row{"[[\"4\"]]", 4},
-                         Row{"\"NoValueSupplied\"", 15}, Row{"[\"NoValueSupplied\"]", 15}}) {
+  for (const Row& row :
+       {Row{"true", 1}, Row{"false", 0}, Row{"7", 7}, Row{"2.5", 3}, Row{"-2.5", -3}, Row{"2.4", 2},
+        Row{"\" +12 \"", 12}, Row{"\"-3\"", -3}, Row{"[9]", 9}, Row{"[2.6]", 3}, Row{"[[\"4\"]]", 4},
+        Row{"\"NoValueSupplied\"", 15}, Row{"[\"NoValueSupplied\"]", 15}}) {
     Read got;
     read(text("{\"display\":", row.value, "}"), got);
     EXPECT_TRUE(clean(got.eh)) << row.value;
     EXPECT_EQ(got.options(Slot::display), row.integer) << row.value;
   }
-  for (const char* value : {"null", "{}", "[]", "[1,2]", "\"3.0\"", "\"\"", "\"1 2\"", "\"novaluesupplied\"", "1e300",
-                            "\"99999999999999999999\""}) {
+  for (const char* value : {"null", "{}", "[]", "[1,2]", "\"3.0\"", "\"\"", "\"1 2\"", "\"novaluesupplied\"",
+                            "1e300", "\"99999999999999999999\""}) {
     Read got;
     read(text("{\"display\":", value, ",\"unheard\":1,\"brief\":4}"), got);
     EXPECT_EQ(messages_text(got.eh),
@@ -100,8 +101,9 @@ TEST(Options, ValuesOfEveryKind)
   EXPECT_EQ(reals.options(RealSlot::yss), 25.0);
   EXPECT_EQ(reals.options(RealSlot::scale), 0.25);
   EXPECT_EQ(reals.options(RealSlot::adjust), 1.0);
-  for (const char* bad : {R"({"step_size":"fast"})", R"({"step_size":[1,2]})", R"({"vrb":1})", R"({"fcon":"yes"})",
-                          R"({"hold":["x"]})", R"({"missing_values":3})", R"({"continue":{}})"}) {
+  for (const char* bad :
+       {R"({"step_size":"fast"})", R"({"step_size":[1,2]})", R"({"vrb":1})", R"({"fcon":"yes"})",
+        R"({"hold":["x"]})", R"({"missing_values":3})", R"({"continue":{}})"}) {
     Read got;
     read(bad, got);
     EXPECT_TRUE(got.eh.terminate()) << bad;
@@ -112,10 +114,11 @@ TEST(Options, ValuesOfEveryKind)
 TEST(Options, OwnReaders)
 {
   Read got;
-  read(R"({"continue":"run7.rsv","final":"NoValueSupplied","tsv":2,"msv":false,"hold":[3,5.0],"tolerance":[1,2,3,4],)"
-       R"("pxem":4,"missing_values":"mv_remove","y_missing_values":"mv_fail","process_stage":"preprocess",)"
-       R"("xml":{"a":1},"kcv":[1,2],"tau":null})",
-       got);
+  read(
+      R"({"continue":"run7.rsv","final":"NoValueSupplied","tsv":2,"msv":false,"hold":[3,5.0],"tolerance":[1,2,3,4],)"
+      R"("pxem":4,"missing_values":"mv_remove","y_missing_values":"mv_fail","process_stage":"preprocess",)"
+      R"("xml":{"a":1},"kcv":[1,2],"tau":null})",
+      got);
   EXPECT_TRUE(clean(got.eh));
   EXPECT_EQ(got.options.continue_from.file, "run7.rsv");
   EXPECT_TRUE(got.options.final_file.asked);
@@ -142,8 +145,9 @@ TEST(Options, OwnReaders)
   }
   Read stage;
   read(R"({"process_stage":"fit"})", stage);
-  EXPECT_EQ(messages_text(stage.eh),
-            "!4/6 invalid value supplied for option process_stage, was expecting one of: preprocess or all\n");
+  EXPECT_EQ(
+      messages_text(stage.eh),
+      "!4/6 invalid value supplied for option process_stage, was expecting one of: preprocess or all\n");
 }
 
 TEST(Options, StepsBehindTheLastKey)
@@ -153,15 +157,16 @@ TEST(Options, StepsBehindTheLastKey)
     Slot slot;
     std::int64_t value;
   };
-  for (const Row& row : {Row{R"({"aipenalty":0})", Slot::aipenalty, -1}, Row{R"({"aipenalty":5})", Slot::aipenalty, 5},
-                         Row{R"({})", Slot::aipenalty, -1}, Row{R"({"knots":2})", Slot::knots, 50},
-                         Row{R"({"knots":3})", Slot::knots, 3}, Row{R"({"ppoints":0})", Slot::ppoints, 21},
-                         Row{R"({"aiv":-2.4})", Slot::aiv_integer, -2}, Row{R"({"aiv":2.4})", Slot::aiv_integer, 0},
-                         Row{R"({"testmode":true})", Slot::slot_31, 15}, Row{R"({"testmode":false})", Slot::slot_31, 0},
-                         Row{R"({"design":true,"report":4})", Slot::report, 0},
-                         Row{R"({"txtform":3})", Slot::yhtform, 3}, Row{R"({"txtform":3,"slnform":2})", Slot::slnform, 2},
-                         Row{R"({"txtform":-3})", Slot::yhtform, 0}, Row{R"({})", Slot::maxiterations, 20},
-                         Row{R"({"maximum_number_of_threads":3})", Slot::maximum_number_of_threads, 3}}) {
+  for (const Row& row :
+       {Row{R"({"aipenalty":0})", Slot::aipenalty, -1}, Row{R"({"aipenalty":5})", Slot::aipenalty, 5},
+        Row{R"({})", Slot::aipenalty, -1}, Row{R"({"knots":2})", Slot::knots, 50},
+        Row{R"({"knots":3})", Slot::knots, 3}, Row{R"({"ppoints":0})", Slot::ppoints, 21},
+        Row{R"({"aiv":-2.4})", Slot::aiv_integer, -2}, Row{R"({"aiv":2.4})", Slot::aiv_integer, 0},
+        Row{R"({"testmode":true})", Slot::slot_31, 15}, Row{R"({"testmode":false})", Slot::slot_31, 0},
+        Row{R"({"design":true,"report":4})", Slot::report, 0}, Row{R"({"txtform":3})", Slot::yhtform, 3},
+        Row{R"({"txtform":3,"slnform":2})", Slot::slnform, 2}, Row{R"({"txtform":-3})", Slot::yhtform, 0},
+        Row{R"({})", Slot::maxiterations, 20},
+        Row{R"({"maximum_number_of_threads":3})", Slot::maximum_number_of_threads, 3}}) {
     Read got;
     read(row.object, got);
     EXPECT_EQ(got.options(row.slot), row.value) << row.object;
@@ -182,7 +187,8 @@ TEST(Options, UnknownKeysWarnAndTheLoopGoesOn)
 {
   Read got;
   read(R"({"Brief":1,"unheard":{"of":2},"brief":3})", got);
-  EXPECT_EQ(messages_text(got.eh), "3/4 options.Brief is not a recognised key\n3/4 options.unheard is not a recognised key\n");
+  EXPECT_EQ(messages_text(got.eh),
+            "3/4 options.Brief is not a recognised key\n3/4 options.unheard is not a recognised key\n");
   EXPECT_EQ(got.options(Slot::brief), 3);
   Read list;
   read("[1]", list);

@@ -18,7 +18,8 @@ class Trial {
   Trial()
   {
     object.documents.elements = {description};
-    const double values[24] = {1, 1, 3.1, 1, 2, 4.0, 2, 1, 5.2, 2, 2, 4.9, 3, 1, 2.2, 3, 2, 3.0, 4, 1, 6.0, 4, 2, 5.5};
+    const double values[24] = {1, 1, 3.1, 1, 2, 4.0, 2, 1, 5.2, 2, 2, 4.9,
+                               3, 1, 2.2, 3, 2, 3.0, 4, 1, 6.0, 4, 2, 5.5};
     ERROR_HANDLER eh;
     UDST_ADD(eh, object.datasets, "d", values, 8, 3);
     EXPECT_TRUE(clean(eh));
@@ -42,13 +43,40 @@ class Trial {
 
 TEST(Stages, StandInTheirOrder)
 {
-  const char* const expected[] = {
-      "READ_KEYS", "GET_PRIMARY_DATA_DESCRIPTION", "AMTXS_REGISTER_TO_AINV", "TITLE", "CDT_INITIALISE",
-      "UPDATE_OPTIONS_FROM_JPTR", "DEBUG_PRINTS", "NEW_AIDTIN", "AIOPEN", "COMMENTS", "AIPEDA*", "INITFLL*", "GIV_GRM*",
-      "TERM_SUPPORT", "PART_AND_MACROS", "MODEL_PARSE*", "MODEL_OPTIONS", "MODEL_CHECKS", "READ_DATA_FILE*", "AIDSUM*",
-      "AIDDIS", "CHECK_AND_CONFORMITY", "REORDER_MODEL_TERMS*", "MORE_AIDATA_SETUP", "NEW_GETRCOV", "K4MPRS*",
-      "AIDSGN*", "SETUP_QUADRATURE_POINTS", "BIG_CHUNK_OF_AIDATA*", "POST_CHUNK", "TABLE_INITVALS", "AIWORK",
-      "CROSSVALC", "NEW_HANDLE_VPREDICT"};
+  const char* const expected[] = {"READ_KEYS",
+                                  "GET_PRIMARY_DATA_DESCRIPTION",
+                                  "AMTXS_REGISTER_TO_AINV",
+                                  "TITLE",
+                                  "CDT_INITIALISE",
+                                  "UPDATE_OPTIONS_FROM_JPTR",
+                                  "DEBUG_PRINTS",
+                                  "NEW_AIDTIN",
+                                  "AIOPEN",
+                                  "COMMENTS",
+                                  "AIPEDA*",
+                                  "INITFLL*",
+                                  "GIV_GRM*",
+                                  "TERM_SUPPORT",
+                                  "PART_AND_MACROS",
+                                  "MODEL_PARSE*",
+                                  "MODEL_OPTIONS",
+                                  "MODEL_CHECKS",
+                                  "READ_DATA_FILE*",
+                                  "AIDSUM*",
+                                  "AIDDIS",
+                                  "CHECK_AND_CONFORMITY",
+                                  "REORDER_MODEL_TERMS*",
+                                  "MORE_AIDATA_SETUP",
+                                  "NEW_GETRCOV",
+                                  "K4MPRS*",
+                                  "AIDSGN*",
+                                  "SETUP_QUADRATURE_POINTS",
+                                  "BIG_CHUNK_OF_AIDATA*",
+                                  "POST_CHUNK",
+                                  "TABLE_INITVALS",
+                                  "AIWORK",
+                                  "CROSSVALC",
+                                  "NEW_HANDLE_VPREDICT"};
   std::size_t k = 0;
   for (const Stage& stage : run_stages()) {
     ASSERT_LT(k, std::size(expected));
@@ -96,9 +124,9 @@ TEST(Stages, RefuseWhatIsNotBuiltByName)
     EXPECT_NE(told.find(text("!4/4 ", row.told)), std::string::npos) << row.part << ": " << told;
     EXPECT_NE(run.final_message(), "") << row.part;
   }
-  for (const char* model : {R"([{"response":"y"},{"response":"y","random":"a"}])",
-                            R"({"response":"y","family":"binomial"})", R"({"response":["y","x"]})",
-                            R"j({"response":"y","residual":"ar1(a)"})j"}) {
+  for (const char* model :
+       {R"([{"response":"y"},{"response":"y","random":"a"}])", R"({"response":"y","family":"binomial"})",
+        R"({"response":["y","x"]})", R"j({"response":"y","residual":"ar1(a)"})j"}) {
     Trial run;
     const std::string told = run.process(text("{\"model\":", model, "}"));
     EXPECT_NE(told.find("!4/4 "), std::string::npos) << model << ": " << told;
@@ -108,8 +136,9 @@ TEST(Stages, RefuseWhatIsNotBuiltByName)
 TEST(Stages, PassWhatAsksForNothing)
 {
   Trial run;
-  run.process(R"({"model":[{"response":"y","random":"a","residual":"units","family":"gaussian"}],"vpredict":[],"spline":[],)"
-              R"("wald":{"den_df":"none","ss_type":"incremental"},"options":{"process_stage":"preprocess","blup":0}})");
+  run.process(
+      R"({"model":[{"response":"y","random":"a","residual":"units","family":"gaussian"}],"vpredict":[],"spline":[],)"
+      R"("wald":{"den_df":"none","ss_type":"incremental"},"options":{"process_stage":"preprocess","blup":0}})");
   EXPECT_LE(run.status, 0);
 }
 
@@ -118,7 +147,8 @@ TEST(Stages, PartAndMacrosAreTold)
   Trial run;
   const std::string told = run.process(R"({"model":{"response":"y"},"dopart":3,"macro_variables":[7,2.5],)"
                                        R"("options":{"process_stage":"preprocess"}})");
-  EXPECT_NE(told.find("1/- Part 3 is active\n1/- cycle 1 value is 7\n1/- cycle 2 value is 2.5\n"), std::string::npos)
+  EXPECT_NE(told.find("1/- Part 3 is active\n1/- cycle 1 value is 7\n1/- cycle 2 value is 2.5\n"),
+            std::string::npos)
       << told;
   EXPECT_EQ(run.status, -1);
 }
@@ -147,7 +177,8 @@ TEST(Stages, ExitTailTellsWhereARunStopped)
 TEST(Stages, OneRecordIsNoAnalysis)
 {
   TLV_OBJECT object;
-  object.documents.elements = {R"({"dataset":{"name":"d","number_of_observations":1,"variables":[{"name":"y"}]}})"};
+  object.documents.elements = {
+      R"({"dataset":{"name":"d","number_of_observations":1,"variables":[{"name":"y"}]}})"};
   const double value = 4.0;
   ERROR_HANDLER eh;
   UDST_ADD(eh, object.datasets, "d", &value, 1, 1);

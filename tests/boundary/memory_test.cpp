@@ -1,5 +1,5 @@
-// Memory that runs out at every single allocation of a whole run: each call ends with a status and a message, the result
-// of a run that got through is right to the bit, and nothing stays allocated.
+// Memory that runs out at every single allocation of a whole run: each call ends with a status and a message,
+// the result of a run that got through is right to the bit, and nothing stays allocated.
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -24,7 +24,8 @@ const char* const requests[] = {
     R"j({"data_file":{"name":"memory_test.csv","type":"ft_csv","skip":1},"variables":[{"name":"g",)j"
     R"j("field_type":"vt_string_factor"},{"name":"x"},{"name":"y"}],"na_action":{"y":"include"},)j"
     R"j("model":{"response":"y","fixed":"x","random":"idv(g,init=0.5)+g:x"}})j"};
-const char file_data[] = "g,x,y\none,1,3.1\ntwo,2,NA\none,3,4.9\nthree,1,5.5\ntwo,3,6.1\nthree,2,5.8\none,2,4.4\n";
+const char file_data[] =
+    "g,x,y\none,1,3.1\ntwo,2,NA\none,3,4.9\nthree,1,5.5\ntwo,3,6.1\nthree,2,5.8\none,2,4.4\n";
 constexpr std::int32_t six = 6, two = 2;
 const double values[12] = {1, 1, 2, 2, 3, 3, 10, 12, 15, 14, 20, 18};
 
@@ -52,7 +53,8 @@ struct HostCalls {
     fit();
     for (const char* id : {"TABLE_SLN", "AVAILABLE_OUTPUT", "INPUT_JSON"}) {
       std::int32_t length = sizeof text;
-      if (good()) ctlv_output_json(&status, &handle, id, static_cast<std::int32_t>(std::strlen(id)), text, &length);
+      if (good())
+        ctlv_output_json(&status, &handle, id, static_cast<std::int32_t>(std::strlen(id)), text, &length);
     }
   }
   std::string errors()
@@ -77,7 +79,8 @@ bool fail_at(const char* request, std::int64_t n, bool once, double expected)
   }
   if (calls.good()) {
     if (calls.logl != expected) {
-      std::fprintf(stderr, "allocation %lld: no call failed, LogL is %.17g\n", static_cast<long long>(n), calls.logl);
+      std::fprintf(stderr, "allocation %lld: no call failed, LogL is %.17g\n", static_cast<long long>(n),
+                   calls.logl);
       ++failures;
     }
   } else if (calls.handle == nullptr) {
@@ -99,8 +102,8 @@ bool fail_at(const char* request, std::int64_t n, bool once, double expected)
   ctlv_cleanup(&calls.handle);
   CHECK(calls.handle == nullptr);
   if (tolvan::bytes_in_use() != before) {
-    std::fprintf(stderr, "allocation %lld (%s): %lld bytes left\n", static_cast<long long>(n), once ? "once" : "from there on",
-                 static_cast<long long>(tolvan::bytes_in_use() - before));
+    std::fprintf(stderr, "allocation %lld (%s): %lld bytes left\n", static_cast<long long>(n),
+                 once ? "once" : "from there on", static_cast<long long>(tolvan::bytes_in_use() - before));
     ++failures;
   }
   return struck;
@@ -127,8 +130,9 @@ void fail_everywhere(const char* request)
       ++tried;
       n += n < every_one ? 1 : 37;
     }
-    std::fprintf(stderr, "%lld of the first %lld allocations made to fail (%s)\n", static_cast<long long>(tried),
-                 static_cast<long long>(n), once ? "each alone" : "with all that follow");
+    std::fprintf(stderr, "%lld of the first %lld allocations made to fail (%s)\n",
+                 static_cast<long long>(tried), static_cast<long long>(n),
+                 once ? "each alone" : "with all that follow");
     CHECK(tried > 500);
   }
 }

@@ -1,5 +1,5 @@
-// Requests damaged at random, some thousands by a fixed seed: every call comes back with a status that says what it is,
-// and the object can be cleaned up.  What else goes wrong is for the sanitizers to see.
+// Requests damaged at random, some thousands by a fixed seed: every call comes back with a status that says
+// what it is, and the object can be cleaned up.  What else goes wrong is for the sanitizers to see.
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -32,14 +32,14 @@ constexpr std::array<std::string_view, 6> documents = {
 };
 
 constexpr std::array<std::string_view, 30> pieces = {
-    "{",  "}",    "[",     "]",      "\"",    ",",       ":",          "null",     "true",    "-1",
-    "0",  "1e99", "1.5",   "(",      ")",     "+",       "*",          "/",        "\\u0000", "\\",
-    "mu", "mv",   "units", "\"y\"", "\"a\"", "\"b:c\"", "\"options\"", "\"model\"", "{}",     "[[1,2],[3]]"};
+    "{",  "}",    "[",     "]",     "\"",    ",",       ":",           "null",      "true",    "-1",
+    "0",  "1e99", "1.5",   "(",     ")",     "+",       "*",           "/",         "\\u0000", "\\",
+    "mu", "mv",   "units", "\"y\"", "\"a\"", "\"b:c\"", "\"options\"", "\"model\"", "{}",      "[[1,2],[3]]"};
 
 // A record a row: a, b, c, y with a missing value in each of b and y.
 constexpr double missing = TOLVAN_MISSING;
-const double values[32] = {1, 1, 0.5, 3.1, 1, 2, 1.5, 4.0, 2, 1, 2.5, 5.2, 2, missing, 0.1, 4.9,
-                           3, 1, 0.9, 2.2, 3, 2, 1.1, missing, 4, 1, 3.3, 6.0, 4, 2, 0.7, 5.5};
+const double values[32] = {1, 1, 0.5, 3.1, 1, 2, 1.5, 4.0,     2, 1, 2.5, 5.2, 2, missing, 0.1, 4.9,
+                           3, 1, 0.9, 2.2, 3, 2, 1.1, missing, 4, 1, 3.3, 6.0, 4, 2,       0.7, 5.5};
 
 class Damage {
  public:
@@ -53,15 +53,27 @@ class Damage {
       const std::size_t at = below(text.size() + 1);
       const std::size_t length = below(12);
       switch (below(7)) {
-        case 0: text.insert(at, pieces[below(pieces.size())]); break;
-        case 1: text.replace(at, std::min(length, text.size() - at), pieces[below(pieces.size())]); break;
-        case 2: text.erase(at, length); break;
-        case 3: text.insert(at, text.substr(below(text.size() + 1), 40)); break;
-        case 4: text.resize(at); break;
+        case 0:
+          text.insert(at, pieces[below(pieces.size())]);
+          break;
+        case 1:
+          text.replace(at, std::min(length, text.size() - at), pieces[below(pieces.size())]);
+          break;
+        case 2:
+          text.erase(at, length);
+          break;
+        case 3:
+          text.insert(at, text.substr(below(text.size() + 1), 40));
+          break;
+        case 4:
+          text.resize(at);
+          break;
         case 5:
           if (at < text.size()) text[at] = static_cast<char>(random_());
           break;
-        default: text.insert(at, any_document().substr(below(60), 50)); break;
+        default:
+          text.insert(at, any_document().substr(below(60), 50));
+          break;
       }
       if (text.size() > longest) text.resize(longest);
     }
