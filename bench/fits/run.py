@@ -42,7 +42,7 @@ def run(driver, folder, threads):
         m = ROW.match(line.strip())
         if m:
             parts[m.group(1).strip()] = (float(m.group(2)), int(m.group(3)))
-        m = re.match(r"\s*LogL\s+(-?[\d.]+)\s*$", line)
+        m = re.match(r"\s*LogL\s+(-?[\d.]+)(\s|$)", line)
         if m:
             logl = float(m.group(1))
     return dict(wall=wall, cpu=used.ru_utime + used.ru_stime, mb=used.ru_maxrss / 1024, parts=parts, logl=logl,
