@@ -24,6 +24,7 @@ struct DESIGN_MTX {
   std::vector<double> response;      // one an analysis record; 0 where mv estimates it
   std::vector<double> weight;        // empty: all 1
   std::vector<std::int64_t> record;  // data record of each analysis record, from 1
+  std::vector<std::int32_t> trait;   // trait of each analysis record, from 1; empty with one response
   std::vector<std::int64_t> mv;   // analysis records (from 0) whose response is estimated, in equation order
   std::int64_t data_records = 0;  // records of the data store
   std::int64_t negative_weights = 0;  // records whose weight was below 0; it is 0 here

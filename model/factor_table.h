@@ -22,6 +22,10 @@ struct FACTOR_ROW {
   std::string user_facing_name = {};  // when it differs from the name
   std::string structure = {};         // variance function named on it ("idv"), empty for none
   std::vector<double> init = {};      // starting values given to that function
+  std::int64_t order = 0;             // its k: bands, factors, order of antedependence; 0 when none was given
+  std::int64_t second = 0;            // factor row of the second coordinate of a model in two dimensions, 0 for none
+  std::vector<double> dist = {};      // coordinates of the levels handed to it, empty for none
+  std::string matrix = {};            // source named in vm(), ide() or ric(): a known matrix, its file or dataset
 
   const std::string& shown() const { return user_facing_name.empty() ? name : user_facing_name; }
 };

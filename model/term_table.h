@@ -15,7 +15,7 @@
 
 namespace tolvan {
 
-enum class Block { response, fixed, random, sparse };
+enum class Block { response, fixed, random, sparse, residual };
 
 /// One model term.  The code tells its factors: up to 10000 a row of the factor table; above, code / 10000
 /// components in consecutive rows from code modulo 10000 on, plus one row less: see components().
@@ -27,6 +27,8 @@ struct TERM_ROW {
   std::string name = {};  // as shown in tables: "block:wplot", "idv(a)"; mv is "mv_estimates"
   bool dropped = false;
   bool is_mv = false;
+  std::int64_t linked_head = -1;  // index of the first term of its linked group, whose structure it shares; -1: not linked
+  std::int64_t structure_first = 0, structure_last = 0;  // factor rows of the structure where it has its own, str(); else 0
   const JsonNode* initial_values = nullptr;  // the node that may hold values, ps_constraints, ...; null: none
 
   /// First and last component row in the factor table, from 1.
@@ -36,9 +38,15 @@ struct TERM_ROW {
     const std::int64_t from = code % 10000;
     return {from, from + code / 10000 - 1};
   }
+  /// First and last factor row of the variance structure, from 1.
+  std::pair<std::int64_t, std::int64_t> structure() const
+  {
+    if (structure_first > 0) return {structure_first, structure_last};
+    return components();
+  }
 };
 
-/// The terms in the order response, fixed, random, sparse, system (mv last).
+/// The terms in the order response, fixed, random, sparse, residual (a row a section, without equations), system (mv last).
 struct TERM_TABLE {
   std::vector<TERM_ROW> rows;
   std::int64_t equations = 0;        // of all terms
@@ -47,7 +55,8 @@ struct TERM_TABLE {
 
 /// What the model says beside its terms.
 struct MODEL_INFO {
-  std::vector<std::int64_t> responses;  // factor rows of the response variables
+  std::vector<std::int64_t> responses;  // factor rows of the response variables, one a trait
+  std::int64_t trait = 0;               // factor row of the trait factor, 0 in a model with one response
   std::int64_t weights = 0;             // factor row, 0 for none
   bool has_mv = false;
   const JsonNode* residual = nullptr;  // the residual part, null when absent

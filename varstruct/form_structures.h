@@ -6,6 +6,7 @@
 
 #include "api/error_handler.h"
 #include "model/term_table.h"
+#include "varstruct/component_matrix.h"
 #include "varstruct/parameter_table.h"
 
 namespace tolvan {
@@ -44,9 +45,6 @@ struct FORMED {
   std::vector<FORMED_TERM> terms;    // as VARIANCE_MODEL::terms; empty rows for a dropped term
   FORMED_ROW residual;
 };
-
-/// What forming a structure gave.
-enum class Formed : std::int64_t { done = 0, again = 100, done_by_metric = 130, in_handler = 140, zero_variance = 160 };
 
 /// K4MVSF: forms all structures at the present parameter values.  fault: 0, or 1000 + model code of the one that failed.
 void K4MVSF(ERROR_HANDLER& eh, const TERM_TABLE& terms, VARIANCE_MODEL& model, std::int64_t iteration, FORMED& formed,

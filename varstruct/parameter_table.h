@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "relmat/structure_matrices.h"
+
 namespace tolvan {
 
 /// Parameter types; letters in `parameter_type_letters`, position code - 1.
@@ -44,6 +46,24 @@ struct STRUCTURE_ROW {
   std::int64_t doubling = 0;    // 2: a bivariate row
   std::int64_t selector = 0;    // model selector as asked (IDEN 0, AR 1, ...)
   std::int64_t factor = 0;      // factor row of the component, 0 for none
+  std::int64_t coordinates = -1;  // in VARIANCE_MODEL::coordinates, -1 for a model without distances
+  std::int64_t segments = -1;     // in VARIANCE_MODEL::segments: where independent pieces begin; -1 for one piece
+  const AINV_MTX* matrix = nullptr;  // the known matrix of the row; null: none
+};
+
+/// Where the levels of a metric row lie; y is empty in one dimension.
+struct COORDINATES {
+  std::vector<double> x, y;
+};
+
+/// One residual section: consecutive analysis records (cells) in the order of its direct product, first component slowest.
+struct RESIDUAL_SECTION {
+  std::int64_t first_row = 0;     // in VARIANCE_MODEL::residual, from 0
+  std::int64_t rows = 1;
+  std::int64_t first_record = 0;  // rows of the design, from 0
+  std::int64_t records = 0;       // the product of the rows' sizes
+  std::int64_t scale = -1;        // parameter outside the rows that scales the section; -1: a row holds it, or there is none
+  std::string name;               // the user's text, "sat(expt,2):ar1(row)"; empty for units
 };
 
 /// The structure of one random term: a direct product of consecutive rows.
@@ -59,7 +79,10 @@ struct VARIANCE_MODEL {
   std::vector<VARIANCE_PARAMETER> parameters;
   std::vector<STRUCTURE_ROW> rows;
   std::vector<TERM_STRUCTURE> terms;
-  std::vector<STRUCTURE_ROW> residual;  // one a section
+  std::vector<STRUCTURE_ROW> residual;  // of all sections
+  std::vector<RESIDUAL_SECTION> sections;
+  std::vector<COORDINATES> coordinates;
+  std::vector<std::vector<std::int64_t>> segments;  // levels (from 0) at which an independent piece begins, rising, 0 left out
   bool gamma = true;                    // ratios to a profiled residual variance; false: absolute values
   bool profiled = true;                 // the residual's own variance is sigma2 and leaves the update
   std::int64_t residual_parameter = -1; // index of the residual's own variance
