@@ -14,6 +14,7 @@ struct FACTOR_ROW {
   std::string name = {};
   std::int64_t kind = 0;  // design function, 0 for a plain variable; positions of the list in design_kinds.h
   std::int64_t source = 0;    // row from which it derives (a copy for an interaction included), 0 for none
+  bool copy = false;          // a copy of its source, for an interaction or to carry a structure: same design, same levels
   std::int64_t variable = 0;  // variable whose column it reads, from 1; 0 for a reserved factor
   Reserved reserved = Reserved::none;
   bool is_factor = false;   // levels; false: a covariate with one equation
@@ -23,7 +24,7 @@ struct FACTOR_ROW {
   std::string structure = {};         // variance function named on it ("idv"), empty for none
   std::vector<double> init = {};      // starting values given to that function
   std::int64_t order = 0;             // its k: bands, factors, order of antedependence; 0 when none was given
-  std::int64_t second = 0;            // factor row of the second coordinate of a model in two dimensions, 0 for none
+  std::int64_t second = 0;            // factor row of the second coordinate: of fac(x,y), of a model in two dimensions; 0 for none
   std::vector<double> dist = {};      // coordinates of the levels handed to it, empty for none
   std::string matrix = {};            // source named in vm(), ide() or ric(): a known matrix, its file or dataset
 

@@ -1,6 +1,7 @@
 #include "model/parse_terms.h"
 
 #include "base/text.h"
+#include "model/design_functions.h"
 #include "model/formula_nodes.h"
 #include "model/function_catalogue.h"
 #include "model/request.h"
@@ -31,11 +32,18 @@ std::int64_t L_ADD_COPY(ERROR_HANDLER& eh, MODEL_PARSER& parser, const COMPONENT
   }
   FACTOR_ROW copy = parser.factors.row(component.row);
   copy.source = component.row;
+  copy.copy = true;
   copy.name = component.name;
   copy.structure = component.structure;
   copy.init = component.init;
   parser.factors.rows.push_back(std::move(copy));
   return parser.factors.count();
+}
+
+/// What stands for a variable in an argument: its name, or the node of a call.
+bool is_term_argument(const JsonNode* value)
+{
+  return value != nullptr && (value->is(JsonType::string) || !plain_name(*value).empty() || value->find("function") != nullptr);
 }
 
 bool is_mv(const MODEL_PARSER& parser, const JsonNode& node)
@@ -44,6 +52,34 @@ bool is_mv(const MODEL_PARSER& parser, const JsonNode& node)
 }
 
 }  // namespace
+
+std::int64_t ADD_FACTOR_ROW(ERROR_HANDLER& eh, MODEL_PARSER& parser, FACTOR_ROW row)
+{
+  const Frame here{eh, __func__};
+  for (std::int64_t i = 1; i <= parser.factors.count(); ++i)
+    if (const FACTOR_ROW& present = parser.factors.row(i); !present.copy && present.name == row.name) return i;
+  if (parser.factors.count() >= most_factors - 1) {
+    eh.error(text("the model has too many factors, at most ", most_factors, " are possible"));
+    return 0;
+  }
+  parser.factors.rows.push_back(std::move(row));
+  return parser.factors.count();
+}
+
+COMPONENT ADD_ARGUMENT_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& function,
+                                 std::string_view argument, const std::string& shown, Block block)
+{
+  const Frame here{eh, __func__};
+  const JsonNode* value = supplied_value(function, argument);
+  if (!is_term_argument(value)) {
+    eh.error(text("Unrecognised argument in ", shown));
+    return {};
+  }
+  COMPONENT component = value->find("function") != nullptr ? ADD_FUNCTION_FROM_JPTR(eh, parser, *value, block)
+                                                           : ADD_SPECIAL_TERM_FROM_JPTR(eh, parser, *value);
+  if (eh.terminate()) eh.continuation(text("when processing ", shown));
+  return component;
+}
 
 COMPONENT ADD_SPECIAL_TERM_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& node)
 {
@@ -85,6 +121,7 @@ COMPONENT ADD_FUNCTION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const 
     eh.error(text("unknown term (", shown, ") in the model"));
     return {};
   }
+  if (is_design_function(name)) return ADD_DESIGN_FUNCTION(eh, parser, node, shown, block);
   const bool identity = name == "id" || name == "idv";
   const JsonNode* factor = supplied_value(function, "variable_name");
   if (!identity || block != Block::random || factor == nullptr ||

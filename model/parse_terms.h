@@ -31,6 +31,13 @@ struct COMPONENT {
   std::string name = {};          // as the user wrote it
 };
 
+/// ADD_FACTOR_ROW: adds a row to the factor table and gives its number, or that of a row of the same name that is no copy.
+std::int64_t ADD_FACTOR_ROW(ERROR_HANDLER& eh, MODEL_PARSER& parser, FACTOR_ROW row);
+/// ADD_ARGUMENT_FROM_JPTR: the component of an argument that stands for a variable, a factor or another call.
+///   shown   the call as the user wrote it, for messages
+COMPONENT ADD_ARGUMENT_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& function,
+                                 std::string_view argument, const std::string& shown, Block block);
+
 /// PARSE_MODEL_FORMULA_FROM_JPTR: reads one part of the model; its terms go to one block.
 void PARSE_MODEL_FORMULA_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& part,
                                    Block block);
