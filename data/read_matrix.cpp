@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "base/text.h"
+#include "data/transform_record.h"
 
 namespace tolvan {
 
@@ -58,12 +59,15 @@ void L_READ_MATRIX(ERROR_HANDLER& eh, const DATASET_VIEW& matrix, VARIABLE_TABLE
   std::vector<double> row(variables.rows.size());
   for (std::int64_t i = 0; i < matrix.info.number_of_observations; ++i) {
     for (std::size_t v = 0; v < row.size(); ++v) {
-      const double x = matrix.value(i, variables.rows[v].column - 1);
+      const std::int64_t column = variables.rows[v].column;
+      const double x = column > 0 ? matrix.value(i, column - 1) : no_value;
       const bool plain = coding.variables[v].coding == Coding::variate && std::isfinite(x);
       row[v] = plain || is_no_value(x) ? x : L_CODE_VALUE(eh, matrix, i + 1, v, x, variables, coding);
       if (eh.terminate()) return;
     }
-    DST_WRITE_ROW(eh, store, row);
+    const bool kept = AIDTRN(eh, variables, coding, i + 1, row);
+    if (eh.terminate()) return;
+    if (kept) DST_WRITE_ROW(eh, store, row);
     if (eh.terminate()) return;
   }
 }

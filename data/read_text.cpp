@@ -11,6 +11,7 @@
 #include "data/label_text.h"
 #include "data/read_errors.h"
 #include "data/text_lines.h"
+#include "data/transform_record.h"
 
 namespace tolvan {
 
@@ -346,6 +347,7 @@ void L_PREPARE_DATA_REORDER(ERROR_HANDLER& eh, TextReading& reading)
   reading.next_variable.assign(reading.variables.rows.size(), no_variable);
   for (std::size_t v = reading.variables.rows.size(); v-- > 0;) {  // backwards: each goes in front
     const VARIABLE& variable = reading.variables.rows[v];
+    if (variable.column == 0) continue;
     if (variable.column > most_fields) {
       eh.error(text("variable ", variable.name, " can not be field ", variable.column, " of a data file"));
       return;
@@ -374,17 +376,20 @@ void L_READ_TEXT_FILE(ERROR_HANDLER& eh, const JsonNode& data_file, VARIABLE_TAB
   if (eh.terminate()) return;
 
   std::vector<double> row(variables.rows.size(), no_value);
-  while ((keys.most_records == 0 || store.records() < keys.most_records) && GTLINE(eh, lines)) {
-    if (store.records() == 0) {
+  std::int64_t record = 0;
+  while ((keys.most_records == 0 || record < keys.most_records) && GTLINE(eh, lines)) {
+    if (++record == 1) {
       L_CHOOSE_DELIMITER(eh, lines, reading);
       if (eh.terminate()) return;
     }
     if (!RDDATA(eh, reading, lines.line, row)) {
-      REPORT_DATA_READING_ERRORS_AND_WARNINGS(eh, reading.fault, store.records() + 1, variables,
+      REPORT_DATA_READING_ERRORS_AND_WARNINGS(eh, reading.fault, record, variables,
                                               reading.values, lines);
       return;
     }
-    DST_WRITE_ROW(eh, store, row);
+    const bool kept = AIDTRN(eh, variables, coding, record, row);
+    if (eh.terminate()) return;
+    if (kept) DST_WRITE_ROW(eh, store, row);
     if (eh.terminate()) return;
   }
 }

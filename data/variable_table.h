@@ -12,6 +12,7 @@
 #include "api/error_handler.h"
 #include "base/json.h"
 #include "data/level_table.h"
+#include "data/transform_program.h"
 
 namespace tolvan {
 
@@ -20,7 +21,7 @@ enum class FieldType { variate, string_factor, integer_factor, integer_factor_1_
 struct VARIABLE {
   std::string name;
   FieldType type = FieldType::variate;
-  std::int64_t column = 0;           // its column in the source, from 1
+  std::int64_t column = 0;  // its column in the source, from 1; 0: in none, transformations make it
   std::int64_t declared_levels = 0;  // number_of_levels; 0: from the data
   std::int64_t label_length = 0;     // longest label kept; 0: no limit
   std::int64_t indexed_from = 1;     // the number of the first label
@@ -39,6 +40,7 @@ struct VARIABLE {
 struct VARIABLE_TABLE {
   std::vector<VARIABLE> rows;
   std::int64_t longest_label = 0;
+  TRANSFORM_PROGRAM transformations;
 
   std::int64_t count() const { return static_cast<std::int64_t>(rows.size()); }
   /// The row of a name, from 1; 0 when there is none.  Names are compared exactly.
