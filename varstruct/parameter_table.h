@@ -22,7 +22,10 @@ inline constexpr std::string_view constraint_letters = ".PZUFCSBH";
 inline bool is_free(Constraint c) { return static_cast<std::int64_t>(c) <= static_cast<std::int64_t>(Constraint::U); }
 
 /// What a parameter measures, which decides its scaling with sigma2 and its restraint rule.
-enum class ParamRole { variance, covariance, loading, correlation, other };
+///   variance, covariance  scale with sigma2;  loading  with its root;  precision  with its inverse
+///   correlation           has no unit and may change sign: correlations, and the factors L of chol() and U of ante()
+///   other                 has no unit and keeps its sign: ranges, the parameters of mtrn(), the second power of aexp()
+enum class ParamRole { variance, covariance, loading, correlation, other, precision };
 
 /// One parameter.  A gamma is a ratio to the profiled residual variance; under sigma values are absolute.
 struct VARIANCE_PARAMETER {
@@ -32,15 +35,17 @@ struct VARIANCE_PARAMETER {
   Constraint constraint = Constraint::P;
   ParamRole role = ParamRole::variance;
   std::string label;               // unique: "block;IDV_V", "units;IDV_V"
+  std::int64_t master = -1;        // the parameter that this one follows, from 0; -1: none.  A master follows none.
+  double coefficient = 1.0;        // value = coefficient times the master's; a follower carries constraint C
 };
 
 /// One component model of one term (the structure table).
 struct STRUCTURE_ROW {
-  std::int64_t size = 0;        // levels
+  std::int64_t size = 0;        // levels; of a factor model with extra effects the k factors included
   std::int64_t parameters = 0;  // own parameters, the scale included
   std::int64_t model = 0;       // internal model code; 0 identity
   std::int64_t first = 0;       // first parameter, from 0
-  std::int64_t order = 0;       // correlation-type parameters, order or factor count
+  std::int64_t order = 0;       // order, band or factor count as asked, at least 1; CORU, CORB, CORG: the correlations
   std::int64_t sub_code = 0;
   std::int64_t scale = -1;      // parameter that scales the row, -1 for none
   std::int64_t doubling = 0;    // 2: a bivariate row
