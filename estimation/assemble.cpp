@@ -4,16 +4,105 @@
 #include "estimation/equations.h"
 
 namespace tolvan {
+namespace {
 
-void K4MXXS(ERROR_HANDLER& eh, const FORMED_ROW& residual, MIXED_EQUATIONS& q)
+std::size_t at(const std::vector<std::int64_t>& start, std::size_t i) { return static_cast<std::size_t>(start[i]); }
+
+/// W'R^-1 W in elimination order: column j gathers, through the rows of R^-1 of its records, the design rows of their
+/// neighbours into a dense work vector (Gustavson 1978), so that no element is searched for.
+void residual_cross_products(MIXED_EQUATIONS& q)
+{
+  const auto n = static_cast<std::size_t>(q.n);
+  const RESIDUAL_INVERSE& ri = q.residual;
+  std::vector<double> work(n, 0.0);
+  for (std::size_t j = 0; j < n; ++j) {
+    for (std::size_t k = at(q.columns.start, j); k < at(q.columns.start, j + 1); ++k) {
+      const auto r = static_cast<std::size_t>(q.columns.record[k]);
+      const double x = q.columns.value[k];
+      for (std::size_t m = at(ri.start, r); m < at(ri.start, r + 1); ++m) {
+        const double wx = x * ri.value[m];
+        if (wx == 0.0) continue;
+        const auto s = static_cast<std::size_t>(ri.record[m]);
+        // Positions rise within a row: from the end down to j.
+        for (std::size_t e = at(q.rows.start, s + 1); e-- > at(q.rows.start, s);) {
+          const auto i = static_cast<std::size_t>(q.rows.record[e]);
+          if (i < j) break;
+          work[i] += wx * q.rows.value[e];
+        }
+      }
+    }
+    for (std::size_t k = at(q.c.start, j); k < at(q.c.start, j + 1); ++k) {
+      const auto i = static_cast<std::size_t>(q.c.row[k]);
+      q.c0[k] = work[i];
+      work[i] = 0.0;
+    }
+  }
+}
+
+/// W'R^-1 y and y'R^-1 y.
+void residual_right_hand_side(MIXED_EQUATIONS& q)
+{
+  std::vector<double> ry(q.y.size());
+  multiply_residual_inverse(q.residual, q.y.data(), ry.data());
+  q.y0 = 0.0;
+  for (std::size_t r = 0; r < ry.size(); ++r) q.y0 += q.y[r] * ry[r];
+  for (std::size_t p = 0; p < static_cast<std::size_t>(q.n); ++p) {
+    double sum = 0.0;
+    for (std::size_t k = at(q.columns.start, p); k < at(q.columns.start, p + 1); ++k) {
+      sum += q.columns.value[k] * ry[static_cast<std::size_t>(q.columns.record[k])];
+    }
+    q.r0[p] = sum;
+  }
+}
+
+/// Adds G^-1 of one structure to C.
+void add_inverse(std::int64_t first, const COMPONENTS& components, PRODUCT_ROWS& rows, MIXED_EQUATIONS& q,
+                 std::vector<std::int64_t>& place)
+{
+  rows.refresh(components);
+  const bool diagonal = rows.diagonal();
+  for (std::int64_t e = 0; e < rows.size(); ++e) {
+    const auto p = static_cast<std::size_t>(q.position_of(first + e));
+    rows.move_to(e);
+    if (diagonal) {
+      rows.each([&](std::int64_t, double v) { q.c.value[at(q.c.start, p)] += v; });
+      continue;
+    }
+    for (std::size_t k = at(q.c.start, p); k < at(q.c.start, p + 1); ++k) {
+      place[static_cast<std::size_t>(q.c.row[k])] = static_cast<std::int64_t>(k);
+    }
+    rows.each([&](std::int64_t f, double v) {
+      const auto o = static_cast<std::size_t>(q.position_of(first + f));
+      if (o >= p) q.c.value[static_cast<std::size_t>(place[o])] += v;
+    });
+  }
+}
+
+}  // namespace
+
+void gather_effects(const MIXED_EQUATIONS& q, std::int64_t first, const double* from, std::vector<double>& u)
+{
+  for (std::size_t e = 0; e < u.size(); ++e) u[e] = from[q.position_of(first + static_cast<std::int64_t>(e))];
+}
+
+void scatter_effects(const MIXED_EQUATIONS& q, std::int64_t first, const std::vector<double>& u, double* to)
+{
+  for (std::size_t e = 0; e < u.size(); ++e) to[q.position_of(first + static_cast<std::int64_t>(e))] += u[e];
+}
+
+void K4MXXS(ERROR_HANDLER& eh, const FORMED& formed, MIXED_EQUATIONS& q)
 {
   const Frame here{eh, __func__};
-  const double scale = residual.inverse;
-  if (scale == 1.0) {
-    std::copy(q.c0.begin(), q.c0.end(), q.c.value.begin());
+  if (q.residual.empty()) {
+    q.ri = formed.scaled_identity();
   } else {
-    std::transform(q.c0.begin(), q.c0.end(), q.c.value.begin(), [scale](double x) { return scale * x; });
+    q.ri = 1.0;
+    fill_residual(formed, q.residual);
+    residual_cross_products(q);
+    residual_right_hand_side(q);
   }
+  const double scale = q.ri;
+  std::transform(q.c0.begin(), q.c0.end(), q.c.value.begin(), [scale](double x) { return scale * x; });
 }
 
 void K4MXXG(ERROR_HANDLER& eh, const TERM_TABLE& terms, const VARIANCE_MODEL& model, const FORMED& formed, MIXED_EQUATIONS& q,
@@ -22,31 +111,27 @@ void K4MXXG(ERROR_HANDLER& eh, const TERM_TABLE& terms, const VARIANCE_MODEL& mo
   const Frame here{eh, __func__};
   log_det_g = 0.0;
   std::vector<std::uint8_t> emptied;
+  std::vector<std::int64_t> place(static_cast<std::size_t>(q.n));
   for (std::size_t t = 0; t < model.terms.size(); ++t) {
-    const TERM_ROW& term = terms.rows[static_cast<std::size_t>(model.terms[t].term)];
+    const std::int64_t first = first_equation(terms, model.terms[t]);
     if (model.terms[t].dropped) {
       // A variance of zero: the effects are zero, so their equations leave the system as singular ones.
       if (emptied.empty()) emptied.assign(static_cast<std::size_t>(q.n), 0);
-      for (std::int64_t e = term.first; e < term.first + term.equations; ++e) emptied[static_cast<std::size_t>(q.position_of(e))] = 1;
+      for (std::int64_t e = first; e < first + structure_size(model, model.terms[t]); ++e) emptied[static_cast<std::size_t>(q.position_of(e))] = 1;
       continue;
     }
-    const FORMED_TERM& g = formed.terms[t];
-    log_det_g += g.log_determinant;
-    const double inverse = g.inverse();
-    for (std::int64_t e = term.first; e < term.first + term.equations; ++e) {
-      const auto p = static_cast<std::size_t>(q.position_of(e));
-      q.c.value[static_cast<std::size_t>(q.c.start[p])] += inverse;
-    }
+    log_det_g += formed.terms[t].log_determinant;
+    add_inverse(first, formed.terms[t].components, q.random[t], q, place);
   }
   if (emptied.empty()) return;
   for (std::size_t j = 0; j < static_cast<std::size_t>(q.n); ++j) {
-    for (auto k = static_cast<std::size_t>(q.c.start[j]); k < static_cast<std::size_t>(q.c.start[j + 1]); ++k) {
+    for (std::size_t k = at(q.c.start, j); k < at(q.c.start, j + 1); ++k) {
       if (emptied[j] || emptied[static_cast<std::size_t>(q.c.row[k])]) q.c.value[k] = 0.0;
     }
   }
 }
 
-void multiply_residual_part(const MIXED_EQUATIONS& q, double inverse, const double* a, double* b, std::int64_t columns)
+void multiply_residual_part(const MIXED_EQUATIONS& q, const double* a, double* b, std::int64_t columns)
 {
   const auto n = static_cast<std::size_t>(q.n);
   for (std::size_t m = 0; m < static_cast<std::size_t>(columns); ++m) {
@@ -54,8 +139,8 @@ void multiply_residual_part(const MIXED_EQUATIONS& q, double inverse, const doub
     double* y = b + m * n;
     std::fill(y, y + n, 0.0);
     for (std::size_t j = 0; j < n; ++j) {
-      const auto from = static_cast<std::size_t>(q.c.start[j]);
-      const auto to = static_cast<std::size_t>(q.c.start[j + 1]);
+      const std::size_t from = at(q.c.start, j);
+      const std::size_t to = at(q.c.start, j + 1);
       const double xj = x[j];
       double sum = q.c0[from] * xj;
       for (std::size_t k = from + 1; k < to; ++k) {
@@ -65,8 +150,8 @@ void multiply_residual_part(const MIXED_EQUATIONS& q, double inverse, const doub
       }
       y[j] += sum;
     }
-    if (inverse != 1.0) {
-      for (std::size_t j = 0; j < n; ++j) y[j] *= inverse;
+    if (q.ri != 1.0) {
+      for (std::size_t j = 0; j < n; ++j) y[j] *= q.ri;
     }
   }
 }

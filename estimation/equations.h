@@ -1,9 +1,9 @@
 // The mixed-model equations C b = r of a fit: layout, pattern, fixed cross-products and their refilling.
 // Routines: SETUP_EQUATIONS, K4MXXS, K4MXXG.
 //
-// W holds all design columns, fixed and random; R = v diag(1/weight).  C = W'R^-1 W + G^-1 and r = W'R^-1 y.
-// With R0 = diag(1/weight) the products C0 = W'R0^-1 W, W'R0^-1 y and y'R0^-1 y never change during a fit: they are formed
-// once and only scaled by 1/v, while G^-1 is added anew in each evaluation.
+// W holds all design columns, fixed and random.  C = W'R^-1 W + G^-1 and r = W'R^-1 y.
+// Where R = v diag(1/weight) the products C0 = W'R0^-1 W, W'R0^-1 y and y'R0^-1 y with R0 = diag(1/weight) never change during a
+// fit: they are formed once and only scaled by 1/v.  For any other R they are formed anew in each evaluation, as G^-1 is added.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,9 @@
 #include "api/fit_options.h"
 #include "data/design_matrix.h"
 #include "estimation/coefficients.h"
+#include "estimation/direct_product.h"
 #include "estimation/factor.h"
+#include "estimation/residual_inverse.h"
 #include "model/term_table.h"
 #include "varstruct/form_structures.h"
 #include "varstruct/parameter_table.h"
@@ -44,9 +46,15 @@ struct MIXED_EQUATIONS {
   FACTOR factor;
   DESIGN_COLUMNS columns;                // by elimination position
   COEFFICIENTS c;                        // refilled in each evaluation
-  std::vector<double> c0;                // C0, aligned with c.value
-  std::vector<double> r0;                // W'R0^-1 y, elimination order, of the shifted response
-  double y0 = 0.0;                       // y'R0^-1 y of the shifted response
+  DESIGN_COLUMNS rows;                   // the same by records: `record` holds elimination positions; kept when R is not simple
+  std::vector<double> c0;                // the residual part of C over ri, aligned with c.value
+  std::vector<double> r0;                // W'R^-1 y over ri, elimination order, of the shifted response
+  double y0 = 0.0;                       // y'R^-1 y over ri, of the shifted response
+  double ri = 1.0;                       // 1/v where R is one scaled identity, else 1
+  RESIDUAL_INVERSE residual;             // empty where R is one scaled identity
+  std::vector<PRODUCT_ROWS> random;      // G^-1 of every random structure, as VARIANCE_MODEL::terms; unused for a dropped one
+  std::vector<double> y;                 // the shifted response, 0 where mv estimates it
+  double mean_square_y = 1.0;            // of the shifted response
   std::vector<double> mean_square;       // per term: the mean square of its non-zero design values, 1 for factors
   double log_weights = 0.0;              // sum of ln w over records with a weight above zero
 
@@ -57,20 +65,41 @@ struct MIXED_EQUATIONS {
   std::int64_t position_of(std::int64_t equation) const { return position[static_cast<std::size_t>(equation)]; }
 };
 
-/// SETUP_EQUATIONS: lays the terms out, finds pattern, order and factor, and forms the fixed cross-products; once a fit.
+/// SETUP_EQUATIONS: lays the terms out, finds pattern, order and factor, and forms what stays the same; once a fit.
 /// Fixed terms are dense until their count would pass the limit of the option dense (800 by default).
+///   formed  the structures at the starting values, whose patterns hold for the whole fit
 void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TABLE& terms, const DESIGN_MTX& design,
-                     MIXED_EQUATIONS& equations);
+                     const VARIANCE_MODEL& model, const FORMED& formed, MIXED_EQUATIONS& equations);
 
-/// K4MXXS: the residual part: c becomes C0 / v.
-void K4MXXS(ERROR_HANDLER& eh, const FORMED_ROW& residual, MIXED_EQUATIONS& equations);
+/// K4MXXS: the residual part: c becomes W'R^-1 W, r0 and y0 follow.
+void K4MXXS(ERROR_HANDLER& eh, const FORMED& formed, MIXED_EQUATIONS& equations);
 
 /// K4MXXG: adds G^-1 of every random term to c and sums log|G|; the equations of a dropped term are emptied.
 void K4MXXG(ERROR_HANDLER& eh, const TERM_TABLE& terms, const VARIANCE_MODEL& model, const FORMED& formed,
             MIXED_EQUATIONS& equations, double& log_det_g);
 
-/// b = C_R a for columns in elimination order, C_R = C0 / v being the residual part of C.
+/// b = C_R a for columns in elimination order, C_R being the residual part of C.
 ///   a, b   n by columns, leading dimension n
-void multiply_residual_part(const MIXED_EQUATIONS& equations, double inverse, const double* a, double* b, std::int64_t columns);
+void multiply_residual_part(const MIXED_EQUATIONS& equations, const double* a, double* b, std::int64_t columns);
+
+/// Model equations of a random structure: from the first equation of its term, as many as its product has.
+inline std::int64_t first_equation(const TERM_TABLE& terms, const TERM_STRUCTURE& structure)
+{
+  return terms.rows[static_cast<std::size_t>(structure.term)].first;
+}
+
+/// The equations of a random structure.
+inline std::int64_t structure_size(const VARIANCE_MODEL& model, const TERM_STRUCTURE& structure)
+{
+  std::int64_t size = 1;
+  for (std::int64_t r = structure.first_row; r < structure.first_row + structure.rows; ++r) {
+    size *= model.rows[static_cast<std::size_t>(r)].size;
+  }
+  return size;
+}
+
+/// The effects of a random structure out of a vector in elimination order, in the order of its product; and back, adding.
+void gather_effects(const MIXED_EQUATIONS& equations, std::int64_t first, const double* from, std::vector<double>& u);
+void scatter_effects(const MIXED_EQUATIONS& equations, std::int64_t first, const std::vector<double>& u, double* to);
 
 }  // namespace tolvan

@@ -41,24 +41,30 @@ void list_active(VARIANCE_MODEL& model, EVALUATION& ev)
 }
 
 /// Natural units of the parameters: what would give a record as much variance as the residual has now.
-void set_units(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, EVALUATION& ev)
+void set_units(const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, EVALUATION& ev)
 {
-  const double residual = model.profiled ? 1.0 : ev.evaluated[static_cast<std::size_t>(model.residual_parameter)];
-  std::vector<double> unit(model.parameters.size(), 1.0);
+  double residual = q.mean_square_y;
+  if (model.profiled) {
+    residual = 1.0;
+  } else if (model.residual_parameter >= 0) {
+    residual = ev.evaluated[static_cast<std::size_t>(model.residual_parameter)];
+  }
+  std::vector<double> size(model.parameters.size(), 1.0);
   for (const TERM_STRUCTURE& structure : model.terms) {
-    const TERM_ROW& term = in.terms.rows[static_cast<std::size_t>(structure.term)];
-    const double size = q.mean_square[static_cast<std::size_t>(structure.term)];
+    const double square = q.mean_square[static_cast<std::size_t>(structure.term)];
+    if (!(square > 0.0)) continue;
     for (std::int64_t r = structure.first_row; r < structure.first_row + structure.rows; ++r) {
       const STRUCTURE_ROW& row = model.rows[static_cast<std::size_t>(r)];
-      if (row.scale >= 0 && term.equations > 0 && size > 0.0) unit[static_cast<std::size_t>(row.scale)] = 1.0 / size;
+      for (std::int64_t i = row.first; i < row.first + row.parameters; ++i) size[static_cast<std::size_t>(i)] = square;
     }
   }
   for (std::size_t i = 0; i < ev.information.active.size(); ++i) {
     if (static_cast<std::int64_t>(i) == ev.information.held_out) continue;
     const auto parameter = static_cast<std::size_t>(ev.information.active[i]);
     const ParamRole role = model.parameters[parameter].role;
-    if (role != ParamRole::variance && role != ParamRole::covariance) continue;
-    ev.information.unit[i] = unit[parameter] * residual;
+    const double variance = residual / size[parameter];
+    if (role == ParamRole::variance || role == ParamRole::covariance) ev.information.unit[i] = variance;
+    if (role == ParamRole::loading) ev.information.unit[i] = std::sqrt(variance);
   }
 }
 
@@ -130,10 +136,14 @@ bool is_positive_definite(const FIT_MODEL& in, const VARIANCE_MODEL& model, cons
   std::int64_t negative = 0;
   for (std::size_t t = 0; t < model.terms.size(); ++t) {
     if (model.terms[t].dropped) continue;
-    const double inverse = ev.formed.terms[t].inverse();
-    if (inverse >= 0.0) continue;
-    const TERM_ROW& term = in.terms.rows[static_cast<std::size_t>(model.terms[t].term)];
-    for (std::int64_t e = term.first; e < term.first + term.equations; ++e) {
+    const std::int64_t all = q.random[t].size();
+    const std::int64_t down = negative_eigenvalues(ev.formed.terms[t].components);
+    if (down < all) {
+      negative += down;
+      continue;
+    }
+    const std::int64_t first = first_equation(in.terms, model.terms[t]);
+    for (std::int64_t e = first; e < first + all; ++e) {
       negative += q.factor.reciprocal[static_cast<std::size_t>(q.position_of(e))] != 0.0 ? 1 : 0;
     }
   }
@@ -141,39 +151,48 @@ bool is_positive_definite(const FIT_MODEL& in, const VARIANCE_MODEL& model, cons
   return negative == 0 || ev.negative == 0;
 }
 
-/// e'R^-1 e of the residuals e = y - W b, record by record.
-double residual_sum_of_squares(const FIT_MODEL& in, const MIXED_EQUATIONS& q, const EVALUATION& ev)
+/// Residuals e = y - W b, record by record, and e'R^-1 e.
+void form_residuals(const FIT_MODEL& in, const MIXED_EQUATIONS& q, EVALUATION& ev)
 {
-  const auto rows = static_cast<std::size_t>(in.design.rows());
-  std::vector<double> e(rows);
-  for (std::size_t r = 0; r < rows; ++r) e[r] = in.design.response[r] - q.shift;
-  for (const std::int64_t r : in.design.mv) e[static_cast<std::size_t>(r)] = 0.0;
+  const std::size_t rows = q.y.size();
+  ev.residual = q.y;
   for (std::size_t p = 0; p < static_cast<std::size_t>(q.n); ++p) {
     const double b = ev.solution[p];
     if (b == 0.0) continue;
     for (auto k = static_cast<std::size_t>(q.columns.start[p]); k < static_cast<std::size_t>(q.columns.start[p + 1]); ++k) {
-      e[static_cast<std::size_t>(q.columns.record[k])] -= b * q.columns.value[k];
+      ev.residual[static_cast<std::size_t>(q.columns.record[k])] -= b * q.columns.value[k];
     }
   }
   double sum = 0.0;
-  for (std::size_t r = 0; r < rows; ++r) {
-    sum += (in.design.weight.empty() ? 1.0 : std::max(in.design.weight[r], 0.0)) * e[r] * e[r];
+  if (q.residual.empty()) {
+    for (std::size_t r = 0; r < rows; ++r) {
+      sum += (in.design.weight.empty() ? 1.0 : std::max(in.design.weight[r], 0.0)) * ev.residual[r] * ev.residual[r];
+    }
+    sum *= q.ri;
+  } else {
+    std::vector<double> re(rows);
+    multiply_residual_inverse(q.residual, ev.residual.data(), re.data());
+    for (std::size_t r = 0; r < rows; ++r) sum += ev.residual[r] * re[r];
   }
-  return ev.formed.residual.inverse * sum;
+  ev.residual_square = sum;
 }
 
-/// Takes G^-1 times the effects in ev.constant off a right-hand side.
-void subtract_random_part(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, const EVALUATION& ev,
-                          std::vector<double>& right)
+/// Adds by * G^-1 x to y, both over all equations in elimination order.
+void add_random_part(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, const EVALUATION& ev, double by,
+                     const double* x, double* y)
 {
+  std::vector<double> u;
+  std::vector<double> gu;
+  std::vector<double> work;
   for (std::size_t t = 0; t < model.terms.size(); ++t) {
     if (model.terms[t].dropped) continue;
-    const TERM_ROW& term = in.terms.rows[static_cast<std::size_t>(model.terms[t].term)];
-    const double inverse = ev.formed.terms[t].inverse();
-    for (std::int64_t e = term.first; e < term.first + term.equations; ++e) {
-      const auto p = static_cast<std::size_t>(q.position_of(e));
-      right[p] -= inverse * ev.constant[p];
-    }
+    const std::int64_t first = first_equation(in.terms, model.terms[t]);
+    u.resize(static_cast<std::size_t>(q.random[t].size()));
+    gu.resize(u.size());
+    gather_effects(q, first, x, u);
+    apply_inverse(ev.formed.terms[t].components, u.data(), gu.data(), work);
+    for (double& g : gu) g *= by;
+    scatter_effects(q, first, gu, y);
   }
 }
 
@@ -183,36 +202,29 @@ void solve(const FIT_MODEL& in, const VARIANCE_MODEL& model, int threads, FIT_WO
 {
   const Timed timed{in.timing, "SMIFWD", "K4MITR"};
   MIXED_EQUATIONS& q = work.equations;
-  const double ri = ev.formed.residual.inverse;
-  ev.solution.resize(static_cast<std::size_t>(q.n));
+  const double ri = q.ri;
+  const auto n = static_cast<std::size_t>(q.n);
+  ev.solution.resize(n);
   std::transform(q.r0.begin(), q.r0.end(), ev.solution.begin(), [ri](double x) { return ri * x; });
   SMIFWD(q.factor, ev.solution.data(), 1, threads);
   SMIBCK(q.factor, ev.solution.data(), 1, threads);
-  ev.residual_square = residual_sum_of_squares(in, q, ev);
+  form_residuals(in, q, ev);
+  ev.random_part.assign(n, 0.0);
+  add_random_part(in, model, q, ev, 1.0, ev.solution.data(), ev.random_part.data());
   ev.quadratic = ev.residual_square;
-  for (std::size_t t = 0; t < model.terms.size(); ++t) {
-    if (model.terms[t].dropped) continue;
-    const TERM_ROW& term = in.terms.rows[static_cast<std::size_t>(model.terms[t].term)];
-    const double inverse = ev.formed.terms[t].inverse();
-    double sum = 0.0;
-    for (std::int64_t e = term.first; e < term.first + term.equations; ++e) {
-      const double u = ev.solution[static_cast<std::size_t>(q.position_of(e))];
-      sum += u * u;
-    }
-    ev.quadratic += inverse * sum;
-  }
+  for (std::size_t p = 0; p < n; ++p) ev.quadratic += ev.solution[p] * ev.random_part[p];
 
   // mu was left out as singular: what was taken off the response goes to the effects that span it.
   ev.constant.clear();
   if (q.mu >= 0 && q.shift != 0.0 && q.factor.reciprocal[static_cast<std::size_t>(q.position_of(q.mu))] == 0.0) {
     // Solved twice: the second time for what the first left over, since the constant may be large against the effects.
-    std::vector<double> left(static_cast<std::size_t>(q.n), 0.0);
+    std::vector<double> left(n, 0.0);
     left[static_cast<std::size_t>(q.position_of(q.mu))] = 1.0;
     std::vector<double> step(left.size());
     ev.constant.assign(left.size(), 0.0);
     for (int round = 0; round < 2; ++round) {
-      multiply_residual_part(q, ri, left.data(), step.data(), 1);
-      if (round > 0) subtract_random_part(in, model, q, ev, step);
+      multiply_residual_part(q, left.data(), step.data(), 1);
+      if (round > 0) add_random_part(in, model, q, ev, -1.0, ev.constant.data(), step.data());
       SMIFWD(q.factor, step.data(), 1, threads);
       SMIBCK(q.factor, step.data(), 1, threads);
       for (std::size_t p = 0; p < left.size(); ++p) {
@@ -253,25 +265,34 @@ void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int 
   ev.fault = 0;
   {
     const Timed timed{in.timing, "K4MSSF", "K4MITR"};
-    K4MVSF(eh, in.terms, model, iteration, ev.formed, ev.fault);
+    K4MVSF(eh, in.options, in.terms, model, iteration, ev.formed, ev.fault);
   }
   if (eh.terminate() || ev.fault > 0) return;
+  if (q.n == 0 && in.terms.equations > 0) {  // the first evaluation: the structures' patterns are known now
+    const Timed timed{in.timing, "REORDER_MATRIX"};
+    SETUP_EQUATIONS(eh, in.options, in.terms, in.design, model, ev.formed, q);
+    if (eh.terminate()) return;
+  }
   ev.evaluated.resize(model.parameters.size());
   for (std::size_t i = 0; i < ev.evaluated.size(); ++i) ev.evaluated[i] = model.parameters[i].value;
   {
     const Timed timed{in.timing, "K4MXXS", "K4MITR"};
-    K4MXXS(eh, ev.formed.residual, q);
+    K4MXXS(eh, ev.formed, q);
   }
-  if (!(ev.formed.residual.inverse * q.y0 > 1e-10)) {
+  if (!(q.ri * q.y0 > 1e-10)) {
     eh.EH_ADD_MESSAGE({.text = "There is no Variance: Job may fail.", .etype = Etype::warning, .unique = true});
   }
   {
     const Timed timed{in.timing, "K4MXXG", "K4MITR"};
     K4MXXG(eh, in.terms, model, ev.formed, q, ev.log_det_g);
   }
-  // Records of weight zero are in the residual's size and not in the data.
-  const double used = static_cast<double>(q.records) / static_cast<double>(std::max<std::int64_t>(1, ev.formed.residual.size));
-  ev.log_det_r = used * ev.formed.residual.log_determinant - q.log_weights;
+  ev.log_det_r = -q.log_weights;
+  for (const FORMED_SECTION& section : ev.formed.sections) {
+    // Records of weight zero are in the residual's size and not in the data.
+    const bool simple = q.residual.empty() && section.records > 0;
+    const double used = simple ? static_cast<double>(q.records) / static_cast<double>(section.records) : 1.0;
+    ev.log_det_r += used * section.log_determinant;
+  }
   L_ABSORB(eh, in, threads, work, ev);
   if (eh.terminate() || ev.absorbed.cancelled) return;
   if (!is_positive_definite(in, model, q, ev)) {
@@ -284,7 +305,7 @@ void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int 
     return;
   }
   // Nothing left to estimate a variance from: no degrees of freedom, or a sum of squares lost in its own rounding.
-  if (ev.nu < 1 || !(ev.quadratic > 1e-26 * std::fabs(ev.formed.residual.inverse * q.y0))) {
+  if (ev.nu < 1 || !(ev.quadratic > 1e-26 * std::fabs(q.ri * q.y0))) {
     ev.fault = 2130;
     return;
   }
@@ -328,11 +349,12 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
   }
 
   list_active(model, ev);
-  set_units(in, model, q, ev);
+  set_units(model, q, ev);
   WORKING_VARIABLES working;
   {
     const Timed part{in.timing, "K4MWVG", "K4MITR"};
     K4MWVG(eh, in, model, q, ev, working);
+    K4MWVR(eh, model, q, ev, working);
   }
   K4MWVA(eh, in, q, working, threads, ev);
   if (eh.terminate()) return;
@@ -342,10 +364,16 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
     SMIREV(eh, q.factor, threads, work.cancel);
     if (eh.terminate()) return;
     ev.inverse_diagonal.resize(static_cast<std::size_t>(q.n));
-    for (std::int64_t p = 0; p < q.n; ++p) ev.inverse_diagonal[static_cast<std::size_t>(p)] = K4MXIJ(q.factor, p, p);
   }
-  K4MSCG(eh, in, model, q, ev);
-  K4MSCR(eh, in, model, q, ev);
+  {
+    std::vector<double> inverse;
+    gather_inverse(q.factor, q.c, inverse, threads);
+    for (std::int64_t p = 0; p < q.n; ++p) {
+      ev.inverse_diagonal[static_cast<std::size_t>(p)] = inverse[static_cast<std::size_t>(q.c.start[static_cast<std::size_t>(p)])];
+    }
+    K4MSCG(eh, in, model, q, inverse, ev);
+    K4MSCR(eh, in, model, q, inverse, ev);
+  }
   if (eh.terminate()) return;
   {
     const Timed part{in.timing, "K4MUPD", "K4MITR"};

@@ -35,6 +35,8 @@ struct EVALUATION {
   std::int64_t fault = 0;
   std::int64_t negative = 0;             // negative pivots that no negative variance accounts for
   std::vector<double> solution;          // elimination order, on the scale of the shifted response
+  std::vector<double> random_part;       // G^-1 u, elimination order; 0 for fixed effects
+  std::vector<double> residual;          // e = y - W b, an analysis record each
   std::vector<double> constant;          // the effects that stand for a constant of 1 when mu itself is singular; else empty
   std::vector<double> inverse_diagonal;  // of C-inverse, elimination order
   INFORMATION information;               // before any damping
@@ -67,28 +69,39 @@ struct FIT_MODEL {
 /// K4MITR: evaluates likelihood, score and information at the present parameters and updates them.
 void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARIANCE_MODEL& model, FIT_WORK& work, EVALUATION& ev);
 
-/// K4MWVG: the working variables of the active parameters as alpha_i e + W a_i, e = y - W b being the residuals.
+/// K4MWVG: the working variables of the active parameters as alpha_i e + W a_i + f_i, e = y - W b being the residuals.
 ///
-/// w_i = Hdot_i P y: for a plain variance v of a random term w = Z u / v; for the profiled residual scale w = y, or as well
-/// y less its fixed part, e + Z u; for a residual variance v of its own w = e / v (Gilmour, Thompson & Cullis 1995).  All of
-/// these lie in the span of e and the columns of W.  Since W'R^-1 e is G^-1 u in the equations of random terms and zero in
-/// the others, W'R^-1 w and w'R^-1 w need the residual part of C alone and no pass over the data.
+/// w_i = Hdot_i P y (Gilmour, Thompson & Cullis 1995).  For a parameter of G it is Z Gdot G^-1 u, which is W a_i with a_i formed
+/// component by component: Gdot G^-1 is Rdot_c R_c^-1 along the component c that holds the parameter and the identity along the
+/// others.  For the profiled residual scale it is y less its fixed part, e + Z u; for a variance v of the whole residual e / v;
+/// for any other parameter of R it is f_i = Rdot R^-1 e within its section.  Since W'R^-1 e is G^-1 u in the equations of random
+/// terms and zero in the others, only the f_i need passes over the data.
 struct WORKING_VARIABLES {
-  std::vector<double> alpha;  // one an active parameter
-  std::vector<double> a;      // n by active, elimination order
-  std::vector<double> g;      // W'R^-1 e, elimination order
+  std::vector<double> alpha;       // one an active parameter
+  std::vector<double> a;           // n by active, elimination order
+  std::vector<std::int64_t> data;  // active parameters with an f_i, rising
+  std::vector<double> f;           // records by data.size()
 };
 void K4MWVG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations,
             const EVALUATION& ev, WORKING_VARIABLES& working);
+/// K4MWVR: the residual part of the same.
+void K4MWVR(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations, const EVALUATION& ev,
+            WORKING_VARIABLES& working);
 
 /// K4MWVA: the average-information matrix 0.5 w_i'P w_j / s2 of all active parameters, by absorbing their working variables.
 void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& equations, const WORKING_VARIABLES& working, int threads,
             EVALUATION& ev);
 
-/// K4MSCG: the scores of the parameters of random terms.
-void K4MSCG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations, EVALUATION& ev);
+/// K4MSCG: the scores of the parameters of random terms; the factor holds C-inverse.
+///   inverse  C-inverse on the pattern of C, aligned with it
+void K4MSCG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, MIXED_EQUATIONS& equations,
+            const std::vector<double>& inverse, EVALUATION& ev);
 
-/// K4MSCR: the score of a residual variance that is not profiled.
-void K4MSCR(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations, EVALUATION& ev);
+/// K4MSCR: the scores of the parameters of the residual, but for a profiled variance.
+void K4MSCR(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, MIXED_EQUATIONS& equations,
+            const std::vector<double>& inverse, EVALUATION& ev);
+
+/// Halves of W C^-1 W' on the pattern of R^-1: x_r'C^-1 x_s is the sum of the elements (r, s) and (s, r); aligned with R^-1.
+void inverse_by_records(const MIXED_EQUATIONS& equations, const std::vector<double>& inverse, std::vector<double>& halves);
 
 }  // namespace tolvan

@@ -207,14 +207,26 @@ std::int64_t parameters_counted(const VARIANCE_MODEL& model, const EVALUATION& e
 
 }  // namespace
 
-void AIRHAT(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, const EVALUATION& ev, int threads,
-            std::vector<double>& hat)
+void AIRHAT(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, int threads, std::vector<double>& hat)
 {
   const Frame here{eh, __func__};
   std::vector<double> inverse;
   gather_inverse(q.factor, q.c, inverse, threads);
   const auto rows = static_cast<std::size_t>(in.design.rows());
   hat.assign(rows, 0.0);
+  if (!q.residual.empty()) {
+    // The diagonal of W C^-1 W'R^-1.
+    std::vector<double> halves;
+    inverse_by_records(q, inverse, halves);
+    for (std::size_t r = 0; r < rows; ++r) {
+      for (auto k = static_cast<std::size_t>(q.residual.start[r]); k < static_cast<std::size_t>(q.residual.start[r + 1]); ++k) {
+        const double h = halves[k] * q.residual.value[k];
+        hat[r] += h;
+        hat[static_cast<std::size_t>(q.residual.record[k])] += h;
+      }
+    }
+    return;
+  }
   // hat(r) = w_r / v sum over its equations i, j of x_i x_j Cinv(i, j): column j of C-inverse is spread over a work vector and
   // read by the records of j.  Rows of the design are read in elimination order through the columns' transposition.
   std::vector<std::int64_t> start(rows + 1, 0);
@@ -250,7 +262,7 @@ void AIRHAT(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, co
   }
   for (std::size_t r = 0; r < rows; ++r) {
     const double w = in.design.weight.empty() ? 1.0 : std::max(in.design.weight[r], 0.0);
-    hat[r] *= w * ev.formed.residual.inverse;
+    hat[r] *= w * q.ri;
   }
 }
 
@@ -267,7 +279,7 @@ void K4MFIN(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
   fit.tolerance = work.tolerance;
   effects(in, work.equations, ev, fit);
   fitted_values(in, work.equations, ev, fit);
-  AIRHAT(eh, in, work.equations, ev, static_cast<int>(std::max<std::int64_t>(1, work.aiopt(Ai::threads))), fit.hat);
+  AIRHAT(eh, in, work.equations, static_cast<int>(std::max<std::int64_t>(1, work.aiopt(Ai::threads))), fit.hat);
   if (eh.terminate()) return;
   bound_letters(model, work, ev, fit);
   dropped_letters(model, fit);

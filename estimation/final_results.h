@@ -12,7 +12,6 @@ namespace tolvan {
 void K4MFIN(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, FIT_WORK& work, EVALUATION& ev, FIT_STATE& fit);
 
 /// AIRHAT: the leverages, diagonal of W C^-1 W'R^-1, one an analysis record.
-void AIRHAT(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& equations, const EVALUATION& ev, int threads,
-            std::vector<double>& hat);
+void AIRHAT(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& equations, int threads, std::vector<double>& hat);
 
 }  // namespace tolvan

@@ -83,7 +83,7 @@ void L_OPEN(ERROR_HANDLER& eh, const FIT_CALL& call, FIT_WORK& work, ITERATION& 
   work.default_tolerance = work.tolerance == 1e-8;
   work.cancel.asked = [](void*) { return abort_file_exists(); };
 
-  it.convergence.trivial = call.model.count() == 1 && call.model.terms.empty() && call.model.residual.size() == 1;
+  it.convergence.trivial = call.model.count() == 1 && call.model.terms.empty() && call.model.sections.size() == 1;
   it.convergence.simple = std::any_of(call.model.parameters.begin(), call.model.parameters.end(),
                                       [](const VARIANCE_PARAMETER& v) { return v.type == ParamType::d; });
 }
@@ -375,11 +375,6 @@ void AIWORK(ERROR_HANDLER& eh, FIT_CALL& call, FIT_STATE& fit)
   const FIT_MODEL in{call.options, call.variables, call.factors, call.terms, call.design, call.timing};
   L_OPEN(eh, call, work, it);
   if (eh.terminate()) return;
-  {
-    const Timed timed{call.timing, "REORDER_MATRIX"};
-    SETUP_EQUATIONS(eh, call.options, call.terms, call.design, work.equations);
-    if (eh.terminate()) return;
-  }
   L_ITERATE(eh, call, in, work, ev, it, fit);
   TMG_LOG(call.timing, " EndingResiduals");
   const std::int64_t singular = work.aiopt(Ai::ai_singularities);

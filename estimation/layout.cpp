@@ -170,11 +170,37 @@ double weight_of(const DESIGN_MTX& design, std::size_t r)
   return design.weight.empty() ? 1.0 : std::max(design.weight[r], 0.0);
 }
 
-/// C0 in inner order: lower triangle by columns with the diagonal first, the dense block whole.
-///
-/// Column j gathers the rows of its records into a dense work vector (Gustavson 1978), so that no element is searched for.
-COEFFICIENTS cross_products(const INNER_DESIGN& d, const DESIGN_COLUMNS& columns, std::int64_t n, std::int64_t dense)
+/// The random structures by inner equations: which one an equation belongs to.
+struct STRUCTURE_OF {
+  std::vector<std::int32_t> structure;  // by inner equation, -1 for none
+  std::vector<std::int64_t> equation;   // model equation of an inner one
+};
+
+STRUCTURE_OF structures_of(const TERM_TABLE& terms, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q)
 {
+  STRUCTURE_OF of;
+  of.structure.assign(static_cast<std::size_t>(q.n), -1);
+  of.equation.resize(static_cast<std::size_t>(q.n));
+  for (std::int64_t e = 0; e < q.n; ++e) of.equation[static_cast<std::size_t>(q.inner[static_cast<std::size_t>(e)])] = e;
+  for (std::size_t t = 0; t < model.terms.size(); ++t) {
+    const std::int64_t first = first_equation(terms, model.terms[t]);
+    for (std::int64_t e = first; e < first + structure_size(model, model.terms[t]); ++e) {
+      of.structure[static_cast<std::size_t>(q.inner[static_cast<std::size_t>(e)])] = static_cast<std::int32_t>(t);
+    }
+  }
+  return of;
+}
+
+/// C0 in inner order with the pattern of C: lower triangle by columns with the diagonal first, the dense block whole.
+///
+/// Column j gathers the rows of its records, and of the records that R^-1 joins to them, into a dense work vector (Gustavson
+/// 1978), so that no element is searched for; the elements of G^-1 join it as zeros.  Values are right where R is one scaled
+/// identity; else they are formed in each evaluation.
+COEFFICIENTS cross_products(const TERM_TABLE& terms, const VARIANCE_MODEL& model, const INNER_DESIGN& d, const DESIGN_COLUMNS& columns,
+                            std::int64_t dense, MIXED_EQUATIONS& q)
+{
+  const std::int64_t n = q.n;
+  const STRUCTURE_OF of = structures_of(terms, model, q);
   COEFFICIENTS c;
   c.n = n;
   c.start.assign(static_cast<std::size_t>(n) + 1, 0);
@@ -182,36 +208,49 @@ COEFFICIENTS cross_products(const INNER_DESIGN& d, const DESIGN_COLUMNS& columns
   std::vector<double> work(static_cast<std::size_t>(n), 0.0);
   std::vector<std::int64_t> seen(static_cast<std::size_t>(n), -1);
   std::vector<std::int32_t> rows;
+  std::vector<std::int64_t> joined(q.residual.empty() ? 0 : static_cast<std::size_t>(d.design.rows()), -1);
   for (std::int64_t j = 0; j < n; ++j) {
     rows.clear();
-    if (j >= sparse) {
-      for (std::int64_t i = j; i < n; ++i) {
-        rows.push_back(static_cast<std::int32_t>(i));
-        work[static_cast<std::size_t>(i)] = 0.0;
-        seen[static_cast<std::size_t>(i)] = j;
+    const auto add = [&](std::int32_t i, double value) {
+      const auto at = static_cast<std::size_t>(i);
+      if (seen[at] != j) {
+        seen[at] = j;
+        work[at] = 0.0;
+        rows.push_back(i);
       }
-    } else {
-      rows.push_back(static_cast<std::int32_t>(j));
-      work[static_cast<std::size_t>(j)] = 0.0;
-      seen[static_cast<std::size_t>(j)] = j;
-    }
+      work[at] += value;
+    };
+    const auto add_record = [&](std::size_t r, double wx) {
+      const auto end = static_cast<std::size_t>(d.design.start[r + 1]);
+      for (auto e = static_cast<std::size_t>(d.design.start[r]); e < end; ++e) {
+        if (d.equation[e] >= j) add(d.equation[e], wx * d.value[e]);
+      }
+    };
+    for (std::int64_t i = j; i < (j >= sparse ? n : j + 1); ++i) add(static_cast<std::int32_t>(i), 0.0);
     const auto from = static_cast<std::size_t>(columns.start[static_cast<std::size_t>(j)]);
     const auto to = static_cast<std::size_t>(columns.start[static_cast<std::size_t>(j) + 1]);
     for (std::size_t k = from; k < to; ++k) {
       const auto r = static_cast<std::size_t>(columns.record[k]);
-      const double wx = weight_of(d.design, r) * columns.value[k];
-      const auto end = static_cast<std::size_t>(d.design.start[r + 1]);
-      for (auto e = static_cast<std::size_t>(d.design.start[r]); e < end; ++e) {
-        const std::int32_t i = d.equation[e];
-        if (i < j) continue;
-        const auto at = static_cast<std::size_t>(i);
-        if (seen[at] != j) {
-          seen[at] = j;
-          work[at] = 0.0;
-          rows.push_back(i);
-        }
-        work[at] += wx * d.value[e];
+      if (q.residual.empty()) {
+        add_record(r, weight_of(d.design, r) * columns.value[k]);
+        continue;
       }
+      for (auto m = static_cast<std::size_t>(q.residual.start[r]); m < static_cast<std::size_t>(q.residual.start[r + 1]); ++m) {
+        const auto s = static_cast<std::size_t>(q.residual.record[m]);
+        if (joined[s] == j) continue;
+        joined[s] = j;
+        add_record(s, 0.0);
+      }
+    }
+    const std::int32_t t = of.structure[static_cast<std::size_t>(j)];
+    if (t >= 0 && !model.terms[static_cast<std::size_t>(t)].dropped && !q.random[static_cast<std::size_t>(t)].diagonal()) {
+      const std::int64_t first = first_equation(terms, model.terms[static_cast<std::size_t>(t)]);
+      PRODUCT_ROWS& product = q.random[static_cast<std::size_t>(t)];
+      product.move_to(of.equation[static_cast<std::size_t>(j)] - first);
+      product.each([&](std::int64_t f, double) {
+        const std::int32_t i = q.inner[static_cast<std::size_t>(first + f)];
+        if (i >= j) add(i, 0.0);
+      });
     }
     std::sort(rows.begin(), rows.end());
     for (const std::int32_t i : rows) {
@@ -221,6 +260,26 @@ COEFFICIENTS cross_products(const INNER_DESIGN& d, const DESIGN_COLUMNS& columns
     c.start[static_cast<std::size_t>(j) + 1] = static_cast<std::int64_t>(c.row.size());
   }
   return c;
+}
+
+/// The design by records out of that by columns: elimination positions rise within a record.
+DESIGN_COLUMNS by_records(const DESIGN_COLUMNS& columns, std::int64_t records)
+{
+  DESIGN_COLUMNS rows;
+  rows.start.assign(static_cast<std::size_t>(records) + 1, 0);
+  for (const std::int32_t r : columns.record) ++rows.start[static_cast<std::size_t>(r) + 1];
+  for (std::size_t r = 0; r < static_cast<std::size_t>(records); ++r) rows.start[r + 1] += rows.start[r];
+  rows.record.resize(columns.record.size());
+  rows.value.resize(columns.record.size());
+  std::vector<std::int64_t> next(rows.start.begin(), rows.start.end() - 1);
+  for (std::size_t p = 0; p + 1 < columns.start.size(); ++p) {
+    for (auto k = static_cast<std::size_t>(columns.start[p]); k < static_cast<std::size_t>(columns.start[p + 1]); ++k) {
+      const auto at = static_cast<std::size_t>(next[static_cast<std::size_t>(columns.record[k])]++);
+      rows.record[at] = static_cast<std::int32_t>(p);
+      rows.value[at] = columns.value[k];
+    }
+  }
+  return rows;
 }
 
 /// The pattern of the strictly lower triangle, the dense block left implied.
@@ -301,6 +360,7 @@ void response_products(const DESIGN_MTX& design, MIXED_EQUATIONS& q)
   std::vector<double> y(rows);
   std::vector<std::uint8_t> estimated(rows, 0);
   for (const std::int64_t r : design.mv) estimated[static_cast<std::size_t>(r)] = 1;
+  q.y.resize(rows);
   q.records = 0;
   q.y0 = 0.0;
   q.log_weights = 0.0;
@@ -309,11 +369,13 @@ void response_products(const DESIGN_MTX& design, MIXED_EQUATIONS& q)
     const double shifted = estimated[r] ? 0.0 : design.response[r] - q.shift;
     q.y0 += w * shifted * shifted;
     y[r] = w * shifted;
+    q.y[r] = shifted;
     if (w > 0.0) {
       ++q.records;
       if (w != 1.0) q.log_weights += std::log(w);
     }
   }
+  q.mean_square_y = q.records > 0 && q.y0 > 0.0 ? q.y0 / static_cast<double>(q.records) : 1.0;
   q.r0.assign(static_cast<std::size_t>(q.n), 0.0);
   for (std::size_t p = 0; p < static_cast<std::size_t>(q.n); ++p) {
     double sum = 0.0;
@@ -349,7 +411,7 @@ void design_sizes(const TERM_TABLE& terms, MIXED_EQUATIONS& q)
 }  // namespace
 
 void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TABLE& terms, const DESIGN_MTX& design,
-                     MIXED_EQUATIONS& q)
+                     const VARIANCE_MODEL& model, const FORMED& formed, MIXED_EQUATIONS& q)
 {
   const Frame here{eh, __func__};
   q.n = terms.equations;
@@ -357,10 +419,13 @@ void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_T
   L_PLACE_TERMS(eh, options, terms, q, dense);
   if (eh.terminate()) return;
   choose_shifts(terms, design, dense, q);
+  lay_out_residual(design, formed, q.residual);
+  q.random.reserve(formed.terms.size());
+  for (const FORMED_TERM& term : formed.terms) q.random.emplace_back(term.components).keep_zeros(true);
 
   const INNER_DESIGN d = inner_design(design, q);
   q.columns = by_columns(d, q.n, nullptr);
-  COEFFICIENTS inner = cross_products(d, q.columns, q.n, dense);
+  COEFFICIENTS inner = cross_products(terms, model, d, q.columns, dense, q);
   q.columns = {};
   {
     const PATTERN pattern = pattern_of(inner, dense);
@@ -374,10 +439,12 @@ void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_T
   inner = {};
   q.c0 = q.c.value;
   q.columns = by_columns(d, q.n, &q.factor.position);
+  if (!q.residual.empty()) q.rows = by_records(q.columns, design.rows());
   q.position.resize(static_cast<std::size_t>(q.n));
   for (std::size_t e = 0; e < q.position.size(); ++e) {
     q.position[e] = q.factor.position[static_cast<std::size_t>(q.inner[e])];
   }
+  for (PRODUCT_ROWS& rows : q.random) rows.keep_zeros(false);
   response_products(design, q);
   design_sizes(terms, q);
 }

@@ -42,6 +42,8 @@ class COMPONENT_MATRIX {
   const SYMMETRIC& inverse() const { return inverse_; }           // R^-1
   double log_determinant() const { return log_determinant_; }     // log|R|
   const std::vector<double>& score_part() const { return score_part_; }  // d log|R| / d theta_k
+  /// The number of negative eigenvalues of R^-1: of unbounded variances below zero, of Lagrangian rows.
+  std::int64_t negative() const { return negative_; }
 
   /// out[k] += sum over all a, b of S(a, b) dRi_k(a, b), where dRi_k = R^-1 Rdot_k R^-1 = -d(R^-1) / d theta_k.
   ///   s  laid out as inverse().values (full both triangles when dense; the trace alone for an identity); an element below the
@@ -61,6 +63,7 @@ class COMPONENT_MATRIX {
   SYMMETRIC inverse_;
   double log_determinant_ = 0.0;
   std::vector<double> score_part_;
+  std::int64_t negative_ = 0;
 };
 
 }  // namespace tolvan

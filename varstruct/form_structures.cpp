@@ -1,9 +1,11 @@
 // Forming the structures of one evaluation.  Routine: K4MVSF.
 #include "varstruct/form_structures.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "base/text.h"
+#include "varstruct/make_component.h"
 
 namespace tolvan {
 
@@ -13,82 +15,123 @@ constexpr std::int64_t not_a_number = 999;
 constexpr std::int64_t residual_is_zero = 280;
 constexpr std::int64_t residual_is_negative = 2130;
 constexpr std::int64_t structure_failed = 1000;  // plus the model's code
+constexpr int step_downs = 20;                   // of one row in one evaluation
 
-/// R = g I, or I for a row without a variance of its own:
-///     R^-1 = I/g,   log|R| = n ln|g|,   R^-1 (dR/dg) R^-1 = I/g^2,   d log|R| / dg = n/g.
-/// A negative g is legal: an unbounded component may be one, as long as V stays positive definite.
-Formed form_identity(const STRUCTURE_ROW& row, const double* g, FORMED_ROW& out)
-{
-  const auto n = static_cast<double>(row.size);
-  out = {};
-  out.size = row.size;
-  if (g == nullptr) return Formed::done;
-  if (*g == 0.0) return Formed::zero_variance;
-  out.inverse = 1.0 / *g;
-  out.log_determinant = n * std::log(std::fabs(*g));
-  out.derivative.assign(1, out.inverse * out.inverse);
-  out.score_part.assign(1, n * out.inverse);
-  return Formed::done;
-}
-
-/// L_FORM_ROW: forms one row by its model; the fault is 0 when that went well.
-std::int64_t L_FORM_ROW(ERROR_HANDLER& eh, const STRUCTURE_ROW& row, const VARIANCE_MODEL& model,
-                        FORMED_ROW& out)
+/// L_ROW_FAULT: the words for a row that could not be formed; gives the fault.
+std::int64_t L_ROW_FAULT(ERROR_HANDLER& eh, const STRUCTURE_ROW& row, const std::string& name, Formed answer)
 {
   const Frame here{eh, __func__};
-  const bool own_variance = row.scale >= 0;
-  if (row.model != 0) {
-    eh.internal(text("unexpected variance model code ", row.model));
-    return structure_failed + row.model;
+  const std::int64_t fault = structure_failed + std::max<std::int64_t>(row.model, 0);
+  if (answer == Formed::zero_variance || eh.terminate()) return fault;
+  const char* words = row.model < 6    ? "Correlation structure is not positive definite"
+                      : row.model < 26 ? "Variance structure is not positive definite"
+                                       : "Failed absorbing C matrix";
+  eh.EH_ADD_MESSAGE({.text = words, .etype = Etype::warning, .unique = true});
+  if (!name.empty()) eh.continuation(name);
+  return fault;
+}
+
+/// L_FORM_ROW: forms one row, as a simpler model where it steps down; the fault is 0 when that went well.
+std::int64_t L_FORM_ROW(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const std::string& name, std::int64_t iteration,
+                        STRUCTURE_ROW& row, VARIANCE_MODEL& model, std::unique_ptr<COMPONENT_MATRIX>& component)
+{
+  const Frame here{eh, __func__};
+  for (std::int64_t i = row.first; i < row.first + row.parameters; ++i) {
+    if (!std::isfinite(model.parameters[static_cast<std::size_t>(i)].value)) return not_a_number;
   }
-  if (row.parameters != (own_variance ? 1 : 0)) {
-    eh.internal(
-        text("size of structure seems wrong, nrow = ", row.size, ", gammas count = ", row.parameters));
+  for (int k = 0; k < step_downs; ++k) {
+    if (component == nullptr) component = make_component(row, model);
+    if (component == nullptr) {
+      eh.not_implemented(text("the variance model of code ", row.model, " in ", name, " is not implemented"));
+      return structure_failed;
+    }
+    FORM_CONTEXT context{.eh = eh,
+                         .model = model,
+                         .row = row,
+                         .iteration = iteration,
+                         .ar_limit = options(RealSlot::arlimit),
+                         .bend = static_cast<double>(options(Slot::bend))};
+    const Formed answer = component->form(context);
+    switch (answer) {
+      case Formed::done:
+      case Formed::done_by_metric: return eh.terminate() ? structure_failed : 0;
+      case Formed::again: component.reset(); continue;  // the row has become a simpler model
+      case Formed::in_handler:
+      case Formed::zero_variance: return L_ROW_FAULT(eh, row, name, answer);
+    }
+    eh.internal(text("unexpected value for idks, idks=", static_cast<std::int64_t>(answer)));
     return structure_failed;
   }
-  const double* g = own_variance ? &model.parameters[static_cast<std::size_t>(row.scale)].value : nullptr;
-  if (g != nullptr && !std::isfinite(*g)) return not_a_number;
-  return form_identity(row, g, out) == Formed::done ? 0 : structure_failed;
+  eh.internal(text("unexpected value for idks, idks=", static_cast<std::int64_t>(Formed::again)));
+  return structure_failed;
+}
+
+/// L_FORM_ROWS: forms the rows of one product and sums its log-determinant: log|A x B| = size(B) log|A| + size(A) log|B|.
+std::int64_t L_FORM_ROWS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const std::string& name, std::int64_t iteration,
+                         std::vector<STRUCTURE_ROW>& rows, std::int64_t first, std::int64_t count, VARIANCE_MODEL& model,
+                         COMPONENTS& components, std::int64_t& size, double& log_determinant)
+{
+  const Frame here{eh, __func__};
+  components.resize(static_cast<std::size_t>(count));
+  size = 1;
+  for (std::int64_t r = 0; r < count; ++r) {
+    const auto at = static_cast<std::size_t>(r);
+    const std::int64_t fault = L_FORM_ROW(eh, options, name, iteration, rows[static_cast<std::size_t>(first + r)], model, components[at]);
+    if (fault != 0) return fault;
+    size *= components[at]->inverse().n;
+  }
+  log_determinant = 0.0;
+  for (const auto& component : components) {
+    const std::int64_t n = component->inverse().n;
+    if (n > 0) log_determinant += component->log_determinant() * static_cast<double>(size / n);
+  }
+  return 0;
 }
 
 }  // namespace
 
-void K4MVSF(ERROR_HANDLER& eh, const TERM_TABLE& terms, VARIANCE_MODEL& model, std::int64_t, FORMED& formed,
-            std::int64_t& fault)
+void K4MVSF(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TABLE& terms, VARIANCE_MODEL& model, std::int64_t iteration,
+            FORMED& formed, std::int64_t& fault)
 {
   const Frame here{eh, __func__};
   fault = 0;
+  // A residual variance that vanishes has faults of its own, told before its structure is formed.
+  if (model.residual_parameter >= 0) {
+    const double own = model.parameters[static_cast<std::size_t>(model.residual_parameter)].value;
+    if (!std::isfinite(own)) {
+      fault = not_a_number;
+    } else if (own <= 0.0) {
+      fault = own == 0.0 ? residual_is_zero : residual_is_negative;
+    }
+    if (fault != 0) return;
+  }
   formed.terms.resize(model.terms.size());
   for (std::size_t i = 0; i < model.terms.size(); ++i) {
     const TERM_STRUCTURE& structure = model.terms[i];
-    FORMED_TERM& term = formed.terms[i];
-    term.size = terms.rows[static_cast<std::size_t>(structure.term)].equations;
-    term.log_determinant = 0.0;
-    term.rows.clear();
     if (structure.dropped) continue;
-    term.rows.resize(static_cast<std::size_t>(structure.rows));
-    for (std::int64_t r = 0; r < structure.rows; ++r) {
-      FORMED_ROW& row = term.rows[static_cast<std::size_t>(r)];
-      fault = L_FORM_ROW(eh, model.rows[static_cast<std::size_t>(structure.first_row + r)], model, row);
-      if (fault != 0) return;
-      // log|A x B| = size(B) log|A| + size(A) log|B|
-      if (row.size > 0)
-        term.log_determinant += row.log_determinant * static_cast<double>(term.size / row.size);
-    }
+    FORMED_TERM& term = formed.terms[i];
+    const std::string& name = terms.rows[static_cast<std::size_t>(structure.term)].name;
+    fault = L_FORM_ROWS(eh, options, name, iteration, model.rows, structure.first_row, structure.rows, model, term.components, term.size,
+                        term.log_determinant);
+    if (fault != 0) return;
   }
-
-  // A profiled residual is I: its variance, sigma2, is found by the evaluation.
-  const STRUCTURE_ROW& residual = model.residual.front();
-  const double own =
-      model.profiled ? 1.0 : model.parameters[static_cast<std::size_t>(model.residual_parameter)].value;
-  if (!std::isfinite(own)) {
-    fault = not_a_number;
-  } else if (own == 0.0) {
-    fault = residual_is_zero;
-  } else if (own < 0.0) {
-    fault = residual_is_negative;
-  } else {
-    form_identity(residual, &own, formed.residual);
+  formed.sections.resize(model.sections.size());
+  for (std::size_t i = 0; i < model.sections.size(); ++i) {
+    const RESIDUAL_SECTION& section = model.sections[i];
+    FORMED_SECTION& out = formed.sections[i];
+    out.first = section.first_record;
+    fault = L_FORM_ROWS(eh, options, section.name, iteration, model.residual, section.first_row, section.rows, model, out.components,
+                        out.records, out.log_determinant);
+    if (fault != 0) return;
+    if (section.scale < 0) continue;
+    out.scale = model.parameters[static_cast<std::size_t>(section.scale)].value;
+    if (!std::isfinite(out.scale)) {
+      fault = not_a_number;
+    } else if (out.scale <= 0.0) {
+      fault = residual_is_negative;
+    }
+    if (fault != 0) return;
+    out.log_determinant += static_cast<double>(out.records) * std::log(out.scale);
   }
 }
 

@@ -2,52 +2,54 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "api/error_handler.h"
+#include "api/fit_options.h"
 #include "model/term_table.h"
 #include "varstruct/component_matrix.h"
 #include "varstruct/parameter_table.h"
 
 namespace tolvan {
 
-/// The shape of a formed matrix.  More shapes follow with their models.
-enum class Form { identity };
+using COMPONENTS = std::vector<std::unique_ptr<COMPONENT_MATRIX>>;
 
-/// One formed component: R = scale * I of its size here, with what an evaluation needs of it.
-/// Derivatives follow one sign: dRi = R^-1 Rdot R^-1 = -d(R^-1)/d theta.
-struct FORMED_ROW {
-  Form form = Form::identity;
-  std::int64_t size = 0;
-  double inverse = 1.0;                  // R^-1 = inverse * I
-  double log_determinant = 0.0;          // of the whole row matrix
-  std::vector<double> derivative;        // dRi = derivative[k] * I for its k-th parameter
-  std::vector<double> score_part;        // d log|R| / d theta_k for the whole row matrix
+/// The formed structure of a random term: the direct product of its components, first slowest.
+struct FORMED_TERM {
+  std::int64_t size = 0;         // equations: those of a linked group together
+  double log_determinant = 0.0;  // log|G|
+  COMPONENTS components;
 };
 
-/// The formed structure of a random term, as equations see it.
-struct FORMED_TERM {
-  std::int64_t size = 0;             // equations
-  double log_determinant = 0.0;      // log|G| of the term
-  std::vector<FORMED_ROW> rows;      // one a component of the structure
+/// The formed structure of a residual section: R = scale times the direct product, before weights.
+struct FORMED_SECTION {
+  std::int64_t first = 0, records = 0;  // rows of the design
+  double scale = 1.0;                   // of the parameter outside the rows
+  double log_determinant = 0.0;         // log|R|, scale included
+  COMPONENTS components;
+};
 
-  /// G^-1 = inverse() I: a product of scaled identities is a scaled identity.
-  double inverse() const
+/// All structures of one evaluation.  The components keep their buffers from one evaluation to the next.
+struct FORMED {
+  std::vector<FORMED_TERM> terms;  // as VARIANCE_MODEL::terms; those of a dropped term are stale
+  std::vector<FORMED_SECTION> sections;
+
+  /// Whether R is one scaled identity (before weights); then 1/scale of it, else 0.
+  double scaled_identity() const
   {
-    double product = 1.0;
-    for (const FORMED_ROW& row : rows) product *= row.inverse;
-    return product;
+    if (sections.size() != 1) return 0.0;
+    double inverse = 1.0 / sections.front().scale;
+    for (const auto& component : sections.front().components) {
+      if (component->inverse().shape != Shape::identity) return 0.0;
+      inverse *= component->inverse().scale;
+    }
+    return inverse;
   }
 };
 
-/// All structures of one evaluation.
-struct FORMED {
-  std::vector<FORMED_TERM> terms;    // as VARIANCE_MODEL::terms; empty rows for a dropped term
-  FORMED_ROW residual;
-};
-
 /// K4MVSF: forms all structures at the present parameter values.  fault: 0, or 1000 + model code of the one that failed.
-void K4MVSF(ERROR_HANDLER& eh, const TERM_TABLE& terms, VARIANCE_MODEL& model, std::int64_t iteration, FORMED& formed,
-            std::int64_t& fault);
+void K4MVSF(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TABLE& terms, VARIANCE_MODEL& model, std::int64_t iteration,
+            FORMED& formed, std::int64_t& fault);
 
 }  // namespace tolvan

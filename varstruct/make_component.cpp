@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 
+#include "varstruct/identity_matrix.h"
 #include "varstruct/model_catalogue.h"
 
 namespace tolvan {
@@ -17,8 +18,17 @@ struct MAKER {
   Component (*make)(const STRUCTURE_ROW&, const VARIANCE_MODEL&);
 };
 
+/// A class that reads all it needs from the row when it is formed.
+template <class Model>
+Component plain(const STRUCTURE_ROW&, const VARIANCE_MODEL&)
+{
+  return std::make_unique<Model>();
+}
+
 // A model without a row here is refused by whoever asks.
-constexpr std::array<MAKER, 0> makers = {};
+constexpr std::array makers = {
+    MAKER{0, plain<IDENTITY_MATRIX>},
+};
 
 }  // namespace
 

@@ -153,6 +153,7 @@ void SETSTR(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const FACTOR_TABLE& f
   NEWSTR(eh, {.term = "units", .levels = records, .base = residual_base * scale}, model, model.residual);
   if (eh.terminate()) return;
   model.residual_parameter = model.count() - 1;
+  model.sections.push_back({.rows = 1, .records = records});
   model.parameters.back().type = ParamType::V;
   for (VARIANCE_PARAMETER& p : model.parameters) p.start = p.value;
 }

@@ -77,6 +77,7 @@ Model make(const Shape& shape, std::int64_t records, unsigned seed)
   residual.parameters = 1;
   residual.first = residual.scale = m.variance.residual_parameter;
   m.variance.residual.push_back(residual);
+  m.variance.sections.push_back({.rows = 1, .records = records});
   if (shape.missing > 0) {
     term("mv_estimates", shape.missing, Block::sparse);
     m.terms.rows.back().is_mv = true;
@@ -150,8 +151,6 @@ void evaluate(Model& m, const std::vector<double>& gamma, Evaluated& out, bool r
   VARIANCE_MODEL variance = m.variance;
   for (std::size_t i = 0; i < gamma.size(); ++i) variance.parameters[i].value = gamma[i];
   out.work.aiopt(Ai::penalty) = -1;
-  SETUP_EQUATIONS(eh, m.options, m.terms, m.design, out.work.equations);
-  ASSERT_FALSE(eh.terminate()) << eh.EH_PRINT_TEXT();
   K4MITR(eh, in, 1, variance, out.work, out.ev);
   ASSERT_FALSE(eh.terminate()) << eh.EH_PRINT_TEXT();
   ASSERT_EQ(out.ev.fault, 0);

@@ -1,0 +1,55 @@
+// The score of the parameters of random terms.  Routine: K4MSCG.
+#include <algorithm>
+
+#include "estimation/evaluation.h"
+#include "estimation/score_parts.h"
+
+namespace tolvan {
+namespace {
+
+/// The equations of one structure in C-inverse plus u u'/s2, summed for every component that has parameters over the others:
+/// S_c(a, b) = sum over pairs of equations at levels a and b of c of T(e, f) times the inverse elements of the other components.
+void gather_pairs(std::int64_t first, PRODUCT_ROWS& rows, const MIXED_EQUATIONS& q, const std::vector<double>& inverse,
+                  const EVALUATION& ev, const std::vector<double*>& s, std::vector<double>& work)
+{
+  for (std::int64_t e = 0; e < rows.size(); ++e) {
+    const auto p = static_cast<std::size_t>(q.position_of(first + e));
+    const auto from = static_cast<std::size_t>(q.c.start[p]);
+    const auto to = static_cast<std::size_t>(q.c.start[p + 1]);
+    const double up = ev.solution[p] / ev.sigma2;
+    rows.move_to(e);
+    if (rows.diagonal()) {
+      const double t = inverse[from] + up * ev.solution[p];
+      rows.contract([t](std::int64_t) { return t; }, e, false, s);
+      continue;
+    }
+    for (std::size_t k = from; k < to; ++k) work[static_cast<std::size_t>(q.c.row[k])] = inverse[k];
+    rows.contract(
+        [&](std::int64_t f) {
+          const auto o = static_cast<std::size_t>(q.position_of(first + f));
+          return o < p ? 0.0 : work[o] + up * ev.solution[o];
+        },
+        e, false, s);
+  }
+}
+
+}  // namespace
+
+void K4MSCG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, MIXED_EQUATIONS& q, const std::vector<double>& inverse,
+            EVALUATION& ev)
+{
+  const Frame here{eh, __func__};
+  const Timed timed{in.timing, "K4MSCG", "K4MITR"};
+  std::vector<double> work(static_cast<std::size_t>(q.n), 0.0);
+  SCORE_PARTS parts;
+  for (std::size_t t = 0; t < model.terms.size(); ++t) {
+    if (model.terms[t].dropped) continue;
+    const COMPONENTS& components = ev.formed.terms[t].components;
+    if (!parts.prepare(components, model.rows, model.terms[t].first_row, ev.information)) continue;
+    gather_pairs(first_equation(in.terms, model.terms[t]), q.random[t], q, inverse, ev, parts.sums, work);
+    // d LogL / d theta = -0.5 (tr(G^-1 Gdot) - sum of T dGi)
+    parts.add_scores(components, q.random[t].size(), 1.0, ev.information);
+  }
+}
+
+}  // namespace tolvan
