@@ -5,6 +5,7 @@
 #include <array>
 
 #include "varstruct/identity_matrix.h"
+#include "varstruct/known_matrix.h"
 #include "varstruct/model_catalogue.h"
 
 namespace tolvan {
@@ -27,6 +28,8 @@ Component plain(const STRUCTURE_ROW&, const VARIANCE_MODEL&)
 
 // A model without a row here is refused by whoever asks.
 constexpr std::array makers = {
+    MAKER{-2, plain<KNOWN_MATRIX>},
+    MAKER{-1, plain<KNOWN_MATRIX>},
     MAKER{0, plain<IDENTITY_MATRIX>},
 };
 

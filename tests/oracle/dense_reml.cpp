@@ -159,4 +159,35 @@ DenseResult dense_reml(const DenseModel& model, const std::vector<double>& gamma
   return out;
 }
 
+DenseVariance dense_variance(const Matrix& full, const std::vector<double>& response, const Matrix& v, const std::vector<Matrix>& vdot)
+{
+  DenseVariance out;
+  const std::size_t n = response.size();
+  const std::vector<std::size_t> kept = independent(full);
+  Matrix x(n, kept.size());
+  Matrix y(n, 1);
+  for (std::size_t i = 0; i < n; ++i) {
+    y(i, 0) = response[i];
+    for (std::size_t j = 0; j < kept.size(); ++j) x(i, j) = full(i, kept[j]);
+  }
+  double log_v = 0.0;
+  double log_x = 0.0;
+  const Matrix vi = inverse_spd(v, log_v);
+  const Matrix vix = vi * x;
+  const Matrix xvx = inverse_spd(transpose(x) * vix, log_x);
+  Matrix proj = vix * xvx * transpose(vix);
+  for (std::size_t k = 0; k < proj.a.size(); ++k) proj.a[k] = vi.a[k] - proj.a[k];
+  const Matrix py = proj * y;
+  out.quadratic = (transpose(y) * py)(0, 0);
+  out.nu = static_cast<double>(n - kept.size());
+  out.logl = -0.5 * (log_v + log_x + out.quadratic);
+  std::vector<Matrix> w;
+  for (const Matrix& m : vdot) w.push_back(m * py);
+  for (std::size_t i = 0; i < vdot.size(); ++i) {
+    out.score.push_back(0.5 * ((transpose(py) * w[i])(0, 0) - trace_of_product(proj, vdot[i])));
+    for (std::size_t j = 0; j <= i; ++j) out.ai.push_back(0.5 * (transpose(w[i]) * (proj * w[j]))(0, 0));
+  }
+  return out;
+}
+
 }  // namespace tolvan_test

@@ -50,4 +50,15 @@ struct DenseResult {
 /// Evaluates the model at ratios gamma with the residual variance s2 (0: its profiled value).
 DenseResult dense_reml(const DenseModel& model, const std::vector<double>& gamma, double s2 = 0.0);
 
+/// The restricted likelihood of any variance matrix and its derivatives.
+struct DenseVariance {
+  double logl = 0.0;
+  std::vector<double> score;  // 0.5 (y'P V_i P y - tr(P V_i))
+  std::vector<double> ai;     // 0.5 y'P V_i P V_j P y, lower triangle by rows
+  double quadratic = 0.0;     // y'Py
+  double nu = 0.0;
+};
+/// Evaluates y ~ (X b, V) with the derivatives of V.
+DenseVariance dense_variance(const Matrix& x, const std::vector<double>& y, const Matrix& v, const std::vector<Matrix>& vdot);
+
 }  // namespace tolvan_test

@@ -1,0 +1,264 @@
+// Evaluations with every kind of structure against the textbook: V is built densely from the components' covariances, its
+// derivatives by differences, and LogL, scores and average information follow from their definitions.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+
+#include "estimation/evaluation.h"
+#include "oracle/dense_reml.h"
+
+namespace tolvan {
+namespace {
+
+using tolvan_test::dense_variance;
+using tolvan_test::DenseVariance;
+using tolvan_test::Matrix;
+
+/// One component: its codes, its levels and its parameters.
+struct Part {
+  std::int64_t selector, code, levels;
+  std::vector<double> values;
+  std::int64_t order = 1;
+  std::vector<double> x = {};  // coordinates of a metric model
+};
+
+/// A model: random products, and the residual by sections; extra_scale adds a variance outside each section's rows.
+struct Case {
+  const char* name;
+  std::vector<std::vector<Part>> random;
+  std::vector<std::vector<Part>> residual;
+  bool weights = false;
+  bool extra_scale = false;
+  int fixed_levels = 3;
+  int missing = 0;
+};
+
+struct Built {
+  TERM_TABLE terms;
+  FACTOR_TABLE factors;
+  VARIABLE_TABLE variables;
+  DESIGN_MTX design;
+  VARIANCE_MODEL model;
+  FIT_OPTIONS options;
+  TIMING_STORE timing;
+  Matrix x;
+  std::vector<Matrix> z;
+};
+
+STRUCTURE_ROW row_of(const Part& part, Built& b)
+{
+  STRUCTURE_ROW row;
+  row.size = part.levels;
+  row.parameters = static_cast<std::int64_t>(part.values.size());
+  row.model = part.code;
+  row.selector = part.selector;
+  row.order = part.order;
+  row.first = b.model.count();
+  if (!part.x.empty()) {
+    row.coordinates = static_cast<std::int64_t>(b.model.coordinates.size());
+    b.model.coordinates.push_back({part.x, {}});
+  }
+  for (const double v : part.values) {
+    b.model.parameters.push_back({.value = v, .start = v, .label = "p" + std::to_string(b.model.count())});
+  }
+  return row;
+}
+
+Built build(const Case& c, unsigned seed)
+{
+  std::mt19937_64 gen(seed);
+  std::normal_distribution<double> normal;
+  Built b;
+  b.model.gamma = b.model.profiled = false;
+  std::int64_t next = 0;
+  const auto term = [&](std::string name, std::int64_t equations, Block block) {
+    TERM_ROW row;
+    row.code = static_cast<std::int32_t>(b.terms.rows.size() + 1);
+    row.equations = equations;
+    row.first = next;
+    row.block = block;
+    row.name = std::move(name);
+    next += equations;
+    b.terms.rows.push_back(row);
+  };
+  term("mu", 1, Block::fixed);
+  term("f", c.fixed_levels, Block::fixed);
+  b.terms.fixed_equations = next;
+  for (const auto& product : c.random) {
+    TERM_STRUCTURE structure;
+    structure.term = static_cast<std::int64_t>(b.terms.rows.size());
+    structure.first_row = static_cast<std::int64_t>(b.model.rows.size());
+    structure.rows = static_cast<std::int64_t>(product.size());
+    std::int64_t size = 1;
+    for (const Part& part : product) {
+      b.model.rows.push_back(row_of(part, b));
+      size *= part.levels;
+    }
+    b.model.terms.push_back(structure);
+    term("r", size, Block::random);
+  }
+  std::int64_t records = 0;
+  for (const auto& product : c.residual) {
+    RESIDUAL_SECTION section;
+    section.first_row = static_cast<std::int64_t>(b.model.residual.size());
+    section.rows = static_cast<std::int64_t>(product.size());
+    section.first_record = records;
+    section.records = 1;
+    for (const Part& part : product) {
+      b.model.residual.push_back(row_of(part, b));
+      section.records *= part.levels;
+    }
+    if (c.extra_scale) {
+      section.scale = b.model.count();
+      const double v = 1.4 + 0.3 * static_cast<double>(b.model.sections.size());
+      b.model.parameters.push_back({.value = v, .start = v, .label = "scale"});
+      if (c.residual.size() == 1) b.model.residual_parameter = section.scale;
+    }
+    records += section.records;
+    b.model.sections.push_back(section);
+  }
+  if (c.residual.size() == 1 && b.model.residual_parameter < 0 && c.residual[0].size() == 1 && c.residual[0][0].code == 0) {
+    b.model.residual_parameter = b.model.residual[0].first;
+  }
+  if (c.missing > 0) {
+    term("mv_estimates", c.missing, Block::sparse);
+    b.terms.rows.back().is_mv = true;
+  }
+  b.terms.equations = next;
+
+  const auto n = static_cast<std::size_t>(records);
+  const std::size_t fixed = static_cast<std::size_t>(1 + c.fixed_levels);
+  b.x = Matrix(n, fixed + static_cast<std::size_t>(c.missing));
+  for (std::size_t t = 0; t < c.random.size(); ++t) b.z.emplace_back(n, static_cast<std::size_t>(b.terms.rows[2 + t].equations));
+  std::int64_t missing = 0;
+  for (std::size_t r = 0; r < n; ++r) {
+    const auto put = [&](std::int64_t equation, double value) {
+      b.design.equation.push_back(static_cast<std::int32_t>(equation));
+      b.design.value.push_back(value);
+    };
+    put(0, 1.0);
+    b.x(r, 0) = 1.0;
+    const auto level = static_cast<std::int64_t>(gen() % static_cast<unsigned>(c.fixed_levels));
+    put(1 + level, 1.0);
+    b.x(r, static_cast<std::size_t>(1 + level)) = 1.0;
+    double y = 5.0 + 0.4 * static_cast<double>(level) + 1.3 * normal(gen);
+    for (std::size_t t = 0; t < c.random.size(); ++t) {
+      const TERM_ROW& row = b.terms.rows[2 + t];
+      const auto at = static_cast<std::int64_t>(gen() % static_cast<unsigned>(row.equations));
+      const double value = t % 2 == 0 ? 1.0 : 0.5 + 0.1 * static_cast<double>(r % 7);
+      put(row.first + at, value);
+      b.z[t](r, static_cast<std::size_t>(at)) = value;
+      y += value * std::sin(1.7 * static_cast<double>(at));
+    }
+    if (missing < c.missing && r % 5 == 3) {
+      put(b.terms.rows.back().first + missing, -1.0);
+      b.x(r, fixed + static_cast<std::size_t>(missing)) = -1.0;
+      b.design.mv.push_back(static_cast<std::int64_t>(r));
+      ++missing;
+      y = 0.0;
+    }
+    b.design.start.push_back(static_cast<std::int64_t>(b.design.equation.size()));
+    b.design.record.push_back(static_cast<std::int64_t>(r) + 1);
+    b.design.response.push_back(y);
+    const double w = 0.5 + static_cast<double>(gen() % 100) / 50.0;
+    if (c.weights) b.design.weight.push_back(w);
+  }
+  b.design.data_records = records;
+  return b;
+}
+
+void evaluate(Built& b, VARIANCE_MODEL model, EVALUATION& ev)
+{
+  ERROR_HANDLER eh;
+  FIT_WORK work;
+  const FIT_MODEL in{b.options, b.variables, b.factors, b.terms, b.design, b.timing};
+  work.aiopt(Ai::penalty) = -1;
+  K4MITR(eh, in, 1, model, work, ev);
+  ASSERT_FALSE(eh.terminate()) << eh.EH_PRINT_TEXT();
+  ASSERT_EQ(ev.fault, 0) << eh.EH_PRINT_TEXT();
+}
+
+/// The direct product of the components' covariances.
+Matrix product_of(const COMPONENTS& components)
+{
+  Matrix product(1, 1);
+  product(0, 0) = 1.0;
+  for (const auto& component : components) {
+    const auto n = static_cast<std::size_t>(component->inverse().n);
+    std::vector<double> r(n * n);
+    component->covariance(r.data());
+    Matrix larger(product.rows * n, product.rows * n);
+    for (std::size_t i = 0; i < larger.rows; ++i) {
+      for (std::size_t j = 0; j < larger.rows; ++j) larger(i, j) = product(i / n, j / n) * r[i % n + (j % n) * n];
+    }
+    product = larger;
+  }
+  return product;
+}
+
+/// V at given parameter values.
+Matrix variance_of(const Built& b, VARIANCE_MODEL model)
+{
+  ERROR_HANDLER eh;
+  FORMED formed;
+  std::int64_t fault = 0;
+  K4MVSF(eh, b.options, b.terms, model, 1, formed, fault);
+  EXPECT_EQ(fault, 0) << eh.EH_PRINT_TEXT();
+  const std::size_t n = b.x.rows;
+  Matrix v(n, n);
+  for (std::size_t t = 0; t < b.z.size(); ++t) {
+    const Matrix zgz = b.z[t] * product_of(formed.terms[t].components) * transpose(b.z[t]);
+    for (std::size_t k = 0; k < v.a.size(); ++k) v.a[k] += zgz.a[k];
+  }
+  for (const FORMED_SECTION& section : formed.sections) {
+    const Matrix r = product_of(section.components);
+    const auto from = static_cast<std::size_t>(section.first);
+    for (std::size_t i = 0; i < r.rows; ++i) {
+      for (std::size_t j = 0; j < r.rows; ++j) {
+        const double w = b.design.weight.empty() ? 1.0 : std::sqrt(b.design.weight[from + i] * b.design.weight[from + j]);
+        v(from + i, from + j) += section.scale * r(i, j) / w;
+      }
+    }
+  }
+  return v;
+}
+
+const std::vector<Case> cases = {
+    {"two variances, two sections", {{{0, 0, 6, {0.7}}}}, {{{0, 0, 20, {1.1}}}, {{0, 0, 17, {2.3}}}}},
+    {"sections scaled from outside, weights", {{{0, 0, 4, {}}, {0, 0, 3, {0.6}}}}, {{{0, 0, 20, {}}}, {{0, 0, 17, {}}}}, true, true},
+    {"missing responses in one section", {{{0, 0, 6, {0.7}}}}, {{{0, 0, 20, {1.1}}}, {{0, 0, 17, {2.3}}}}, false, false, 3, 4},
+};
+
+TEST(Structures, EvaluationsAgreeWithTheDenseDefinitions)
+{
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Built b = build(c, 7);
+    EVALUATION ev;
+    evaluate(b, b.model, ev);
+    if (HasFatalFailure()) return;
+    const auto k = static_cast<std::size_t>(b.model.count());
+    ASSERT_EQ(static_cast<std::size_t>(ev.information.count()), k);
+    std::vector<Matrix> vdot;
+    for (std::size_t i = 0; i < k; ++i) {
+      const double step = 1e-5 * std::max(0.1, std::fabs(b.model.parameters[i].value));
+      VARIANCE_MODEL up = b.model;
+      VARIANCE_MODEL down = b.model;
+      up.parameters[i].value += step;
+      down.parameters[i].value -= step;
+      vdot.push_back(variance_of(b, up));
+      const Matrix below = variance_of(b, down);
+      for (std::size_t m = 0; m < below.a.size(); ++m) vdot[i].a[m] = (vdot[i].a[m] - below.a[m]) / (2.0 * step);
+    }
+    const DenseVariance d = dense_variance(b.x, b.design.response, variance_of(b, b.model), vdot);
+    EXPECT_NEAR(ev.logl, d.logl, 1e-8 * std::fabs(d.logl));
+    EXPECT_NEAR(ev.quadratic, d.quadratic, 1e-8 * d.quadratic);
+    EXPECT_EQ(static_cast<double>(ev.nu), d.nu);
+    for (std::size_t i = 0; i < k; ++i) EXPECT_NEAR(ev.information.score[i], d.score[i], 1e-6 * (1.0 + std::fabs(d.score[i]))) << i;
+    for (std::size_t i = 0; i < d.ai.size(); ++i) EXPECT_NEAR(ev.information.ai[i], d.ai[i], 1e-6 * (1.0 + std::fabs(d.ai[i]))) << i;
+  }
+}
+
+}  // namespace
+}  // namespace tolvan
