@@ -27,11 +27,13 @@ void list_active(VARIANCE_MODEL& model, EVALUATION& ev)
   }
   for (std::size_t i = 0; i < model.parameters.size(); ++i) {
     VARIANCE_PARAMETER& v = model.parameters[i];
-    if (v.value == 0.0 && v.constraint == Constraint::none) v.constraint = Constraint::C;  // a structural zero
+    if (v.value == 0.0 && v.constraint == Constraint::none && v.master < 0) v.constraint = Constraint::C;  // a structural zero
     const bool residual = static_cast<std::int64_t>(i) == model.residual_parameter;
     if (residual && model.profiled) {
       information.held_out = information.count();
-    } else if (dropped[i] || !is_free(v.constraint) || is_no_value(v.value)) {
+    } else if (dropped[i] || is_no_value(v.value)) {
+      continue;
+    } else if (!is_free(v.master >= 0 ? model.parameters[static_cast<std::size_t>(v.master)].constraint : v.constraint)) {
       continue;
     }
     information.active.push_back(static_cast<std::int64_t>(i));
@@ -65,6 +67,7 @@ void set_units(const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, EVALUATION
     const double variance = residual / size[parameter];
     if (role == ParamRole::variance || role == ParamRole::covariance) ev.information.unit[i] = variance;
     if (role == ParamRole::loading) ev.information.unit[i] = std::sqrt(variance);
+    if (role == ParamRole::precision) ev.information.unit[i] = 1.0 / variance;
   }
 }
 
@@ -377,7 +380,11 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
   if (eh.terminate()) return;
   {
     const Timed part{in.timing, "K4MUPD", "K4MITR"};
+    fold_followers(model, ev.information);
     K4MUPD(eh, iteration, iteration > 1 ? ev.logl - work.previous_logl : 0.0, ev.information, model, work.aiopt, work.update);
+  }
+  for (VARIANCE_PARAMETER& v : model.parameters) {
+    if (v.master >= 0) v.value = v.coefficient * model.parameters[static_cast<std::size_t>(v.master)].value;
   }
   work.aiopt(Ai::held_out) = ev.information.held_out + 1;
 }

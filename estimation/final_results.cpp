@@ -89,6 +89,8 @@ SCALING scaling(const VARIANCE_MODEL& model, std::size_t i, double x, double s2)
       return {x * s2, s2, x};
     case ParamRole::loading:
       return {x * std::sqrt(s2), std::sqrt(s2), 0.5 * x / std::sqrt(s2)};
+    case ParamRole::precision:
+      return {x / s2, 1.0 / s2, -x / (s2 * s2)};
     default:
       return {x, 1.0, 0.0};
   }
@@ -153,6 +155,22 @@ void L_COVARIANCE(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, FIT_WORK& work
         for (const PARTIAL& b : gradient(j)) sum += a.by * cov(a.of, b.of) * b.by;
       }
       fit.covariance[pi * (pi + 1) / 2 + static_cast<std::size_t>(kept.active[j])] = sum;
+    }
+  }
+
+  // A parameter that follows another one varies with it.
+  const auto lead = [&](std::size_t i) {
+    const std::int64_t master = model.parameters[i].master;
+    return master < 0 ? i : static_cast<std::size_t>(master);
+  };
+  const auto share = [&](std::size_t i) { return model.parameters[i].master < 0 ? 1.0 : model.parameters[i].coefficient; };
+  for (std::size_t i = 0; i < p; ++i) {
+    for (std::size_t j = 0; j <= i; ++j) {
+      const std::size_t mi = lead(i);
+      const std::size_t mj = lead(j);
+      if (mi == i && mj == j) continue;
+      const std::size_t high = std::max(mi, mj);
+      fit.covariance[i * (i + 1) / 2 + j] = share(i) * share(j) * fit.covariance[high * (high + 1) / 2 + std::min(mi, mj)];
     }
   }
 }

@@ -80,6 +80,42 @@ INFORMATION in_units(INFORMATION information)
   return information;
 }
 
+void fold_followers(const VARIANCE_MODEL& model, INFORMATION& information)
+{
+  const auto k = static_cast<std::size_t>(information.count());
+  const auto parameter = [&](std::size_t i) -> const VARIANCE_PARAMETER& {
+    return model.parameters[static_cast<std::size_t>(information.active[i])];
+  };
+  INFORMATION kept;
+  std::vector<std::size_t> to(k, k);  // the place of each parameter, or of its master, among the kept ones
+  for (std::size_t i = 0; i < k; ++i) {
+    if (parameter(i).master >= 0) continue;
+    to[i] = static_cast<std::size_t>(kept.count());
+    if (static_cast<std::int64_t>(i) == information.held_out) kept.held_out = kept.count();
+    kept.active.push_back(information.active[i]);
+    kept.unit.push_back(information.unit[i]);
+  }
+  if (kept.active.size() == k) return;
+  for (std::size_t i = 0; i < k; ++i) {
+    if (parameter(i).master < 0) continue;
+    const auto at = std::lower_bound(kept.active.begin(), kept.active.end(), parameter(i).master);
+    if (at != kept.active.end() && *at == parameter(i).master) to[i] = static_cast<std::size_t>(at - kept.active.begin());
+  }
+  kept.score.assign(kept.active.size(), 0.0);
+  kept.ai.assign(kept.active.size() * (kept.active.size() + 1) / 2, 0.0);
+  const auto coefficient = [&](std::size_t i) { return parameter(i).master >= 0 ? parameter(i).coefficient : 1.0; };
+  for (std::size_t i = 0; i < k; ++i) {
+    if (to[i] == k) continue;
+    kept.score[to[i]] += coefficient(i) * information.score[i];
+    for (std::size_t j = 0; j < k; ++j) {  // both triangles, each kept pair once
+      if (to[j] == k || to[j] > to[i]) continue;
+      kept.ai[at(static_cast<std::int64_t>(to[i]), static_cast<std::int64_t>(to[j]))] +=
+          coefficient(i) * coefficient(j) * information.at(static_cast<std::int64_t>(i), static_cast<std::int64_t>(j));
+    }
+  }
+  information = std::move(kept);
+}
+
 void K4MAII(ERROR_HANDLER& eh, bool update, std::int64_t iteration, INFORMATION& information, VARIANCE_MODEL& model, AIOPT& aiopt,
             UPDATE_STATE& state, std::vector<double>& covariance, std::vector<std::uint8_t>& used)
 {

@@ -31,6 +31,10 @@ struct INFORMATION {
 /// The same information with every parameter counted in its unit, so that no test of size depends on the units of the response.
 INFORMATION in_units(INFORMATION information);
 
+/// Folds the parameters that follow another one into their masters: with theta = M phi the score becomes M' s, the information
+/// M' AI M.  A follower whose master takes no part leaves.
+void fold_followers(const VARIANCE_MODEL& model, INFORMATION& information);
+
 /// What the update keeps between iterations.
 struct UPDATE_STATE {
   double step = 1.0;               // the step size of the fit
