@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "base/lapack.h"
 #include "base/text.h"
 #include "estimation/update_parameters.h"
 
@@ -10,14 +11,64 @@ namespace {
 
 constexpr double dependent_from = 0.999999999;  // squared correlation of two linearly dependent parameters
 constexpr double dependent_to = 1.000000001;
+constexpr std::int64_t many = 48;  // parameters from which the work is done by blocks
 
 std::size_t at(std::int64_t i, std::int64_t j) { return static_cast<std::size_t>(i * (i + 1) / 2 + j); }
+
+/// The lower triangle of a packed matrix, scaled by the roots of its diagonal, as a full one by columns.
+std::vector<double> unpack_scaled(const std::vector<double>& packed, std::int64_t k, std::vector<double>& root)
+{
+  std::vector<double> full(static_cast<std::size_t>(k * k), 0.0);
+  root.resize(static_cast<std::size_t>(k));
+  for (std::int64_t i = 0; i < k; ++i) {
+    const double a = packed[at(i, i)];
+    root[static_cast<std::size_t>(i)] = a > 0.0 ? std::sqrt(a) : 1.0;
+    for (std::int64_t j = 0; j <= i; ++j) {
+      full[static_cast<std::size_t>(i + j * k)] =
+          packed[at(i, j)] / (root[static_cast<std::size_t>(i)] * root[static_cast<std::size_t>(j)]);
+    }
+  }
+  return full;
+}
+
+/// The Cholesky factor of many parameters by blocks, where every pivot is well above its tolerance; false leaves l as it was.
+bool factorise_blocked(const std::vector<std::uint8_t>& used, std::vector<double>& l)
+{
+  const auto k = static_cast<std::int64_t>(used.size());
+  if (k < many || std::find(used.begin(), used.end(), std::uint8_t{0}) != used.end()) return false;
+  std::vector<double> root;
+  std::vector<double> full = unpack_scaled(l, k, root);
+  if (dpotrf('L', k, full.data(), k) != 0) return false;
+  for (std::int64_t i = 0; i < k; ++i) {
+    const double pivot = full[static_cast<std::size_t>(i + i * k)];
+    if (pivot * pivot < 1e-8) return false;
+  }
+  for (std::int64_t i = 0; i < k; ++i) {
+    for (std::int64_t j = 0; j <= i; ++j) l[at(i, j)] = full[static_cast<std::size_t>(i + j * k)] * root[static_cast<std::size_t>(i)];
+  }
+  return true;
+}
+
+/// The inverse of many parameters by blocks, from the packed factor.
+void invert_blocked(const std::vector<double>& l, std::int64_t k, std::vector<double>& inverse)
+{
+  std::vector<double> full(static_cast<std::size_t>(k * k), 0.0);
+  for (std::int64_t i = 0; i < k; ++i) {
+    for (std::int64_t j = 0; j <= i; ++j) full[static_cast<std::size_t>(i + j * k)] = l[at(i, j)];
+  }
+  dpotri('L', k, full.data(), k);
+  inverse.resize(static_cast<std::size_t>(k * (k + 1) / 2));
+  for (std::int64_t i = 0; i < k; ++i) {
+    for (std::int64_t j = 0; j <= i; ++j) inverse[at(i, j)] = full[static_cast<std::size_t>(i + j * k)];
+  }
+}
 
 /// Cholesky LL' of the rows in use, in place; a row whose pivot falls below its tolerance leaves the set.
 void factorise(const std::vector<double>& tolerance, std::vector<std::uint8_t>& used, std::vector<double>& l,
                std::vector<std::int64_t>& lost)
 {
   const auto k = static_cast<std::int64_t>(used.size());
+  if (factorise_blocked(used, l)) return;
   for (std::int64_t i = 0; i < k; ++i) {
     const auto row = static_cast<std::size_t>(i);
     if (!used[row]) continue;
@@ -43,6 +94,10 @@ void factorise(const std::vector<double>& tolerance, std::vector<std::uint8_t>& 
 void invert(const std::vector<std::uint8_t>& used, const std::vector<double>& l, std::vector<double>& inverse)
 {
   const auto k = static_cast<std::int64_t>(used.size());
+  if (k >= many && std::find(used.begin(), used.end(), std::uint8_t{0}) == used.end()) {
+    invert_blocked(l, k, inverse);
+    return;
+  }
   inverse.assign(static_cast<std::size_t>(k * (k + 1) / 2), 0.0);
   std::vector<double> x(static_cast<std::size_t>(k));
   for (std::int64_t c = 0; c < k; ++c) {

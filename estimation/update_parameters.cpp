@@ -4,11 +4,14 @@
 #include <algorithm>
 #include <cmath>
 
+#include "base/lapack.h"
 #include "base/text.h"
 #include "estimation/restraints.h"
 
 namespace tolvan {
 namespace {
+
+constexpr std::size_t many = 48;  // parameters from which the work is done by blocks
 
 /// L_PENALTY: the damping number by the change of LogL, and the multiplier of the information's diagonal it gives.
 void L_PENALTY(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION& information, AIOPT& aiopt, UPDATE_STATE& state)
@@ -44,6 +47,21 @@ void L_PENALTY(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATI
   for (std::int64_t i = 0; i < information.count(); ++i) information.at(i, i) *= state.multiplier;
 }
 
+/// b becomes A^-1 b for many parameters at once; false, with both as they were, where a pivot is lost.
+bool solve_blocked(const std::vector<double>& a, std::vector<double>& b)
+{
+  const auto n = static_cast<std::int64_t>(b.size());
+  std::vector<double> l = a;
+  if (dpotrf('L', n, l.data(), n) != 0) return false;
+  for (std::int64_t i = 0; i < n; ++i) {
+    const auto at = static_cast<std::size_t>(i + i * n);
+    if (l[at] * l[at] <= (std::fabs(a[at]) + 1e-9) * 1e-8) return false;
+  }
+  dtrsm('L', 'L', 'N', 'N', n, 1, 1.0, l.data(), n, b.data(), n);
+  dtrsm('L', 'L', 'T', 'N', n, 1, 1.0, l.data(), n, b.data(), n);
+  return true;
+}
+
 /// The joint Newton step of the parameters that are not held, the held ones having moved by `taken`:
 /// delta_o = AI_oo^-1 (score_o - AI_oh delta_h), all of it in units.
 void solve_step(const INFORMATION& information, const std::vector<std::uint8_t>& open, const std::vector<double>& taken,
@@ -66,6 +84,10 @@ void solve_step(const INFORMATION& information, const std::vector<std::uint8_t>&
       if (!open[h] && taken[h] != 0.0) b[i] -= ai(o[i], h) * taken[h];
     }
     for (std::size_t j = 0; j < n; ++j) a[i * n + j] = ai(o[i], o[j]);
+  }
+  if (n >= many && solve_blocked(a, b)) {
+    for (std::size_t i = 0; i < n; ++i) delta[o[i]] = b[i];
+    return;
   }
   // Cholesky of the open block; a lost pivot leaves that parameter where it is.
   std::vector<std::uint8_t> good(n, 1);
@@ -162,6 +184,7 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
   const auto pass = [&](bool first_stage) {
     std::size_t worst = k;
     double worst_measure = 0.0;
+    std::vector<std::pair<double, std::size_t>> cut;
     solve_step(information, open, taken, delta);
     for (std::size_t i = 0; i < k; ++i) {
       if (!open[i] || static_cast<std::int64_t>(i) == information.held_out) continue;
@@ -180,12 +203,19 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
       const double measure = short_of / std::max(std::fabs(in.value), 1e-10);
       if (first_stage) {
         hold(i);
-      } else if (worst == k || measure > worst_measure) {
+        continue;
+      }
+      if (k >= many) cut.emplace_back(measure, i);
+      if (worst == k || measure > worst_measure) {
         worst = i;
         worst_measure = measure;
       }
     }
     if (worst < k) hold(worst);
+    // Of very many parameters those that are cut back nearly as much go with it.
+    for (const auto& [measure, i] : cut) {
+      if (i != worst && measure > 0.5 * worst_measure) hold(i);
+    }
     return worst < k;
   };
   // By sign one parameter is held at a time, the one that its rule cuts back most: with it held the others may well step

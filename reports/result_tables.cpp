@@ -14,7 +14,7 @@ void STORE_FIT_SCALARS(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT
   double sigma2 = fit.sigma2;
   if (!model.profiled) {
     const auto own = static_cast<std::size_t>(model.residual_parameter);
-    const bool single = model.residual.size() == 1 && model.residual_parameter >= 0;
+    const bool single = model.residual_parameter >= 0;
     sigma2 = single && own < fit.sigma.size() ? fit.sigma[own] : 1.0;
   }
   OTST_SAVE_SCALAR_REAL_WP(eh, store, "SCALAR_LOGLIK", fit.logl);
