@@ -353,6 +353,41 @@ COEFFICIENTS permute(const COEFFICIENTS& c, const std::vector<std::int32_t>& pos
   return out;
 }
 
+/// Moves every Lagrangian equation behind the one that it binds, by exchanging the two where the order has them the other way.
+void bind_after(const TERM_TABLE& terms, const VARIANCE_MODEL& model, const FORMED& formed, const MIXED_EQUATIONS& q,
+                std::vector<std::int32_t>& order)
+{
+  std::vector<std::int32_t> position;
+  for (std::size_t t = 0; t < model.terms.size(); ++t) {
+    if (model.terms[t].dropped) continue;
+    const COMPONENTS& components = formed.terms[t].components;
+    const std::int64_t first = first_equation(terms, model.terms[t]);
+    for (std::size_t c = 0; c < components.size(); ++c) {
+      if (components[c]->lagrangian().empty()) continue;
+      if (position.empty()) {
+        position.resize(order.size());
+        for (std::size_t p = 0; p < order.size(); ++p) position[static_cast<std::size_t>(order[p])] = static_cast<std::int32_t>(p);
+      }
+      const PRODUCT_BLOCK block = block_of(components, c);
+      const std::int64_t n = components[c]->inverse().n;
+      for (std::int64_t o = 0; o < block.outer; ++o) {
+        for (const auto& [row, bound] : components[c]->lagrangian()) {
+          for (std::int64_t i = 0; i < block.inner; ++i) {
+            const auto inner = [&](std::int64_t level) {
+              return static_cast<std::size_t>(q.inner[static_cast<std::size_t>(first + (o * n + level) * block.inner + i)]);
+            };
+            std::int32_t& late = position[inner(row)];
+            std::int32_t& early = position[inner(bound)];
+            if (early < late) continue;
+            std::swap(order[static_cast<std::size_t>(late)], order[static_cast<std::size_t>(early)]);
+            std::swap(late, early);
+          }
+        }
+      }
+    }
+  }
+}
+
 /// W'R0^-1 y and y'R0^-1 y of the shifted response, log-weights and the count of records used.
 void response_products(const DESIGN_MTX& design, MIXED_EQUATIONS& q)
 {
@@ -432,6 +467,7 @@ void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_T
     std::vector<std::int32_t> order;
     REORDER_MATRIX(eh, pattern, 0, order);
     if (eh.terminate()) return;
+    bind_after(terms, model, formed, q, order);
     SYMBOLICABS2(eh, pattern, order, q.factor);
     if (eh.terminate()) return;
   }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "api/error_handler.h"
@@ -42,6 +43,14 @@ class COMPONENT_MATRIX {
   const SYMMETRIC& inverse() const { return inverse_; }           // R^-1
   double log_determinant() const { return log_determinant_; }     // log|R|
   const std::vector<double>& score_part() const { return score_part_; }  // d log|R| / d theta_k
+  /// Pairs (Lagrangian row, row that it binds): rows without a variance of their own that tie another row to others, u = L f, for
+  /// a zero specific variance or a singular known matrix.  The equation of the bound row is eliminated first.
+  ///
+  /// A bound row has no inverse variance, so its pivot would vanish where no data come in.  The inverse of such a matrix therefore
+  /// holds rho c c' besides, c = (1, -L) being the binding: this changes neither solutions, nor the determinant, nor the inverse
+  /// among the other rows (the binding holds exactly), and makes the pivot positive.  rho is of the size of the other elements;
+  /// contract() leaves its derivative out, since c'T = 0 for every T of a fit.
+  const std::vector<std::pair<std::int64_t, std::int64_t>>& lagrangian() const { return lagrangian_; }
   /// The number of negative eigenvalues of R^-1: of unbounded variances below zero, of Lagrangian rows.
   std::int64_t negative() const { return negative_; }
 
@@ -64,6 +73,7 @@ class COMPONENT_MATRIX {
   double log_determinant_ = 0.0;
   std::vector<double> score_part_;
   std::int64_t negative_ = 0;
+  std::vector<std::pair<std::int64_t, std::int64_t>> lagrangian_;
 };
 
 }  // namespace tolvan
