@@ -3,6 +3,7 @@
 
 #include "api/stage_support.h"
 #include "base/text.h"
+#include "data/transform_record.h"
 #include "estimation/fit_driver.h"
 #include "model/request.h"
 #include "reports/result_tables.h"
@@ -71,11 +72,10 @@ void check_model(ERROR_HANDLER& eh, CORE_DATA& core)
 
 void read_data(ERROR_HANDLER& eh, CORE_DATA& core)
 {
-  refuse_key(eh, core.request, "transformations");
-  if (eh.terminate()) return;
   core.data = DATA_STORE(core.variables.count());
   READ_DATA_FILE(eh, core.primary, core.variables, core.data);
   if (eh.terminate()) return;
+  CHECKTRN(eh, core.variables);
   if (core.data.records() == 0) eh.error("no data records retained; analysis aborted");
   if (core.data.records() == 1) eh.error("only one data record retained; analysis aborted");
 }

@@ -67,6 +67,8 @@ void debug_prints(ERROR_HANDLER&, CORE_DATA& core)
 void variable_table(ERROR_HANDLER& eh, CORE_DATA& core)
 {
   NEW_AIDTIN(eh, core.communication, core.primary.variables, core.variables);
+  if (eh.terminate()) return;
+  PROCESS_DATA_TRANSFORMATIONS_FROM_JPTR(eh, core.request.find("transformations"), 0, core.variables);
 }
 
 /// The stage AIOPEN: report files are not built, so that a request that wants them ends here.

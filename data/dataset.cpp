@@ -5,6 +5,7 @@
 
 #include "base/text.h"
 #include "data/request_values.h"
+#include "data/transform_program.h"
 #include "model/request.h"
 
 namespace tolvan {
@@ -78,6 +79,31 @@ void L_READ_VARIABLE_NAMES(ERROR_HANDLER& eh, JsonNode& variables, USER_DATASET_
   }
 }
 
+/// How many variables need be no columns of the matrix: those that say so by the column number 0 and, at the end
+/// of the list, those that the transformation of another variable makes.
+std::int64_t made_variables(JsonNode& variables)
+{
+  std::unordered_set<std::string> targets;
+  const std::vector<JsonNode*> entries = list_entries(variables);
+  for (const JsonNode* entry : entries) {
+    JsonNode* list = entry->find("transformations");
+    if (list == nullptr) continue;
+    for (const JsonNode* item : list_entries(*list)) {
+      const JsonNode* target = transformation_target(*item);
+      if (target != nullptr && target->is(JsonType::string)) targets.insert(target->text());
+    }
+  }
+  std::int64_t made = 0;
+  bool at_end = true;
+  for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
+    const JsonNode* column = given_value(**entry, "user_column_number");
+    const bool no_column = column != nullptr && column->is(JsonType::integer) && column->integer() == 0;
+    at_end = at_end && (no_column || (column == nullptr && targets.contains(given_value(**entry, "name")->text())));
+    if (no_column || at_end) ++made;
+  }
+  return made;
+}
+
 /// L_READ_VARIABLE_COUNT: reads variables, number_of_variables or both.
 void L_READ_VARIABLE_COUNT(ERROR_HANDLER& eh, const JsonNode& dataset, USER_DATASET_INFO& info)
 {
@@ -95,6 +121,7 @@ void L_READ_VARIABLE_COUNT(ERROR_HANDLER& eh, const JsonNode& dataset, USER_DATA
     L_READ_VARIABLE_NAMES(eh, *variables, info);
     if (eh.terminate()) return;
     info.number_of_variables = static_cast<std::int64_t>(info.variables.size());
+    info.number_of_columns = info.number_of_variables - made_variables(*variables);
   }
   if (count == nullptr) return;
   if (!count->is(JsonType::integer) || count->integer() < 1) {
@@ -102,12 +129,13 @@ void L_READ_VARIABLE_COUNT(ERROR_HANDLER& eh, const JsonNode& dataset, USER_DATA
     return;
   }
   // More columns than described variables are allowed: user_column_number may pick some of them.
-  if (count->integer() < info.number_of_variables) {
+  if (count->integer() < info.number_of_columns) {
     eh.error(text("number_of_variables of dataset ", info.name, " is ", count->integer(), ", but ",
                   info.number_of_variables, " variables are described"));
     return;
   }
   info.number_of_variables = count->integer();
+  info.number_of_columns = count->integer();
 }
 
 }  // namespace

@@ -21,6 +21,7 @@ struct USER_DATASET_INFO {
   std::string name;
   std::int64_t number_of_observations = 0;
   std::int64_t number_of_variables = 0;
+  std::int64_t number_of_columns = 0;  // that the matrix must have; transformations make variables behind them
   StorageOrder storage_order = StorageOrder::column_major;
   std::vector<std::string> tags;
   std::vector<std::string> variables;  // empty names where only number_of_variables was given

@@ -19,19 +19,22 @@ std::string_view shown(const std::string& name)
 void L_CHECK_SIZE(ERROR_HANDLER& eh, const USER_DATASET_INFO& info, std::int64_t rows, std::int64_t columns)
 {
   const Frame here{eh, __func__};
-  if (rows >= info.number_of_observations && columns >= info.number_of_variables) return;
+  if (rows >= info.number_of_observations && columns >= info.number_of_columns) return;
   eh.error(text("supplied data is too small, it is (", rows, " x ", columns, "), was expecting at least (",
-                info.number_of_observations, " x ", info.number_of_variables, ")"));
+                info.number_of_observations, " x ", info.number_of_columns, ")"));
 }
 
-/// The column of a variable in a description, from 0, -1 for none; user_column_number moves it.
+/// The column of a variable in a description, from 0, -1 for none; user_column_number moves it, and variables of
+/// the number 0 take no place.
 std::int64_t column_of(const JsonNode& dataset, const USER_DATASET_INFO& info, std::string_view name)
 {
-  for (std::size_t j = 0; j < info.variables.size(); ++j) {
-    if (info.variables[j] != name) continue;
-    const std::vector<JsonNode*> entries = list_entries(*dataset.find("variables"));
-    const JsonNode* moved = given_value(*entries[j], "user_column_number");
-    return moved != nullptr && moved->integer() > 0 ? moved->integer() - 1 : static_cast<std::int64_t>(j);
+  if (info.variables.empty()) return -1;
+  std::int64_t place = 0;
+  for (const JsonNode* entry : list_entries(*dataset.find("variables"))) {
+    const JsonNode* moved = given_value(*entry, "user_column_number");
+    const bool in_none = moved != nullptr && moved->integer() == 0;
+    if (given_value(*entry, "name")->text() == name) return moved == nullptr ? place : moved->integer() - 1;
+    if (!in_none) ++place;
   }
   return -1;
 }

@@ -2,6 +2,7 @@
 #include "data/level_coding.h"
 
 #include <algorithm>
+#include <cmath>
 #include <numeric>
 
 #include "base/text.h"
@@ -35,6 +36,26 @@ Coding coding_of(const VARIABLE& variable, bool coded_labels)
                                                                           : Coding::by_number;
   }
   return Coding::variate;
+}
+
+/// Whether levels are found by whole numbers, by the reader or after the transformations.
+bool by_number(const VARIABLE_CODING& coded)
+{
+  return coded.coding == Coding::by_number || coded.after == Coding::by_number;
+}
+
+/// L_LEAVE_CODING: leaves a factor that transformations touch to be coded after them, so that they work on the
+/// numbers of the data.  Texts are coded before, transformations then work on level numbers.
+void L_LEAVE_CODING(ERROR_HANDLER& eh, const VARIABLE& owner, bool coded_labels, VARIABLE_CODING& coded)
+{
+  const Frame here{eh, __func__};
+  const bool texts = coded.coding == Coding::by_text || (coded.coding == Coding::label_number && !coded_labels);
+  if (!texts) {
+    coded.after = coded.coding;
+    coded.coding = Coding::variate;
+  } else if (owner.sort && !owner.labels_fixed) {
+    eh.error(text("the levels of ", owner.name, " can not be sorted, transformations use its level numbers"));
+  }
 }
 
 /// The new number of each level (both from 1) once labels stand in rising order.
@@ -74,7 +95,7 @@ void L_SORT_LEVELS(ERROR_HANDLER& eh, const LEVEL_CODING& coding, VARIABLE_TABLE
     const VARIABLE_CODING& coded = coding.variables[static_cast<std::size_t>(i - 1)];
     VARIABLE& variable = table.row(i);
     if (coded.owner != i || !variable.sort || variable.labels_fixed) continue;
-    if (coded.coding != Coding::by_number && coded.coding != Coding::by_text) continue;
+    if (!by_number(coded) && coded.coding != Coding::by_text) continue;
     renumbered[static_cast<std::size_t>(i - 1)] = sort_labels(variable);
   }
   for (std::size_t v = 0; v < coding.variables.size(); ++v) {
@@ -96,13 +117,20 @@ void L_PREPARE_LEVEL_CODING(ERROR_HANDLER& eh, const VARIABLE_TABLE& table, bool
   const std::vector<std::int64_t> owners = level_owners(table);
   coding.variables.assign(table.rows.size(), {});
   coding.numbers.assign(table.rows.size(), {});
+  coding.transformed.clear();
+  const std::vector<bool> touched = table.transformations.touched(table.rows.size());
   for (std::size_t v = 0; v < table.rows.size(); ++v) {
     const VARIABLE& owner = table.row(owners[v]);
     VARIABLE_CODING& coded = coding.variables[v];
     coded.owner = owners[v];
     coded.coding = coding_of(owner, coded_labels);
     coded.shift = owner.indexed_from - 1;
-    if (coded.coding != Coding::by_number || static_cast<std::size_t>(coded.owner - 1) != v) continue;
+    if (touched[v] && owner.is_factor()) {
+      L_LEAVE_CODING(eh, owner, coded_labels, coded);
+      if (eh.terminate()) return;
+      coding.transformed.push_back(v);
+    }
+    if (!by_number(coded) || static_cast<std::size_t>(coded.owner - 1) != v) continue;
     for (std::int64_t l = 1; l <= owner.labels.size(); ++l) {
       if (const auto number = whole_number(owner.labels.label(l))) coding.numbers[v].emplace(*number, l);
     }
@@ -114,7 +142,7 @@ std::int64_t level_of_number(VARIABLE_TABLE& table, LEVEL_CODING& coding, std::s
 {
   VARIABLE_CODING& coded = coding.variables[variable];
   std::int64_t level = 0;
-  if (coded.coding == Coding::by_number) {
+  if (by_number(coded)) {
     auto& known = coding.numbers[static_cast<std::size_t>(coded.owner - 1)];
     const auto [at, is_new] = known.try_emplace(number, 0);
     if (is_new) at->second = table.row(coded.owner).labels.find_or_add(text(number));
@@ -124,6 +152,21 @@ std::int64_t level_of_number(VARIABLE_TABLE& table, LEVEL_CODING& coding, std::s
   }
   coded.highest = std::max(coded.highest, level);
   return level;
+}
+
+std::int64_t level_of_value(VARIABLE_TABLE& table, LEVEL_CODING& coding, std::size_t variable, double x)
+{
+  if (x != std::floor(x) || std::abs(x) > largest_code) return 0;
+  return level_of_number(table, coding, variable, static_cast<std::int64_t>(x));
+}
+
+std::string_view level_fault(const VARIABLE_CODING& coded, double x)
+{
+  if (x != std::floor(x)) return " is not a whole number";
+  if (std::abs(x) > largest_code || x - static_cast<double>(coded.shift) > static_cast<double>(most_levels)) {
+    return " is too large for a level";
+  }
+  return " is below the first level";
 }
 
 std::int64_t level_of_text(VARIABLE_TABLE& table, LEVEL_CODING& coding, std::size_t variable,

@@ -9,18 +9,6 @@ namespace tolvan {
 
 namespace {
 
-constexpr double largest_code = 9007199254740992.0;  // 2^53: whole numbers are exact up to here
-
-/// What is wrong with a value that is no level of its factor.
-std::string_view level_fault(const VARIABLE_CODING& coded, double x)
-{
-  if (x != std::floor(x)) return " is not a whole number";
-  if (std::abs(x) > largest_code || x - static_cast<double>(coded.shift) > static_cast<double>(most_levels)) {
-    return " is too large for a level";
-  }
-  return " is below the first level";
-}
-
 /// L_CODE_VALUE: the number of the working row for one value of the matrix.
 double L_CODE_VALUE(ERROR_HANDLER& eh, const DATASET_VIEW& matrix, std::int64_t record, std::size_t v,
                     double x, VARIABLE_TABLE& variables, LEVEL_CODING& coding)
@@ -33,10 +21,7 @@ double L_CODE_VALUE(ERROR_HANDLER& eh, const DATASET_VIEW& matrix, std::int64_t 
     return no_value;
   }
   const VARIABLE_CODING& coded = coding.variables[v];
-  std::int64_t level = 0;
-  if (x == std::floor(x) && std::abs(x) <= largest_code) {
-    level = level_of_number(variables, coding, v, static_cast<std::int64_t>(x));
-  }
+  const std::int64_t level = level_of_value(variables, coding, v, x);
   if (level > 0) return static_cast<double>(level);
   eh.error(text("invalid level in dataset ", matrix.info.name, ", variable ", variable.name, ", record ",
                 record, ": ", x, level_fault(coded, x)));
@@ -49,6 +34,8 @@ void L_READ_MATRIX(ERROR_HANDLER& eh, const DATASET_VIEW& matrix, VARIABLE_TABLE
                    LEVEL_CODING& coding, DATA_STORE& store)
 {
   const Frame here{eh, __func__};
+  L_CALCULATE_LREAD(eh, matrix.data->columns, variables);
+  if (eh.terminate()) return;
   for (const VARIABLE& variable : variables.rows) {
     if (variable.column > matrix.data->columns) {
       eh.error(text("variable ", variable.name, " is said to be column ", variable.column, " of dataset ",

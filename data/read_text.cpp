@@ -18,7 +18,6 @@ namespace tolvan {
 namespace {
 
 constexpr std::size_t no_variable = static_cast<std::size_t>(-1);
-constexpr double largest_code = 9007199254740992.0;  // 2^53: whole numbers are exact up to here
 constexpr std::size_t most_cut_labels_told = 50;
 
 /// One file on its way into the store.
@@ -367,6 +366,8 @@ void L_READ_TEXT_FILE(ERROR_HANDLER& eh, const JsonNode& data_file, VARIABLE_TAB
   const Frame here{eh, __func__};
   DATA_FILE_KEYS keys;
   L_READ_DATA_FILE_KEYS(eh, data_file, keys);
+  if (eh.terminate()) return;
+  L_CALCULATE_LREAD(eh, 0, variables);
   if (eh.terminate()) return;
   TextReading reading{.variables = variables, .coding = coding};
   L_PREPARE_DATA_REORDER(eh, reading);

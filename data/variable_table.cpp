@@ -28,7 +28,7 @@ constexpr std::array field_types = {
 };
 
 /// The keys of a variable that ask for what isn't built.
-constexpr std::array keys_not_built = {"is_pedigree_factor", "group", "transformations",
+constexpr std::array keys_not_built = {"is_pedigree_factor", "group",
                                        "recode_factor_labels_from", "recode_factor_labels_because"};
 
 constexpr std::int64_t most_levels = std::numeric_limits<std::int32_t>::max();
@@ -173,10 +173,12 @@ void L_READ_VARIABLE(ERROR_HANDLER& eh, const COMMUNICATION& communication, cons
     read_flag(eh, description, "sort", variable.sort);
     if (eh.terminate()) return;
   }
-  variable.column = table.count() + 1;
-  read_integer(eh, description, "user_column_number", 1, "a positive integer", variable.column);
+  variable.column = table.places + 1;
+  variable.column_given = given_value(description, "user_column_number") != nullptr;
+  read_integer(eh, description, "user_column_number", 0, "a positive integer", variable.column);
   if (eh.terminate()) return;
 
+  if (variable.column != 0) ++table.places;
   if (variable.label_length > table.longest_label) table.longest_label = variable.label_length;
   table.rows.push_back(std::move(variable));
 }
@@ -213,6 +215,11 @@ void NEW_AIDTIN(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode*
   // Levels may be shared with a variable further down, so the whole table stands before they are looked at.
   for (std::int64_t i = 1; i <= table.count(); ++i) {
     PROCESS_NUMBER_OF_LEVELS(eh, table, i, *descriptions[static_cast<std::size_t>(i - 1)]);
+    if (eh.terminate()) return;
+  }
+  for (std::int64_t i = 1; i <= table.count(); ++i) {
+    JsonNode* list = descriptions[static_cast<std::size_t>(i - 1)]->find("transformations");
+    PROCESS_DATA_TRANSFORMATIONS_FROM_JPTR(eh, list, i, table);
     if (eh.terminate()) return;
   }
 }

@@ -25,6 +25,7 @@ struct VARIABLE {
   std::int64_t declared_levels = 0;  // number_of_levels; 0: from the data
   std::int64_t label_length = 0;     // longest label kept; 0: no limit
   std::int64_t indexed_from = 1;     // the number of the first label
+  bool column_given = false;             // by user_column_number
   bool is_pedigree_factor = false;
   bool sort = false;
   bool labels_fixed = false;            // factor_labels were given
@@ -40,6 +41,7 @@ struct VARIABLE {
 struct VARIABLE_TABLE {
   std::vector<VARIABLE> rows;
   std::int64_t longest_label = 0;
+  std::int64_t places = 0;  // columns that the variables take up in the order of their list
   TRANSFORM_PROGRAM transformations;
 
   std::int64_t count() const { return static_cast<std::int64_t>(rows.size()); }
@@ -51,7 +53,7 @@ struct VARIABLE_TABLE {
 
 /// NEW_AIDTIN: builds the variable table from a list of variable descriptions.
 ///   variables   the array node "variables" of the primary data (null: an error)
-/// Keys that ask for what isn't built (pedigree factors, groups, transformations, recoding) end with code 4.
+/// Keys that ask for what isn't built (pedigree factors, groups, recoding) end with code 4.
 void NEW_AIDTIN(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode* variables,
                 VARIABLE_TABLE& table);
 

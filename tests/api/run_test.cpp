@@ -104,7 +104,6 @@ TEST(Stages, RefuseWhatIsNotBuiltByName)
       {R"("pval":{"name":"s"})", "the key pval is not implemented"},
       {R"("contrast":{"name":"s"})", "the key contrast is not implemented"},
       {R"("fown":{"name":"s"})", "the key fown is not implemented"},
-      {R"("transformations":[{"name":"log","TARGET":"y"}])", "the key transformations is not implemented"},
       {R"("predict":{"classify":"a"})", "the key predict is not implemented"},
       {R"("tpredict":"a")", "the key tpredict is not implemented"},
       {R"("tabulate":"a")", "the key tabulate is not implemented"},

@@ -1,6 +1,7 @@
 #include "data/data_road.h"
 
 #include "base/text.h"
+#include "data/transform_record.h"
 
 namespace tolvan {
 
@@ -27,11 +28,15 @@ bool DataRoad::read(std::string_view json)
   if (eh.terminate()) return false;
   NEW_AIDTIN(eh, communication, primary.variables, variables);
   if (eh.terminate()) return false;
+  PROCESS_DATA_TRANSFORMATIONS_FROM_JPTR(eh, request->find("transformations"), 0, variables);
+  if (eh.terminate()) return false;
   INITFLL(eh, variables);
   if (eh.terminate()) return false;
   if (has_model) NEW_PARSE_LINEAR_MODEL(eh, communication, *request, variables, factors, terms, info);
   if (eh.terminate()) return false;
   READ_DATA_FILE(eh, primary, variables, store);
+  if (eh.terminate()) return false;
+  CHECKTRN(eh, variables);
   return !eh.terminate();
 }
 

@@ -244,7 +244,6 @@ TEST(Dataset, Complaints)
     {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","field_type":"vt_factor"}]})", "invalid value supplied for dataset[1].variables[1].field_type, was expecting one of: vt_variate, vt_string_factor, vt_integer_factor or vt_integer_factor_1_to_n, supplied value = vt_factor"},
     {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","field_type":"vt_date"}]})", "field_type vt_date of variable a is not implemented"},
     {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","field_type":"vt_string_factor","is_pedigree_factor":true}]})", "the key is_pedigree_factor of variable a is not implemented"},
-    {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","transformations":[{"name":"+","arguments":1}]}]})", "the key transformations of variable a is not implemented"},
     {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","field_type":"vt_integer_factor","number_of_levels":0}]})", "invalid number of levels supplied for a, supplied value = 0"},
     {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","field_type":"vt_string_factor","number_of_levels":4,"factor_labels":["p","q","r"]}]})", "FLLKEY not consistent with labels listed in JSON"},
     {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","field_type":"vt_string_factor","factor_labels":["p","p"]}]})", "the factor label p of variable a is not unique"},
