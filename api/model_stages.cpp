@@ -67,6 +67,15 @@ void check_model(ERROR_HANDLER& eh, CORE_DATA& core)
     eh.not_implemented("a model with several response variables is not implemented");
     return;
   }
+  if (core.model_info.offset > 0) {
+    eh.not_implemented(text("the offset ", core.factors.row(core.model_info.offset).name, " is not implemented"));
+    return;
+  }
+  for (const TERM_ROW& term : core.terms.rows) {
+    if (term.linked_head < 0) continue;
+    eh.not_implemented(text("the structure that ", term.name, " shares with other terms, str(), is not implemented"));
+    return;
+  }
   CHECK_FOR_INTERACTION_NO_MAIN(core.factors, core.terms);
 }
 
@@ -78,6 +87,8 @@ void read_data(ERROR_HANDLER& eh, CORE_DATA& core)
   CHECKTRN(eh, core.variables);
   if (core.data.records() == 0) eh.error("no data records retained; analysis aborted");
   if (core.data.records() == 1) eh.error("only one data record retained; analysis aborted");
+  if (eh.terminate()) return;
+  COMPLETE_LINEAR_MODEL(eh, core.communication, core.request, core.variables, core.factors, core.terms, core.model_info);
 }
 
 void count_data(ERROR_HANDLER& eh, CORE_DATA& core)

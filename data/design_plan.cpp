@@ -128,7 +128,7 @@ void L_PLAN_DESIGN(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, TERM_TABLE& t
     plan.design_columns.push_back(plan.weight);
   }
   for (TERM_ROW& term : terms.rows) {
-    if (term.dropped || term.block == Block::response) continue;
+    if (term.dropped || !has_equations(term)) continue;
     if (term.is_mv) {
       plan.mv = &term;
       continue;

@@ -1,5 +1,5 @@
 // Design functions: calls that make a factor or covariates of their own.
-// Routines: ADD_DESIGN_FUNCTION, ADD_DISTINCT_FACTOR.
+// Routines: ADD_DESIGN_FUNCTION, ADD_DEFINED_FACTOR, ADD_DISTINCT_FACTOR.
 #include "model/design_functions.h"
 
 #include <algorithm>
@@ -29,6 +29,12 @@ COMPONENT ADD_DESIGN_FUNCTION(ERROR_HANDLER& eh, MODEL_PARSER&, const JsonNode& 
   eh.not_implemented(text("the model function ", function_name(*node.find("function")), "() in term ", shown,
                           " is not implemented yet"));
   return {};
+}
+
+std::int64_t ADD_DEFINED_FACTOR(ERROR_HANDLER& eh, MODEL_PARSER&, const std::string&)
+{
+  const Frame here{eh, __func__};
+  return 0;
 }
 
 std::int64_t ADD_DISTINCT_FACTOR(ERROR_HANDLER& eh, MODEL_PARSER& parser, std::int64_t x, std::int64_t y)

@@ -1,5 +1,5 @@
 // Design functions: calls that make a factor or covariates of their own, from lin() to uni().
-// Routine: ADD_DESIGN_FUNCTION.
+// Routines: ADD_DESIGN_FUNCTION, ADD_DEFINED_FACTOR, ADD_DISTINCT_FACTOR.
 #pragma once
 
 #include <string>
@@ -20,6 +20,10 @@ bool is_design_function(std::string_view name);
 /// the data tell are left 0; SET_TERM_EQUATIONS hands those of a row on to its copies.
 COMPONENT ADD_DESIGN_FUNCTION(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& node, const std::string& shown,
                               Block block);
+
+/// ADD_DEFINED_FACTOR: the factor row of a plain name that the request defines outside the data, by "mbf", "contrast" or a
+/// group of variables; 0 when it defines none.
+std::int64_t ADD_DEFINED_FACTOR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const std::string& name);
 
 /// ADD_DISTINCT_FACTOR: the row of fac(x), or of fac(x,y) where y is not 0: a level for each distinct value or pair.
 ///   x, y   factor rows

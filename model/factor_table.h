@@ -7,6 +7,9 @@
 
 namespace tolvan {
 
+/// The kinds of derived factors that are read with the terms; the others belong to the design functions.
+inline constexpr std::int64_t kind_linked = 15, kind_condition = 16;
+
 /// Reserved factors stand behind the variables, in this order.
 enum class Reserved { none, mu, units, trait, mv };
 
@@ -19,11 +22,12 @@ struct FACTOR_ROW {
   Reserved reserved = Reserved::none;
   bool is_factor = false;   // levels; false: a covariate with one equation
   std::int64_t levels = 0;  // 1 for a covariate and mu; set for data factors once the data are read
-  std::vector<double> arguments = {};
+  std::vector<double> arguments = {};  // of the design function; of at() and sat() the level, of mtrn() phi, nu, delta, alpha
+                                       // and lambda with no_value where none was given
   std::string user_facing_name = {};  // when it differs from the name
   std::string structure = {};         // variance function named on it ("idv"), empty for none
   std::vector<double> init = {};      // starting values given to that function
-  std::int64_t order = 0;             // its k: bands, factors, order of antedependence; 0 when none was given
+  std::int64_t order = 0;             // its k: bands, factors, order of antedependence; 0 when it has none
   std::int64_t second = 0;            // factor row of the second coordinate: of fac(x,y), of a model in two dimensions; 0 for none
   std::vector<double> dist = {};      // coordinates of the levels handed to it, empty for none
   std::string matrix = {};            // source named in vm(), ide() or ric(): a known matrix, its file or dataset

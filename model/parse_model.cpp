@@ -1,4 +1,4 @@
-// The model statement as a whole: NEW_PARSE_LINEAR_MODEL.
+// The model statement as a whole.  Routines: NEW_PARSE_LINEAR_MODEL, COMPLETE_LINEAR_MODEL.
 #include <algorithm>
 
 #include "base/text.h"
@@ -34,8 +34,35 @@ bool holds_term(const JsonNode& model, std::string_view name)
   return false;
 }
 
+/// L_FIND_RESPONSES: the nodes that name the response variables, of one expression or of several.
+std::vector<const JsonNode*> L_FIND_RESPONSES(ERROR_HANDLER& eh, const JsonNode& model)
+{
+  const Frame here{eh, __func__};
+  const JsonNode* response = model.find("response");
+  std::vector<const JsonNode*> nodes;
+  if (response == nullptr) {
+    REPORT_JSON_ERROR(eh, model, "response");
+    return nodes;
+  }
+  const auto read_terms = [&](const JsonNode& expression) {
+    const JsonNode* terms = expression.find("terms");
+    if (terms == nullptr) return;
+    if (!terms->is(JsonType::array)) {
+      nodes.push_back(terms);
+      return;
+    }
+    for (const auto& term : terms->children()) nodes.push_back(term.get());
+  };
+  read_terms(*response);
+  if (response->is(JsonType::array))
+    for (const auto& expression : response->children()) read_terms(*expression);
+  if (nodes.empty()) REPORT_JSON_ERROR(eh, *response, {"the name of a variable"});
+  return nodes;
+}
+
 /// L_SET_FACTORS: the rows that every model has: the variables in request order, then the reserved factors.
-void L_SET_FACTORS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& model)
+///   traits   number of response variables
+void L_SET_FACTORS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& model, std::int64_t traits)
 {
   const Frame here{eh, __func__};
   constexpr std::int64_t most_variables = 9990;
@@ -58,6 +85,11 @@ void L_SET_FACTORS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& mode
   parser.mu = factors.count();
   factors.rows.push_back({.name = words.VARIABLE_NAME_UNITS, .reserved = Reserved::units, .is_factor = true});
   parser.units = factors.count();
+  if (traits > 1) {
+    factors.rows.push_back(
+        {.name = words.VARIABLE_NAME_TRAIT, .reserved = Reserved::trait, .is_factor = true, .levels = traits});
+    parser.info.trait = factors.count();
+  }
   if (holds_term(model, words.VARIABLE_NAME_MV)) {
     factors.rows.push_back({.name = words.VARIABLE_NAME_MV, .reserved = Reserved::mv, .is_factor = true});
     parser.mv = factors.count();
@@ -65,32 +97,9 @@ void L_SET_FACTORS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& mode
 }
 
 /// L_READ_RESPONSE: the response variables, as terms without equations.
-void L_READ_RESPONSE(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& model)
+void L_READ_RESPONSE(ERROR_HANDLER& eh, MODEL_PARSER& parser, const std::vector<const JsonNode*>& nodes)
 {
   const Frame here{eh, __func__};
-  const JsonNode* response = model.find("response");
-  if (response == nullptr) {
-    REPORT_JSON_ERROR(eh, model, "response");
-    return;
-  }
-  std::vector<const JsonNode*> nodes;
-  const auto read_terms = [&](const JsonNode& expression) {
-    const JsonNode* terms = expression.find("terms");
-    if (terms == nullptr) return;
-    if (!terms->is(JsonType::array)) {
-      nodes.push_back(terms);
-      return;
-    }
-    for (const auto& term : terms->children()) nodes.push_back(term.get());
-  };
-  read_terms(*response);
-  if (response->is(JsonType::array))
-    for (const auto& expression : response->children()) read_terms(*expression);
-  if (nodes.empty()) {
-    REPORT_JSON_ERROR(eh, *response, {"the name of a variable"});
-    return;
-  }
-
   for (const JsonNode* node : nodes) {
     const std::string name = GET_FACNAME_FROM_JPTR(eh, parser.communication, *node);
     if (const JsonNode* function = node->find("function")) {
@@ -103,18 +112,21 @@ void L_READ_RESPONSE(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& mo
       eh.error(text("the response variable, ", name, ", is unknown"));
       return;
     }
-    if (parser.variables.row(row).is_factor()) eh.note("the response variable is typically a variate.");
+    const auto& seen = parser.info.responses;
+    if (std::find(seen.begin(), seen.end(), row) != seen.end()) {
+      eh.error(text("the response variable, ", name, ", was supplied more than once"));
+      return;
+    }
+    if (parser.variables.row(row).is_factor() && !parser.data_read)
+      eh.note("the response variable is typically a variate.");
     parser.info.responses.push_back(row);
     TERM_ROW term{.code = static_cast<std::int32_t>(row), .block = Block::response, .name = name};
     parser.terms.rows.push_back(std::move(term));
   }
   const auto count = std::ssize(nodes);
   const std::int64_t distributions = parser.info.family != nullptr ? parser.info.family->size() : 1;
-  if (distributions > 1 && distributions != count) {
+  if (distributions > 1 && distributions != count)
     eh.error(text(count, " response variables were supplied, but ", distributions, " distributions"));
-  } else if (count > 1) {
-    eh.not_implemented(text("a model with ", count, " response variables is not implemented yet"));
-  }
 }
 
 /// L_READ_FAMILY: lets the normal family with the identity link pass.
@@ -174,27 +186,86 @@ void L_READ_WEIGHTS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& mod
   }
 }
 
-/// L_READ_RESIDUAL: lets the identity over the records pass.
-void L_READ_RESIDUAL(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& model)
+/// L_READ_OFFSET: the variate that is added to the linear predictor.
+void L_READ_OFFSET(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& model)
 {
   const Frame here{eh, __func__};
-  const JsonNode* residual = model.find("residual");
-  if (residual == nullptr || residual->is(JsonType::null)) return;
-  const JsonNode* terms = residual->find("terms");
-  if (terms == nullptr || terms->size() == 0) {
-    REPORT_JSON_ERROR(eh, *residual, "terms");
+  const JsonNode* offset = model.find("offset");
+  if (offset == nullptr || offset->is(JsonType::null)) return;
+  const JsonNode* function = offset->find("function");
+  const JsonNode* value = function == nullptr ? nullptr : supplied_value(*function, "variable_name");
+  if (value == nullptr || plain_name(*value).empty()) {
+    eh.error(text("Unrecognised argument in ", GET_FACNAME_FROM_JPTR(eh, parser.communication, *offset)));
     return;
   }
-  parser.info.residual = residual;
-  if (terms->size() == 1 &&
-      plain_name(*terms->children().front()) == parser.communication.VARIABLE_NAME_UNITS)
-    return;
-  std::string name;
-  for (const auto& term : terms->children()) {
-    if (!name.empty()) name += parser.communication.ADD_TERM_SYMBOL;
-    name += GET_FACNAME_FROM_JPTR(eh, parser.communication, *term);
+  const std::string name(plain_name(*value));
+  parser.info.offset = parser.variables.find(name);
+  if (parser.info.offset == 0) {
+    eh.error(text("Variable ", name, " not yet defined"));
+  } else if (parser.variables.row(parser.info.offset).is_factor()) {
+    eh.error(text("Unrecognised argument in ", GET_FACNAME_FROM_JPTR(eh, parser.communication, *offset)));
+    eh.continuation(text(name, " is not a variate"));
   }
-  eh.not_implemented(text("the residual model ", name, " is not implemented yet"));
+}
+
+/// L_READ_TERMS: the parts with equations, in the order of the term table, then the residual sections and mv.
+void L_READ_TERMS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& model)
+{
+  const Frame here{eh, __func__};
+  struct Part {
+    std::string_view name;
+    Block block;
+  };
+  constexpr Part parts[] = {{"fixed", Block::fixed}, {"random", Block::random}, {"sparse", Block::sparse}};
+  bool present = false;
+  for (const Part& part : parts) present = present || model.find(part.name) != nullptr;
+  if (!present) {
+    eh.error("at least one fixed or random is required");
+    return;
+  }
+  for (const Part& part : parts) {
+    const JsonNode* node = model.find(part.name);
+    if (node != nullptr) PARSE_MODEL_FORMULA_FROM_JPTR(eh, parser, *node, part.block);
+    if (eh.terminate()) return;
+  }
+  parser.info.residual = model.find("residual");
+  if (parser.info.residual != nullptr && parser.info.residual->is(JsonType::null)) parser.info.residual = nullptr;
+  if (parser.info.residual != nullptr) PARSE_RESIDUAL_FROM_JPTR(eh, parser, *parser.info.residual);
+  if (eh.terminate() || !parser.info.has_mv) return;
+  parser.terms.rows.push_back({.code = static_cast<std::int32_t>(parser.mv),
+                               .block = Block::sparse,
+                               .name = "mv_estimates",
+                               .is_mv = true});
+}
+
+/// L_PARSE: one pass over the model; the second one knows all levels.
+void L_PARSE(ERROR_HANDLER& eh, MODEL_PARSER& parser)
+{
+  const Frame here{eh, __func__};
+  parser.terms = {};
+  parser.info = {};
+  const JsonNode* model = parser.request.find("model");
+  if (model == nullptr || !model->is(JsonType::object)) {
+    REPORT_JSON_ERROR(eh, parser.request, "model");
+    return;
+  }
+  parser.info.family = model->find("family");
+  if (parser.info.family != nullptr && !parser.info.family->is(JsonType::array))
+    parser.info.family = nullptr;  // absent, or null
+
+  const std::vector<const JsonNode*> responses = L_FIND_RESPONSES(eh, *model);
+  if (eh.terminate()) return;
+  L_SET_FACTORS(eh, parser, *model, std::ssize(responses));
+  if (eh.terminate()) return;
+  L_READ_RESPONSE(eh, parser, responses);
+  if (eh.terminate()) return;
+  L_READ_FAMILY(eh, parser);
+  if (eh.terminate()) return;
+  L_READ_WEIGHTS(eh, parser, *model);
+  if (eh.terminate()) return;
+  L_READ_OFFSET(eh, parser, *model);
+  if (eh.terminate()) return;
+  L_READ_TERMS(eh, parser, *model);
 }
 
 }  // namespace
@@ -204,51 +275,29 @@ void NEW_PARSE_LINEAR_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communicatio
                             MODEL_INFO& info)
 {
   const Frame here{eh, __func__};
-  terms = {};
-  info = {};
   MODEL_PARSER parser{.communication = communication,
+                      .request = request,
                       .variables = variables,
                       .factors = factors,
                       .terms = terms,
                       .info = info};
-  const JsonNode* model = request.find("model");
-  if (model == nullptr || !model->is(JsonType::object)) {
-    REPORT_JSON_ERROR(eh, request, "model");
-    return;
-  }
-  info.family = model->find("family");
-  if (info.family != nullptr && !info.family->is(JsonType::array)) info.family = nullptr;  // absent, or null
+  L_PARSE(eh, parser);
+}
 
-  L_SET_FACTORS(eh, parser, *model);
-  if (eh.terminate()) return;
-  L_READ_RESPONSE(eh, parser, *model);
-  if (eh.terminate()) return;
-  const JsonNode* parts[] = {model->find("fixed"), model->find("random"), model->find("sparse")};
-  if (parts[0] == nullptr && parts[1] == nullptr && parts[2] == nullptr) {
-    eh.error("at least one fixed or random is required");
-    return;
-  }
-  L_READ_FAMILY(eh, parser);
-  if (eh.terminate()) return;
-  L_READ_WEIGHTS(eh, parser, *model);
-  if (eh.terminate()) return;
-  constexpr Block blocks[] = {Block::fixed, Block::random, Block::sparse};
-  for (std::size_t k = 0; k < 3; ++k) {
-    if (parts[k] == nullptr) continue;
-    PARSE_MODEL_FORMULA_FROM_JPTR(eh, parser, *parts[k], blocks[k]);
-    if (eh.terminate()) return;
-  }
-  if (info.has_mv)
-    terms.rows.push_back({.code = static_cast<std::int32_t>(parser.mv),
-                          .block = Block::sparse,
-                          .name = "mv_estimates",
-                          .is_mv = true});
-  if (const JsonNode* offset = model->find("offset"); offset != nullptr && !offset->is(JsonType::null)) {
-    eh.not_implemented(text("the model function offset() in term ",
-                            GET_FACNAME_FROM_JPTR(eh, communication, *offset), " is not implemented yet"));
-    return;
-  }
-  L_READ_RESIDUAL(eh, parser, *model);
+void COMPLETE_LINEAR_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communication, const JsonNode& request,
+                           const VARIABLE_TABLE& variables, FACTOR_TABLE& factors, TERM_TABLE& terms,
+                           MODEL_INFO& info)
+{
+  const Frame here{eh, __func__};
+  if (!info.waits_for_levels) return;
+  MODEL_PARSER parser{.communication = communication,
+                      .request = request,
+                      .variables = variables,
+                      .factors = factors,
+                      .terms = terms,
+                      .info = info,
+                      .data_read = true};
+  L_PARSE(eh, parser);
 }
 
 }  // namespace tolvan

@@ -1,8 +1,14 @@
+// Terms of the standard form, one after the other, into rows of the factor and term tables.
+// Routines: ADD_FACTOR_ROW, ADD_COMPONENT_ROWS, ADD_SPECIAL_TERM_FROM_JPTR, ADD_INTERACTION_FROM_JPTR, ADD_TERM_FROM_JPTR,
+// FLATTEN_INTERACTION, LOOP_OVER_TERMS_FROM_JPTR, PARSE_MODEL_FORMULA_FROM_JPTR, AS_PICKDS.
 #include "model/parse_terms.h"
+
+#include <algorithm>
 
 #include "base/text.h"
 #include "model/design_functions.h"
 #include "model/formula_nodes.h"
+#include "model/formula_text.h"
 #include "model/function_catalogue.h"
 #include "model/request.h"
 #include "model/request_nodes.h"
@@ -12,14 +18,10 @@ namespace tolvan {
 namespace {
 
 constexpr std::int64_t most_factors = 10000;  // a term code keeps a factor row in its last four digits
+constexpr std::size_t longest_name = 2048;
 
-/// The name that output shows for a term node.
-std::string shown_name(ERROR_HANDLER& eh, const MODEL_PARSER& parser, const JsonNode& node)
-{
-  const JsonNode* given = node.find("user_facing_factor_name");
-  if (given != nullptr && given->is(JsonType::string)) return given->text();
-  return GET_FACNAME_FROM_JPTR(eh, parser.communication, node);
-}
+/// Positions of pol, leg and spl in the list of design functions: several columns from one covariate.
+constexpr std::int64_t kinds_of_columns[] = {8, 14, 4};
 
 /// L_ADD_COPY: adds the factor row of a component that must stand behind another or carries a structure;
 /// gives its number.
@@ -36,14 +38,13 @@ std::int64_t L_ADD_COPY(ERROR_HANDLER& eh, MODEL_PARSER& parser, const COMPONENT
   copy.name = component.name;
   copy.structure = component.structure;
   copy.init = component.init;
+  if (!component.arguments.empty()) copy.arguments = component.arguments;
+  copy.order = component.order;
+  if (component.second > 0) copy.second = component.second;
+  copy.dist = component.dist;
+  copy.matrix = component.matrix;
   parser.factors.rows.push_back(std::move(copy));
   return parser.factors.count();
-}
-
-/// What stands for a variable in an argument: its name, or the node of a call.
-bool is_term_argument(const JsonNode* value)
-{
-  return value != nullptr && (value->is(JsonType::string) || !plain_name(*value).empty() || value->find("function") != nullptr);
 }
 
 bool is_mv(const MODEL_PARSER& parser, const JsonNode& node)
@@ -51,13 +52,74 @@ bool is_mv(const MODEL_PARSER& parser, const JsonNode& node)
   return parser.mv > 0 && plain_name(node) == parser.communication.VARIABLE_NAME_MV;
 }
 
+/// L_NAME_PEDIGREE: a plain pedigree factor in the random part has the relationship matrix as its structure.
+void L_NAME_PEDIGREE(ERROR_HANDLER& eh, const MODEL_PARSER& parser, COMPONENT& component)
+{
+  const Frame here{eh, __func__};
+  const FACTOR_ROW& row = parser.factors.row(component.row);
+  if (row.variable > 0 && row.kind == 0 && parser.variables.row(row.variable).is_pedigree_factor) component.structure = "nrm";
+}
+
+/// L_READ_ELEMENT: the components that one element of an interaction, or a term without any, may stand for.
+ALTERNATIVES L_READ_ELEMENT(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& node, Block block)
+{
+  const Frame here{eh, __func__};
+  if (node.find("linked") != nullptr) {
+    eh.error(text("check definition for model term ", shown_name(eh, parser, node)));
+    eh.continuation(text(parser.communication.LINK_FUN_NAME, "() is a term by itself, not part of another"));
+    return {};
+  }
+  if (node.find("function") != nullptr) return ADD_FUNCTION_FROM_JPTR(eh, parser, node, block);
+  ALTERNATIVES plain{ADD_SPECIAL_TERM_FROM_JPTR(eh, parser, node)};
+  if (!eh.terminate() && block == Block::random) L_NAME_PEDIGREE(eh, parser, plain.front());
+  return plain;
+}
+
+/// L_CHECK_EXPANSION: complains of an interaction in which two functions expand.
+void L_CHECK_EXPANSION(ERROR_HANDLER& eh, const MODEL_PARSER& parser, const std::vector<ALTERNATIVES>& elements,
+                       const JsonNode& node)
+{
+  const Frame here{eh, __func__};
+  std::vector<std::string> into_terms, into_columns;
+  for (const ALTERNATIVES& element : elements) {
+    if (element.size() > 1) into_terms.push_back(element.front().name);
+    if (element.empty()) continue;
+    const std::int64_t kind = parser.factors.row(element.front().row).kind;
+    if (std::find(std::begin(kinds_of_columns), std::end(kinds_of_columns), kind) != std::end(kinds_of_columns))
+      into_columns.push_back(element.front().name);
+  }
+  const std::vector<std::string>& expanding = into_terms.size() > 1 ? into_terms : into_columns;
+  if (expanding.size() < 2) return;
+  eh.error("can only have one function in an interaction that expands to multiple terms");
+  eh.continuation(text("the interaction ", GET_FACNAME_FROM_JPTR(eh, parser.communication, node),
+                       " has expanding functions: ", join(expanding, ", ")));
+}
+
 }  // namespace
+
+std::string shown_name(ERROR_HANDLER& eh, const MODEL_PARSER& parser, const JsonNode& node)
+{
+  const JsonNode* given = node.find("user_facing_factor_name");
+  if (given != nullptr && given->is(JsonType::string)) return given->text();
+  return GET_FACNAME_FROM_JPTR(eh, parser.communication, node);
+}
+
+std::string joined_name(const MODEL_PARSER& parser, const std::vector<COMPONENT>& components)
+{
+  std::string name;
+  for (const COMPONENT& component : components) {
+    if (!name.empty()) name += parser.communication.INTERACTION_SYMBOL;
+    name += component.name;
+  }
+  return name;
+}
 
 std::int64_t ADD_FACTOR_ROW(ERROR_HANDLER& eh, MODEL_PARSER& parser, FACTOR_ROW row)
 {
   const Frame here{eh, __func__};
-  for (std::int64_t i = 1; i <= parser.factors.count(); ++i)
-    if (const FACTOR_ROW& present = parser.factors.row(i); !present.copy && present.name == row.name) return i;
+  const auto is_own = [](const FACTOR_ROW& r) { return !r.copy && r.kind != kind_linked; };
+  for (std::int64_t i = 1; is_own(row) && i <= parser.factors.count(); ++i)
+    if (const FACTOR_ROW& present = parser.factors.row(i); is_own(present) && present.name == row.name) return i;
   if (parser.factors.count() >= most_factors - 1) {
     eh.error(text("the model has too many factors, at most ", most_factors, " are possible"));
     return 0;
@@ -66,19 +128,41 @@ std::int64_t ADD_FACTOR_ROW(ERROR_HANDLER& eh, MODEL_PARSER& parser, FACTOR_ROW 
   return parser.factors.count();
 }
 
-COMPONENT ADD_ARGUMENT_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& function,
-                                 std::string_view argument, const std::string& shown, Block block)
+std::int32_t ADD_COMPONENT_ROWS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const std::vector<COMPONENT>& components)
 {
   const Frame here{eh, __func__};
-  const JsonNode* value = supplied_value(function, argument);
-  if (!is_term_argument(value)) {
-    eh.error(text("Unrecognised argument in ", shown));
-    return {};
+  if (components.size() == 1 && components[0].structure.empty()) return static_cast<std::int32_t>(components[0].row);
+  std::int64_t first = 0;
+  for (const COMPONENT& component : components) {
+    const std::int64_t row = L_ADD_COPY(eh, parser, component);
+    if (eh.terminate()) return 0;
+    if (first == 0) first = row;
   }
-  COMPONENT component = value->find("function") != nullptr ? ADD_FUNCTION_FROM_JPTR(eh, parser, *value, block)
-                                                           : ADD_SPECIAL_TERM_FROM_JPTR(eh, parser, *value);
-  if (eh.terminate()) eh.continuation(text("when processing ", shown));
-  return component;
+  return static_cast<std::int32_t>(10000 * static_cast<std::int64_t>(components.size()) + first);
+}
+
+void AS_PICKDS(ERROR_HANDLER& eh, const MODEL_PARSER& parser, const std::string& name)
+{
+  const Frame here{eh, __func__};
+  const std::string call(trim(std::string_view(name).substr(0, name.find('('))));
+  if (trim(name).empty()) {
+    eh.error(text("\"", name, "\" is not a valid/complete model term"));
+  } else if (name.size() > longest_name) {
+    eh.error(text("model term name \"", name.substr(0, 60), " ...\" is too long"));
+  } else if (is_numeric(name)) {
+    eh.error(text("unexpected value [", name, "], maybe !r is missing from the model line"));
+  } else if (call.size() < name.size()) {  // a call that is written where a name belongs
+    if (!GET_MODEL_FUNCTION_INFO(eh, call).NAME.empty()) {
+      eh.error(text(name, " not successfully parsed"));
+      return;
+    }
+    eh.error(text("unrecognised function in model term ", name));
+    if (!GET_MODEL_FUNCTION_INFO(eh, lower(call)).NAME.empty()) eh.continuation("model functions are all lower case!");
+  } else if (!CHECK_VARIABLE_NAME_VALIDITY(eh, parser.communication, name, true, true)) {
+    eh.error(text(name, " is not a valid variable name"));
+  } else {
+    eh.error(text("unknown term (", name, ") in the model"));
+  }
 }
 
 COMPONENT ADD_SPECIAL_TERM_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& node)
@@ -94,50 +178,14 @@ COMPONENT ADD_SPECIAL_TERM_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, co
   } else if (name == words.VARIABLE_NAME_UNITS) {
     component.row = parser.units;
   } else if (name == words.VARIABLE_NAME_TRAIT) {
-    eh.not_implemented(
-        text("the factor ", name, " in a model with one response variable is not implemented"));
+    component.row = parser.info.trait;
+    if (component.row == 0) eh.error(text("the factor ", name, " needs a model with several response variables"));
   } else if (name == words.VARIABLE_NAME_MV) {
     eh.error(text(name, " can not be used as part of an interaction or as an argument to a function call"));
-  } else if (!CHECK_VARIABLE_NAME_VALIDITY(eh, words, name, true, true)) {
-    eh.error(text(name, " is not a valid variable name"));
   } else {
-    eh.error(text("unknown term (", name, ") in the model"));
+    component.row = ADD_DEFINED_FACTOR(eh, parser, name);
+    if (!eh.terminate() && component.row == 0) AS_PICKDS(eh, parser, name);
   }
-  return component;
-}
-
-COMPONENT ADD_FUNCTION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& node, Block block)
-{
-  const Frame here{eh, __func__};
-  const JsonNode& function = *node.find("function");
-  const std::string_view name = function_name(function);
-  const std::string shown = shown_name(eh, parser, node);
-  const JsonNode* arguments = function.find("arguments");
-  if (arguments == nullptr || arguments->size() == 0) {
-    eh.error(text("invalid function call in model (", shown, "), no arguments supplied"));
-    return {};
-  }
-  if (GET_MODEL_FUNCTION_INFO(eh, name).NAME.empty()) {
-    eh.error(text("unknown term (", shown, ") in the model"));
-    return {};
-  }
-  if (is_design_function(name)) return ADD_DESIGN_FUNCTION(eh, parser, node, shown, block);
-  const bool identity = name == "id" || name == "idv";
-  const JsonNode* factor = supplied_value(function, "variable_name");
-  if (!identity || block != Block::random || factor == nullptr ||
-      (!factor->is(JsonType::string) && plain_name(*factor).empty())) {
-    eh.not_implemented(text("the model function ", name, "() in term ", shown, " is not implemented yet"));
-    return {};
-  }
-  COMPONENT component = ADD_SPECIAL_TERM_FROM_JPTR(eh, parser, *factor);
-  if (eh.terminate()) {
-    eh.continuation(text("when processing ", shown));
-    return {};
-  }
-  component.name = shown;
-  component.structure = name;
-  if (supplied_value(function, "init") != nullptr)
-    component.init = GET_VALUE_FROM_JPTR_REALS(eh, *find_argument(function, "init"), "value");
   return component;
 }
 
@@ -159,60 +207,49 @@ void FLATTEN_INTERACTION(ERROR_HANDLER& eh, const JsonNode& interaction, std::ve
   }
 }
 
-std::vector<COMPONENT> ADD_INTERACTION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser,
-                                                 const JsonNode& node, Block block)
+std::vector<std::vector<COMPONENT>> ADD_INTERACTION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser,
+                                                              const JsonNode& node, Block block)
 {
   const Frame here{eh, __func__};
   std::vector<const JsonNode*> elements;
   FLATTEN_INTERACTION(eh, *node.find("interaction"), elements);
-  std::vector<COMPONENT> components;
+  std::vector<ALTERNATIVES> read;
   for (const JsonNode* element : elements) {
-    if (eh.terminate()) break;
-    components.push_back(element->find("function") != nullptr
-                             ? ADD_FUNCTION_FROM_JPTR(eh, parser, *element, block)
-                             : ADD_SPECIAL_TERM_FROM_JPTR(eh, parser, *element));
+    if (eh.terminate()) return {};
+    read.push_back(L_READ_ELEMENT(eh, parser, *element, block));
   }
-  return components;
+  if (eh.terminate()) return {};
+  L_CHECK_EXPANSION(eh, parser, read, node);
+  if (eh.terminate()) return {};
+  std::size_t count = 1;
+  for (const ALTERNATIVES& element : read) count = std::max(count, element.size());
+  std::vector<std::vector<COMPONENT>> terms(count);
+  for (std::size_t t = 0; t < count; ++t)
+    for (const ALTERNATIVES& element : read) terms[t].push_back(element[element.size() > 1 ? t : 0]);
+  return terms;
 }
 
 void ADD_TERM_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& node, Block block)
 {
   const Frame here{eh, __func__};
-  TERM_ROW term;
-  term.block = block;
-  if (node.is(JsonType::object)) term.initial_values = &node;
   if (is_mv(parser, node)) {
     parser.info.has_mv = true;  // its row follows behind all others
     return;
   }
-  if (node.find("linked") != nullptr) {
-    eh.not_implemented(
-        text("the model function str() in term ", shown_name(eh, parser, node), " is not implemented yet"));
-    return;
-  }
-  std::vector<COMPONENT> components;
+  std::vector<std::vector<COMPONENT>> terms;
   if (node.find("interaction") != nullptr) {
-    components = ADD_INTERACTION_FROM_JPTR(eh, parser, node, block);
-  } else if (node.find("function") != nullptr) {
-    components.push_back(ADD_FUNCTION_FROM_JPTR(eh, parser, node, block));
+    terms = ADD_INTERACTION_FROM_JPTR(eh, parser, node, block);
   } else {
-    components.push_back(ADD_SPECIAL_TERM_FROM_JPTR(eh, parser, node));
+    for (COMPONENT& component : L_READ_ELEMENT(eh, parser, node, block)) terms.push_back({std::move(component)});
   }
   if (eh.terminate()) return;
-  term.name = shown_name(eh, parser, node);
-
-  if (components.size() == 1 && components[0].structure.empty()) {
-    term.code = static_cast<std::int32_t>(components[0].row);
-  } else {
-    std::int64_t first = 0;
-    for (const COMPONENT& component : components) {
-      const std::int64_t row = L_ADD_COPY(eh, parser, component);
-      if (eh.terminate()) return;
-      if (first == 0) first = row;
-    }
-    term.code = static_cast<std::int32_t>(10000 * static_cast<std::int64_t>(components.size()) + first);
+  for (const std::vector<COMPONENT>& components : terms) {
+    TERM_ROW term{.block = block, .name = joined_name(parser, components)};
+    if (node.is(JsonType::object)) term.initial_values = &node;
+    term.code = ADD_COMPONENT_ROWS(eh, parser, components);
+    if (eh.terminate()) return;
+    parser.terms.rows.push_back(std::move(term));
   }
-  parser.terms.rows.push_back(std::move(term));
 }
 
 void LOOP_OVER_TERMS_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& list, Block block)
@@ -220,7 +257,11 @@ void LOOP_OVER_TERMS_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const Js
   const Frame here{eh, __func__};
   for (const auto& node : list.children()) {
     if (has_flag(*node, "drop")) continue;  // the terms that it drops have gone before
-    ADD_TERM_FROM_JPTR(eh, parser, *node, block);
+    if (node->find("linked") != nullptr) {
+      ADD_LINKED_TERMS_FROM_JPTR(eh, parser, *node, block);
+    } else {
+      ADD_TERM_FROM_JPTR(eh, parser, *node, block);
+    }
     if (eh.terminate()) return;
   }
 }

@@ -1,5 +1,5 @@
 // The term table and what the model statement says beside it.
-// Routines: NEW_PARSE_LINEAR_MODEL, SET_TERM_EQUATIONS, CHECK_FOR_INTERACTION_NO_MAIN.
+// Routines: NEW_PARSE_LINEAR_MODEL, COMPLETE_LINEAR_MODEL, SET_TERM_EQUATIONS, CHECK_FOR_INTERACTION_NO_MAIN.
 #pragma once
 
 #include <cstdint>
@@ -29,6 +29,7 @@ struct TERM_ROW {
   bool is_mv = false;
   std::int64_t linked_head = -1;  // index of the first term of its linked group, whose structure it shares; -1: not linked
   std::int64_t structure_first = 0, structure_last = 0;  // factor rows of the structure where it has its own, str(); else 0
+  std::int64_t condition = 0;  // of a residual section: the factor row of at() or sat() that tells its records; 0: all records
   const JsonNode* initial_values = nullptr;  // the node that may hold values, ps_constraints, ...; null: none
 
   /// First and last component row in the factor table, from 1.
@@ -46,6 +47,12 @@ struct TERM_ROW {
   }
 };
 
+/// True for the terms that have equations; a response and a residual section have none.
+inline bool has_equations(const TERM_ROW& term)
+{
+  return term.block != Block::response && term.block != Block::residual;
+}
+
 /// The terms in the order response, fixed, random, sparse, residual (a row a section, without equations), system (mv last).
 struct TERM_TABLE {
   std::vector<TERM_ROW> rows;
@@ -58,7 +65,9 @@ struct MODEL_INFO {
   std::vector<std::int64_t> responses;  // factor rows of the response variables, one a trait
   std::int64_t trait = 0;               // factor row of the trait factor, 0 in a model with one response
   std::int64_t weights = 0;             // factor row, 0 for none
+  std::int64_t offset = 0;              // factor row, 0 for none
   bool has_mv = false;
+  bool waits_for_levels = false;        // terms that stand for all levels, or for labels, that only the data tell
   const JsonNode* residual = nullptr;  // the residual part, null when absent
   const JsonNode* family = nullptr;
 };
@@ -68,8 +77,14 @@ void NEW_PARSE_LINEAR_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communicatio
                             const VARIABLE_TABLE& variables, FACTOR_TABLE& factors, TERM_TABLE& terms,
                             MODEL_INFO& info);
 
-/// SET_TERM_EQUATIONS: takes the level counts over from the variables and numbers the equations of every
-/// term.
+/// COMPLETE_LINEAR_MODEL: reads the model again once the data have told all levels, where it waits for them: terms
+/// that stand for all levels of a factor become a term a level.  Level counts of derived factors are not set before this.
+void COMPLETE_LINEAR_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communication, const JsonNode& request,
+                           const VARIABLE_TABLE& variables, FACTOR_TABLE& factors, TERM_TABLE& terms,
+                           MODEL_INFO& info);
+
+/// SET_TERM_EQUATIONS: takes the level counts over from the variables, and copies from their sources, and numbers the
+/// equations of every term.
 ///   records   analysis records, the levels of units;  missing   retained missing responses, the equations of
 ///   mv
 void SET_TERM_EQUATIONS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::int64_t records,
