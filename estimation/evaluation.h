@@ -77,10 +77,15 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
 /// for any other parameter of R it is f_i = Rdot R^-1 e within its section.  Since W'R^-1 e is G^-1 u in the equations of random
 /// terms and zero in the others, only the f_i need passes over the data.
 struct WORKING_VARIABLES {
-  std::vector<double> alpha;       // one an active parameter
-  std::vector<double> a;           // n by active, elimination order
-  std::vector<std::int64_t> data;  // active parameters with an f_i, rising
-  std::vector<double> f;           // records by data.size()
+  std::vector<double> alpha;          // one an active parameter
+  std::vector<double> a;              // n by active, elimination order
+  std::vector<std::uint8_t> has_a;    // one an active parameter: whether its a is not all zero
+  struct DATA_PART {                  // f_i, zero outside its section
+    std::int64_t parameter;           // position among the active ones
+    std::int64_t first;               // row of the design
+    std::vector<double> f;
+  };
+  std::vector<DATA_PART> data;
 };
 void K4MWVG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations,
             const EVALUATION& ev, WORKING_VARIABLES& working);
