@@ -1,4 +1,5 @@
-// What single functions ask of the rest of the request: offset, grp, vm, at, sat and dsum.
+// What single functions ask of the rest of the request: offset, grp, at, sat, str and the distance models; vm() and dsum() have
+// files of their own.
 #include <algorithm>
 
 #include "base/text.h"
@@ -118,102 +119,46 @@ void L_ADJUST_AT(ERROR_HANDLER& eh, const COMMUNICATION& communication, const Js
   if (term.find("user_facing_factor_name") == nullptr) term.add_value("user_facing_factor_name", shown);
 }
 
-/// L_FIND_MATRIX_ENTRY: the entry of grm_file for a matrix, added when there is none.
-JsonNode* L_FIND_MATRIX_ENTRY(ERROR_HANDLER& eh, JsonNode& root, const std::string& source)
+/// L_DIST_2_COORD: the coordinates handed to a distance model are a vector of numbers, also when there is only one.
+void L_DIST_2_COORD(ERROR_HANDLER& eh, JsonNode& argument)
 {
   const Frame here{eh, __func__};
-  JsonNode* list = root.find("grm_file");
-  if (list == nullptr) list = &root.add("grm_file", JsonType::array);
-  if (list->is(JsonType::object)) {
-    std::unique_ptr<JsonNode> entry = list->clone();
-    entry->name.clear();
-    list->set_array();
-    list->add(std::move(entry));
+  if (!is_supplied(argument)) return;
+  JsonNode& value = *argument.find("value");
+  if (value.is_number()) {
+    const double only = value.number();
+    value.set_array();
+    value.append_number(only);
   }
-  if (!list->is(JsonType::array) || (list->packed() && list->number_count() > 0)) {
-    REPORT_JSON_ERROR(eh, *list, {"an object", "an array of objects"});
-    return nullptr;
-  }
-  for (const auto& entry : list->children()) {
-    const JsonNode* name = entry->find("name");
-    if (name == nullptr || !name->is_text(source)) continue;
-    if (const JsonNode* type = entry->find("type")) {
-      const bool known = type->is_text("ft_data") || type->is_text("ft_csv") || type->is_text("ft_text");
-      if (!known) {
-        eh.error(text("unexpected type in grm_file node, with name = ", source));
-        return nullptr;
-      }
-    }
-    return entry.get();
-  }
-  JsonNode& entry = list->add("", JsonType::object);
-  entry.add_value("name", source);
-  entry.add_value("type", "ft_data");
-  return &entry;
+  bool numbers = value.is(JsonType::array) && value.size() > 0;
+  if (numbers && !value.packed())
+    for (const auto& element : value.children()) numbers = numbers && element->is_number();
+  if (!numbers) eh.error("expected a vector of reals for argument \"dist");  // sic
 }
 
-template <class Value>
-void set_key(JsonNode& object, std::string_view key, Value value)
-{
-  if (JsonNode* node = object.find(key)) {
-    node->set(std::move(value));
-  } else {
-    object.add_value(std::string(key), std::move(value));
-  }
-}
-
-/// L_ADJUST_VM: connects a factor to its structure matrix, which gets an entry among the matrix files.
-void L_ADJUST_VM(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& term)
-{
-  const Frame here{eh, __func__};
-  JsonNode& function = *term.find("function");
-  if (function.find("arguments")->size() < 2) {
-    eh.error("was expecting at least two arguments");
-    return;
-  }
-  const std::string shown = GET_FACNAME_FROM_JPTR(eh, communication, term);
-  const JsonNode* source = find_argument(function, "source")->find("value");
-  if (!source->is(JsonType::string)) {
-    REPORT_JSON_ERROR(eh, *source, {"the name of a matrix"});
-    return;
-  }
-  const std::string matrix = source->text();
-  const std::string kind = find_argument(function, "singG")->find("value")->text();
-  if (!equal_nocase(kind, "PD") && !equal_nocase(kind, "ND") && !equal_nocase(kind, "PSD")) {
-    eh.error(text("invalid value supplied for singG: ", kind, ", was expecting one of: PD, ND or PSD"));
-    return;
-  }
-  JsonNode* entry = L_FIND_MATRIX_ENTRY(eh, root, matrix);
-  if (eh.terminate()) return;
-  set_key(*entry, "giv", text(matrix, ".vm"));
-  if (equal_nocase(kind, "ND")) set_key(*entry, "nsd", true);
-  if (equal_nocase(kind, "PSD")) set_key(*entry, "psd", true);
-  if (const JsonNode* ldet = supplied_value(function, "ldet")) set_key(*entry, "ldet", ldet->number());
-  if (const JsonNode* invert = supplied_value(function, "invert"))
-    set_key(*entry, "invert", invert->logical());
-  set_key(term, "user_facing_factor_name", shown);
-}
-
-/// L_ADJUST_DSUM: checks that the levels of dsum() are a vector, or a vector for each term of its sum.
-/// The sum itself is written out where its sections are formed, since only the data tell all levels.
-void L_ADJUST_DSUM(ERROR_HANDLER& eh, const COMMUNICATION& communication, const JsonNode& term)
+/// L_ADJUST_STR: gives str() its terms under "linked" and the product of its structure under "structure"; true if a call
+/// within it failed.
+bool L_ADJUST_STR(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& term,
+                  TermPlace place)
 {
   const Frame here{eh, __func__};
   const JsonNode& function = *term.find("function");
-  JsonNode sum(JsonType::object);
-  const JsonNode* terms = API_FORMULA_STRING_TO_JPTR(
-      eh, communication, &sum, find_argument(function, "model")->find("value")->text(), "terms");
-  const JsonNode* levels = supplied_value(function, "levels");
-  if (eh.terminate() || levels == nullptr) return;
-  const auto vectors =
-      std::count_if(levels->children().begin(), levels->children().end(),
-                    [](const auto& element) { return element->is(JsonType::array); });
-  if (!levels->is(JsonType::array) || (vectors > 0 && vectors != levels->size())) {
-    eh.error("expected the levels argument to either be a vector or a vector of vectors");
-  } else if (vectors > 0 && vectors != terms->size()) {
-    eh.error("expected the number of elements in the levels argument to match the number of terms");
-    eh.continuation(text("number of terms: ", terms->size(), ", number of elements in levels: ", vectors));
+  ++place.depth;
+  struct Part {
+    std::string_view argument;
+    const char* key;
+    bool keep;  // what the formula layer made stays
+  };
+  for (const Part& p : {Part{"form", "linked", true}, Part{"vmodel", "structure", false}}) {
+    if (p.keep && term.find(p.key) != nullptr) continue;
+    term.remove(p.key);
+    const std::string text = find_argument(function, p.argument)->find("value")->text();
+    JsonNode* list = API_FORMULA_STRING_TO_JPTR(eh, communication, &term, text, p.key);
+    if (eh.terminate()) return false;
+    API_PROCESS_MODEL_FUNCTIONS(eh, communication, root, *list, place);
+    if (eh.terminate()) return true;
   }
+  return false;
 }
 
 /// L_ADJUST_OFFSET: takes an offset out of the terms to a place of its own in the model.
@@ -259,23 +204,32 @@ bool is_call_of(const JsonNode& term, std::string_view name)
 
 }  // namespace
 
-void API_ADJUST_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root,
-                         JsonNode& term)
+bool API_ADJUST_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root,
+                         JsonNode& term, const TermPlace& place)
 {
   const Frame here{eh, __func__};
-  const std::string_view name = function_name(*term.find("function"));
-  if (name == "vm") {
-    L_ADJUST_VM(eh, communication, root, term);
+  JsonNode& function = *term.find("function");
+  const std::string_view name = function_name(function);
+  if (name == "vm" || name == "ric" || name == "ide") {
+    API_ADJUST_VM(eh, communication, root, term);
   } else if (name == "at" || name == "sat") {
     L_ADJUST_AT(eh, communication, root, term);
   } else if (name == "dsum") {
-    L_ADJUST_DSUM(eh, communication, term);
+    API_CHECK_DSUM(eh, communication, term);
+  } else if (name == communication.LINK_FUN_NAME) {
+    return L_ADJUST_STR(eh, communication, root, term, place);
+  } else if (JsonNode* dist = find_argument(function, "dist")) {
+    L_DIST_2_COORD(eh, *dist);
   }
+  return false;
 }
 
-void API_ADJUST_TERMS(ERROR_HANDLER& eh, JsonNode& root, JsonNode& list)
+void API_ADJUST_TERMS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& list,
+                      std::string_view part)
 {
   const Frame here{eh, __func__};
+  API_EXPAND_DSUM(eh, communication, root, list, part);
+  if (eh.terminate()) return;
   for (std::size_t k = 0; k < list.children().size();) {
     JsonNode& term = *list.children()[k];
     if (is_call_of(term, "offset") && !has_flag(term, "drop")) {

@@ -208,7 +208,7 @@ void API_PROCESS_MODEL_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communic
   const std::string written = text_as_written(communication, term);
   bool inner = false;
   L_STANDARDISE_FUNCTION(eh, communication, root, *function, place, inner);
-  if (!eh.terminate()) API_ADJUST_FUNCTION(eh, communication, root, term);
+  if (!eh.terminate()) inner = API_ADJUST_FUNCTION(eh, communication, root, term, place);
   if (eh.terminate()) {
     // The innermost call names itself; those around it would only repeat it.
     if (!inner) eh.continuation(text("in the function call ", written));

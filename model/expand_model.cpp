@@ -148,7 +148,7 @@ void API_EXPAND_MODEL_PARTS(ERROR_HANDLER& eh, const COMMUNICATION& communicatio
   JsonNode& terms = *node.find("terms");
   API_PROCESS_MODEL_FUNCTIONS(eh, communication, root, terms, {.part = part});
   if (eh.terminate()) return;
-  API_ADJUST_TERMS(eh, root, terms);
+  API_ADJUST_TERMS(eh, communication, root, terms, part);
   if (eh.terminate()) return;
   API_DROP_DUPLICATE_TERMS(eh, communication, terms, part);
 }

@@ -42,12 +42,22 @@ void API_PROCESS_MODEL_FUNCTIONS(ERROR_HANDLER& eh, const COMMUNICATION& communi
 /// API_PROCESS_MODEL_FUNCTION: standardises one term that holds a function.
 void API_PROCESS_MODEL_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root,
                                 JsonNode& term, TermPlace place);
-/// API_ADJUST_FUNCTION: does what a function asks of the rest of the request (vm: its matrix; at, sat: level
-/// numbers).
-void API_ADJUST_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root,
-                         JsonNode& term);
-/// API_ADJUST_TERMS: takes offsets out of a list of terms and puts the variable in the place of grp().
-void API_ADJUST_TERMS(ERROR_HANDLER& eh, JsonNode& root, JsonNode& list);
+/// API_ADJUST_FUNCTION: does what a function asks of the rest of the request (vm: its matrix; at, sat: level numbers; str: its
+/// parts); true if it failed at a call within that has told its name.
+bool API_ADJUST_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root,
+                         JsonNode& term, const TermPlace& place);
+/// API_ADJUST_VM: connects a factor to its matrix, which gets an entry among the matrix files, and has it follow the
+/// matrix's labels.
+void API_ADJUST_VM(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& term);
+/// API_CHECK_DSUM: checks that the levels of dsum() are a vector, or a vector for each term of its sum.
+void API_CHECK_DSUM(ERROR_HANDLER& eh, const COMMUNICATION& communication, const JsonNode& term);
+/// API_EXPAND_DSUM: writes the sums over sections of a list out: each term in interaction with sat().
+void API_EXPAND_DSUM(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& list,
+                     std::string_view part);
+/// API_ADJUST_TERMS: writes sums over sections out, takes offsets out of a list of terms and puts the variable in the place of
+/// grp().
+void API_ADJUST_TERMS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& list,
+                      std::string_view part);
 
 /// The text of a term before its arguments are put in order: named arguments with their names.
 std::string text_as_written(const COMMUNICATION& communication, const JsonNode& term);
@@ -58,8 +68,10 @@ void API_DROP_DUPLICATE_TERMS(ERROR_HANDLER& eh, const COMMUNICATION& communicat
 
 /// WARN_OF_UNKNOWN_KEYS: tells the keys of datasets, data file, initial values and terms that nothing reads.
 void WARN_OF_UNKNOWN_KEYS(ERROR_HANDLER& eh, const JsonNode& root);
-/// API_EXPAND_DATASETS: gathers the datasets into one list.
+/// API_EXPAND_DATASETS: gathers the datasets into one list and standardises their groups.
 void API_EXPAND_DATASETS(ERROR_HANDLER& eh, JsonNode& root);
+/// API_EXPAND_GROUPS: gives the groups of variables of a dataset their type, and their members names and column numbers.
+void API_EXPAND_GROUPS(ERROR_HANDLER& eh, JsonNode& dataset);
 /// API_EXPAND_WALD: turns the tests asked for into options.
 void API_EXPAND_WALD(ERROR_HANDLER& eh, JsonNode& root, JsonNode& options);
 /// API_EXPAND_NA_ACTION: turns the policy of missing values into options and the term mv.

@@ -91,8 +91,8 @@ void API_EXPAND_DATASETS(ERROR_HANDLER& eh, JsonNode& root)
   for (const auto& entry : first->children()) {
     if (!entry->is(JsonType::object)) {
       REPORT_JSON_ERROR(eh, *entry, {"an object"});
-    } else if (const JsonNode* group = entry->find("group"); group != nullptr && !group->is(JsonType::null)) {
-      eh.not_implemented(text(json_path(*group), " is not implemented yet"));
+    } else {
+      API_EXPAND_GROUPS(eh, *entry);
     }
     if (eh.terminate()) return;
   }

@@ -7,8 +7,9 @@
 
 namespace tolvan {
 
-/// The kinds of derived factors that are read with the terms; the others belong to the design functions.
-inline constexpr std::int64_t kind_linked = 15, kind_condition = 16;
+/// Kinds that are read with the terms (design_kinds.h has them all): a component of the structure of linked terms; the
+/// condition of a residual section; a factor at one level.
+inline constexpr std::int64_t kind_linked = 15, kind_section = 16, kind_at = 47;
 
 /// Reserved factors stand behind the variables, in this order.
 enum class Reserved { none, mu, units, trait, mv };

@@ -205,6 +205,7 @@ void CHECK_FUNCTION_PLACE(ERROR_HANDLER& eh, const MODEL_FUN_INFO& info, std::st
   const Frame here{eh, __func__};
   if (info.NAME.empty()) {
     eh.error(text(function, " is not a recognised model function"));
+    if (!GET_MODEL_FUNCTION_INFO(eh, lower(function)).NAME.empty()) eh.continuation("model functions are all lower case!");
   } else if (!info.legal_in(part)) {
     eh.error(text(function, " is not valid in the ", part, " part of the model"));
   } else if (in_function && !info.IN_FUN) {

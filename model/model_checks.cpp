@@ -29,7 +29,7 @@ std::vector<std::int64_t> CHECK_FOR_INTERACTION_NO_MAIN(const FACTOR_TABLE& fact
     const auto [from, to] = term.components();
     if (from == to || term.dropped || !has_equations(term)) continue;
     for (std::int64_t i = from; i <= to; ++i) {
-      if (factors.row(i).kind == kind_condition || mains.contains(base_row(factors, i))) continue;
+      if (factors.row(i).kind == kind_at || mains.contains(base_row(factors, i))) continue;
       alone.push_back(static_cast<std::int64_t>(t) + 1);
       break;
     }

@@ -90,7 +90,8 @@ ALTERNATIVES ADD_CONDITION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, co
 
   ALTERNATIVES read;
   const COMMUNICATION& words = parser.communication;
-  const bool one_term = asked.size() == 1 && !all;
+  const JsonNode* levels = supplied_value(function, "lvls");
+  const bool as_written = levels != nullptr && !levels->is(JsonType::array);
   for (const ASKED_LEVEL& level : asked) {
     const bool waiting = all && !parser.data_read && variable != nullptr;
     double value = level.value;
@@ -101,14 +102,14 @@ ALTERNATIVES ADD_CONDITION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, co
       return {};
     }
     COMPONENT component{.name = shown};
-    if (!one_term && !waiting) {
+    if (!as_written && !waiting) {
       const bool labelled = variable != nullptr && value >= 1 && value <= static_cast<double>(variable->labels.size());
       component.name = text(function_name(function), words.FUN_OPEN_BRACE, base.name, words.FUN_ARG_SEP,
                             labelled ? GET_LEVEL_NAME(eh, *variable, static_cast<std::int64_t>(value)) : text(value),
                             words.FUN_CLOSE_BRACE);
     }
     component.row = ADD_FACTOR_ROW(eh, parser, {.name = component.name,
-                                                .kind = kind_condition,
+                                                .kind = block == Block::residual ? kind_section : kind_at,
                                                 .source = factor.row,
                                                 .variable = base.variable,
                                                 .levels = 1,

@@ -1,6 +1,7 @@
 // Terms that share one structure, str(): the terms in consecutive rows of the term table, the structure in rows of its own.
 // Routines: ADD_LINKED_TERMS_FROM_JPTR, AS_NEXTFACT.
 #include "base/text.h"
+#include "model/design_functions.h"
 #include "model/parse_terms.h"
 #include "model/request.h"
 #include "model/request_nodes.h"
@@ -35,6 +36,11 @@ FACTOR_ROW AS_NEXTFACT(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& 
     row.name = name;
     row.structure = "id";
   } else {
+    const std::string_view name = function_name(*function);
+    if (is_design_function(name) || name == "at" || name == "sat") {
+      L_CHECK_DEFINITION(eh, shown, text(name, "() can not stand in the structure of linked terms"));
+      return row;
+    }
     const JsonNode* arguments = function->find("arguments");
     const JsonNode* size = arguments == nullptr || arguments->size() == 0 ? nullptr : arguments->children().front()->find("value");
     if (size == nullptr) {
@@ -54,7 +60,7 @@ FACTOR_ROW AS_NEXTFACT(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& 
     const ALTERNATIVES read = ADD_FUNCTION_FROM_JPTR(eh, parser, *call, block);
     if (eh.terminate()) return row;
     if (read.size() != 1 || read.front().structure.empty()) {
-      L_CHECK_DEFINITION(eh, shown, text(function_name(*function), "() can not stand in the structure of linked terms"));
+      L_CHECK_DEFINITION(eh, shown, text(name, "() can not stand in the structure of linked terms"));
       return row;
     }
     const COMPONENT& component = read.front();

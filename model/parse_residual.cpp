@@ -18,7 +18,7 @@ void L_ADD_SECTION(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& node
   std::vector<COMPONENT> structure;
   bool good = true;
   for (const COMPONENT& component : components) {
-    if (parser.factors.row(component.row).kind != kind_condition) {
+    if (parser.factors.row(component.row).kind != kind_section) {
       good = good && component.row != parser.mu;
       structure.push_back(component);
     } else {

@@ -119,7 +119,7 @@ std::int64_t ADD_FACTOR_ROW(ERROR_HANDLER& eh, MODEL_PARSER& parser, FACTOR_ROW 
   const Frame here{eh, __func__};
   const auto is_own = [](const FACTOR_ROW& r) { return !r.copy && r.kind != kind_linked; };
   for (std::int64_t i = 1; is_own(row) && i <= parser.factors.count(); ++i)
-    if (const FACTOR_ROW& present = parser.factors.row(i); is_own(present) && present.name == row.name) return i;
+    if (const FACTOR_ROW& present = parser.factors.row(i); is_own(present) && present.kind == row.kind && present.name == row.name) return i;
   if (parser.factors.count() >= most_factors - 1) {
     eh.error(text("the model has too many factors, at most ", most_factors, " are possible"));
     return 0;

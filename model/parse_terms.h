@@ -42,8 +42,8 @@ struct COMPONENT {
 /// A factor of a term; several where it stands for several terms, one a level.
 using ALTERNATIVES = std::vector<COMPONENT>;
 
-/// ADD_FACTOR_ROW: adds a row to the factor table and gives its number, or that of a row of the same name; copies and rows of
-/// linked structures are always added.
+/// ADD_FACTOR_ROW: adds a row to the factor table and gives its number, or that of a row of the same name and kind; copies and
+/// rows of linked structures are always added.
 std::int64_t ADD_FACTOR_ROW(ERROR_HANDLER& eh, MODEL_PARSER& parser, FACTOR_ROW row);
 /// ADD_COMPONENT_ROWS: the consecutive factor rows of a term's components, copies where need be; gives the term's code.
 std::int32_t ADD_COMPONENT_ROWS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const std::vector<COMPONENT>& components);

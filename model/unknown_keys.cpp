@@ -34,7 +34,7 @@ constexpr std::string_view of_variable[] = {"name",
 constexpr std::string_view of_initial_value[] = {"term", "value", "constraint"};
 constexpr std::string_view of_part[] = {"terms"};
 constexpr std::string_view of_term[] = {
-    "term_name", "interaction",    "function",       "linked",     "terms", "drop",          "user_facing_factor_name",
+    "term_name", "interaction",    "function",       "linked",     "structure", "terms", "drop",          "user_facing_factor_name",
     "values",    "ps_constraints", "eq_constraints", "subsection", "sing",  "initial_values", "coord",
     "use"};
 constexpr std::string_view of_qualifiers[] = {"values",         "coord",      "use", "ps_constraints",
@@ -75,7 +75,7 @@ struct Teller {
   {
     if (depth > deepest) return;
     keys(node, of_term);
-    for (const char* inner : {"interaction", "linked", "terms"})
+    for (const char* inner : {"interaction", "linked", "structure", "terms"})
       each(node.find(inner), [&](const JsonNode& each_term) { term(each_term, depth + 1); });
     list(node, "initial_values", of_qualifiers);
     const JsonNode* function = node.find("function");

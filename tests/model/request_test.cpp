@@ -173,11 +173,22 @@ TEST(Request, PartsOfTheModel)
       {R"j("random":"us(leg(x,1)):id(s)")j", "random",
        R"j({"terms":[{"interaction":[{"function":{"name":"us","arguments":[{"name":"variable_name","value":{"function":{"name":"leg","arguments":[{"name":"variable_name","value":{"term_name":"x"}},{"name":"t","value":1}],"already_processed":true}}},{"name":"init","value":"NoValueSupplied","supplied":false}],"already_processed":true}},{"function":{"name":"id","arguments":[{"name":"variable_name","value":{"term_name":"s"}}],"already_processed":true}}]}]})j"},
       {R"j("random":"str(a+a:x,us(2):id(9))")j", "random",
-       R"j({"terms":[{"linked":["a",{"interaction":["a","x"]}],"function":{"name":"str","arguments":[{"name":"form","value":"a+a:x"},{"name":"vmodel","value":"us(2):id(9)"}],"already_processed":true}}]})j"},
+       R"j({"terms":[{"linked":["a",{"interaction":["a","x"]}],"function":{"name":"str","arguments":[{"name":"form","value":"a+a:x"},{"name":"vmodel","value":"us(2):id(9)"}],"already_processed":true},)j"
+       R"j("structure":[{"interaction":[{"function":{"name":"us","arguments":[{"name":"variable_name","value":2},{"name":"init","value":"NoValueSupplied","supplied":false}],"already_processed":true}},)j"
+       R"j({"function":{"name":"id","arguments":[{"name":"variable_name","value":9}],"already_processed":true}}]}]}]})j"},
       {R"j("random":"exp(x,dist=[0,1.5])")j", "random",
        R"j({"terms":[{"function":{"name":"exp","arguments":[{"name":"x","value":{"term_name":"x"}},{"name":"init","value":"NoValueSupplied","supplied":false},{"name":"dist","value":[0,1.5],"drop_from_facname":true}],"already_processed":true}}]})j"},
       {R"j("residual":"dsum(a:b+c|site,levels=[[1,2],[3]])")j", "residual",
-       R"j({"terms":[{"function":{"name":"dsum","arguments":[{"name":"model","value":"a:b+c"},{"name":"cond","value":"site"},{"name":"levels","value":[[1,2],[3]]}],"already_processed":true}}]})j"},
+       R"j({"terms":[{"interaction":[{"function":{"name":"sat","arguments":[{"name":"variable_name","value":{"term_name":"site"}},{"name":"lvls","value":[1,2]}],"already_processed":true},"user_facing_factor_name":"sat(site,[1,2])"},"a","b"]},)j"
+       R"j({"interaction":[{"function":{"name":"sat","arguments":[{"name":"variable_name","value":{"term_name":"site"}},{"name":"lvls","value":[3]}],"already_processed":true},"user_facing_factor_name":"sat(site,[3])"},"c"]}]})j"},
+      {R"j("random":"AR1(x)")j", "random",
+       "AR1 is not a recognised model function | model functions are all lower case! | in the function call AR1(x)"},
+      {R"j("residual":"dsum(a-b|site)")j", "residual", "invalid argument to dsum"},
+      {R"j("residual":"dsum(a|s):dsum(b|t)")j", "residual",
+       "can only have one function in an interaction that expands to multiple terms"},
+      {R"j("random":"str(a,us(2:id(9))")j", "random",
+       "Invalid formula term: str(a,us(2:id(9)). | Error: Unclosed bracket \"(\" at position 4."},
+      {R"j("random":"str(a,foo(2))")j", "random", "foo is not a recognised model function | in the function call foo(2)"},
       {R"j("fixed":"foo(x)")j", "fixed",
        "foo is not a recognised model function | in the function call foo(x)"},
       {R"j("fixed":"vm(a,b)")j", "fixed",
@@ -407,13 +418,16 @@ TEST(Request, DatasetsAreGathered)
 TEST(Request, WrongTypesAnywhereGiveMessagesNotCrashes)
 {
   const std::string request =
-      R"j({"dataset":[{"name":"d","variables":[{"name":"a","factor_labels":["p","q"],"number_of_levels":2}],"group":null}],
+      R"j({"dataset":[{"name":"d","variables":[{"name":"a","field_type":"vt_string_factor","factor_labels":["p","q"],"number_of_levels":2},{"name":"y"},{"name":"w"}],
+      "group":{"name":"g","variables":["y",3]}},{"name":"G","variables":[{"name":"q"},{"name":"p"}]}],
     "options":{"extra":1},"wald":{"den_df":"numeric","f_test":"x"},"na_action":{"x":"omit","y":"include"},
     "grm_file":[{"name":"G","type":"ft_data"}],
     "predict":[{"classify":"a:b","levels":{"a":[1]},"ignore":["c"],"average":{"d":[1]},"present":["e"],"prwts":[1]}],
     "model":{"response":{"terms":["y"]},"fixed":{"terms":["a",{"term_name":"b","drop":true},{"interaction":["a",{"function":{"name":"at","arguments":[{"name":"variable_name","value":"a"},{"name":"lvls","value":["p",2]}]}}]}]},
       "random":{"terms":[{"function":{"name":"vm","arguments":[{"value":"a"},{"value":"G"},{"name":"invert","value":true}],"already_processed":true},"user_facing_factor_name":"vm"},
-        {"linked":["a"],"function":{"name":"str","arguments":["a","us(2)"]}},{"function":{"name":"grp","arguments":[{"value":"a"}]}}]},
+        {"linked":["a"],"function":{"name":"str","arguments":["a","us(2)"]}},{"function":{"name":"grp","arguments":[{"value":"a"}]}},{"function":{"name":"ric","arguments":["a","G"]}},
+        {"function":{"name":"exp","arguments":[{"name":"x","value":"w"},{"name":"dist","value":[1,2]}]}},{"function":{"name":"fa","arguments":["a",1]}}]},
+      "residual":{"terms":[{"function":{"name":"dsum","arguments":["id(units)+a","a",{"name":"levels","value":[[1],["q"]]}]}}]},
       "family":[{"function":{"name":"gaussian","arguments":[{"name":"link","value":"identity"}]}}],"weights":"w"}})j";
   const std::string wrong[] = {
       "null", "true",  "7",    "-1.5",   "\"\"", "\"a:b\"",         "\"f(x\"",
@@ -437,6 +451,7 @@ TEST(Request, WrongTypesAnywhereGiveMessagesNotCrashes)
   for (const char* name : {"a", "b", "y", "w"}) {
     VARIABLE variable;
     variable.name = name;
+    if (variable.name == "a") variable.type = FieldType::string_factor, variable.levels = 2;
     variables.rows.push_back(variable);
   }
   for (const std::string& path : paths) {
@@ -454,8 +469,94 @@ TEST(Request, WrongTypesAnywhereGiveMessagesNotCrashes)
       TERM_TABLE terms;
       MODEL_INFO info;
       NEW_PARSE_LINEAR_MODEL(s.eh, COMMUNICATION(), *s.root, variables, factors, terms, info);
+      if (!s.eh.terminate()) COMPLETE_LINEAR_MODEL(s.eh, COMMUNICATION(), *s.root, variables, factors, terms, info);
       ASSERT_TRUE(s.eh.stack().entries.empty()) << path << " " << value;
     }
+  }
+}
+
+TEST(Request, FactorsFollowTheLabelsOfTheirMatrix)
+{
+  struct Case {
+    const char* variable;  // description of "id"
+    const char* call;
+    const char* expected;  // of the description, or the messages
+  };
+  const Case cases[] = {
+      {R"j("field_type":"vt_string_factor","factor_labels":["b","a"])j", "vm(id,G)",
+       R"j({"name":"id","field_type":"vt_string_factor","factor_labels":["b","a"],"code_levels_as":"vt_integer_factor_1_to_n","recode_factor_labels_from":"G","recode_factor_labels_because":"vm(id,G)","number_of_levels":4})j"},
+      {R"j("field_type":"vt_string_factor","factor_labels":["a","b","c","d"])j", "vm(id,G)",
+       R"j({"name":"id","field_type":"vt_string_factor","factor_labels":["a","b","c","d"]})j"},
+      {R"j("field_type":"vt_integer_factor_1_to_n")j", "vm(id,G)", R"j({"name":"id","field_type":"vt_integer_factor_1_to_n"})j"},
+      {R"j("field_type":"vt_integer_factor","number_of_levels":2)j", "ide(id,G)",
+       R"j({"name":"id","field_type":"vt_integer_factor","number_of_levels":4,"code_levels_as":"vt_integer_factor_1_to_n","recode_factor_labels_from":"G","recode_factor_labels_because":"ide(id,G)"})j"},
+      {R"j("field_type":"vt_integer_factor","number_of_levels":2)j", "vm(id,N)",
+       R"j({"name":"id","field_type":"vt_integer_factor","number_of_levels":2})j"},
+      {R"j("field_type":"vt_integer_factor","number_of_levels":2)j", "vm(id,S)",
+       R"j({"name":"id","field_type":"vt_integer_factor","number_of_levels":2})j"},
+      {R"j("field_type":"vt_string_factor")j", "vm(id,G)",
+       "was expecting levels to be specified for id due to recoding needed in vm(id,G) | in the function call vm(id,G)"},
+      {R"j("field_type":"vt_integer_factor","number_of_levels":5)j", "vm(id,G)",
+       "5 levels were explicitly specified for id but this is greater than the number column labels supplied for the "
+       "associated matrix (4 | in the function call vm(id,G)"},
+      {R"j("field_type":"vt_string_factor","factor_labels":["b","a"])j", "vm(id,G)+ide(id,H)",
+       "id is already flagged as needing recoding, and the levels are not the same | this is likely to be due to multiple "
+       "inconsistent calls to the vm() function | in the function call ide(id,H)"},
+      {R"j("field_type":"vt_string_factor","factor_labels":["b","a"])j", "ric(id,G)+ide(id,G)",
+       R"j({"name":"id","field_type":"vt_string_factor","factor_labels":["b","a"],"code_levels_as":"vt_integer_factor_1_to_n","recode_factor_labels_from":"G","recode_factor_labels_because":"ric(id,G)","number_of_levels":4})j"},
+  };
+  for (const Case& c : cases) {
+    Standardised s;
+    standardise(text(R"j({"dataset":[{"name":"d","variables":[{"name":"id",)j", c.variable, R"j(}]},
+        {"name":"G","variables":[{"name":"a"},{"name":"b"},{"name":"c"},{"name":"d"}]},{"name":"S","variables":[{"name":"r"},{"name":"c"},{"name":"x"}]},
+        {"name":"H","variables":[{"name":"b"},{"name":"a"}]},{"name":"N","variables":[{"name":"1"},{"name":"2"}]}],
+        "model":{"response":"y","random":")j", c.call, "\"}}"), s);
+    std::string found;
+    for (const ERROR_MESSAGE& m : s.eh.messages()) found += (found.empty() ? "" : " | ") + m.message.value_or("");
+    if (!s.eh.terminate()) found = json_text(*json_walk(*s.root, "dataset:1:variables:1"));
+    EXPECT_EQ(found, c.expected) << c.call;
+  }
+}
+
+TEST(Request, GroupsOfVariables)
+{
+  struct Case {
+    const char* groups;
+    const char* expected;
+  };
+  const Case cases[] = {
+      {R"j({"name":"g","variables":["x1","x2"]})j",
+       R"j([{"name":"g","variables":[{"name":"x1","user_column_number":1},{"name":"x2","user_column_number":2}],"field_type":"vt_variate"}])j"},
+      {R"j([{"name":"g","variables":[5,6]},{"name":"h","variables":["f1",4]}])j",
+       R"j([{"name":"g","variables":[{"user_column_number":5},{"user_column_number":6}],"field_type":"vt_variate"},)j"
+       R"j({"name":"h","variables":[{"name":"f1","user_column_number":3},{"name":"f2","user_column_number":4}],"field_type":"vt_integer_factor_1_to_n"}])j"},
+      {R"j([{"name":"g","variables":["x1"]},{"name":"g","variables":["x2"]}])j", "the group identifier, g, is not unique"},
+      {R"j({"name":"x1","variables":["x2"]})j", "the group identifier, x1, is not unique, it also appears as a variable name"},
+      {R"j({"name":"g","variables":["x9"]})j",
+       "invalid column name (x9) supplied for group g, a variable with that name could not be found"},
+      {R"j({"name":"g","variables":[7]})j",
+       "invalid column number (7) supplied for group g was expecting a value in the range [1, 6]"},
+      {R"j([{"name":"g","variables":["x1"]},{"name":"h","variables":[1]}])j",
+       "the value (x1, appears in at least one other group statement"},
+      {R"j({"name":"g","variables":["f1","f3"]})j", "invalid column name (f3) supplied for group g, a variable with that name could not be found"},
+      {R"j({"name":"g","variables":["f1","x1"]})j", "all variables used to define group g should have the same number of levels"},
+      {R"j({"name":"g","variables":["x1",{"user_column_number":6}]})j",
+       R"j([{"name":"g","variables":[{"name":"x1","user_column_number":1},{"user_column_number":6}],"field_type":"vt_variate"}])j"},
+      {R"j({"name":"g","variables":[]})j",
+       "invalid value supplied for dataset[1].group[1].variables, was expecting one of: an array of names and column "
+       "numbers, supplied value = []"},
+      {R"j({"variables":["x1"]})j", "name is required but was not found in dataset[1].group[1]"},
+      {"7", "invalid value supplied for dataset[1].group, was expecting one of: an object or an array of objects, supplied value = 7"},
+  };
+  for (const Case& c : cases) {
+    Standardised s;
+    standardise(text(R"j({"dataset":{"name":"d","number_of_variables":6,"variables":[{"name":"x1"},{"name":"x2"},
+        {"name":"f1","field_type":"vt_integer_factor_1_to_n","number_of_levels":3},
+        {"name":"f2","field_type":"vt_integer_factor_1_to_n","number_of_levels":3}],"group":)j", c.groups, "}}"), s);
+    std::string found;
+    for (const ERROR_MESSAGE& m : s.eh.messages()) found += (found.empty() ? "" : " | ") + m.message.value_or("");
+    if (!s.eh.terminate()) found = json_text(*json_walk(*s.root, "dataset:1:group"));
+    EXPECT_EQ(found, c.expected) << c.groups;
   }
 }
 

@@ -64,13 +64,13 @@ std::string factor_text(const FACTOR_TABLE& factors)
   return out;
 }
 
-/// "name code equations@first block" for each term; blocks y, f, r, s.
+/// "name code equations@first block" for each term; blocks y, f, r, s, e.
 std::string term_text(const TERM_TABLE& terms)
 {
   std::string out;
   for (const TERM_ROW& t : terms.rows)
     out += text(out.empty() ? "" : ", ", t.name, " ", t.code, " ", t.equations, "@", t.first, " ",
-                "yfrs"[static_cast<int>(t.block)]);
+                "yfrse"[static_cast<int>(t.block)]);
   return out;
 }
 
@@ -85,7 +85,7 @@ TEST(TermTable, SplitPlot)
       "block 2 wplot 3 variety 3 nitro 2 y 1 x 1 mu 1 units 12 variety 3<3 nitro 2<4 block 2<1 wplot 3<2");
   EXPECT_EQ(term_text(p.terms),
             "y 5 0@0 y, mu 7 1@0 f, variety 3 3@1 f, nitro 4 2@4 f, variety:nitro 20009 6@6 f, block 1 2@12 "
-            "r, block:wplot 20011 6@14 r");
+            "r, block:wplot 20011 6@14 r, units 8 0@20 e");
   EXPECT_EQ(p.terms.equations, 20);
   EXPECT_EQ(p.terms.fixed_equations, 12);
   EXPECT_EQ(p.info.responses, std::vector<std::int64_t>{5});
@@ -163,7 +163,6 @@ TEST(TermTable, RefusalsNameTheirTerm)
   const Case cases[] = {
       {R"j({"response":"z"})j", bad, "the response variable, z, is unknown"},
       {R"j({"response":"mu"})j", bad, "the response variable, mu, is unknown"},
-      {R"j({"response":"y+x"})j", later, "a model with 2 response variables is not implemented yet"},
       {R"j({"response":"y","family":["gaussian","gaussian"]})j", bad,
        "1 response variables were supplied, but 2 distributions"},
       {R"j({"response":"at(y,1)"})j", later,
@@ -174,26 +173,6 @@ TEST(TermTable, RefusalsNameTheirTerm)
       {R"j({"response":"y","random":"idv(zz)"})j", bad, "unknown term (zz) in the model"},
       {R"j({"response":"y","random":"mv:block"})j", bad,
        "mv can not be used as part of an interaction or as an argument to a function call"},
-      {R"j({"response":"y","random":"trait"})j", later,
-       "the factor trait in a model with one response variable is not implemented"},
-      {R"j({"response":"y","fixed":"spl(x)"})j", later,
-       "the model function spl() in term spl(x) is not implemented yet"},
-      {R"j({"response":"y","fixed":"block:pol(x,2)"})j", later,
-       "the model function pol() in term pol(x,2) is not implemented yet"},
-      {R"j({"response":"y","random":"idv(lin(block))"})j", later,
-       "the model function idv() in term idv(lin(block)) is not implemented yet"},
-      {R"j({"response":"y","fixed":"idv(block)"})j", later,
-       "the model function idv() in term idv(block) is not implemented yet"},
-      {R"j({"response":"y","random":"str(block+block:x,us(2):id(2))"})j", later,
-       "the model function str() in term str(block+block:x,us(2):id(2)) is not implemented yet"},
-      {R"j({"response":"y","random":"vm(block,G)"})j", later,
-       "the model function vm() in term vm(block,G) is not implemented yet"},
-      {R"j({"response":"y","fixed":"offset(x)"})j", later,
-       "the model function offset() in term offset(x) is not implemented yet"},
-      {R"j({"response":"y","residual":"ar1(block):ar1(wplot)"})j", later,
-       "the residual model ar1(block):ar1(wplot) is not implemented yet"},
-      {R"j({"response":"y","residual":"units+block"})j", later,
-       "the residual model units+block is not implemented yet"},
       {R"j({"response":"y","weights":"w"})j", bad, "the weight variable, w, is unknown"},
       {R"j({"response":"y","weights":"block"})j", bad, "the weight variable, block, is not a variate"},
       {R"j({"response":"y","weights":3})j", bad,

@@ -1,0 +1,125 @@
+// Models in a table with the terms and factor rows that they stand for.
+#include <gtest/gtest.h>
+
+#include <charconv>
+#include <fstream>
+
+#include "base/numbers.h"
+#include "base/text.h"
+#include "model/design_functions.h"
+#include "model/request.h"
+#include "model/term_table.h"
+#include "support/checks.h"
+
+namespace tolvan {
+namespace {
+
+/// "geno:30 site:3[n,e,s] animal:9p x": factors with their level counts, labels and p for a pedigree; variates.
+std::vector<VARIABLE> variables_of(std::string_view described)
+{
+  std::vector<VARIABLE> out;
+  for (const std::string& each : split(described, ' ')) {
+    VARIABLE v;
+    const std::size_t colon = std::min(each.find(':'), each.size());
+    v.name = each.substr(0, colon);
+    if (colon < each.size()) {
+      std::from_chars(each.data() + colon + 1, each.data() + each.size(), v.levels);
+      v.type = FieldType::integer_factor_1_to_n;
+      v.is_pedigree_factor = each.back() == 'p';
+      if (const std::size_t open = each.find('['); open != std::string::npos) {
+        v.type = FieldType::string_factor;
+        for (const std::string& label : split(each.substr(open + 1, each.size() - open - 2), ',')) v.labels.find_or_add(label);
+      }
+    }
+    out.push_back(std::move(v));
+  }
+  return out;
+}
+
+std::string list_text(const char* head, const std::vector<double>& values)
+{
+  std::string out;
+  for (const double x : values) out += text(out.empty() ? head : ",", is_no_value(x) ? std::string("-") : text(x));
+  return out;
+}
+
+/// The terms: "name code equations block", then the condition of a section, the group and structure of a linked term.
+std::string terms_text(const TERM_TABLE& terms)
+{
+  std::string out;
+  for (const TERM_ROW& t : terms.rows) {
+    out += text(out.empty() ? "" : "; ", t.name, " ", t.code, " ", t.equations, " ", "yfrse"[static_cast<int>(t.block)]);
+    if (t.condition > 0) out += text(" if ", t.condition);
+    if (t.linked_head >= 0) out += text(" with ", t.linked_head, " ", t.structure_first, "-", t.structure_last);
+  }
+  return out;
+}
+
+/// The rows behind the variables and the reserved factors: "row name levels<source" and what else they hold.
+std::string rows_text(const FACTOR_TABLE& factors)
+{
+  std::string out;
+  for (std::int64_t i = 1; i <= factors.count(); ++i) {
+    const FACTOR_ROW& f = factors.row(i);
+    if (f.source == 0 && f.kind == 0) continue;
+    out += text(out.empty() ? "" : "; ", i, " ", f.name, " ", f.levels, f.source > 0 ? text("<", f.source) : "");
+    if (f.kind != 0) out += text(" kind ", f.kind);
+    if (!f.structure.empty()) out += " " + f.structure;
+    if (f.order > 0) out += text(" order ", f.order);
+    if (f.second > 0) out += text(" second ", f.second);
+    out += list_text(" init ", f.init) + list_text(" arguments ", f.arguments) + list_text(" dist ", f.dist);
+    if (!f.matrix.empty()) out += " matrix " + f.matrix;
+  }
+  return out;
+}
+
+/// A model of the table: standardised, read, with the level counts that the data would tell; its messages where it is refused.
+void read_case(const std::vector<std::string>& columns, std::string& terms_found, std::string& rows_found)
+{
+  std::int64_t records = 0;
+  std::from_chars(columns[1].data(), columns[1].data() + columns[1].size(), records);
+  JsonError failure;
+  const std::unique_ptr<JsonNode> root = parse_json(text(R"j({"model":{)j", columns[3], "}}"), failure);
+  ASSERT_TRUE(root) << failure.message << " in " << columns[3];
+  VARIABLE_TABLE variables;
+  variables.rows = variables_of(columns[2]);
+  const COMMUNICATION communication;
+  ERROR_HANDLER eh;
+  bool present = false;
+  FACTOR_TABLE factors;
+  TERM_TABLE terms;
+  MODEL_INFO info;
+  API_STANDARDISE_AND_EXPAND_JSON(eh, communication, root.get(), present);
+  if (!eh.terminate()) NEW_PARSE_LINEAR_MODEL(eh, communication, *root, variables, factors, terms, info);
+  if (!eh.terminate()) COMPLETE_LINEAR_MODEL(eh, communication, *root, variables, factors, terms, info);
+  if (!eh.terminate()) SET_TERM_EQUATIONS(eh, variables, records, 0, factors, terms);
+  EXPECT_TRUE(eh.stack().entries.empty());
+  if (!eh.terminate()) {
+    terms_found = terms_text(terms);
+    rows_found = rows_text(factors);
+    return;
+  }
+  for (const ERROR_MESSAGE& m : eh.messages()) terms_found += (terms_found.empty() ? "! " : " | ") + m.message.value_or("");
+}
+
+TEST(ModelCases, TermsAndFactorRows)
+{
+  std::ifstream file(TOLVAN_TEST_DATA "/model_cases.tsv");
+  ASSERT_TRUE(file);
+  std::string line;
+  int cases = 0;
+  while (std::getline(file, line)) {
+    if (line.empty() || line.starts_with("#")) continue;
+    const std::vector<std::string> columns = split(line, '\t');
+    ASSERT_EQ(columns.size(), 6u) << line;
+    std::string terms, rows;
+    read_case(columns, terms, rows);
+    EXPECT_EQ(terms, columns[4]) << columns[0];
+    EXPECT_EQ(rows, columns[5]) << columns[0];
+    ++cases;
+  }
+  EXPECT_GE(cases, 100);
+}
+
+}  // namespace
+}  // namespace tolvan
