@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "api/ainverse_object.h"
+#include "pedigree/ainverse_object.h"
 #include "api/fit_object.h"
 #include "api/info_object.h"
 #include "api/process_call.h"

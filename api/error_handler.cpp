@@ -10,7 +10,8 @@ namespace tolvan {
 
 namespace {
 
-constexpr std::size_t store_step = 20;  // the store grows by this many records
+constexpr std::size_t store_step = 20;     // the store grows by this many records,
+constexpr std::size_t large_store = 1000;  // from this many on by half of what it holds
 
 std::optional<std::int64_t> supplied(const std::optional<std::int64_t>& value)
 {
@@ -191,8 +192,10 @@ void ERROR_HANDLER::store(ERROR_MESSAGE&& record) noexcept
   if (stack_.mode == 2 || (stack_.mode == 1 && record.terminate)) {
     attempt([&] { record.stack = stack_.entries; });
   }
-  if (messages_.size() == messages_.capacity() &&
-      !attempt([&] { messages_.reserve(messages_.size() + store_step); }) && !make_room(record.etype)) {
+  const std::size_t held = messages_.size();
+  const std::size_t more = held < large_store ? store_step : held / 2;
+  if (held == messages_.capacity() && !attempt([&] { messages_.reserve(held + more); }) &&
+      !make_room(record.etype)) {
     lost_ = true;
     return;
   }

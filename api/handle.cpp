@@ -3,7 +3,7 @@
 #include <cstring>
 #include <memory>
 
-#include "api/ainverse_object.h"
+#include "pedigree/ainverse_object.h"
 #include "api/fit_object.h"
 #include "api/info_object.h"
 #include "base/text.h"

@@ -41,11 +41,4 @@ std::string text_under(const JsonNode& request, std::string_view key)
   return node == nullptr ? std::string() : scalar_text(*node);
 }
 
-void print_block(std::string_view heading, std::string_view body)
-{
-  const std::string out = text(heading, heading.empty() ? "" : "\n", body, body.ends_with('\n') ? "" : "\n");
-  std::fwrite(out.data(), 1, out.size(), stdout);
-  std::fflush(stdout);
-}
-
 }  // namespace tolvan::stages

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "api/error_handler.h"
+#include "base/files.h"
 #include "base/json.h"
 
 namespace tolvan::stages {
@@ -17,7 +18,6 @@ void refuse_key(ERROR_HANDLER& eh, const JsonNode& request, std::string_view key
 std::string scalar_text(const JsonNode& node);
 /// The same of the value of a key, empty without the key.
 std::string text_under(const JsonNode& request, std::string_view key);
-/// Writes a heading and a text on standard output.
-void print_block(std::string_view heading, std::string_view body);
+using tolvan::print_block;
 
 }  // namespace tolvan::stages

@@ -213,4 +213,14 @@ bool FileWriter::commit()
   return true;
 }
 
+void print_block(std::string_view heading, std::string_view body)
+{
+  std::string out(heading);
+  if (!out.empty()) out += '\n';
+  out += body;
+  if (!body.ends_with('\n')) out += '\n';
+  std::fwrite(out.data(), 1, out.size(), stdout);
+  std::fflush(stdout);
+}
+
 }  // namespace tolvan

@@ -19,6 +19,9 @@ bool read_file(const std::string& path, std::string& contents, std::string& erro
 /// Writes a whole file by way of a neighbour, so that the old one stays until the new one is complete.
 bool write_file(const std::string& path, std::string_view contents, std::string& error);
 
+/// Writes a heading and a text on standard output.
+void print_block(std::string_view heading, std::string_view body);
+
 namespace detail {
 struct CloseFile {
   void operator()(std::FILE* file) const { std::fclose(file); }

@@ -147,7 +147,32 @@ static void ainverse_object(void)
   CHECK_INT(info(&handle, "{\"id\":[1,2]}"), 0);
   CHECK_INT(info(&handle, "stored unread"), 0);
   CHECK_INT(process(&handle, ""), 4);
-  CHECK_HAS(errors_of(&handle), "ehc_not_implemented");
+  CHECK_HAS(errors_of(&handle), "ehc_invalid_json");
+
+  /* A pedigree that is out of order works with a note; a clean one leaves tables and scalars. */
+  CHECK_INT(info(&handle, "{\"id\":[\"x\",\"s\",\"d\"],\"male\":[\"s\",0,0],\"female\":[\"d\",0,0]}"), 0);
+  CHECK_INT(process(&handle, ""), -1);
+  CHECK_HAS(errors_of(&handle), "Some parents had to be moved to come before their progeny:");
+  CHECK_INT(info(&handle, "{\"id\":[1,2,3],\"male\":[0,0,1],\"female\":[0,0,2]}"), 0);
+  CHECK_INT(process(&handle, ""), 0);
+  CHECK_HAS(json_of(&handle, "TABLE_AINV_UID:UID"), "\"values\":[\"1\",\"2\",\"3\"]");
+  int32_t inverted = 0;
+  ctlv_output_integer_scalar(&status, &handle, "SCALAR_INVERTED", 15, &inverted);
+  CHECK_INT(inverted, 1);
+  double logdet = 0.0;
+  ctlv_output_real_scalar(&status, &handle, "scalar_logdet", 13, &logdet);
+  CHECK(logdet > 0.6931471 && logdet < 0.6931472); /* -ln 0.5 */
+  ctlv_output_real_scalar(&status, &handle, "SCALAR_INVERTED", 15, &logdet);
+  CHECK_INT(status, 4);
+  double values[6];
+  int32_t elements = 6;
+  ctlv_output_real(&status, &handle, "TABLE_AINV_A:VALUES", 19, values, &elements);
+  CHECK_INT(elements, 6);
+  CHECK(values[2] == 2.0 && values[3] == 0.5 && values[4] == -1.0);
+  CHECK_INT(info(&handle, ""), 0);
+  CHECK_INT(process(&handle, ""), 4);
+  json_of(&handle, "TABLE_AINV_A");
+  CHECK_INT(status, 4);
   CHECK_INT(matrix(&handle, "d", trial_values, 2, 2), 999);
   CHECK_HAS(errors_of(&handle), "an ainv object does not take any 2D reall arrays");
   CHECK_INT(registered(&handle, NULL, "MONITOR_FUNCTION"), 4);
