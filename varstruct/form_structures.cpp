@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "base/text.h"
+#include "varstruct/form_row.h"
 #include "varstruct/make_component.h"
 
 namespace tolvan {
@@ -42,6 +43,7 @@ std::int64_t L_FORM_ROW(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const std
   for (int k = 0; k < step_downs; ++k) {
     if (component == nullptr) component = make_component(row, model);
     if (component == nullptr) {
+      if (!check_row_size(eh, row)) return structure_failed;
       eh.not_implemented(text("the variance model of code ", row.model, " in ", name, " is not implemented"));
       return structure_failed;
     }

@@ -3,10 +3,13 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
+#include "varstruct/correlation_models.h"
 #include "varstruct/identity_matrix.h"
 #include "varstruct/known_matrix.h"
 #include "varstruct/model_catalogue.h"
+#include "varstruct/scaled_matrix.h"
 
 namespace tolvan {
 
@@ -26,11 +29,29 @@ Component plain(const STRUCTURE_ROW&, const VARIANCE_MODEL&)
   return std::make_unique<Model>();
 }
 
+/// A correlation model in the form of its row.
+template <CorrelationMaker make_core>
+Component in_its_form(const STRUCTURE_ROW& row, const VARIANCE_MODEL& model)
+{
+  const ROW_PARAMETERS parameters = row_parameters(row);
+  Component core = parameters.fit ? make_core(row, model) : nullptr;
+  if (core == nullptr || parameters.form == VarianceForm::plain) return core;
+  return parameters.form == VarianceForm::one_variance
+             ? with_one_variance(std::move(core), parameters.own)
+             : with_level_variances(std::move(core), parameters.own);
+}
+
 // A model without a row here is refused by whoever asks.
 constexpr std::array makers = {
     MAKER{-2, plain<KNOWN_MATRIX>},
     MAKER{-1, plain<KNOWN_MATRIX>},
     MAKER{0, plain<IDENTITY_MATRIX>},
+    MAKER{1, in_its_form<make_autoregressive>},   // AR
+    MAKER{2, in_its_form<make_moving_average>},   // MA
+    MAKER{3, in_its_form<make_moving_average>},   // ARMA
+    MAKER{5, in_its_form<make_correlation>},      // CORU, CORB, CORG
+    MAKER{6, in_its_form<make_metric>},           // by distance
+    MAKER{14, in_its_form<make_autoregressive>},  // SAR
 };
 
 }  // namespace
@@ -51,7 +72,8 @@ ROW_PARAMETERS row_parameters(const STRUCTURE_ROW& row)
 
 Component make_component(const STRUCTURE_ROW& row, const VARIANCE_MODEL& model)
 {
-  const auto* maker = std::find_if(makers.begin(), makers.end(), [&](const MAKER& m) { return m.code == row.model; });
+  const auto* maker =
+      std::find_if(makers.begin(), makers.end(), [&](const MAKER& m) { return m.code == row.model; });
   return maker == makers.end() ? nullptr : maker->make(row, model);
 }
 
