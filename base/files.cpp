@@ -76,6 +76,7 @@ bool FileReader::open(const std::string& path)
   close();
   error_.clear();
   line_number_ = 0;
+  line_too_long_ = false;
   buffer_.resize(chunk_size);
   if (is_path(path)) file_.reset(std::fopen(path.c_str(), "rbe"));
   if (!file_) {
@@ -124,14 +125,20 @@ bool FileReader::next_line(std::string_view& line)
       break;
     }
     searched = unread;
-    if (fill()) continue;
+    if (unread <= longest_line_ && fill()) continue;
     if (!error_.empty() || unread == 0) return false;
     line = {buffer_.data() + begin_, unread};  // the last line has no end
     begin_ = end_;
     break;
   }
-  if (line.ends_with('\r')) line.remove_suffix(1);
   ++line_number_;
+  if (line.size() > longest_line_) {
+    line_too_long_ = true;
+    error_ = text("a line of more than ", longest_line_, " bytes");
+    close();
+    return false;
+  }
+  if (line.ends_with('\r')) line.remove_suffix(1);
   return true;
 }
 

@@ -34,6 +34,9 @@ class FileReader {
  public:
   /// False, with error(), if the file cannot be opened.
   bool open(const std::string& path);
+  /// Lines of more bytes are a fault: without a limit one line may take all memory.
+  void limit_lines(std::size_t longest) { longest_line_ = longest; }
+  bool line_too_long() const { return line_too_long_; }  // that is the fault
   /// The next line without its end (LF or CR LF); false at the end of the file or after a fault, told by
   /// error(). The view holds until the next call.
   bool next_line(std::string_view& line);
@@ -50,6 +53,8 @@ class FileReader {
   std::size_t begin_ = 0;  // unread bytes: buffer_[begin_] up to buffer_[end_]
   std::size_t end_ = 0;
   std::int64_t line_number_ = 0;
+  std::size_t longest_line_ = static_cast<std::size_t>(-1);
+  bool line_too_long_ = false;
   std::string error_;
 };
 

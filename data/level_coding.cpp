@@ -22,6 +22,7 @@ bool all_whole_numbers(const LEVEL_TABLE& labels)
 
 Coding coding_of(const VARIABLE& variable, bool coded_labels)
 {
+  if (variable.is_pedigree_factor && variable.labels.size() > 0) return Coding::by_identity;
   switch (variable.type) {
     case FieldType::variate:
       return Coding::variate;
@@ -147,6 +148,11 @@ std::int64_t level_of_number(VARIABLE_TABLE& table, LEVEL_CODING& coding, std::s
     const auto [at, is_new] = known.try_emplace(number, 0);
     if (is_new) at->second = table.row(coded.owner).labels.find_or_add(text(number));
     level = at->second;
+  } else if (coded.coding == Coding::by_identity) {
+    auto& known = coding.numbers[static_cast<std::size_t>(coded.owner - 1)];
+    const auto [at, is_new] = known.try_emplace(number, 0);
+    if (is_new) at->second = table.row(coded.owner).labels.find(text(number));
+    level = at->second;
   } else if (__builtin_sub_overflow(number, coded.shift, &level) || level < 1 || level > most_levels) {
     return 0;
   }
@@ -162,6 +168,7 @@ std::int64_t level_of_value(VARIABLE_TABLE& table, LEVEL_CODING& coding, std::si
 
 std::string_view level_fault(const VARIABLE_CODING& coded, double x)
 {
+  if (coded.coding == Coding::by_identity) return " was not present in the pedigree";
   if (x != std::floor(x)) return " is not a whole number";
   if (std::abs(x) > largest_code || x - static_cast<double>(coded.shift) > static_cast<double>(most_levels)) {
     return " is too large for a level";

@@ -20,6 +20,7 @@ enum class Coding {
   label_number,  // the same, the labels being declared
   by_number,     // looked up as a whole number, added when new
   by_text,       // looked up as a text, added when new
+  by_identity,   // looked up as a text or its number, never added: identities of a pedigree
 };
 
 /// One variable's coding.  Variables that share levels point at the same owner.
@@ -48,7 +49,8 @@ inline constexpr double largest_code = 9007199254740992.0;
 void L_PREPARE_LEVEL_CODING(ERROR_HANDLER& eh, const VARIABLE_TABLE& table, bool coded_labels,
                             LEVEL_CODING& coding);
 
-/// The level of a whole number under level_number, label_number and by_number; 0 if it can't be one.
+/// The level of a whole number under level_number, label_number, by_number and by_identity; 0 if it can't be
+/// one.
 std::int64_t level_of_number(VARIABLE_TABLE& table, LEVEL_CODING& coding, std::size_t variable,
                              std::int64_t number);
 /// The same for a double; 0 also for one that is not whole.

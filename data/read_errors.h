@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "api/error_handler.h"
+#include "data/field_map.h"
 #include "data/text_lines.h"
 #include "data/variable_table.h"
 
@@ -20,22 +21,28 @@ struct READ_FAULT {
     no_level,
     level_too_large,
     no_label,
+    no_identity,
+    no_date,
+    no_time,
     too_few_fields,
     open_quote
   };
   Kind kind = Kind::none;
-  std::int64_t field = 0;     // its number in the line, from 1
-  std::size_t variable = 0;   // the variable read from it, from 0
+  std::int64_t field = 0;     // its number in the record, from 1
+  std::size_t variable = 0;   // the variable read from it, from 0; no_variable: the filter
   std::string content;        // of the field
   std::size_t character = 0;  // of the line, from 1, for an open quote
 };
 
 /// REPORT_DATA_READING_ERRORS_AND_WARNINGS: says where and why reading stopped, with the values and the line
 /// around it.
-///   values   of the record so far, in the order in which they were read
-void REPORT_DATA_READING_ERRORS_AND_WARNINGS(ERROR_HANDLER& eh, const READ_FAULT& fault, std::int64_t record,
-                                             const VARIABLE_TABLE& variables, std::span<const double> values,
-                                             DATA_LINES& lines);
+///   row   the working row, good for the fields before that of the fault
+void REPORT_DATA_READING_ERRORS_AND_WARNINGS(ERROR_HANDLER& eh, const READ_FAULT& fault,
+                                             const VARIABLE_TABLE& variables, const FIELD_MAP& fields,
+                                             std::span<const double> row, DATA_LINES& lines);
+
+/// What is wrong with the field, as a line of a message.
+std::string fault_words(const READ_FAULT& fault, const VARIABLE_TABLE& variables);
 
 /// A piece of a line fit for a message: cut short, control characters replaced.
 std::string excerpt(std::string_view line);

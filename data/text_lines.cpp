@@ -1,10 +1,8 @@
 #include "data/text_lines.h"
 
-#include <array>
-#include <filesystem>
-#include <system_error>
-
+#include "base/open_file.h"
 #include "base/text.h"
+#include "data/line_directives.h"
 
 namespace tolvan {
 
@@ -12,57 +10,6 @@ namespace {
 
 constexpr std::size_t longest_joined = 10000;
 constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
-
-/// The words of directives and what becomes of them.  Words match as the start of the line, in any case.
-struct Directive {
-  enum class Does { complain, not_built, end, special_char };
-  std::string_view word;
-  Does does;
-  std::string_view complaint;
-};
-// clang-format off
-constexpr std::array directives = {
-    Directive{"!CALL",        Directive::Does::complain,     "no longer supporting the !CALL directive"},
-    Directive{"!IF",          Directive::Does::complain,     "do not expect to be processing the !IF directive in gtline"},
-    Directive{"!VPREDICT",    Directive::Does::complain,     "not expecting to have to handle VPREDICT in gtline"},
-    Directive{"!?",           Directive::Does::complain,     "not expecting to hit the !? directive in GTLINE"},
-    Directive{"!CYCLE",       Directive::Does::complain,     "was not expecting to get to the !CYCLE code in GTLINE anymore"},
-    Directive{"!INC",         Directive::Does::not_built,    "the directive !INCLUDE in a data file is not implemented"},
-    Directive{"!ASS",         Directive::Does::not_built,    "the directive !ASSIGN in a data file is not implemented"},
-    Directive{"!STOP",        Directive::Does::end,          ""},
-    Directive{"!JOB",         Directive::Does::end,          ""},
-    Directive{"!SPECIALCHAR", Directive::Does::special_char, ""},
-};
-// clang-format on
-
-/// L_OBEY_DIRECTIVE: a line that begins with '!'.
-void L_OBEY_DIRECTIVE(ERROR_HANDLER& eh, DATA_LINES& lines)
-{
-  const Frame here{eh, __func__};
-  const std::string_view words = trim(lines.line);
-  for (const Directive& directive : directives) {
-    if (!starts_with_nocase(words, directive.word)) continue;
-    switch (directive.does) {
-      case Directive::Does::complain:
-        eh.error(std::string(directive.complaint));
-        break;
-      case Directive::Does::not_built:
-        eh.not_implemented(std::string(directive.complaint));
-        break;
-      case Directive::Does::end:
-        lines.ended = true;
-        return;
-      case Directive::Does::special_char:
-        if (lines.special_hash) eh.note("# is treated as a normal alpha character in data file");
-        lines.special_hash = false;
-        return;
-    }
-    eh.continuation(text("at line ", lines.number, " of ", lines.name));
-    return;
-  }
-  eh.error(text("unrecognised qualifier at character ", lines.line.find('!') + 1));
-  eh.continuation(text("at line ", lines.number, " of ", lines.name));
-}
 
 /// Where a remark starts: the first '#' outside quotes; npos without one.
 std::size_t remark_start(std::string_view line)
@@ -91,72 +38,127 @@ void L_CUT_REMARK(ERROR_HANDLER& eh, DATA_LINES& lines, std::string_view& line)
   eh.continuation("Use !SPECIALCHAR to treat # as normal character in data file");
 }
 
-/// L_NEXT_LINE: the next physical line; a failure to read it is reported.
-bool L_NEXT_LINE(ERROR_HANDLER& eh, DATA_LINES& lines, std::string_view& line)
+/// L_READ_FAILED: tells why no line came; nothing at the plain end of a file.
+void L_READ_FAILED(ERROR_HANDLER& eh, const DATA_LINES& lines)
 {
-  if (lines.file.next_line(line)) {
-    if (lines.file.line_number() == 1 && line.starts_with(byte_order_mark))
-      line.remove_prefix(byte_order_mark.size());
-    return true;
-  }
-  if (lines.file.error().empty()) return false;
+  const FileReader& file = lines.sources.back().file;
+  if (file.error().empty()) return;
   const Frame here{eh, __func__};
-  eh.error(text("unable to read file ", lines.name, " behind line ", lines.file.line_number()),
-           Ecode::io_error);
-  eh.continuation(lines.file.error());
-  return false;
+  if (file.line_too_long()) {
+    eh.error(
+        text("maximum record length [", longest_data_line, " exceeded when reading ", lines.name()));  // sic
+    eh.continuation(text("at record ", lines.record, ", line ", file.line_number(), " of ", lines.name()));
+    return;
+  }
+  eh.error(text("unable to read file ", lines.name(), " behind line ", file.line_number()), Ecode::io_error);
+  eh.continuation(file.error());
 }
 
-/// L_JOIN_LINES: joins the lines that follow while they end in the continuation mark '&'.
+/// L_REFUSE_NUL: complains of a character that no text holds.
+void L_REFUSE_NUL(ERROR_HANDLER& eh, const DATA_LINES& lines, std::size_t at)
+{
+  const Frame here{eh, __func__};
+  eh.error(text("unexpected NUL character at character ", at + 1, " of record ", lines.record, ", line ",
+                lines.sources.back().file.line_number(), " of ", lines.name()));
+  eh.continuation("the file is no plain text, it may be a binary file or in some two-byte coding");
+}
+
+/// The mark that says that the next line goes on: '&', in free format also a comma at the end.
+bool is_continued(const DATA_LINES& lines, std::string_view line)
+{
+  if (lines.layout == Layout::fixed_columns || line.empty()) return false;
+  return line.back() == '&' || (lines.layout == Layout::free_format && line.back() == ',');
+}
+
+/// L_JOIN_LINES: joins the lines that follow while they end in a continuation mark.  An ampersand goes, a
+/// comma stays to separate.
 void L_JOIN_LINES(ERROR_HANDLER& eh, DATA_LINES& lines)
 {
   const Frame here{eh, __func__};
   lines.joined.clear();
   std::string_view line = rtrim(lines.line);
   while (true) {
-    const bool continued = line.ends_with('&');
-    if (continued) line.remove_suffix(1);
+    const bool continued = is_continued(lines, line);
+    if (continued && line.back() == '&') line.remove_suffix(1);
     if (lines.joined.size() + line.size() > longest_joined) {
       eh.error(text("joined lines limited to ", longest_joined, " characters"));
-      eh.continuation(text("at line ", lines.number, " of ", lines.name));
+      eh.continuation(text("at ", lines.place()));
       return;
     }
     lines.joined += line;
     if (!continued || !L_NEXT_LINE(eh, lines, line)) break;
-    L_CUT_REMARK(eh, lines, line);
     line = rtrim(line);
   }
   lines.line = lines.joined;
 }
 
-}  // namespace
-
-void L_OPEN_DATA_FILE(ERROR_HANDLER& eh, const DATA_FILE_KEYS& keys, DATA_LINES& lines)
+/// L_SKIP_LINES: skips lines by their number, then up to an instance of a text.
+void L_SKIP_LINES(ERROR_HANDLER& eh, const DATA_FILE_KEYS& keys, FileReader& file, DATA_LINES& lines)
 {
   const Frame here{eh, __func__};
-  lines.name = keys.name;
-  std::error_code ignored;
-  const bool folder = std::filesystem::is_directory(keys.name, ignored);  // would open, but holds no lines
-  if (folder || !lines.file.open(keys.name)) {
-    eh.error(text("unable to open file ", keys.name), Ecode::io_error);
-    eh.continuation(folder ? "it is a folder" : lines.file.error());
-    return;
-  }
   std::string_view line;
   for (std::int64_t k = 0; k < keys.skip_lines; ++k) {
-    if (L_NEXT_LINE(eh, lines, line)) continue;
-    if (!eh.terminate()) eh.error(text("unable to skip ", keys.skip_lines, " lines in ", keys.name));
+    if (file.next_line(line)) continue;
+    L_READ_FAILED(eh, lines);
+    if (!eh.terminate()) {
+      eh.error(text("unable to skip ", keys.skip_lines, " lines in ", keys.name));
+      eh.continuation(text("it has ", file.line_number(), " lines"));
+    }
     return;
   }
-  std::int64_t wanted = keys.skip_text.empty() ? 0 : keys.skip_instance;
-  while (wanted > 0) {
-    if (!L_NEXT_LINE(eh, lines, line)) {
-      if (!eh.terminate()) eh.error(text("failed to find  ", keys.skip_text));
+  for (std::int64_t wanted = keys.skip_text.empty() ? 0 : keys.skip_instance; wanted > 0;) {
+    if (!file.next_line(line)) {
+      L_READ_FAILED(eh, lines);
+      if (!eh.terminate()) {
+        eh.error(text("failed to find  ", keys.skip_text));  // sic
+        eh.continuation(text("in the ", file.line_number(), " lines of ", keys.name));
+      }
       return;
     }
     if (line.find(keys.skip_text) != std::string_view::npos) --wanted;
   }
-  eh.note(text("reading ", keys.name, " as FREE FORMAT skipping ", keys.skip_lines, " lines"));
+}
+
+}  // namespace
+
+std::string DATA_LINES::place() const
+{
+  return text("record ", record, ", line ", number, " of ", name());
+}
+
+bool L_NEXT_LINE(ERROR_HANDLER& eh, DATA_LINES& lines, std::string_view& line)
+{
+  LINE_SOURCE* source = &lines.sources.back();
+  while (!source->file.next_line(line)) {
+    L_READ_FAILED(eh, lines);
+    if (eh.terminate() || lines.sources.size() == 1) return false;
+    lines.sources.pop_back();  // back to the line behind !INCLUDE
+    source = &lines.sources.back();
+  }
+  if (source->file.line_number() == 1 && line.starts_with(byte_order_mark))
+    line.remove_prefix(byte_order_mark.size());
+  if (const std::size_t at = line.find('\0'); at != std::string_view::npos) {
+    L_REFUSE_NUL(eh, lines, at);
+    return false;
+  }
+  L_CUT_REMARK(eh, lines, line);
+  return true;
+}
+
+void L_OPEN_DATA_FILE(ERROR_HANDLER& eh, const DATA_FILE_KEYS& keys, DATA_LINES& lines)
+{
+  const Frame here{eh, __func__};
+  lines.layout = !keys.format.empty()         ? Layout::fixed_columns
+                 : keys.kind == FileKind::csv ? Layout::comma_separated
+                                              : Layout::free_format;
+  LINE_SOURCE& source = lines.sources.emplace_back();
+  source.name = keys.name;
+  source.file.limit_lines(longest_data_line);
+  if (!OPEN_AND_CHECK_FILE(eh, keys.name, source.file)) return;
+  L_SKIP_LINES(eh, keys, source.file, lines);
+  if (eh.terminate()) return;
+  const std::string form = keys.format.empty() ? " as FREE FORMAT" : text(" by the format ", keys.format);
+  eh.note(text("reading ", keys.name, form, " skipping ", keys.skip_lines, " lines"));
   if (!keys.skip_text.empty()) {
     eh.continuation(text("and all lines up to and including ", keys.skip_instance, " instance of \"",  // sic
                          keys.skip_text));
@@ -168,17 +170,20 @@ bool GTLINE(ERROR_HANDLER& eh, DATA_LINES& lines)
   const Frame here{eh, __func__};
   std::string_view line;
   while (!lines.ended && L_NEXT_LINE(eh, lines, line)) {
-    lines.number = lines.file.line_number();
-    L_CUT_REMARK(eh, lines, line);
+    lines.number = lines.sources.back().file.line_number();
     lines.line = line;
-    const std::size_t first = line.find_first_not_of(" \t");
+    const std::size_t first = line.find_first_not_of(" \t\r");
     if (first == std::string_view::npos) continue;
-    if (line[first] == '!') {
-      L_OBEY_DIRECTIVE(eh, lines);
+    if (may_be_directive(lines, line[first])) {
+      const bool obeyed = L_OBEY_DIRECTIVE(eh, lines);
       if (eh.terminate()) return false;
-      continue;
+      if (obeyed) continue;
     }
-    if (rtrim(line).ends_with('&')) {
+    if (!lines.assigned.empty()) {
+      L_REFUSE_MACRO(eh, lines);
+      if (eh.terminate()) return false;
+    }
+    if (is_continued(lines, rtrim(line))) {
       L_JOIN_LINES(eh, lines);
       if (eh.terminate()) return false;
       if (is_blank(lines.line)) continue;

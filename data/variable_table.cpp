@@ -19,12 +19,15 @@ namespace {
 struct TypeWord {
   std::string_view word;
   FieldType type;
+  FieldContent content = FieldContent::number;
 };
 constexpr std::array field_types = {
     TypeWord{"vt_variate", FieldType::variate},
     TypeWord{"vt_string_factor", FieldType::string_factor},
     TypeWord{"vt_integer_factor", FieldType::integer_factor},
     TypeWord{"vt_integer_factor_1_to_n", FieldType::integer_factor_1_to_n},
+    TypeWord{"vt_date", FieldType::variate, FieldContent::date},
+    TypeWord{"vt_time", FieldType::variate, FieldContent::time},
 };
 
 /// The keys of a variable that ask for what isn't built.
@@ -40,13 +43,9 @@ void read_field_type(ERROR_HANDLER& eh, const JsonNode& description, VARIABLE& v
   for (const TypeWord& known : field_types) {
     if (node->is_text(known.word)) {
       variable.type = known.type;
+      variable.content = known.content;
       return;
     }
-  }
-  if (node->is_text("vt_date") || node->is_text("vt_time")) {
-    eh.not_implemented(
-        text("field_type ", node->text(), " of variable ", variable.name, " is not implemented"));
-    return;
   }
   REPORT_JSON_ERROR(eh, *node,
                     {field_types[0].word, field_types[1].word, field_types[2].word, field_types[3].word});

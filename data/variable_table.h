@@ -18,10 +18,14 @@ namespace tolvan {
 
 enum class FieldType { variate, string_factor, integer_factor, integer_factor_1_to_n };
 
+/// What the texts of a variate's fields spell.
+enum class FieldContent { number, date, time };
+
 struct VARIABLE {
   std::string name;
   FieldType type = FieldType::variate;
-  std::int64_t column = 0;  // its column in the source, from 1; 0: in none, transformations make it
+  FieldContent content = FieldContent::number;
+  std::int64_t column = 0;           // its column in the source, from 1; 0: in none, transformations make it
   std::int64_t declared_levels = 0;  // number_of_levels; 0: from the data
   std::int64_t label_length = 0;     // longest label kept; 0: no limit
   std::int64_t indexed_from = 1;     // the number of the first label

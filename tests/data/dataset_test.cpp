@@ -242,7 +242,6 @@ TEST(Dataset, Complaints)
     {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","user_column_number":3}]})", "variable a is said to be column 3 of dataset d, which has 2 columns"},
     {R"({"name":"e","number_of_observations":3,"variables":[{"name":"a"}]})", "no data were supplied for dataset e"},
     {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","field_type":"vt_factor"}]})", "invalid value supplied for dataset[1].variables[1].field_type, was expecting one of: vt_variate, vt_string_factor, vt_integer_factor or vt_integer_factor_1_to_n, supplied value = vt_factor"},
-    {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","field_type":"vt_date"}]})", "field_type vt_date of variable a is not implemented"},
     {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","field_type":"vt_string_factor","is_pedigree_factor":true}]})", "the key is_pedigree_factor of variable a is not implemented"},
     {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","field_type":"vt_integer_factor","number_of_levels":0}]})", "invalid number of levels supplied for a, supplied value = 0"},
     {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","field_type":"vt_string_factor","number_of_levels":4,"factor_labels":["p","q","r"]}]})", "FLLKEY not consistent with labels listed in JSON"},

@@ -1,39 +1,9 @@
-// Comma-separated files: fields, levels, complaints, damaged files.
-#include <filesystem>
-#include <fstream>
-#include <random>
-
+// Text files: fields, levels, directives, complaints, keys.
 #include "base/text.h"
-#include "data/data_road.h"
+#include "data/file_road.h"
 
 namespace tolvan {
 namespace {
-
-constexpr std::string_view three_variables = R"("variables":[{"name":"gen","field_type":"vt_string_factor"},
-    {"name":"rep","field_type":"vt_integer_factor"},{"name":"yield"}])";
-
-/// A file in a folder of its own, read by a request of the given parts.
-struct FileRoad : DataRoad {
-  TempFolder folder;
-  bool read_file(std::string_view contents, std::string_view described = three_variables,
-                 std::string_view keys = R"("type":"ft_csv","skip":1)")
-  {
-    const std::string path = folder.file("f.csv", contents);
-    return read(text(R"({"data_file":{"name":")", path, "\",", keys, "},", described, "}"));
-  }
-  /// The messages without the folder's name and without the note about the file that is read.
-  std::string told() const
-  {
-    std::string all = messages_text(eh);
-    const std::string folder_name = folder.path("");
-    for (std::size_t at; (at = all.find(folder_name)) != std::string::npos;)
-      all.erase(at, folder_name.size());
-    const std::string note = "1/- reading f.csv as FREE FORMAT skipping ";
-    if (const std::size_t at = all.find(note); at != std::string::npos)
-      all.erase(at, all.find('\n', at) + 1 - at);
-    return all;
-  }
-};
 
 TEST(ReadText, RoadToTheDesign)
 {
@@ -180,7 +150,7 @@ TEST(ReadText, Complaints)
   const Row table[] = {
       {"A,1,5\nB,2,six\nC,3,7\nD,4,8\n",
        "!4/3 error at field [3] of record 2 [line 3\n"
-       "9999/3 variable yield: \"six\" is not a number\n"
+       "9999/3 of f.csv, variable yield: \"six\" is not a number\n"
        "9999/3 Maybe you want !A !L qualifiers for this factor: yield\n"
        "9999/3 values read before read error:\n"
        "9999/3  2 2\n"
@@ -189,35 +159,38 @@ TEST(ReadText, Complaints)
        "!4/3 data input was aborted after reading 1 records, 2 lines remain in the data file\n"},
       {"gen,rep,yield\n",
        "!4/3 error at field [2] of record 1 [line 2\n"
-       "9999/3 variable rep: \"rep\" is not a level, levels are whole numbers from 1\n"
+       "9999/3 of f.csv, variable rep: \"rep\" is not a level, levels are whole numbers from 1\n"
        "9999/3 Maybe you want !A !L qualifiers for this factor: rep\n"
        "9999/3 since this is the first data record you may need to skip some header lines\n"
        "9999/3 values read before read error:\n"
        "9999/3  1\n"
        "9999/3 context of read error: gen,rep,yield\n"
        "!4/3 data input was aborted after reading 0 records, 0 lines remain in the data file\n"},
-      {"A,1\n", "9999/3 variable yield: the line has too few fields\n"},
+      {"A,1\n", "9999/3 of f.csv, variable yield: the line has too few fields\n"},
       {"A\n",
-       "!4/3 line [A ...] does not have CSV structure as expected\n9999/- at line 2 of f.csv, 3 fields are "
+       "!4/3 line [A ...] does not have CSV structure as expected\n9999/- at record 1, line 2 of f.csv, 3 "
+       "fields are "
        "needed\n"},
-      {"A,1.5,1\n", "9999/3 variable rep: \"1.5\" is not a level"},
-      {"A,1e30,1\n", "9999/3 variable rep: \"1e30\" is not a level"},
-      {"A,1,1.5.2\n", "9999/3 variable yield: \"1.5.2\" is not a number\n"},
-      {"A,1,1 2\n", "9999/3 variable yield: \"1 2\" is not a number\n"},
-      {"A,1,1e\n", "9999/3 variable yield: \"1e\" is not a number\n"},
-      {"A,1,inf\n", "9999/3 variable yield: \"inf\" is not a finite number\n"},
+      {"A,1.5,1\n", ", variable rep: \"1.5\" is not a level"},
+      {"A,1e30,1\n", ", variable rep: \"1e30\" is not a level"},
+      {"A,1,1.5.2\n", ", variable yield: \"1.5.2\" is not a number\n"},
+      {"A,1,1 2\n", ", variable yield: \"1 2\" is not a number\n"},
+      {"A,1,1e\n", ", variable yield: \"1e\" is not a number\n"},
+      {"A,1,inf\n", ", variable yield: \"inf\" is not a finite number\n"},
       {"A,1,5\nA,1,-Infinity\n",
-       "!4/3 error at field [3] of record 2 [line 3\n9999/3 variable yield: \"-Infinity\" is not a finite "
+       "!4/3 error at field [3] of record 2 [line 3\n9999/3 of f.csv, variable yield: \"-Infinity\" is not a "
+       "finite "
        "number\n"},
-      {"A,1,nan\n", "9999/3 variable yield: \"nan\" is not a finite number\n"},
-      {"A,1,1e999\n", "9999/3 variable yield: \"1e999\" is not a finite number\n"},
-      {"A,1,0.001e312\n", "9999/3 variable yield: \"0.001e312\" is not a finite number\n"},
+      {"A,1,nan\n", ", variable yield: \"nan\" is not a finite number\n"},
+      {"A,1,1e999\n", ", variable yield: \"1e999\" is not a finite number\n"},
+      {"A,1,0.001e312\n", ", variable yield: \"0.001e312\" is not a finite number\n"},
       {"A,1,-1d999999999999999999999\n", "is not a finite number\n"},
       {"A,1,\"5\n",
        "!4/3 unexpected LineFeed character in character string\n9999/3 at character 7 of line 2\n"
-       "9999/3 you probably need to convert the file from Unix ASCII to PC ASCII format\n"},
-      {"A,1,5\n!CALL x\n", "!4/3 no longer supporting the !CALL directive\n9999/3 at line 3 of f.csv\n"},
-      {"!include x\n", "!4/4 the directive !INCLUDE in a data file is not implemented\n"},
+       "9999/3 you probably need to convert the file from Unix ASCII to PC ASCII format\n"
+       "9999/3 at record 1, line 2 of f.csv\n"},
+      {"A,1,5\n!CALL x\n",
+       "!4/3 no longer supporting the !CALL directive\n9999/3 at record 2, line 3 of f.csv\n"},
       {" !what\n", "!4/3 unrecognised qualifier at character 2\n"},
   };
   for (const Row& row : table) {
@@ -253,19 +226,29 @@ TEST(ReadText, KeysOfTheFile)
       {R"({"type":"ft_csv"})", "!4/3 name is required but was not found in data_file\n"},
       {R"({"name":"absent.csv"})", "!4/2 unable to open file absent.csv\n"},
       {R"({"name":".","type":"ft_csv"})", "!4/2 unable to open file .\n"},
-      {R"({"name":"a.csv","type":"ft_text"})", "!4/4 data_file type ft_text is not implemented\n"},
       {R"({"name":"a.csv","type":"ft_xls"})",
        "!4/3 invalid value supplied for data_file.type, was expecting one of: ft_csv or ft_text, supplied "
        "value = ft_xls\n"},
-      {R"({"name":"a.txt"})", "!4/4 data_file type ft_text, taken for a.txt, is not implemented\n"},
-      {R"({"name":"a.BIN"})", "!4/4 reading the binary data file a.BIN is not implemented\n"},
-      {R"({"name":"a.csv","save":2})", "!4/4 the key save of data_file is not implemented\n"},
-      {R"({"name":"a.csv","filter":"x","select":1})",
-       "!4/4 the key filter of data_file is not implemented\n"},
-      {R"({"name":"a.csv","exclude":"x"})", "!4/4 the key exclude of data_file is not implemented\n"},
-      {R"x({"name":"a.csv","format":"(F8.2)"})x", "!4/4 the key format of data_file is not implemented\n"},
-      {R"({"name":"a.csv","recode":true})", "!4/4 the key recode of data_file is not implemented\n"},
-      {R"({"name":"a.csv","rskip":1})", "!4/4 the key rskip of data_file is not implemented\n"},
+      {R"({"name":"a.csv","save":7})",
+       "!4/3 invalid value supplied for data_file.save, was expecting one of: a whole number from 0 to 6"},
+      {R"({"name":"a.csv","recode":"perhaps"})",
+       "!4/3 invalid value supplied for data_file.recode, was expecting one of: true or false"},
+      {R"({"name":"a.csv","filter":"x","select":"1"})",
+       "!4/3 filter and select have been supplied as strings, only one can be a string\n"},
+      {R"({"name":"a.csv","filter":"x","select":1,"exclude":"A"})",
+       "!4/3 filter and exclude have been supplied as strings, only one can be a string\n"},
+      {R"({"name":"a.csv","exclude":"x"})", "!4/3 the key exclude of data_file needs the key filter\n"},
+      {R"({"name":"a.csv","filter":"x"})",
+       "!4/3 the key filter of data_file needs the key select or the key exclude\n"},
+      {R"({"name":"a.csv","filter":"z","select":0})", "!4/3 the variable z of the filter is unknown\n"},
+      {R"({"name":"a.csv","filter":2.5,"select":0})",
+       "!4/3 invalid value supplied for data_file.filter, was expecting one of: the name of a variable or "
+       "the "
+       "number of a field, supplied value = 2.5\n"},
+      {R"({"name":"a.csv","filter":1,"select":[1]})",
+       "!4/3 invalid value supplied for data_file.select, was expecting one of: a string or a number"},
+      {R"x({"name":"a.bin","format":"(F8.2)"})x",
+       "!4/3 the key format of data_file is not for the binary file a.bin\n"},
       {R"({"name":"a.csv","noscratch":2})", "!4/4 the key noscratch of data_file is not implemented\n"},
       {R"({"name":"absent.csv","save":0,"recode":false,"rskip":-1,"noscratch":1,"format":"","print":null})",
        "!4/2 unable to open file absent.csv\n"},
@@ -295,68 +278,6 @@ TEST(ReadText, LongLines)
       << messages_text(road.eh);
   EXPECT_EQ(road.store.records(), 2);
   EXPECT_EQ(road.store.row(1)[2999], 3000.0);
-}
-
-constexpr std::string_view whole_file =
-    "A,1,5.25\n\"B c\",2,-1e3\n  ,NA,.5\nLong label,3,*\n\"q\"\"q\",1,7\r\nA,2,\nA,1,6 # x\n";
-
-/// Reads damaged contents: the outcome is rows or a terminating message, never anything else.
-///   path   a file that is written over in place: making a file anew can take milliseconds
-void read_damaged(const std::string& path, const std::string& contents)
-{
-  std::fstream(path, std::ios::in | std::ios::out | std::ios::binary) << contents;
-  std::filesystem::resize_file(path, contents.size());
-  DataRoad road;
-  const bool done = road.read(text(R"({"data_file":{"name":")", path, "\"},", three_variables, "}"));
-  EXPECT_EQ(done, !road.eh.terminate());
-  EXPECT_TRUE(road.eh.stack().entries.empty());
-  if (!done) return;
-  const std::int64_t levels = road.variables.row(1).levels;
-  for (std::int64_t r = 0; r < road.store.records(); ++r) {
-    const double level = road.store.row(r)[0];
-    EXPECT_TRUE(is_no_value(level) || (level >= 1 && level <= static_cast<double>(levels)));
-    EXPECT_TRUE(std::isfinite(road.store.row(r)[2]));
-  }
-}
-
-TEST(ReadText, CutAtEveryByte)
-{
-  const TempFolder folder;
-  const std::string path = folder.file("damaged.csv", whole_file);
-  for (std::size_t n = 0; n <= whole_file.size(); ++n)
-    read_damaged(path, std::string(whole_file.substr(0, n)));
-}
-
-TEST(ReadText, MutatedBytes)
-{
-  const TempFolder folder;
-  const std::string path = folder.file("damaged.csv", whole_file);
-  std::mt19937 random(20240611);
-  constexpr std::string_view spice =
-      ",;\"#&!\n\r\t \0\x80\xFF"
-      "0e.-+NA*";
-  for (int round = 0; round < 3000; ++round) {
-    std::string contents(whole_file);
-    for (int k = static_cast<int>(random() % 6); k >= 0; --k) {
-      const std::size_t at = random() % contents.size();
-      switch (random() % 4) {
-        case 0:
-          contents[at] = spice[random() % spice.size()];
-          break;
-        case 1:
-          contents.erase(at, random() % 4 + 1);
-          break;
-        case 2:
-          contents.insert(at, 1, spice[random() % spice.size()]);
-          break;
-        default:
-          contents[at] = static_cast<char>(random() % 256);
-          break;
-      }
-      if (contents.empty()) contents = "x";
-    }
-    read_damaged(path, contents);
-  }
 }
 
 }  // namespace
