@@ -20,6 +20,7 @@ struct Part {
   std::int64_t selector, code, levels;
   std::vector<double> values;
   std::int64_t order = 1;
+  std::int64_t sub_code = 0;
   std::vector<double> x = {};  // coordinates of a metric model
 };
 
@@ -54,6 +55,7 @@ STRUCTURE_ROW row_of(const Part& part, Built& b)
   row.model = part.code;
   row.selector = part.selector;
   row.order = part.order;
+  row.sub_code = part.sub_code;
   row.first = b.model.count();
   if (!part.x.empty()) {
     row.coordinates = static_cast<std::int64_t>(b.model.coordinates.size());
@@ -71,6 +73,7 @@ Built build(const Case& c, unsigned seed)
   std::normal_distribution<double> normal;
   Built b;
   b.model.gamma = b.model.profiled = false;
+  b.options(RealSlot::arlimit) = 0.95;
   std::int64_t next = 0;
   const auto term = [&](std::string name, std::int64_t equations, Block block) {
     TERM_ROW row;
@@ -228,6 +231,18 @@ const std::vector<Case> cases = {
     {"two variances, two sections", {{{0, 0, 6, {0.7}}}}, {{{0, 0, 20, {1.1}}}, {{0, 0, 17, {2.3}}}}},
     {"sections scaled from outside, weights", {{{0, 0, 4, {}}, {0, 0, 3, {0.6}}}}, {{{0, 0, 20, {}}}, {{0, 0, 17, {}}}}, true, true},
     {"missing responses in one section", {{{0, 0, 6, {0.7}}}}, {{{0, 0, 20, {1.1}}}, {{0, 0, 17, {2.3}}}}, false, false, 3, 4},
+    {"ar1 by ar1 with a scale, and a nugget", {{{0, 0, 40, {0.3}}}}, {{{1, 1, 5, {0.4}}, {1, 1, 8, {0.6}}}}, false, true},
+    {"ar1v by ar2, weights, missing cells", {{{0, 0, 6, {0.7}}}}, {{{1, 1, 5, {0.4, 1.3}}, {1, 1, 8, {0.5, 0.2}, 2}}}, true, false, 3, 5},
+    {"sections of series and of variances by level",
+     {{{0, 0, 6, {0.7}}}},
+     {{{1, 1, 4, {0.4}}, {1, 1, 6, {-0.3}}}, {{0, 0, 5, {}}, {4, 5, 4, {0.3, 0.8, 1.1, 1.4, 0.6}}}},
+     false, true},
+    {"general correlations in a random product, powers of distances in the residual",
+     {{{6, 5, 3, {0.3, 0.2, -0.4, 0.5, 0.9, 1.4}}, {0, 0, 7, {}}}, {{1, 1, 9, {0.5, 0.8}}}},
+     {{{0, 0, 8, {}}, {10, 6, 5, {0.6, 1.2}, 1, 1, {0.0, 1.0, 2.5, 3.0, 4.7}}}}},
+    {"a product of three random components",
+     {{{1, 1, 3, {0.4}}, {4, 5, 2, {0.3}}, {1, 1, 4, {0.2, 0.7}}}},
+     {{{0, 0, 45, {1.1}}}}},
 };
 
 TEST(Structures, EvaluationsAgreeWithTheDenseDefinitions)
