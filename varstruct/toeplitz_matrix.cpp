@@ -9,6 +9,13 @@
 
 namespace tolvan {
 
+namespace {
+
+constexpr std::size_t few_parameters =
+    8;  // for which their derivatives cost less than one product of matrices for all
+
+}  // namespace
+
 bool TOEPLITZ_MATRIX::size_toeplitz(ERROR_HANDLER& eh, const std::vector<std::int64_t>& pieces,
                                     std::int64_t p)
 {
@@ -50,6 +57,52 @@ std::int64_t TOEPLITZ_MATRIX::invert_lags(double tolerance)
     mirror_lower(ri, m, n_);
   }
   return 0;
+}
+
+void TOEPLITZ_MATRIX::contract(const double* s, double* out) const
+{
+  if (score_part_.size() > few_parameters) {
+    DENSE_MATRIX::contract(s, out);
+    return;
+  }
+  for (std::size_t k = 0; k < score_part_.size(); ++k)
+    out[k] += contract_derivative(derivative(static_cast<std::int64_t>(k)), s);
+}
+
+// With x the first column of R^-1, dx = -R^-1 Rdot x its derivative, invert_lags()'s recursion gives that of
+// the inverse, column by column from the one before:
+//     R^-1(i, j) = R^-1(i - 1, j - 1) + (x_i x_j - x_{m-i} x_{m-j}) / x_0.
+double TOEPLITZ_MATRIX::contract_derivative(const LAGS& lags, const double* s) const
+{
+  const auto n = static_cast<std::size_t>(n_);
+  std::vector<double> rdot_x(n), dx(n), column(n);
+  const auto first_columns = [&](std::int64_t from) { return ri_.data() + from * (n_ + 1); };
+  // the first columns of all pieces one below the other make one vector
+  for (std::size_t piece = 0; piece + 1 < pieces_.size(); ++piece)
+    std::copy_n(first_columns(pieces_[piece]), pieces_[piece + 1] - pieces_[piece],
+                column.begin() + pieces_[piece]);
+  derivative_times(lags, column.data(), rdot_x.data(), 1, 1);
+  apply_inverse(rdot_x.data(), dx.data(), 1, 1);
+
+  double sum = 0.0;
+  for (std::size_t piece = 0; piece + 1 < pieces_.size(); ++piece) {
+    const std::int64_t from = pieces_[piece], m = pieces_[piece + 1] - from;
+    const double* x = first_columns(from);
+    const double* e = dx.data() + from;      // -dx
+    double* d = column.data();               // the column of dRi
+    const double* sj = s + from * (n_ + 1);  // from the diagonal element down
+    std::copy(e, e + m, d);
+    for (std::int64_t j = 0; j < m; ++j, sj += n_ + 1) {
+      if (j > 0) {
+        const double xj = x[j] / x[0], yj = x[m - j] / x[0];
+        const double ej = (e[j] - e[0] * xj) / x[0], fj = (e[m - j] - e[0] * yj) / x[0];
+        for (std::int64_t i = m - 1; i >= j; --i)
+          d[i] = d[i - 1] + ((e[i] * xj + x[i] * ej) - (e[m - i] * yj + x[m - i] * fj));
+      }
+      sum += 2.0 * ddot(m - j, sj, 1, d + j, 1) - sj[0] * d[j];
+    }
+  }
+  return sum;
 }
 
 void TOEPLITZ_MATRIX::covariance(double* r) const

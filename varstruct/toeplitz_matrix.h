@@ -8,9 +8,11 @@
 
 namespace tolvan {
 
-/// R(i, j) = lag(|i - j|) within a piece.  The inverse costs n^2.
+/// R(i, j) = lag(|i - j|) within a piece.  The inverse costs n^2, and so does the derivative of it by one
+/// parameter.
 class TOEPLITZ_MATRIX : public DENSE_MATRIX {
  public:
+  void contract(const double* s, double* out) const override;
   void working(std::int64_t k, const double* x, double* y, std::int64_t outer,
                std::int64_t inner) const override;
   void covariance(double* r) const override;
@@ -33,6 +35,8 @@ class TOEPLITZ_MATRIX : public DENSE_MATRIX {
   std::vector<double> lag_;
 
  private:
+  /// contract() for one parameter, from the derivative of the inverse.
+  double contract_derivative(const LAGS& lags, const double* s) const;
   void derivative_times(const LAGS& lags, const double* z, double* y, std::int64_t outer,
                         std::int64_t inner) const;
 
