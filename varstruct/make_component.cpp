@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "varstruct/correlation_models.h"
+#include "varstruct/covariance_models.h"
 #include "varstruct/identity_matrix.h"
 #include "varstruct/known_matrix.h"
 #include "varstruct/model_catalogue.h"
@@ -51,7 +52,15 @@ constexpr std::array makers = {
     MAKER{3, in_its_form<make_moving_average>},   // ARMA
     MAKER{5, in_its_form<make_correlation>},      // CORU, CORB, CORG
     MAKER{6, in_its_form<make_metric>},           // by distance
+    MAKER{7, make_own},                           // OWN
+    MAKER{8, make_diagonal},                      // DIAG
+    MAKER{9, make_unstructured},                  // US
+    MAKER{10, make_factor_analytic},              // FA
+    MAKER{11, make_cholesky},                     // CHOL
+    MAKER{12, make_antedependence},               // ANTE
+    MAKER{13, make_factor_analytic},              // FACV
     MAKER{14, in_its_form<make_autoregressive>},  // SAR
+    MAKER{15, make_extended_factors},             // XFA
 };
 
 }  // namespace

@@ -54,6 +54,15 @@ struct STRUCTURE_ROW {
   std::int64_t coordinates = -1;  // in VARIANCE_MODEL::coordinates, -1 for a model without distances
   std::int64_t segments = -1;     // in VARIANCE_MODEL::segments: where independent pieces begin; -1 for one piece
   const AINV_MTX* matrix = nullptr;  // the known matrix of the row; null: none
+  std::int64_t own = -1;          // in VARIANCE_MODEL::own_programs, -1: the engine forms the row itself
+};
+
+/// The user's own program that gives the matrix of a row and its derivatives.
+struct OWN_PROGRAM {
+  std::string program;       // the command, without its argument; blank: the user runs it by hand
+  std::string file;          // what the exchange files are named after
+  std::int64_t control = 0;  // a number handed through
+  bool inverse = false;      // the program gives the inverse and the derivatives of the inverse
 };
 
 /// Where the levels of a metric row lie; y is empty in one dimension.
@@ -88,9 +97,11 @@ struct VARIANCE_MODEL {
   std::vector<RESIDUAL_SECTION> sections;
   std::vector<COORDINATES> coordinates;
   std::vector<std::vector<std::int64_t>> segments;  // levels (from 0) at which an independent piece begins, rising, 0 left out
+  std::vector<OWN_PROGRAM> own_programs;
   bool gamma = true;                    // ratios to a profiled residual variance; false: absolute values
   bool profiled = true;                 // the residual's own variance is sigma2 and leaves the update
   std::int64_t residual_parameter = -1; // index of the residual's own variance
+  std::int64_t modified = 0;            // times that an unstructured matrix had to be made positive definite
 
   std::int64_t count() const { return static_cast<std::int64_t>(parameters.size()); }
 };

@@ -1,0 +1,207 @@
+// The unstructured covariance matrix and its mending.  Routine: ADJUST.
+#include <algorithm>
+#include <cmath>
+#include <string>
+
+#include "base/memory.h"
+#include "base/numbers.h"
+#include "base/packed.h"
+#include "base/text.h"
+#include "varstruct/covariance_models.h"
+#include "varstruct/dense_covariance.h"
+#include "varstruct/mend_matrix.h"
+
+namespace tolvan {
+
+namespace {
+
+constexpr double pivot_tolerance =
+    wide(0.00001F);  // of the diagonal: the least share that the levels before leave unexplained
+constexpr double diagonal_increase = wide(1.1F);
+constexpr double diagonal_floor = wide(0.001F);
+constexpr double covariance_shrink = wide(0.55F);
+constexpr int attempts = 10;
+constexpr std::size_t elements_told = 6;
+
+class UNSTRUCTURED : public DENSE_COVARIANCE {
+ public:
+  Formed form(FORM_CONTEXT& context) override;
+
+ private:
+  /// How an attempt to mend turned the matrix out.
+  enum class Way { none, weakened, halved, repeated, bent };
+
+  Way ADJUST(FORM_CONTEXT& context, std::int64_t minor);
+  Way L_REPEAT(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const STRUCTURE_ROW& row,
+               std::vector<std::int64_t>& marked, std::int64_t minor);
+  std::int64_t try_values(double tolerance);
+  void keep_ties(const VARIANCE_MODEL& model, const STRUCTURE_ROW& row);
+
+  std::vector<double> v_;         // the packed elements as they are tried
+  std::vector<double> proposed_;  // as they were given
+  std::vector<double>
+      accepted_;  // the last ones that were positive definite as given or mended; empty: none yet
+};
+
+/// Inverts the elements at hand: 0, or the leading minor at fault.
+std::int64_t UNSTRUCTURED::try_values(double tolerance)
+{
+  const PackedSymmetric<const double> v{v_};
+  for (std::int64_t j = 0; j < n(); ++j) {
+    for (std::int64_t i = 0; i < n(); ++i) r(i, j) = v(i + 1, j + 1);
+  }
+  return invert(tolerance);
+}
+
+/// A fixed element stays what it was, a follower follows its master.
+void UNSTRUCTURED::keep_ties(const VARIANCE_MODEL& model, const STRUCTURE_ROW& row)
+{
+  for (std::size_t k = 0; k < v_.size(); ++k) {
+    const VARIANCE_PARAMETER& p = model.parameters[static_cast<std::size_t>(row.first) + k];
+    if (p.constraint == Constraint::F) v_[k] = proposed_[k];
+  }
+  for (std::size_t k = 0; k < v_.size(); ++k) {
+    const VARIANCE_PARAMETER& p = model.parameters[static_cast<std::size_t>(row.first) + k];
+    if (p.master < 0) continue;
+    const std::int64_t master = p.master - row.first;
+    const bool here = master >= 0 && master < static_cast<std::int64_t>(v_.size());
+    v_[k] = here ? p.coefficient * v_[static_cast<std::size_t>(master)] : proposed_[k];
+  }
+}
+
+/// L_REPEAT: raises the variances of the levels at fault and shrinks their covariances, until the matrix is
+/// sound.
+UNSTRUCTURED::Way UNSTRUCTURED::L_REPEAT(ERROR_HANDLER& eh, const VARIANCE_MODEL& model,
+                                         const STRUCTURE_ROW& row, std::vector<std::int64_t>& marked,
+                                         std::int64_t minor)
+{
+  const Frame here{eh, __func__};
+  const PackedSymmetric<double> v{v_};
+  for (int k = 0; k < attempts; ++k) {
+    if (std::find(marked.begin(), marked.end(), minor - 1) == marked.end() &&
+        !attempt([&] { marked.push_back(minor - 1); })) {
+      eh.out_of_memory();
+      return Way::none;
+    }
+    for (const std::int64_t level : marked) {
+      const std::int64_t i = level + 1;
+      v(i, i) = std::max(v(i, i) * diagonal_increase, diagonal_floor);
+      for (std::int64_t j = 1; j <= n(); ++j) {
+        if (j != i) v(i, j) *= covariance_shrink;
+      }
+    }
+    keep_ties(model, row);
+    minor = try_values(pivot_tolerance);
+    if (minor == 0) return Way::repeated;
+  }
+  return Way::none;
+}
+
+/// ADJUST: makes the matrix at hand positive definite, by the mildest way that serves.
+///   1. the covariances of the level at fault are weakened once;
+///   2. half way back to the last good matrix;
+///   3. levels at fault: variances up and covariances down, again and again;
+///   4. eigenvalues are bent, if the option says so.
+UNSTRUCTURED::Way UNSTRUCTURED::ADJUST(FORM_CONTEXT& context, std::int64_t minor)
+{
+  ERROR_HANDLER& eh = context.eh;
+  const Frame here{eh, __func__};
+  const VARIANCE_MODEL& model = context.model;
+  std::vector<std::int64_t> marked;
+  std::vector<double> weakened;
+  std::int64_t faults = 0;
+  Mended status = Mended::refused;
+
+  K4MVUS(eh, v_, n(), faults, marked, 0, 0.0, context.bend, status);
+  if (eh.terminate()) return Way::none;
+  if (status == Mended::yes) {
+    keep_ties(model, context.row);
+    minor = try_values(pivot_tolerance);
+    if (minor == 0) return Way::weakened;
+  }
+  if (!attempt([&] { weakened = v_; })) {
+    eh.out_of_memory();
+    return Way::none;
+  }
+  if (accepted_.size() == v_.size()) {
+    for (std::size_t k = 0; k < v_.size(); ++k) v_[k] = 0.5 * (accepted_[k] + proposed_[k]);
+    keep_ties(model, context.row);
+    if (try_values(pivot_tolerance) == 0) return Way::halved;
+    std::copy(weakened.begin(), weakened.end(), v_.begin());
+  }
+  const Way way = L_REPEAT(eh, model, context.row, marked, minor);
+  if (eh.terminate() || way != Way::none || context.bend == 0.0) return way;
+
+  // Bending starts from the elements as given; only a variance that is none takes its mended value.
+  for (std::int64_t i = 1; i <= n(); ++i) {
+    for (std::int64_t j = 1; j <= i; ++j) {
+      const auto at = static_cast<std::size_t>(packed_size(i - 1) + j - 1);
+      if (i != j || proposed_[at] > 0.0) v_[at] = proposed_[at];
+    }
+  }
+  faults = -1;
+  K4MVUS(eh, v_, n(), faults, marked, 0, 0.0, context.bend, status);
+  if (eh.terminate() || status == Mended::refused) return Way::none;
+  keep_ties(model, context.row);
+  return try_values(0.0) == 0 ? Way::bent : Way::none;
+}
+
+Formed UNSTRUCTURED::form(FORM_CONTEXT& context)
+{
+  ERROR_HANDLER& eh = context.eh;
+  const Frame here{eh, __func__};
+  const STRUCTURE_ROW& row = context.row;
+  const std::int64_t levels = row.size;
+  if (row.parameters != packed_size(levels)) {
+    eh.internal(text("size of structure seems wrong, nrow = ", levels, ", gammas count = ", row.parameters));
+    return Formed::in_handler;
+  }
+  if (!make_room(eh, levels, row.parameters, 0)) return Formed::in_handler;
+  if (!resize(eh, v_, row.parameters) || !resize(eh, proposed_, row.parameters)) return Formed::in_handler;
+  VARIANCE_PARAMETER* theta = context.model.parameters.data() + row.first;
+  for (std::size_t k = 0; k < v_.size(); ++k) v_[k] = proposed_[k] = theta[k].value;
+
+  const std::int64_t minor = try_values(pivot_tolerance);
+  if (minor != 0) {
+    const Way way = ADJUST(context, minor);
+    if (eh.terminate()) return Formed::in_handler;
+    eh.warning("US matrix is not positive definite!");
+    if (way == Way::none) return Formed::in_handler;
+    std::string begins;
+    for (std::size_t k = 0; k < std::min(v_.size(), elements_told); ++k) begins += edit_g(v_[k], 12, 3);
+    eh.continuation(
+        text("Modified NPD matrix in structure ", term_of_row(row, context.model), " begins: ", begins));
+    if (way == Way::halved)
+      eh.continuation(text("NonPosDef US matrix modified at iteration ", context.iteration));
+    for (std::size_t k = 0; k < v_.size(); ++k) theta[k].value = v_[k];
+    ++context.model.modified;
+  }
+  if (!attempt([&] { accepted_ = v_; })) {
+    eh.out_of_memory();
+    return Formed::in_handler;
+  }
+
+  // dV/dv_ij = e_i e_j' + e_j e_i', or e_i e_i' on the diagonal
+  std::size_t k = 0;
+  for (std::int64_t i = 0; i < levels; ++i) {
+    for (std::int64_t j = 0; j <= i; ++j) derivatives_[k++] = {.i = i, .c = j, .factor = i == j ? 0.5 : 1.0};
+  }
+  finish();
+  return Formed::done;
+}
+
+}  // namespace
+
+std::unique_ptr<COMPONENT_MATRIX> make_unstructured(const STRUCTURE_ROW&, const VARIANCE_MODEL&)
+{
+  return std::make_unique<UNSTRUCTURED>();
+}
+
+std::string_view term_of_row(const STRUCTURE_ROW& row, const VARIANCE_MODEL& model)
+{
+  if (row.first < 0 || row.first >= model.count()) return {};
+  const std::string_view label = model.parameters[static_cast<std::size_t>(row.first)].label;
+  return label.substr(0, label.find(';'));
+}
+
+}  // namespace tolvan
