@@ -156,7 +156,7 @@ class AUTOREGRESSIVE final : public BANDED_MATRIX {
     const RECURSION r = recursion(theta, static_cast<int>(order_));
     check_pieces(context.eh, pieces_);
     const std::int64_t n = context.row.size;
-    if (!size_bands(context.eh, n, std::min<std::int64_t>(r.q, n - 1), order_)) return Formed::in_handler;
+    if (!size_bands(context.eh, n, std::clamp<std::int64_t>(n - 1, 0, r.q), order_)) return Formed::in_handler;
     Foretellings levels{};
     const std::int64_t bad = foretell(r, static_cast<int>(order_), innovation_, levels);
     if (bad != 0)
