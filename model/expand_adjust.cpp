@@ -103,7 +103,9 @@ void L_ADJUST_AT(ERROR_HANDLER& eh, const COMMUNICATION& communication, const Js
   if (argument == nullptr || !is_supplied(*argument) || plain_name(*variable).empty()) return;
   const std::string name(plain_name(*variable));
   const std::string shown = GET_FACNAME_FROM_JPTR(eh, communication, term);
-  const VariableLevels levels = L_FIND_VAR_LEVELS(eh, root, name);
+  // The traits are no variable of the data: their names are told where the responses are read.
+  const bool traits = name == communication.VARIABLE_NAME_TRAIT;
+  const VariableLevels levels = traits ? VariableLevels{} : L_FIND_VAR_LEVELS(eh, root, name);
   if (eh.terminate()) return;
   JsonNode& value = *argument->find("value");
   if (value.is(JsonType::array)) {

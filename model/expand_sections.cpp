@@ -67,6 +67,9 @@ std::vector<std::unique_ptr<JsonNode>> L_EXPAND_DSUM(ERROR_HANDLER& eh, const CO
       arguments.add("", JsonType::object).add(std::move(own));
     }
     add_components(interaction, term);
+    // What the call carries beside it, such as initial values, goes to each of its terms.
+    for (const auto& key : call.children())
+      if (key->name != "function" && key->name != "user_facing_factor_name" && key->name != "drop") section->add(key->clone());
     out.push_back(std::move(section));
   }
   return out;

@@ -25,6 +25,7 @@ struct FACTOR_ROW {
   std::int64_t levels = 0;  // 1 for a covariate and mu; set for data factors once the data are read
   std::vector<double> arguments = {};  // of the design function; of at() and sat() the level, of mtrn() phi, nu, delta, alpha
                                        // and lambda with no_value where none was given
+  std::vector<std::string> labels = {};  // of its levels, where it is no variable and their numbers don't tell; not of a copy
   std::string user_facing_name = {};  // when it differs from the name
   std::string structure = {};         // variance function named on it ("idv"), empty for none
   std::vector<double> init = {};      // starting values given to that function

@@ -1,5 +1,5 @@
 // Terms at some levels of a factor: at() and sat().  Routine: ADD_CONDITION_FROM_JPTR.
-#include <cmath>
+#include <algorithm>
 
 #include "base/text.h"
 #include "model/parse_terms.h"
@@ -39,6 +39,15 @@ std::vector<ASKED_LEVEL> L_READ_LEVELS(ERROR_HANDLER& eh, const JsonNode& functi
   return levels;
 }
 
+/// The label of a level, else its number.
+std::string level_text(const FACTOR_ROW& factor, const VARIABLE* variable, double value)
+{
+  const auto level = static_cast<std::int64_t>(value);
+  if (variable != nullptr && level >= 1 && level <= variable->labels.size()) return variable->labels.label(level);
+  if (level >= 1 && level <= std::ssize(factor.labels)) return factor.labels[static_cast<std::size_t>(level - 1)];
+  return text(value);
+}
+
 /// L_FIND_LEVEL: the number of a label, once the data have told all labels; 0 before.
 double L_FIND_LEVEL(ERROR_HANDLER& eh, MODEL_PARSER& parser, const VARIABLE& variable, const ASKED_LEVEL& asked)
 {
@@ -48,7 +57,10 @@ double L_FIND_LEVEL(ERROR_HANDLER& eh, MODEL_PARSER& parser, const VARIABLE& var
       eh.error(text("expecting a value between 1 and ", variable.levels));
     return asked.value;
   }
-  const std::int64_t level = variable.labels.find(asked.label);
+  std::int64_t level = variable.labels.find(asked.label);
+  // Without labels the text of a level is its number, as it is shown.
+  if (variable.type == FieldType::integer_factor_1_to_n && variable.labels.size() == 0 && read_integer(asked.label, level))
+    level = level >= variable.indexed_from && level - variable.indexed_from < variable.levels ? level - variable.indexed_from + 1 : 0;
   if (level == 0 && parser.data_read) eh.error(text(asked.label, " is not a valid level for variable ", variable.name));
   return static_cast<double>(level);
 }
@@ -96,17 +108,21 @@ ALTERNATIVES ADD_CONDITION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, co
     const bool waiting = all && !parser.data_read && variable != nullptr;
     double value = level.value;
     if (variable != nullptr && !waiting) value = L_FIND_LEVEL(eh, parser, *variable, level);
-    if (variable == nullptr && !level.label.empty()) eh.error(text(level.label, " is not a valid level for variable ", base.name));
+    if (variable == nullptr && !level.label.empty()) {
+      const auto known = std::find(base.labels.begin(), base.labels.end(), level.label);
+      value = static_cast<double>(known - base.labels.begin() + 1);
+      if (known == base.labels.end()) eh.error(text(level.label, " is not a valid level for variable ", base.name));
+    } else if (base.reserved == Reserved::trait && (value < 1 || value > static_cast<double>(base.levels))) {
+      eh.error(text("expecting a value between 1 and ", base.levels));
+    }
     if (eh.terminate()) {
       eh.continuation(text("when processing ", shown));
       return {};
     }
     COMPONENT component{.name = shown};
     if (!as_written && !waiting) {
-      const bool labelled = variable != nullptr && value >= 1 && value <= static_cast<double>(variable->labels.size());
       component.name = text(function_name(function), words.FUN_OPEN_BRACE, base.name, words.FUN_ARG_SEP,
-                            labelled ? GET_LEVEL_NAME(eh, *variable, static_cast<std::int64_t>(value)) : text(value),
-                            words.FUN_CLOSE_BRACE);
+                            level_text(base, variable, value), words.FUN_CLOSE_BRACE);
     }
     component.row = ADD_FACTOR_ROW(eh, parser, {.name = component.name,
                                                 .kind = block == Block::residual ? kind_section : kind_at,

@@ -149,7 +149,7 @@ void ADD_LINKED_TERMS_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const J
     term.linked_head = static_cast<std::int64_t>(head);
     term.structure_first = first;
     term.structure_last = parser.factors.count();
-    if (term.initial_values == nullptr) term.initial_values = &node;
+    term.initial_values = &node;  // values are those of the structure
   }
 }
 

@@ -61,8 +61,8 @@ std::vector<const JsonNode*> L_FIND_RESPONSES(ERROR_HANDLER& eh, const JsonNode&
 }
 
 /// L_SET_FACTORS: the rows that every model has: the variables in request order, then the reserved factors.
-///   traits   number of response variables
-void L_SET_FACTORS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& model, std::int64_t traits)
+void L_SET_FACTORS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& model,
+                   const std::vector<const JsonNode*>& responses)
 {
   const Frame here{eh, __func__};
   constexpr std::int64_t most_variables = 9990;
@@ -85,9 +85,10 @@ void L_SET_FACTORS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& mode
   parser.mu = factors.count();
   factors.rows.push_back({.name = words.VARIABLE_NAME_UNITS, .reserved = Reserved::units, .is_factor = true});
   parser.units = factors.count();
-  if (traits > 1) {
-    factors.rows.push_back(
-        {.name = words.VARIABLE_NAME_TRAIT, .reserved = Reserved::trait, .is_factor = true, .levels = traits});
+  if (responses.size() > 1) {
+    FACTOR_ROW trait{.name = words.VARIABLE_NAME_TRAIT, .reserved = Reserved::trait, .is_factor = true, .levels = std::ssize(responses)};
+    for (const JsonNode* response : responses) trait.labels.push_back(GET_FACNAME_FROM_JPTR(eh, words, *response));
+    factors.rows.push_back(std::move(trait));
     parser.info.trait = factors.count();
   }
   if (holds_term(model, words.VARIABLE_NAME_MV)) {
@@ -255,7 +256,7 @@ void L_PARSE(ERROR_HANDLER& eh, MODEL_PARSER& parser)
 
   const std::vector<const JsonNode*> responses = L_FIND_RESPONSES(eh, *model);
   if (eh.terminate()) return;
-  L_SET_FACTORS(eh, parser, *model, std::ssize(responses));
+  L_SET_FACTORS(eh, parser, *model, responses);
   if (eh.terminate()) return;
   L_READ_RESPONSE(eh, parser, responses);
   if (eh.terminate()) return;

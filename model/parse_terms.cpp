@@ -35,6 +35,7 @@ std::int64_t L_ADD_COPY(ERROR_HANDLER& eh, MODEL_PARSER& parser, const COMPONENT
   FACTOR_ROW copy = parser.factors.row(component.row);
   copy.source = component.row;
   copy.copy = true;
+  copy.labels.clear();
   copy.name = component.name;
   copy.structure = component.structure;
   copy.init = component.init;

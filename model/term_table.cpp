@@ -98,8 +98,10 @@ std::string level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const
     const std::int64_t own = rest % n + 1;
     rest /= n;
     if (!factor.is_factor) continue;
-    const std::string label =
-        factor.variable > 0 ? GET_LEVEL_NAME(eh, variables.row(factor.variable), own) : text(own);
+    const FACTOR_ROW& told = factor.copy ? factors.row(factor.source) : factor;
+    const std::string label = own <= std::ssize(told.labels)                  ? told.labels[static_cast<std::size_t>(own - 1)]
+                              : factor.variable > 0 && factor.kind == 0 ? GET_LEVEL_NAME(eh, variables.row(factor.variable), own)
+                                                                        : text(own);
     name = name.empty() ? label : text(label, ".", name);
   }
   return name.empty() ? text(level) : name;

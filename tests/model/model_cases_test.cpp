@@ -3,10 +3,11 @@
 
 #include <charconv>
 #include <fstream>
+#include <random>
 
 #include "base/numbers.h"
 #include "base/text.h"
-#include "model/design_functions.h"
+#include "model/function_catalogue.h"
 #include "model/request.h"
 #include "model/term_table.h"
 #include "support/checks.h"
@@ -119,6 +120,125 @@ TEST(ModelCases, TermsAndFactorRows)
     ++cases;
   }
   EXPECT_GE(cases, 100);
+}
+
+/// Random models: functions of the catalogue with arguments that may or may not fit.
+class ModelGrammar {
+ public:
+  explicit ModelGrammar(unsigned seed) : random_(seed) {}
+
+  std::string part(int terms)
+  {
+    std::string out = term();
+    for (int k = pick(terms); k > 0; --k) out += (pick(8) == 0 ? "-" : "+") + term();
+    return out;
+  }
+
+ private:
+  int pick(int n) { return std::uniform_int_distribution<int>(0, n - 1)(random_); }
+  std::string name()
+  {
+    static constexpr const char* names[] = {"row", "col", "geno", "site", "x", "z", "units", "trait", "mu", "zz"};
+    return names[pick(pick(4) == 0 ? 10 : 6)];
+  }
+  std::string number()
+  {
+    static constexpr const char* numbers[] = {"0", "1", "2", "3", "7", "-1", "0.5", "[1,2]", "[0.1,0.2,0.3]", "'north'", "[[1],[2]]"};
+    return numbers[pick(11)];
+  }
+  std::string call(int depth)
+  {
+    const auto functions = model_functions();
+    const MODEL_FUN_INFO& f = functions[static_cast<std::size_t>(pick(static_cast<int>(std::ssize(functions))))];
+    std::string out(f.NAME);
+    out += "(";
+    const auto count = pick(5) == 0 ? f.NARGS() : f.NARGS_REQUIRED();
+    for (std::int64_t k = 0; k < count; ++k) {
+      const MODEL_ARG_INFO& a = f.ARGS[static_cast<std::size_t>(k)];
+      out += k > 0 ? "," : "";
+      if (a.NAME == "form" || a.NAME == "model") {
+        out += factor(depth) + "+" + factor(depth);
+      } else if (a.NAME == "vmodel") {
+        out += pick(2) == 0 ? text("us(", pick(3) + 1, "):", factor(depth)) : text("id(", pick(40) + 1, ")");
+      } else {
+        const bool factor_wanted = a.TYPE == ArgType::term && a.NDIM == 0 && a.NAME != "k" && a.NAME != "levels" && a.NAME != "dist";
+        out += factor_wanted || a.TYPE == ArgType::string ? (depth > 0 && pick(8) == 0 ? call(depth - 1) : name()) : number();
+      }
+    }
+    return out + ")";
+  }
+  std::string factor(int depth) { return pick(3) == 0 ? name() : call(depth); }
+  std::string term()
+  {
+    std::string out = factor(2);
+    for (int k = pick(3); k > 0; --k) out += ":" + factor(1);
+    return out;
+  }
+
+  std::mt19937 random_;
+};
+
+/// What holds of every model that is accepted, whatever its terms.
+void check_tables(const FACTOR_TABLE& factors, const TERM_TABLE& terms, const std::string& model)
+{
+  std::int64_t equations = 0;
+  for (const TERM_ROW& t : terms.rows) {
+    const auto [from, to] = t.components();
+    ASSERT_TRUE(1 <= from && from <= to && to <= factors.count()) << t.name << " of " << model;
+    std::int64_t product = 1;
+    for (std::int64_t i = from; i <= to; ++i) product *= factors.row(i).levels;
+    for (std::int64_t i = from; t.code > 10000 && i <= to; ++i) ASSERT_TRUE(factors.row(i).copy) << t.name << " of " << model;
+    if (t.block == Block::response || t.block == Block::residual) {
+      ASSERT_EQ(t.equations, 0) << t.name;
+      continue;
+    }
+    ASSERT_EQ(t.first, equations) << t.name << " of " << model;
+    ASSERT_EQ(t.equations, product) << t.name << " of " << model;
+    ASSERT_EQ(t.structure_first > 0, t.linked_head >= 0) << t.name;
+    equations += t.equations;
+  }
+  ASSERT_EQ(terms.equations, equations) << model;
+  for (std::int64_t i = 1; i <= factors.count(); ++i) {
+    const FACTOR_ROW& f = factors.row(i);
+    ASSERT_TRUE(f.source < i && f.second < i) << f.name << " of " << model;
+    ASSERT_TRUE(!f.copy || (f.source > 0 && !factors.row(f.source).copy)) << f.name << " of " << model;
+  }
+}
+
+TEST(ModelCases, RandomModelsAreReadOrRefused)
+{
+  ModelGrammar grammar(20240311);
+  int accepted = 0;
+  for (int round = 0; round < 6000; ++round) {
+    static constexpr const char* parts[] = {"fixed", "random", "sparse", "residual"};
+    const std::string model = text(R"j({"model":{"response":")j", round % 5 == 0 ? "y+y2" : "y", R"j(",")j", parts[round % 4],
+                                   R"j(":")j", grammar.part(3), "\"}}");
+    JsonError failure;
+    const std::unique_ptr<JsonNode> root = parse_json(model, failure);
+    ASSERT_TRUE(root) << model;
+    VARIABLE_TABLE variables;
+    variables.rows = variables_of("site:3[north,east,south] row:4 col:5 geno:6 x z y y2");
+    const COMMUNICATION communication;
+    ERROR_HANDLER eh;
+    bool present = false;
+    FACTOR_TABLE factors;
+    TERM_TABLE terms;
+    MODEL_INFO info;
+    API_STANDARDISE_AND_EXPAND_JSON(eh, communication, root.get(), present);
+    if (!eh.terminate()) NEW_PARSE_LINEAR_MODEL(eh, communication, *root, variables, factors, terms, info);
+    if (!eh.terminate()) COMPLETE_LINEAR_MODEL(eh, communication, *root, variables, factors, terms, info);
+    if (!eh.terminate()) SET_TERM_EQUATIONS(eh, variables, 20, 0, factors, terms);
+    ASSERT_TRUE(eh.stack().entries.empty()) << model;
+    for (const ERROR_MESSAGE& m : eh.messages()) {
+      ASSERT_FALSE(m.message.value_or("").empty()) << model;
+      ASSERT_NE(m.etype, Etype::internal) << m.message.value_or("") << " of " << model;
+    }
+    if (eh.terminate()) continue;
+    ++accepted;
+    check_tables(factors, terms, model);
+    if (::testing::Test::HasFatalFailure()) return;
+  }
+  EXPECT_GE(accepted, 500);
 }
 
 }  // namespace
