@@ -32,6 +32,7 @@ struct TLV_OPTIONS {
   bool clean_up_sa_files = true;
   std::int64_t debug_level = 0;
   std::string tmp_file_root = "TEMP_SOMETHING";
+  std::int64_t data_memory = -1;  // bytes of data rows held in memory; -1: half of what the machine has left
 
   // What a document wrote itself, apart from the defaults.
   bool clean_up_asked = false;  // clean_up_sa_files was written, and true

@@ -81,7 +81,7 @@ void check_model(ERROR_HANDLER& eh, CORE_DATA& core)
 
 void read_data(ERROR_HANDLER& eh, CORE_DATA& core)
 {
-  core.data = DATA_STORE(core.variables.count());
+  core.data = DATA_STORE(0, {.most_memory = core.api_options.data_memory});
   READ_DATA_FILE(eh, core.primary, core.variables, core.data);
   if (eh.terminate()) return;
   CHECKTRN(eh, core.variables);
@@ -133,6 +133,8 @@ void predict_setup(ERROR_HANDLER& eh, CORE_DATA& core)
 void form_design(ERROR_HANDLER& eh, CORE_DATA& core)
 {
   AIDSGN(eh, core.options, core.variables, core.data, core.factors, core.terms, core.model_info, core.design);
+  if (eh.terminate()) return;
+  DST_CHECK(eh, core.data);
 }
 
 void quadrature(ERROR_HANDLER& eh, CORE_DATA& core)

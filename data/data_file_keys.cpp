@@ -204,11 +204,6 @@ void L_READ_DATA_FILE_KEYS(ERROR_HANDLER& eh, const JsonNode& data_file, DATA_FI
     }
     keys.format = format->text();
   }
-  // 1 asks for data in memory, which is how they are held.
-  if (const JsonNode* noscratch = given_value(data_file, "noscratch");
-      asks_for_something(noscratch) && noscratch->integer() != 1) {
-    eh.not_implemented("the key noscratch of data_file is not implemented");
-  }
 }
 
 }  // namespace tolvan

@@ -47,7 +47,8 @@ void AIDSUM(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_STORE
     }
   }
   for (std::int64_t r = 0; r < store.records(); ++r) {
-    const std::span<const double> row = store.row(r);
+    std::span<const double> row;
+    if (!DST_READ_ROW(eh, store, r, row)) return;
     for (std::size_t v = 0; v < summary.size(); ++v)
       count_value(row[v], variables.rows[v].is_factor(), summary[v]);
   }

@@ -1,5 +1,5 @@
 // Coding of data values to level numbers while the data are read, common to matrices and files.
-// Routines: L_PREPARE_LEVEL_CODING, L_FINISH_LEVELS.
+// Routine: L_PREPARE_LEVEL_CODING.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "api/error_handler.h"
-#include "data/data_store.h"
 #include "data/variable_table.h"
 
 namespace tolvan {
@@ -30,6 +29,9 @@ struct VARIABLE_CODING {
   std::int64_t owner = 0;    // row of the variable whose label table is used
   std::int64_t shift = 0;    // level = value - shift
   std::int64_t highest = 0;  // highest level met
+
+  /// Whether levels are found by whole numbers, by the reader or after the transformations.
+  bool by_number() const { return coding == Coding::by_number || after == Coding::by_number; }
 };
 
 struct LEVEL_CODING {
@@ -60,9 +62,5 @@ std::string_view level_fault(const VARIABLE_CODING& coded, double x);
 /// The level of a label under by_text, added when it is new.
 std::int64_t level_of_text(VARIABLE_TABLE& table, LEVEL_CODING& coding, std::size_t variable,
                            std::string_view label);
-
-/// L_FINISH_LEVELS: sorts levels where asked, completes level counts and labels, warns of more levels than
-/// were declared.
-void L_FINISH_LEVELS(ERROR_HANDLER& eh, const LEVEL_CODING& coding, VARIABLE_TABLE& table, DATA_STORE& store);
 
 }  // namespace tolvan

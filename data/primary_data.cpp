@@ -122,10 +122,6 @@ void L_DESCRIBE_MATRIX(ERROR_HANDLER& eh, const JsonNode& request, const USER_DA
     eh.error(text("the response variable, ", response, ", is unknown"));
     return;
   }
-  if (asks_for_something(given_value(*chosen, "group"))) {
-    eh.not_implemented("the key group of a dataset is not implemented");
-    return;
-  }
   UDST_BIND(eh, store, *chosen, primary.matrix);
   if (eh.terminate()) return;
   primary.variables = chosen->find("variables");

@@ -1,11 +1,13 @@
 // Reading the primary data.  Routine: READ_DATA_FILE.
 #include "data/read_data.h"
 
-#include "data/level_coding.h"
+#include "data/finish_levels.h"
 #include "data/read_binary.h"
 #include "data/read_matrix.h"
 #include "data/read_text.h"
+#include "data/request_values.h"
 #include "data/save_data.h"
+#include "model/request.h"
 
 namespace tolvan {
 
@@ -17,6 +19,23 @@ void take_coded_identities(LEVEL_CODING& coding)
   for (VARIABLE_CODING& coded : coding.variables) {
     if (coded.coding == Coding::by_identity) coded.coding = Coding::level_number;
   }
+}
+
+/// L_STORE_RULES: where rows go that find no room in memory, by the key noscratch of the data file.
+void L_STORE_RULES(ERROR_HANDLER& eh, const PRIMARY_DATA& primary, STORE_RULES& rules)
+{
+  const Frame here{eh, __func__};
+  if (primary.data_file == nullptr) return;
+  const JsonNode* noscratch = given_value(*primary.data_file, "noscratch");
+  if (noscratch == nullptr) return;
+  const bool bare = noscratch->is_text(no_value_supplied);
+  if (!bare && (!noscratch->is(JsonType::integer) || noscratch->integer() < 0 || noscratch->integer() > 2)) {
+    REPORT_JSON_ERROR(eh, *noscratch, {"0", "1", "2"});
+    return;
+  }
+  constexpr ScratchPlace places[] = {ScratchPlace::temporary_folder, ScratchPlace::nowhere,
+                                     ScratchPlace::current_folder};
+  rules.scratch = places[bare ? 1 : noscratch->integer()];
 }
 
 }  // namespace
@@ -34,7 +53,10 @@ void READ_DATA_FILE(ERROR_HANDLER& eh, const PRIMARY_DATA& primary, VARIABLE_TAB
   if (eh.terminate()) return;
   const bool binary = primary.data_file != nullptr && kind_row(keys.kind).binary;
 
-  store = DATA_STORE(variables.count());
+  STORE_RULES rules = store.rules();
+  L_STORE_RULES(eh, primary, rules);
+  if (eh.terminate()) return;
+  store = DATA_STORE(variables.count(), rules);
   LEVEL_CODING coding;
   const bool coded_labels = primary.data_file == nullptr || binary;
   L_PREPARE_LEVEL_CODING(eh, variables, coded_labels, coding);

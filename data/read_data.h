@@ -28,7 +28,8 @@ void GET_PRIMARY_DATA_DESCRIPTION(ERROR_HANDLER& eh, JsonNode& request, const US
 /// READ_DATA_FILE: reads the primary data, file or matrix, into rows of doubles with factors as level
 /// numbers.
 ///   variables   level counts and labels are completed
-///   store       one row a record, one column a variable, in variable order
+///   store       one row a record, one column a variable, in variable order; it keeps the rules that it comes with
+///               but for what the data file says
 void READ_DATA_FILE(ERROR_HANDLER& eh, const PRIMARY_DATA& primary, VARIABLE_TABLE& variables,
                     DATA_STORE& store);
 

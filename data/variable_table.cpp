@@ -10,6 +10,7 @@
 #include "base/text.h"
 #include "data/label_text.h"
 #include "data/request_values.h"
+#include "data/variable_groups.h"
 #include "model/request.h"
 
 namespace tolvan {
@@ -29,10 +30,6 @@ constexpr std::array field_types = {
     TypeWord{"vt_date", FieldType::variate, FieldContent::date},
     TypeWord{"vt_time", FieldType::variate, FieldContent::time},
 };
-
-/// The keys of a variable that ask for what isn't built.
-constexpr std::array keys_not_built = {"is_pedigree_factor", "group",
-                                       "recode_factor_labels_from", "recode_factor_labels_because"};
 
 constexpr std::int64_t most_levels = std::numeric_limits<std::int32_t>::max();
 
@@ -74,6 +71,64 @@ void read_flag(ERROR_HANDLER& eh, const JsonNode& description, std::string_view 
     target = true;
   } else {
     REPORT_JSON_ERROR(eh, *node, {"true", "false"});
+  }
+}
+
+void read_name(ERROR_HANDLER& eh, const JsonNode& description, std::string_view key, std::string& target)
+{
+  const JsonNode* node = given_value(description, key);
+  if (node == nullptr) return;
+  if (node->is(JsonType::string)) {
+    target = node->text();
+  } else {
+    REPORT_JSON_ERROR(eh, *node, {"a string"});
+  }
+}
+
+/// The request around a description.
+const JsonNode* root_of(const JsonNode& description)
+{
+  const JsonNode* root = &description;
+  while (root->parent() != nullptr) root = root->parent();
+  return root;
+}
+
+/// The description of a dataset of the request; null if there is none of that name.
+JsonNode* dataset_named(const JsonNode* root, const std::string& name)
+{
+  JsonNode* found = nullptr;
+  for (const auto& child : root->children()) {
+    if (child->name != "dataset") continue;
+    for (JsonNode* dataset : list_entries(*child)) {
+      const JsonNode* known = given_value(*dataset, "name");
+      if (known != nullptr && known->is_text(name)) found = dataset;  // the last description counts
+    }
+  }
+  return found;
+}
+
+/// L_READ_RECODING: takes the labels of the matrix that a factor has to follow.
+void L_READ_RECODING(ERROR_HANDLER& eh, const JsonNode& description, VARIABLE& variable)
+{
+  const Frame here{eh, __func__};
+  std::string source;
+  read_name(eh, description, "recode_factor_labels_from", source);
+  if (eh.terminate()) return;
+  read_name(eh, description, "recode_factor_labels_because", variable.recode_because);
+  if (eh.terminate() || source.empty()) return;
+  if (!variable.is_factor()) {
+    eh.error(text("the levels of ", variable.name, " can not follow those of ", source, ", it is a variate"));
+    return;
+  }
+  const JsonNode* dataset = dataset_named(root_of(description), source);
+  JsonNode* columns = dataset == nullptr ? nullptr : dataset->find("variables");
+  if (columns == nullptr) {
+    REPORT_JSON_ERROR(eh, *description.find("recode_factor_labels_from"), {"the name of a dataset with variables"});
+    return;
+  }
+  for (const JsonNode* column : list_entries(*columns)) {
+    const JsonNode* label = given_value(*column, "name");
+    variable.recode_labels.push_back(label == nullptr ? std::string() : label->text());
   }
 }
 
@@ -151,12 +206,6 @@ void L_READ_VARIABLE(ERROR_HANDLER& eh, const COMMUNICATION& communication, cons
                   ", has been supplied, variable names must be unique"));
     return;
   }
-  for (const char* key : keys_not_built) {
-    if (asks_for_something(given_value(description, key))) {
-      eh.not_implemented(text("the key ", key, " of variable ", variable.name, " is not implemented"));
-      return;
-    }
-  }
   read_field_type(eh, description, variable);
   if (eh.terminate()) return;
   if (variable.type == FieldType::string_factor) {
@@ -172,6 +221,15 @@ void L_READ_VARIABLE(ERROR_HANDLER& eh, const COMMUNICATION& communication, cons
     read_flag(eh, description, "sort", variable.sort);
     if (eh.terminate()) return;
   }
+  read_flag(eh, description, "is_pedigree_factor", variable.is_pedigree_factor);
+  if (eh.terminate()) return;
+  if (variable.is_pedigree_factor && !asks_for_something(given_value(*root_of(description), "pedigree_file"))) {
+    eh.warning(text("variable ", variable.name, " is marked as a pedigree factor, but the request has no pedigree_file"));
+  }
+  read_name(eh, description, "group", variable.group);
+  if (eh.terminate()) return;
+  L_READ_RECODING(eh, description, variable);
+  if (eh.terminate()) return;
   variable.column = table.places + 1;
   variable.column_given = given_value(description, "user_column_number") != nullptr;
   read_integer(eh, description, "user_column_number", 0, "a positive integer", variable.column);
@@ -212,11 +270,17 @@ void NEW_AIDTIN(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode*
     if (eh.terminate()) return;
   }
   // Levels may be shared with a variable further down, so the whole table stands before they are looked at.
-  for (std::int64_t i = 1; i <= table.count(); ++i) {
+  const JsonNode* dataset = variables->parent();
+  ADD_GROUPS(eh, dataset == nullptr ? nullptr : given_value(*dataset, "group"), communication, table);
+  if (eh.terminate()) return;
+  const auto described = static_cast<std::int64_t>(descriptions.size());  // further ones are members of groups
+  for (std::int64_t i = 1; i <= described; ++i) {
     PROCESS_NUMBER_OF_LEVELS(eh, table, i, *descriptions[static_cast<std::size_t>(i - 1)]);
     if (eh.terminate()) return;
   }
-  for (std::int64_t i = 1; i <= table.count(); ++i) {
+  CHECK_GROUPS(eh, table);
+  if (eh.terminate()) return;
+  for (std::int64_t i = 1; i <= described; ++i) {
     JsonNode* list = descriptions[static_cast<std::size_t>(i - 1)]->find("transformations");
     PROCESS_DATA_TRANSFORMATIONS_FROM_JPTR(eh, list, i, table);
     if (eh.terminate()) return;
@@ -237,12 +301,18 @@ void PROCESS_NUMBER_OF_LEVELS(ERROR_HANDLER& eh, VARIABLE_TABLE& table, std::int
     REPORT_JSON_ERROR(eh, *shared, {"the name of a variable"});
     return;
   }
-  if (shared->is_text("vt_integer_factor_1_to_n")) {
-    eh.not_implemented(
-        text("code_levels_as vt_integer_factor_1_to_n of variable ", variable.name, " is not implemented"));
+  if (shared->is_text("vt_integer_factor_1_to_n")) {  // the levels follow a matrix, or numbers are levels already
+    if (variable.recode_labels.empty() && variable.type == FieldType::integer_factor) {
+      variable.type = FieldType::integer_factor_1_to_n;
+    }
+    if (variable.is_factor()) UPDATE_NUMBER_OF_LEVELS(eh, variable, description);
     return;
   }
-  const std::int64_t other = table.find(shared->text());
+  std::int64_t other = table.find(shared->text());
+  if (other == 0) {
+    const std::vector<std::int64_t> members = table.members(shared->text());
+    if (!members.empty()) other = members.front();
+  }
   if (other == 0) {
     eh.error(text(shared->text(), " is an unknown variable when trying to match levels for variable ",
                   variable.name));
@@ -299,6 +369,15 @@ std::vector<std::int64_t> level_owners(const VARIABLE_TABLE& table)
 
 namespace {
 
+bool equal_labels(const LEVEL_TABLE& a, const LEVEL_TABLE& b)
+{
+  if (a.size() != b.size()) return false;
+  for (std::int64_t l = 1; l <= a.size(); ++l) {
+    if (a.label(l) != b.label(l)) return false;
+  }
+  return true;
+}
+
 /// L_SHARE_DECLARED_LEVELS: gathers what the variables of each group declare at its first and hands it to
 /// all.
 void L_SHARE_DECLARED_LEVELS(ERROR_HANDLER& eh, VARIABLE_TABLE& table)
@@ -309,7 +388,7 @@ void L_SHARE_DECLARED_LEVELS(ERROR_HANDLER& eh, VARIABLE_TABLE& table)
     const VARIABLE& member = table.row(i);
     VARIABLE& owner = table.row(owners[static_cast<std::size_t>(i - 1)]);
     if (&owner == &member) continue;
-    if (member.labels_fixed) {
+    if (member.labels_fixed && !equal_labels(member.labels, owner.labels)) {
       if (owner.labels_fixed) {
         eh.error(text("factor labels were given for both ", owner.name, " and ", member.name,
                       ", which share their levels"));
@@ -346,7 +425,7 @@ void INITFLL(ERROR_HANDLER& eh, VARIABLE_TABLE& table)
       variable.levels = 1;
       continue;
     }
-    if (variable.labels_fixed && variable.declared_levels != 0 &&
+    if (variable.labels_fixed && variable.declared_levels != 0 && variable.recode_labels.empty() &&
         variable.labels.size() != variable.declared_levels) {
       eh.error("FLLKEY not consistent with labels listed in JSON");
       eh.continuation(text("variable ", variable.name, " has ", variable.labels.size(), " factor labels and ",

@@ -35,6 +35,8 @@ struct VARIABLE {
   bool labels_fixed = false;            // factor_labels were given
   std::string code_levels_as;           // empty: its own
   std::string group;                    // empty: in none
+  std::vector<std::string> recode_labels;  // of the matrix whose order the levels take; empty: none
+  std::string recode_because;              // the call that asks for it
   std::int64_t levels = 0;              // level count in use; known for every factor once the data are read
   LEVEL_TABLE labels;                   // empty for a variate and for a coded factor without labels
   std::int64_t shares_levels_with = 0;  // row of the variable named by code_levels_as, 0: none
@@ -51,18 +53,21 @@ struct VARIABLE_TABLE {
   std::int64_t count() const { return static_cast<std::int64_t>(rows.size()); }
   /// The row of a name, from 1; 0 when there is none.  Names are compared exactly.
   std::int64_t find(std::string_view name) const;
+  /// The rows of a group, from 1; none for a name that is no group.
+  std::vector<std::int64_t> members(std::string_view group) const;
   VARIABLE& row(std::int64_t i) { return rows[static_cast<std::size_t>(i - 1)]; }
   const VARIABLE& row(std::int64_t i) const { return rows[static_cast<std::size_t>(i - 1)]; }
 };
 
 /// NEW_AIDTIN: builds the variable table from a list of variable descriptions.
 ///   variables   the array node "variables" of the primary data (null: an error)
-/// Keys that ask for what isn't built (pedigree factors, groups, recoding) end with code 4.
+/// Beside the list may stand "group" statements on its variables, and around it the request with the datasets whose
+/// labels factors follow.  A member of a group that no variable describes becomes a variable of its own.
 void NEW_AIDTIN(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode* variables,
                 VARIABLE_TABLE& table);
 
-/// PROCESS_NUMBER_OF_LEVELS: takes the declared level count or shares the levels of another variable of the
-/// table.
+/// PROCESS_NUMBER_OF_LEVELS: takes the declared level count or shares the levels of another variable or of a group of
+/// the table.
 void PROCESS_NUMBER_OF_LEVELS(ERROR_HANDLER& eh, VARIABLE_TABLE& table, std::int64_t row,
                               JsonNode& description);
 

@@ -242,7 +242,6 @@ TEST(Dataset, Complaints)
     {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","user_column_number":3}]})", "variable a is said to be column 3 of dataset d, which has 2 columns"},
     {R"({"name":"e","number_of_observations":3,"variables":[{"name":"a"}]})", "no data were supplied for dataset e"},
     {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","field_type":"vt_factor"}]})", "invalid value supplied for dataset[1].variables[1].field_type, was expecting one of: vt_variate, vt_string_factor, vt_integer_factor or vt_integer_factor_1_to_n, supplied value = vt_factor"},
-    {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","field_type":"vt_string_factor","is_pedigree_factor":true}]})", "the key is_pedigree_factor of variable a is not implemented"},
     {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","field_type":"vt_integer_factor","number_of_levels":0}]})", "invalid number of levels supplied for a, supplied value = 0"},
     {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","field_type":"vt_string_factor","number_of_levels":4,"factor_labels":["p","q","r"]}]})", "FLLKEY not consistent with labels listed in JSON"},
     {R"({"name":"d","number_of_observations":3,"variables":[{"name":"a","field_type":"vt_string_factor","factor_labels":["p","p"]}]})", "the factor label p of variable a is not unique"},
@@ -339,27 +338,6 @@ TEST(LevelTable, CopiesStandAlone)
   EXPECT_EQ(moved.find("new"), 0);
   EXPECT_EQ(moved.find("L7"), 8);
   EXPECT_EQ(copy.label(501), "new");
-}
-
-TEST(DataStore, RowsOverManyChunks)
-{
-  for (const std::int64_t width : {1, 3, 200000}) {
-    ERROR_HANDLER eh;
-    DATA_STORE store(width);
-    std::vector<double> row(static_cast<std::size_t>(width));
-    const std::int64_t rows = width > 1000 ? 5 : 300000;
-    for (std::int64_t r = 0; r < rows; ++r) {
-      row.front() = row.back() = static_cast<double>(r);
-      DST_WRITE_ROW(eh, store, row);
-    }
-    EXPECT_EQ(store.records(), rows);
-    bool same = true;
-    for (std::int64_t r = 0; r < rows; ++r) same = same && store.row(r).back() == static_cast<double>(r);
-    EXPECT_TRUE(same);
-    EXPECT_TRUE(clean(eh));
-    DST_WRITE_ROW(eh, store, std::span(row).first(0));
-    EXPECT_TRUE(eh.terminate());
-  }
 }
 
 }  // namespace
