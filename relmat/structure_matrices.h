@@ -17,6 +17,7 @@ struct AINV_MTX {
   std::string origin;                // file or dataset it came from, for messages
   std::int64_t order = 0;            // rows of the inverse, Lagrangian rows included
   std::int64_t lagrangian = 0;       // rows added for a singular matrix; they are the last
+  std::vector<std::int64_t> bound;   // the row (from 0) that each Lagrangian row binds
   std::int64_t groups = 0;           // genetic groups among the first rows
   double log_determinant = 0.0;      // log|G|
   bool pedigree = false;             // made from a pedigree (NRM), else a matrix from outside (GRM)

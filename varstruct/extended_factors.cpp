@@ -67,8 +67,12 @@ bool EXTENDED_FACTORS::L_LAY_OUT(ERROR_HANDLER& eh, const STRUCTURE_ROW& row, co
       !assign(eh, loadings_, m * k) || !assign(eh, values_, elements) || !reserve(eh, row_, elements) ||
       !reserve(eh, start_, layout_.size() + 1) || !assign(eh, score_part_, row.parameters))
     return false;
-  for (std::int64_t t = 0; t < z; ++t)
-    row_of_[static_cast<std::size_t>(layout_.zero[static_cast<std::size_t>(t)])] = t;
+  lagrangian_.clear();
+  for (std::int64_t t = 0; t < z; ++t) {
+    const std::int64_t level = layout_.zero[static_cast<std::size_t>(t)];
+    row_of_[static_cast<std::size_t>(level)] = t;
+    lagrangian_.emplace_back(m + k + t, level);
+  }
 
   const auto add = [&](std::int64_t r) { row_.push_back(static_cast<std::int32_t>(r)); };
   start_.clear();

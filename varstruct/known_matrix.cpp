@@ -19,12 +19,17 @@ Formed KNOWN_MATRIX::form(FORM_CONTEXT& context)
   variance_ = row.parameters > 0 ? context.model.parameters[static_cast<std::size_t>(row.first)].value : 1.0;
   if (variance_ == 0.0) return Formed::zero_variance;
   const auto n = static_cast<double>(row.size);
-  lagrangian_ = row.matrix->lagrangian;
   inverse_ = row.matrix->inverse();
   inverse_.scale = 1.0 / variance_;
   log_determinant_ = n * std::log(std::fabs(variance_)) + row.matrix->log_determinant;
   score_part_.assign(static_cast<std::size_t>(row.parameters), n / variance_);
-  negative_ = variance_ < 0.0 ? row.size - lagrangian_ : lagrangian_;
+  const std::int64_t bound = row.matrix->lagrangian;
+  negative_ = variance_ < 0.0 ? row.size - bound : bound;
+  if (lagrangian_.empty()) {
+    for (std::size_t t = 0; t < row.matrix->bound.size(); ++t) {
+      lagrangian_.emplace_back(row.size - bound + static_cast<std::int64_t>(t), row.matrix->bound[t]);
+    }
+  }
   return Formed::done;
 }
 

@@ -18,7 +18,6 @@ class KNOWN_MATRIX : public COMPONENT_MATRIX {
 
  private:
   double variance_ = 1.0;
-  std::int64_t lagrangian_ = 0;
 };
 
 }  // namespace tolvan

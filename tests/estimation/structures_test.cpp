@@ -22,6 +22,7 @@ struct Part {
   std::int64_t order = 1;
   std::int64_t sub_code = 0;
   std::vector<double> x = {};  // coordinates of a metric model
+  std::int64_t with_data = 0;  // the first so many levels have data; 0: all
 };
 
 /// A model: random products, and the residual by sections; extra_scale adds a variance outside each section's rows.
@@ -62,7 +63,11 @@ STRUCTURE_ROW row_of(const Part& part, Built& b)
     b.model.coordinates.push_back({part.x, {}});
   }
   for (const double v : part.values) {
-    b.model.parameters.push_back({.value = v, .start = v, .label = "p" + std::to_string(b.model.count())});
+    // A zero is a structural one and stays.
+    b.model.parameters.push_back({.value = v,
+                                  .start = v,
+                                  .constraint = v == 0.0 ? Constraint::F : Constraint::P,
+                                  .label = "p" + std::to_string(b.model.count())});
   }
   return row;
 }
@@ -148,7 +153,12 @@ Built build(const Case& c, unsigned seed)
     double y = 5.0 + 0.4 * static_cast<double>(level) + 1.3 * normal(gen);
     for (std::size_t t = 0; t < c.random.size(); ++t) {
       const TERM_ROW& row = b.terms.rows[2 + t];
-      const auto at = static_cast<std::int64_t>(gen() % static_cast<unsigned>(row.equations));
+      // A level of every component, slowest first; extra effects of a factor model have no data.
+      std::int64_t at = 0;
+      for (const Part& part : c.random[t]) {
+        const std::int64_t levels = part.with_data > 0 ? part.with_data : part.levels;
+        at = at * part.levels + static_cast<std::int64_t>(gen() % static_cast<unsigned>(levels));
+      }
       const double value = t % 2 == 0 ? 1.0 : 0.5 + 0.1 * static_cast<double>(r % 7);
       put(row.first + at, value);
       b.z[t](r, static_cast<std::size_t>(at)) = value;
@@ -240,6 +250,24 @@ const std::vector<Case> cases = {
     {"general correlations in a random product, powers of distances in the residual",
      {{{6, 5, 3, {0.3, 0.2, -0.4, 0.5, 0.9, 1.4}}, {0, 0, 7, {}}}, {{1, 1, 9, {0.5, 0.8}}}},
      {{{0, 0, 8, {}}, {10, 6, 5, {0.6, 1.2}, 1, 1, {0.0, 1.0, 2.5, 3.0, 4.7}}}}},
+    {"variances by level, and an unstructured residual of two traits",
+     {{{24, 8, 3, {0.5, 0.9, 1.4}}, {0, 0, 8, {}}}},
+     {{{0, 0, 24, {}}, {25, 9, 2, {1.2, 0.4, 0.9}}}},
+     false, false, 3, 3},
+    {"unstructured by a series", {{{25, 9, 3, {1.0, 0.3, 0.8, -0.2, 0.1, 1.3}}, {1, 1, 4, {0.4}}}}, {{{0, 0, 50, {1.1}}}}},
+    {"factors on the correlation and on the covariance scale",
+     {{{26, 10, 3, {0.6, 0.5, 0.7, 0.9, 1.2, 0.8}}, {0, 0, 6, {}}}, {{29, 13, 3, {0.7, 0.5, 0.9, 0.3, 0.4, 0.2}}, {0, 0, 5, {}}}},
+     {{{0, 0, 60, {1.1}}}}},
+    {"Cholesky and antedependence factors",
+     {{{27, 11, 3, {0.9, 0.4, 0.7, 0.2, -0.3, 1.1}, 2}, {0, 0, 6, {}}}},
+     {{{0, 0, 12, {}}, {28, 12, 4, {0.8, -0.5, 1.1, 0.0, -0.4, 0.9, 0.0, 0.0, -0.3, 1.2}}}}},
+    {"factor effects", {{{31, 15, 5, {0.3, 0.4, 0.2, 0.8, 0.5, 0.9}, 1, 0, {}, 4}, {0, 0, 8, {}}}}, {{{0, 0, 60, {1.1}}}}},
+    {"factor effects, two levels without a variance of their own",
+     {{{31, 15, 6, {0.3, 0.0, 0.0, 0.8, 0.5, 0.9}, 1, 0, {}, 3}, {0, 0, 9, {}}}},
+     {{{0, 0, 40, {1.1}}}}},
+    {"two factors, no variances of their own, by a series",
+     {{{31, 15, 8, {0.0, 0.0, 0.0, 0.8, 0.5, 0.9, 0.3, -0.4, 0.2}, 2, 0, {}, 3}, {1, 1, 6, {0.5}}}},
+     {{{0, 0, 40, {1.1}}}}},
     {"a product of three random components",
      {{{1, 1, 3, {0.4}}, {4, 5, 2, {0.3}}, {1, 1, 4, {0.2, 0.7}}}},
      {{{0, 0, 45, {1.1}}}}},
@@ -253,10 +281,12 @@ TEST(Structures, EvaluationsAgreeWithTheDenseDefinitions)
     EVALUATION ev;
     evaluate(b, b.model, ev);
     if (HasFatalFailure()) return;
-    const auto k = static_cast<std::size_t>(b.model.count());
-    ASSERT_EQ(static_cast<std::size_t>(ev.information.count()), k);
+    const auto k = static_cast<std::size_t>(ev.information.count());
     std::vector<Matrix> vdot;
-    for (std::size_t i = 0; i < k; ++i) {
+    std::size_t free = 0;
+    for (std::size_t i = 0; i < b.model.parameters.size(); ++i) {
+      if (!is_free(b.model.parameters[i].constraint)) continue;
+      ++free;
       const double step = 1e-5 * std::max(0.1, std::fabs(b.model.parameters[i].value));
       VARIANCE_MODEL up = b.model;
       VARIANCE_MODEL down = b.model;
@@ -264,8 +294,9 @@ TEST(Structures, EvaluationsAgreeWithTheDenseDefinitions)
       down.parameters[i].value -= step;
       vdot.push_back(variance_of(b, up));
       const Matrix below = variance_of(b, down);
-      for (std::size_t m = 0; m < below.a.size(); ++m) vdot[i].a[m] = (vdot[i].a[m] - below.a[m]) / (2.0 * step);
+      for (std::size_t m = 0; m < below.a.size(); ++m) vdot.back().a[m] = (vdot.back().a[m] - below.a[m]) / (2.0 * step);
     }
+    ASSERT_EQ(k, free);
     const DenseVariance d = dense_variance(b.x, b.design.response, variance_of(b, b.model), vdot);
     EXPECT_NEAR(ev.logl, d.logl, 1e-8 * std::fabs(d.logl));
     EXPECT_NEAR(ev.quadratic, d.quadratic, 1e-8 * d.quadratic);
