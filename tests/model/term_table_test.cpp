@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "base/text.h"
+#include "model/find_terms.h"
 #include "model/request.h"
 #include "support/checks.h"
 
@@ -44,6 +45,8 @@ void parse(std::string_view model, std::vector<VARIABLE> variables, Parsed& out,
   API_STANDARDISE_AND_EXPAND_JSON(out.eh, communication, out.root.get(), present);
   if (!out.eh.terminate())
     NEW_PARSE_LINEAR_MODEL(out.eh, communication, *out.root, out.variables, out.factors, out.terms, out.info);
+  if (!out.eh.terminate())
+    COMPLETE_LINEAR_MODEL(out.eh, communication, *out.root, out.variables, out.factors, out.terms, out.info);
   if (!out.eh.terminate())
     SET_TERM_EQUATIONS(out.eh, out.variables, records, missing, out.factors, out.terms);
   EXPECT_TRUE(out.eh.stack().entries.empty());
@@ -198,6 +201,58 @@ TEST(TermTable, RefusalsNameTheirTerm)
     ASSERT_NE(found, nullptr) << c.model;
     EXPECT_EQ(found->message, c.message) << c.model;
     EXPECT_EQ(found->ecode, c.code) << c.model;
+  }
+}
+
+TEST(TermTable, TermsAndFactorsAreFoundByWhatARequestCallsThem)
+{
+  Parsed p;
+  parse(R"j({"response":"y","fixed":"variety*nitro+at(nitro):x","random":"idv(block,0.8)+block:wplot+ric(wplot,G)","sparse":"mv",
+             "residual":"idv(units)"})j",
+        split_plot(), p);
+  ASSERT_TRUE(clean(p.eh));
+  struct Case {
+    const char* asked;
+    const char* found;  // rows, or "! " and the message
+  };
+  const Case terms[] = {
+      {R"j(["mu"])j", "1"},
+      {R"j(["variety",{"interaction":["variety","nitro"]}])j", "2 4"},
+      {R"j({"terms":[{"interaction":["nitro","variety"]},"variety:nitro","mv"]})j", "4 12"},
+      {R"j([{"function":{"name":"idv","arguments":[{"name":"variable_name","value":"block"},{"name":"init","value":0.8}]}}])j", "7"},
+      {R"j(["at(nitro,2):x"])j", "6"},
+      {R"j([{"interaction":[{"function":{"name":"at","arguments":[{"name":"variable_name","value":"nitro"}]}},"x"]}])j", "5 6"},
+      {R"j([{"user_facing_factor_name":"ric(wplot,G)"}])j", "9 10"},
+      {R"j(["ide(wplot,G)"])j", "10"},
+      {R"j([])j", ""},
+      {R"j(["y"])j", "! y is unknown"},
+      {R"j(["idv(units)"])j", "! idv(units) is unknown"},
+      {R"j(["block:nitro"])j", "! block:nitro is unknown"},
+      {R"j([7])j", "! invalid term supplied"},
+      {R"j([[]])j", "! invalid term supplied"},
+      {R"j("mu")j", "! invalid term supplied"},
+      {R"j({})j", "! invalid term supplied"},
+  };
+  JsonError error;
+  for (const Case& c : terms) {
+    ERROR_HANDLER eh;
+    const auto node = parse_json(c.asked, error);
+    ASSERT_TRUE(node) << c.asked;
+    std::string found;
+    for (const std::int64_t row : GET_TERM_IDS_FROM_FORMULA_JPTR(eh, COMMUNICATION(), p.terms, *node))
+      found += text(found.empty() ? "" : " ", row);
+    EXPECT_EQ(eh.terminate() ? "! " + eh.EH_LAST_MESSAGE() : found, c.found) << c.asked;
+  }
+  const Case factors[] = {
+      {R"j("variety")j", "3"}, {R"j(3)j", "3"}, {R"j({"term_name":"units"})j", "8"}, {R"j("at(nitro,1)")j", "12"},
+      {R"j("z")j", "! unable to find a factor called z"}, {R"j(0)j", "! unable to find a factor called 0"},
+      {R"j(2.5)j", "! unable to read value"}, {R"j(true)j", "! unable to read value"},
+  };
+  for (const Case& c : factors) {
+    ERROR_HANDLER eh;
+    const auto node = parse_json(c.asked, error);
+    const std::int64_t row = GET_FACTOR_ID_FROM_JPTR(eh, COMMUNICATION(), p.factors, *node);
+    EXPECT_EQ(eh.terminate() ? "! " + eh.EH_LAST_MESSAGE() : text(row), c.found) << c.asked;
   }
 }
 
