@@ -205,7 +205,7 @@ class BANDED_CORRELATION final : public TOEPLITZ_MATRIX {
         lag_[static_cast<std::size_t>(k) + 1] = parameter(context, k).value;
       return invert_lags(pivot_tolerance);
     });
-    if (formed == Formed::done) form_score_parts();
+    if (formed == Formed::done && !form_score_parts(context.eh)) return Formed::in_handler;
     return formed;
   }
 
@@ -236,7 +236,7 @@ class GENERAL_CORRELATION final : public DENSE_MATRIX {
       covariance(ri_.data());
       return invert(pivot_tolerance);
     });
-    if (formed == Formed::done) form_score_parts();
+    if (formed == Formed::done && !form_score_parts(context.eh)) return Formed::in_handler;
     return formed;
   }
 

@@ -30,13 +30,15 @@ void mirror_lower(double* a, std::int64_t n, std::int64_t ld)
 bool DENSE_MATRIX::size_dense(ERROR_HANDLER& eh, const std::vector<std::int64_t>& pieces, std::int64_t p)
 {
   n_ = pieces.back();
-  pieces_ = pieces;
   std::int64_t size = 0;
   if (!fits_blas(n_) || !multiply_sizes(n_, n_, size)) {
     eh.out_of_memory();
     return false;
   }
-  if (!assign(eh, ri_, size, 0.0) || !assign(eh, score_part_, p, 0.0)) return false;
+  if (!assign<std::int64_t>(eh, pieces_, static_cast<std::int64_t>(pieces.size())) ||
+      !assign(eh, ri_, size, 0.0) || !assign(eh, score_part_, p, 0.0))
+    return false;
+  std::copy(pieces.begin(), pieces.end(), pieces_.begin());
   inverse_ = {.shape = Shape::dense, .n = n_, .values = ri_.data()};
   return true;
 }
@@ -62,13 +64,17 @@ std::int64_t DENSE_MATRIX::invert(double tolerance)
   return 0;
 }
 
-void DENSE_MATRIX::form_score_parts()
+bool DENSE_MATRIX::form_score_parts(ERROR_HANDLER& eh)
 {
   std::fill(score_part_.begin(), score_part_.end(), 0.0);
-  for (std::size_t piece = 0; piece + 1 < pieces_.size(); ++piece) {
-    const std::int64_t from = pieces_[piece], end = pieces_[piece + 1];
-    contract_columns({ri_.data() + from * (n_ + 1), n_, from, end, end}, score_part_.data());
-  }
+  const bool room = attempt([&] {
+    for (std::size_t piece = 0; piece + 1 < pieces_.size(); ++piece) {
+      const std::int64_t from = pieces_[piece], end = pieces_[piece + 1];
+      contract_columns({ri_.data() + from * (n_ + 1), n_, from, end, end}, score_part_.data());
+    }
+  });
+  if (!room) eh.out_of_memory();
+  return room;
 }
 
 void DENSE_MATRIX::contract(const double* s, double* out) const

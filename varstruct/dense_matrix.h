@@ -51,8 +51,8 @@ class DENSE_MATRIX : public COMPONENT_MATRIX {
   /// Turns R, in the lower triangle of ri_, into its inverse, with the log-determinant.  The order of the
   /// first leading minor whose pivot is not above the tolerance, and ri_ spoiled; 0 when all are.
   std::int64_t invert(double tolerance);
-  /// The score parts from the inverse and the derivatives.
-  void form_score_parts();
+  /// The score parts from the inverse and the derivatives; false when there is no room.
+  bool form_score_parts(ERROR_HANDLER& eh);
 
   std::int64_t n_ = 0;
   std::vector<std::int64_t> pieces_;

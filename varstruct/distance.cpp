@@ -115,7 +115,7 @@ class METRIC final : public DENSE_MATRIX {
       theta_[static_cast<std::size_t>(k)] = parameter(context, k).value;
     check_pieces(eh, starts_);
     if (!size_dense(eh, starts_, parameters_)) return Formed::in_handler;
-    rdot_.resize(static_cast<std::size_t>(parameters_));
+    if (!resize(eh, rdot_, parameters_)) return Formed::in_handler;
     for (std::int64_t k = 0; k < parameters_; ++k) {
       const bool needed = metric_ != MAT || matern_.has_derivative(k);
       if (!assign(eh, rdot_[static_cast<std::size_t>(k)], needed ? n * n : 0, 0.0)) return Formed::in_handler;
@@ -126,15 +126,18 @@ class METRIC final : public DENSE_MATRIX {
       const bool blocked = pieces_.size() > 2;
       return failed_inversion(eh, blocked ? "blocked spartial R matrix" : "spatial R matrix ", bad);  // sic
     }
-    form_score_parts();
-    return Formed::done_by_metric;
+    return form_score_parts(eh) ? Formed::done_by_metric : Formed::in_handler;
   }
 
   bool take_coordinates(FORM_CONTEXT& context)
   {
     const std::int64_t at = context.row.coordinates, n = context.row.size;
     if (at >= 0 && at < static_cast<std::int64_t>(context.model.coordinates.size())) {
-      at_ = context.model.coordinates[static_cast<std::size_t>(at)];
+      const COORDINATES& kept = context.model.coordinates[static_cast<std::size_t>(at)];
+      if (!attempt([&] { at_ = kept; })) {
+        context.eh.out_of_memory();
+        return false;
+      }
       const auto nx = static_cast<std::int64_t>(at_.x.size()), ny = static_cast<std::int64_t>(at_.y.size());
       if (nx == n && (ny == n || ny == 0)) return true;
     }
@@ -176,7 +179,9 @@ class METRIC final : public DENSE_MATRIX {
         }
       }
     }
-    if (moved) kept = at_;
+    if (moved) {  // of the same lengths: nothing is allocated
+      std::copy(at_.x.begin(), at_.x.end(), kept.x.begin());
+    }
   }
 
   bool plane() const { return !at_.y.empty(); }

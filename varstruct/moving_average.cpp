@@ -102,8 +102,7 @@ class MOVING_AVERAGE final : public TOEPLITZ_MATRIX {
   {
     const std::int64_t bad = invert_lags(0.0);
     if (bad != 0) return failed_inversion(context.eh, "ARMA structure", bad);
-    form_score_parts();
-    return Formed::done;
+    return form_score_parts(context.eh) ? Formed::done : Formed::in_handler;
   }
 
   LAGS derivative(std::int64_t k) const override { return {0, lags_, dlag_.data() + k * lags_}; }

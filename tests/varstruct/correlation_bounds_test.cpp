@@ -5,6 +5,7 @@
 
 #include "base/numbers.h"
 #include "support/checks.h"
+#include "support/failing_memory.h"
 #include "varstruct/make_component.h"
 
 namespace tolvan {
@@ -370,6 +371,39 @@ TEST(CorrelationBounds, AMisfitHasNoComponent)
   row.order = 4;
   row.selector = 1;
   EXPECT_EQ(make_component(row, model), nullptr);
+}
+
+// Each allocation of forming fails in its turn: a clean answer, and the next attempt succeeds.
+TEST(CorrelationBounds, ShortMemoryIsTold)
+{
+  const Setting table[] = {
+      {1, 1, 0, 2, 6, {0.3, 0.2, 2.0}},      {14, 8, 0, 1, 3, {0.3, 1.0, 2.0, 3.0}},
+      {3, 3, 0, 2, 6, {0.3, 0.2}},           {5, 4, 0, 1, 3, {0.3, 1.0, 2.0, 3.0}},
+      {5, 5, 0, 0, 4, {0.3, 0.2, 0.1}},      {5, 6, 0, 0, 3, {0.3, 0.2, 0.1, 2.0}},
+      {6, 12, 1, 1, 6, {0.5, 2.0}, grid(6)}, {6, 23, 9, 2, 6, {0.5, 1.2}, grid(6)},
+  };
+  for (const Setting& t : table) {
+    SCOPED_TRACE("model " + std::to_string(t.code) + ", selector " + std::to_string(t.selector));
+    bool struck = true;
+    for (int good = 0; struck; ++good) {
+      ASSERT_LT(good, 100);
+      Outcome out;
+      run(t, out);  // set up, and formed once in plenty
+      out.component = make_component(out.row, out.model);
+      ERROR_HANDLER eh;
+      eh.set_stack_mode(0);  // the trail of routines would allocate as well
+      FORM_CONTEXT context{eh, out.model, out.row, 1, 0.999, 0.0};
+      Formed formed = Formed::done;
+      {
+        const FailingMemory memory(good, true);
+        formed = out.component->form(context);
+        struck = memory.struck();
+      }
+      EXPECT_EQ(formed == Formed::in_handler, struck);
+      EXPECT_EQ(eh.terminate(), struck);
+      EXPECT_TRUE(eh.stack().entries.empty());
+    }
+  }
 }
 
 // Bands stay bands: a million levels take no n x n matrix, and the figures are those of the closed forms.
