@@ -48,7 +48,7 @@ void L_READ_TERM_LIST(ERROR_HANDLER& eh, const COMMUNICATION& communication, Jso
   for (const auto& element : list.children()) {
     if (is_formula(*element)) {
       formulas = true;
-    } else if (element->size() == 1 && !plain_name(*element).empty()) {
+    } else if (element->size() == 1 && is_plain_text(communication, plain_name(*element)) && !plain_name(*element).empty()) {
       element->set(std::string(plain_name(*element)));
     } else if (!element->is(JsonType::string) && !is_term_form(*element)) {
       REPORT_JSON_ERROR(eh, *element, {"the name of a term", "an interaction", "a function"});

@@ -82,16 +82,20 @@ std::string standard_form(const std::string& canonical)
   for (const std::string& each : terms) {
     std::vector<std::string> factors{{}};
     for (const char c : each) {
-      if (quote != 0 ? c == quote : c == '\'' || c == '"') {
-        quote = quote == 0 ? c : 0;
-      } else if (c == ':' && quote == 0) {
+      if (quote != 0 ? c == quote : c == '\'' || c == '"') quote = quote == 0 ? c : 0;
+      if (c == ':' && quote == 0) {
         factors.emplace_back();
       } else {
         factors.back() += c;
       }
     }
     std::string list;
-    for (const std::string& factor : factors) list += (list.empty() ? "" : ",") + quoted(factor);
+    for (const std::string& factor : factors) {
+      const bool in_quotes = factor.front() == '\'' || factor.front() == '"';
+      const std::string name = quoted(in_quotes ? factor.substr(1, factor.size() - 2) : factor);
+      const bool only_quoted = name.find_first_of(" +:'") != std::string::npos;
+      list += (list.empty() ? "" : ",") + (only_quoted ? "{\"term_name\":" + name + "}" : name);
+    }
     out += (out.empty() ? "" : ",") + (factors.size() > 1 ? "{\"interaction\":[" + list + "]}" : list);
   }
   return "[" + out + "]";

@@ -75,7 +75,8 @@ std::string rows_text(const FACTOR_TABLE& factors)
 }
 
 /// A model of the table: standardised, read, with the level counts that the data would tell; its messages where it is refused.
-void read_case(const std::vector<std::string>& columns, std::string& terms_found, std::string& rows_found)
+void read_case(const std::vector<std::string>& columns, std::string& terms_found, std::string& rows_found,
+               const COMMUNICATION& communication = {})
 {
   std::int64_t records = 0;
   std::from_chars(columns[1].data(), columns[1].data() + columns[1].size(), records);
@@ -84,13 +85,18 @@ void read_case(const std::vector<std::string>& columns, std::string& terms_found
   ASSERT_TRUE(root) << failure.message << " in " << columns[3];
   VARIABLE_TABLE variables;
   variables.rows = variables_of(columns[2]);
-  const COMMUNICATION communication;
   ERROR_HANDLER eh;
   bool present = false;
   FACTOR_TABLE factors;
   TERM_TABLE terms;
   MODEL_INFO info;
   API_STANDARDISE_AND_EXPAND_JSON(eh, communication, root.get(), present);
+  if (!eh.terminate()) {  // what is standard stays so
+    ERROR_HANDLER again;
+    const std::string standard = json_text(*root);
+    API_STANDARDISE_AND_EXPAND_JSON(again, communication, root.get(), present);
+    EXPECT_EQ(json_text(*root), standard) << columns[0];
+  }
   if (!eh.terminate()) NEW_PARSE_LINEAR_MODEL(eh, communication, *root, variables, factors, terms, info);
   if (!eh.terminate()) COMPLETE_LINEAR_MODEL(eh, communication, *root, variables, factors, terms, info);
   if (!eh.terminate()) SET_TERM_EQUATIONS(eh, variables, records, 0, factors, terms);
@@ -120,6 +126,35 @@ TEST(ModelCases, TermsAndFactorRows)
     ++cases;
   }
   EXPECT_GE(cases, 100);
+}
+
+TEST(ModelCases, TheOtherDialectReadsTheSame)
+{
+  COMMUNICATION communication;
+  CT_SET_DIALECT(communication, true);
+  const std::vector<std::vector<std::string>> cases = {
+      {"traits", "40", "geno:6 x y y2",
+       R"j("response":"y y2","fixed":"Trait Trait.x","random":"us(Trait).id(geno)","residual":"id(units).us(Trait)")j",
+       "y 3 0 y; y2 4 0 y; mu 5 1 f; Trait 7 2 f; Trait.x 20008 2 f; us(Trait).id(geno) 20010 12 r; id(units).us(Trait) 20012 0 e",
+       "8 Trait 2<7; 9 x 1<2; 10 us(Trait) 2<7 us; 11 id(geno) 6<1 id; 12 id(units) 40<6 id; 13 us(Trait) 2<7 us"},
+      {"sections", "40", "site:2[n,s] row:4 y", R"j("response":"y","fixed":"at(site,[1,2]).row","residual":"dsum(ar1(row).units|site)")j",
+       "y 3 0 y; mu 4 1 f; at(site,n).row 20008 4 f; at(site,s).row 20010 4 f; sat(site,n).ar1(row).units 20014 0 e if 12; "
+       "sat(site,s).ar1(row).units 20016 0 e if 13",
+       "6 at(site,n) 1<1 kind 47 arguments 1; 7 at(site,s) 1<1 kind 47 arguments 2; 8 at(site,n) 1<6 kind 47 arguments 1; 9 row 4<2; "
+       "10 at(site,s) 1<7 kind 47 arguments 2; 11 row 4<2; 12 sat(site,n) 1<1 kind 16 arguments 1; 13 sat(site,s) 1<1 kind 16 "
+       "arguments 2; 14 ar1(row) 4<2 ar1; 15 units 40<5; 16 ar1(row) 4<2 ar1; 17 units 40<5"},
+      {"linked", "40", "geno:6 x y", R"j("response":"y","random":"str(geno geno.x,us(2).id(geno))")j",
+       "y 3 0 y; mu 4 1 f; geno 1 6 r with 2 8-9; geno.x 20006 6 r with 2 8-9",
+       "6 geno 6<1; 7 x 1<2; 8 us(2) 2 kind 15 us; 9 id(geno) 6<1 kind 15 id"},
+      {"no structure", "40", "geno:6 x y", R"j("response":"y","random":"str(geno geno.x)")j",
+       "! argument vmodel is required | in the function call str(geno geno.x)", ""},
+  };
+  for (const std::vector<std::string>& columns : cases) {
+    std::string terms, rows;
+    read_case(columns, terms, rows, communication);
+    EXPECT_EQ(terms, columns[4]) << columns[0];
+    EXPECT_EQ(rows, columns[5]) << columns[0];
+  }
 }
 
 /// Random models: functions of the catalogue with arguments that may or may not fit.
