@@ -1,4 +1,4 @@
-// The labels of one factor: level numbers from 1, found by hashing.
+// The labels of one factor: level numbers from 1, found by hashing with open addresses.
 #pragma once
 
 #include <cstdint>
@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
+#include <vector>
 
 namespace tolvan {
 
@@ -25,13 +25,24 @@ class LEVEL_TABLE {
   /// The level of a label, added behind the last when it is new.
   std::int64_t find_or_add(std::string_view label);
   /// The label of a level from 1 to size().
-  const std::string& label(std::int64_t level) const { return (*labels_)[static_cast<std::size_t>(level - 1)]; }
+  const std::string& label(std::int64_t level) const
+  {
+    return (*labels_)[static_cast<std::size_t>(level - 1)];
+  }
   void clear();
 
  private:
-  // Addresses stay while levels are added; held by a pointer since moving a deque allocates, and may so fail.
+  /// A place of the index: a part of the label's hash and its level, 0 where the place is free.
+  struct Slot {
+    std::uint32_t hash = 0;
+    std::uint32_t level = 0;
+  };
+  std::size_t place(std::string_view label, std::uint64_t hash) const;
+  void grow();
+
+  // Held by a pointer since moving a deque allocates, and may so fail.
   std::unique_ptr<std::deque<std::string>> labels_;
-  std::unordered_map<std::string_view, std::int64_t> index_;
+  std::vector<Slot> slots_;  // a power of two of them, at most half in use
 };
 
 }  // namespace tolvan
