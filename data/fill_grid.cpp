@@ -34,6 +34,13 @@ struct Side {
   {
     return level_at.empty() ? position : level_at[static_cast<std::size_t>(position)];
   }
+  /// A position as the user knows it: the label of its level, or its number in the data.
+  std::string name(const VARIABLE_TABLE& variables, std::int64_t position) const
+  {
+    const VARIABLE& factor = variables.rows[variable];
+    const std::int64_t l = level(position);
+    return l <= factor.labels.size() ? factor.labels.label(l) : text(l + factor.indexed_from - 1);
+  }
 };
 
 Side side_of(const VARIABLE_TABLE& variables, std::int64_t row)
@@ -80,14 +87,19 @@ struct Grid {
   std::int64_t plots = 0;
 
   std::int64_t section_of(std::span<const double> r) const { return sectioned ? section.position(r) : 1; }
+  std::string section_name(const VARIABLE_TABLE& variables, std::int64_t position) const
+  {
+    return sectioned ? section.name(variables, position) : text(position);
+  }
 };
 
 /// L_MEASURE_GRID: the extent of each section.
 void L_MEASURE_GRID(ERROR_HANDLER& eh, const DATA_STORE& store, Grid& grid)
 {
   const Frame here{eh, __func__};
+  std::span<const double> record;
   for (std::int64_t r = 0; r < store.records(); ++r) {
-    const auto record = store.row(r);
+    if (!DST_READ_ROW(eh, store, r, record)) return;
     const std::int64_t i = grid.row.position(record);
     const std::int64_t j = grid.column.position(record);
     const std::int64_t s = grid.section_of(record);
@@ -106,7 +118,8 @@ void L_MEASURE_GRID(ERROR_HANDLER& eh, const DATA_STORE& store, Grid& grid)
 }
 
 /// L_LAY_OUT_SECTIONS: numbers the plots of all sections; a hundred for each record are taken for an error.
-void L_LAY_OUT_SECTIONS(ERROR_HANDLER& eh, const DATA_STORE& store, Grid& grid)
+void L_LAY_OUT_SECTIONS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_STORE& store,
+                        Grid& grid)
 {
   const Frame here{eh, __func__};
   const std::int64_t most = std::max<std::int64_t>(1000000, 100 * store.records());
@@ -119,27 +132,31 @@ void L_LAY_OUT_SECTIONS(ERROR_HANDLER& eh, const DATA_STORE& store, Grid& grid)
       const std::int64_t i = grid.row.position(record);
       const std::int64_t j = grid.column.position(record);
       if (grid.section_of(record) != number || (i != section.last_row && j != section.last_column)) continue;
-      eh.error(text(
-          "at record ", r + 1,
-          " Either Section, Row or Column is too large for Filling out the Grid of plots, Section = ", number,
-          ", Row = ", i, ", Column = ", j));
+      eh.error(
+          text("at record ", r + 1,
+               " Either Section, Row or Column is too large for Filling out the Grid of plots, Section = ",
+               grid.section_name(variables, number), ", Row = ", grid.row.name(variables, i),
+               ", Column = ", grid.column.name(variables, j)));
       return;
     }
   }
 }
 
 /// L_MARK_PLOTS: which plots have a record; none may have two.
-void L_MARK_PLOTS(ERROR_HANDLER& eh, const DATA_STORE& store, const Grid& grid, std::vector<bool>& met)
+void L_MARK_PLOTS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_STORE& store,
+                  const Grid& grid, std::vector<bool>& met)
 {
   const Frame here{eh, __func__};
-  const auto plot_of = [&](std::int64_t r) {
+  const auto plot_of = [&](std::int64_t r) {  // -1 where the row could not be read back
     const auto record = store.row(r);
-    return grid.sections.at(grid.section_of(record))
-        .plot(grid.row.position(record), grid.column.position(record));
+    const auto section = grid.sections.find(grid.section_of(record));
+    if (section == grid.sections.end()) return std::int64_t{-1};
+    return section->second.plot(grid.row.position(record), grid.column.position(record));
   };
   met.assign(static_cast<std::size_t>(grid.plots), false);
   for (std::int64_t r = 0; r < store.records(); ++r) {
     const std::int64_t plot = plot_of(r);
+    if (plot < 0) break;
     if (!met[static_cast<std::size_t>(plot)]) {
       met[static_cast<std::size_t>(plot)] = true;
       continue;
@@ -147,11 +164,13 @@ void L_MARK_PLOTS(ERROR_HANDLER& eh, const DATA_STORE& store, const Grid& grid, 
     std::int64_t instances = 0;
     for (std::int64_t k = 0; k < store.records(); ++k) instances += plot_of(k) == plot ? 1 : 0;
     const auto record = store.row(r);
-    eh.error(text(instances, " instances of row ", grid.row.position(record), ", column ",
-                  grid.column.position(record), " in Section ", grid.section_of(record),
+    eh.error(text(instances, " instances of row ", grid.row.name(variables, grid.row.position(record)),
+                  ", column ", grid.column.name(variables, grid.column.position(record)), " in Section ",
+                  grid.section_name(variables, grid.section_of(record)),
                   ", aborting attempt to fillout data point grid"));
     return;
   }
+  DST_CHECK(eh, store);
 }
 
 /// L_ADD_PLOTS: writes the records of the plots that were not met.
@@ -185,10 +204,10 @@ void FILLGRID(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const GRID_FAC
   if (grid.sectioned) grid.section = side_of(variables, factors.section);
   L_MEASURE_GRID(eh, store, grid);
   if (eh.terminate()) return;
-  L_LAY_OUT_SECTIONS(eh, store, grid);
+  L_LAY_OUT_SECTIONS(eh, variables, store, grid);
   if (eh.terminate()) return;
   std::vector<bool> met;
-  L_MARK_PLOTS(eh, store, grid, met);
+  L_MARK_PLOTS(eh, variables, store, grid, met);
   if (eh.terminate()) return;
   eh.note(text(store.records(), " records obtained from the data file"));
   eh.continuation(text(grid.plots, " records required to complete the spatial grid"));

@@ -121,18 +121,20 @@ void L_SAVE_DATA(ERROR_HANDLER& eh, const DATA_FILE_KEYS& keys, const VARIABLE_T
   eh.note(text("transformed data will be written to ", name));
   if (!kind.binary) file.write(name_line(variables));
   std::string out;
+  std::span<const double> row;
   for (std::int64_t r = 0; r < store.records(); ++r) {
+    if (!DST_READ_ROW(eh, store, r, row)) return;
     out.clear();
-    const std::size_t v = kind.bytes == 4 ? first_too_large(variables, store.row(r)) : store.row(r).size();
-    if (v < store.row(r).size()) {
+    const std::size_t v = kind.bytes == 4 ? first_too_large(variables, row) : row.size();
+    if (v < row.size()) {
       eh.error(text("the data can not be written to ", name, " in single precision"));
-      eh.continuation(text("record ", r + 1, ", variable ", variables.rows[v].name, ": ", store.row(r)[v]));
+      eh.continuation(text("record ", r + 1, ", variable ", variables.rows[v].name, ": ", row[v]));
       return;
     }
     if (kind.binary) {
-      binary_row(kind, store.row(r), out);
+      binary_row(kind, row, out);
     } else {
-      text_row(variables, store.row(r), out);
+      text_row(variables, row, out);
     }
     file.write(out);
   }

@@ -79,9 +79,9 @@ TEST(FillGrid, Complaints)
       {{{1, 1, 1, 0}, {NA, 1, 2, 0}},
        {1, 2, 3},
        "!4/3 invalid Spatial Grid Values at record 2\n9999/3 its section is missing\n"},
-      {{{1, 1, 1, 0}, {1, 1, 2, 0}, {2, 1, 1, 0}, {1, 1, 1, 0}, {1, 1, 1, 0}},
+      {{{9, 7, 1, 0}, {9, 7, 2, 0}, {2, 7, 1, 0}, {9, 7, 1, 0}, {9, 7, 1, 0}},
        {1, 2, 3},
-       "!4/3 3 instances of row 1, column 1 in Section 1, aborting attempt to fillout data point grid\n"},
+       "!4/3 3 instances of row 7, column 1 in Section 9, aborting attempt to fillout data point grid\n"},
       {{{1, 1, 1, 0}, {2, 1, 1, 0}, {2, 2, 2000000000, 0}},
        {1, 2, 3},
        "!4/3 at record 3 Either Section, Row or Column is too large for Filling out the Grid of plots, "

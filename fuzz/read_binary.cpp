@@ -1,0 +1,12 @@
+// Binary data files of doubles between marks.
+#include "read_case.h"
+
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
+{
+  return tolvan::begin_with_case("dbl", argc, argv);
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t n)
+{
+  return tolvan::read_as_case("dbl", bytes, n);
+}

@@ -1,0 +1,12 @@
+// Comma-separated data files.
+#include "read_case.h"
+
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
+{
+  return tolvan::begin_with_case("csv", argc, argv);
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t n)
+{
+  return tolvan::read_as_case("csv", bytes, n);
+}
