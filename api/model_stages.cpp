@@ -108,7 +108,9 @@ void print_data_summary(ERROR_HANDLER& eh, CORE_DATA& core)
 
 void check_conformity(ERROR_HANDLER& eh, CORE_DATA& core)
 {
-  CHECK_AND_CONFORMITY(eh, core.factors, core.terms);
+  FORM_DESIGN_BASES(eh, core.options, core.request, core.datasets, core.variables, core.data, core.factors);
+  if (eh.terminate()) return;
+  CHECK_AND_CONFORMITY(eh, core.variables, core.data.records(), core.factors, core.terms);
 }
 
 /// Terms keep the order of the model; equations are ordered once the design stands.

@@ -1,5 +1,5 @@
 // The design: for each analysis record its response, weight and the equations present in it.
-// Routines: DMT_SETUP, DMT_ADD_ROWS, DMT_RESIZE_TO, AIDSGN, CHECK_AND_CONFORMITY.
+// Routines: DMT_SETUP, DMT_ADD_ROWS, DMT_RESIZE_TO, L_SORT_BY_TRAIT, FORM_DESIGN_BASES, AIDSGN, CHECK_AND_CONFORMITY.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +9,7 @@
 #include "api/error_handler.h"
 #include "api/fit_options.h"
 #include "data/data_store.h"
+#include "data/dataset.h"
 #include "data/variable_table.h"
 #include "model/factor_table.h"
 #include "model/term_table.h"
@@ -51,6 +52,17 @@ void DMT_ADD_ROWS(ERROR_HANDLER& eh, DESIGN_MTX& design, std::span<const std::in
 /// DMT_RESIZE_TO: gives back memory beyond the rows in use.
 void DMT_RESIZE_TO(ERROR_HANDLER& eh, DESIGN_MTX& design);
 
+/// FORM_DESIGN_BASES: finds what the design functions of the factor table need of the data as a whole: distinct values,
+/// ranges, knots, counts, rows of files.  One pass over the records, one more for each nesting of such functions.
+/// All records count, those without a response too.
+void FORM_DESIGN_BASES(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const JsonNode& request,
+                       const USER_DATASET_STORE& datasets, const VARIABLE_TABLE& variables, const DATA_STORE& store,
+                       FACTOR_TABLE& factors);
+
+/// L_SORT_BY_TRAIT: puts all rows of a trait behind those of the traits before it, in the order in which they were.
+///   mv   the first equation of mv, which number rows in their order; -1 without it
+void L_SORT_BY_TRAIT(ERROR_HANDLER& eh, std::int64_t traits, std::int64_t mv, DESIGN_MTX& design);
+
 /// AIDSGN: forms the design row of every record, treating missing responses and design values as the options
 /// say.
 ///   terms     first equations are set (SET_TERM_EQUATIONS); the mv term, last of all, gets its equation
@@ -59,7 +71,8 @@ void AIDSGN(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TABLE&
             const DATA_STORE& store, FACTOR_TABLE& factors, TERM_TABLE& terms, const MODEL_INFO& info,
             DESIGN_MTX& design);
 
-/// CHECK_AND_CONFORMITY: checks that factors joined by and() agree.
-void CHECK_AND_CONFORMITY(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_TABLE& terms);
+/// CHECK_AND_CONFORMITY: brings factors joined by and() to one size.
+void CHECK_AND_CONFORMITY(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::int64_t records, FACTOR_TABLE& factors,
+                          const TERM_TABLE& terms);
 
 }  // namespace tolvan

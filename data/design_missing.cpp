@@ -44,16 +44,24 @@ MissingTreatment missing_treatment(const FIT_OPTIONS& options)
   return slot > 0 ? MissingTreatment::include : slot < 0 ? MissingTreatment::remove : MissingTreatment::fail;
 }
 
-RecordFate fate_of_record(bool response_missing, std::int64_t missing, bool has_mv, MISSING_COUNTS& counts)
+void MISSING_VALUES::close_record(MISSING_COUNTS& counts)
+{
+  for (const std::size_t column : columns_) {
+    ++(met_[column] == Met::with_y ? counts.design_values : counts.design_without_y);
+    met_[column] = Met::no;
+  }
+  columns_.clear();
+}
+
+RecordFate fate_of_record(bool response_missing, bool missing, bool has_mv, MISSING_COUNTS& counts)
 {
   if (response_missing) ++counts.responses;
-  (response_missing ? counts.design_without_y : counts.design_values) += missing;
   // A record that its response drops anyway is counted there.
-  if (missing > 0 && counts.treatment == MissingTreatment::remove && (!response_missing || has_mv)) {
+  if (missing && counts.treatment == MissingTreatment::remove && (!response_missing || has_mv)) {
     ++counts.removed;
     return RecordFate::dropped;
   }
-  const bool annulled = missing > 0 && counts.treatment == MissingTreatment::fail;
+  const bool annulled = missing && counts.treatment == MissingTreatment::fail;
   if (!response_missing && !annulled) return RecordFate::kept;
   if (has_mv) return RecordFate::estimated;
   ++counts.dropped;
@@ -71,6 +79,13 @@ void REPORT_MISSING_VALUES(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const 
   }
   if (counts.dropped > 0) {
     eh.note(text(counts.dropped, " analysis records were dropped because the response variable was missing"));
+  }
+  if (counts.uneven) {
+    eh.warning("dropped records were not evenly distributed across the traits");
+    eh.continuation(
+        "this will miss-align the residuals to any multivariate R structure that might be fitted [");  // sic
+    eh.continuation(
+        "include the model term \"mv\" to restore the balance by estimating these missing values]");
   }
   if (counts.design_values + counts.design_without_y == 0) return;
   switch (counts.treatment) {
@@ -93,6 +108,12 @@ void REPORT_MISSING_VALUES(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const 
         eh.note(count_line(counts));
       }
       tell_of_missing_responses(eh, counts);
+      if (counts.removed > 0 && info.responses.size() > 1) {
+        eh.warning(
+            "it is not safe to remove missing values with a multivariate analysis because the residual structure "
+            "(units.Traits) may be destroyed");
+        eh.continuation("whole data records should be deleted instead");
+      }
       return;
     case MissingTreatment::fail:
       eh.note(count_line(counts));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "api/error_handler.h"
 #include "api/fit_options.h"
@@ -15,10 +16,11 @@ enum class MissingTreatment { fail, include, remove };
 struct MISSING_COUNTS {
   MissingTreatment treatment = MissingTreatment::fail;
   std::int64_t responses = 0;         // missing as they came
-  std::int64_t dropped = 0;           // records dropped for their response, annulled ones included
-  std::int64_t removed = 0;           // records left out for their design values
-  std::int64_t design_values = 0;     // missing design values of records with a response
-  std::int64_t design_without_y = 0;  // missing design values of records without one
+  std::int64_t dropped = 0;           // analysis records dropped for their response, annulled ones included
+  std::int64_t removed = 0;           // analysis records left out for their design values
+  std::int64_t design_values = 0;     // missing design values of data records with a response
+  std::int64_t design_without_y = 0;  // missing design values of data records without any
+  bool uneven = false;                // some data record lost some of its traits and kept others
 };
 
 /// What becomes of a record: part of the analysis, with its response estimated by mv, or no part of it.
@@ -26,9 +28,27 @@ enum class RecordFate { kept, estimated, dropped };
 
 MissingTreatment missing_treatment(const FIT_OPTIONS& options);
 
-/// Decides about one record and counts it.
-///   missing   design values that the record lacks
-RecordFate fate_of_record(bool response_missing, std::int64_t missing, bool has_mv, MISSING_COUNTS& counts);
+/// Decides about one analysis record and counts it.
+///   missing   it lacks a design value
+RecordFate fate_of_record(bool response_missing, bool missing, bool has_mv, MISSING_COUNTS& counts);
+
+/// Counts each missing design value of a data record once, whichever traits it concerns: with the responses if one of
+/// these traits has its response.
+class MISSING_VALUES {
+ public:
+  explicit MISSING_VALUES(std::int64_t columns) : met_(static_cast<std::size_t>(columns), Met::no) {}
+  void note(std::size_t column, bool response_missing)
+  {
+    if (met_[column] == Met::no) columns_.push_back(column);
+    if (met_[column] != Met::with_y) met_[column] = response_missing ? Met::without_y : Met::with_y;
+  }
+  void close_record(MISSING_COUNTS& counts);
+
+ private:
+  enum class Met : std::uint8_t { no, without_y, with_y };
+  std::vector<Met> met_;              // by column, in this record
+  std::vector<std::size_t> columns_;  // those met
+};
 
 /// REPORT_MISSING_VALUES: tells how missing values were treated, and fails where the options or the family
 /// say so.

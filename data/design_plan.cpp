@@ -4,143 +4,245 @@
 #include <limits>
 
 #include "base/text.h"
+#include "data/polynomial_basis.h"
 
 namespace tolvan {
 
 namespace {
 
+using Shape = DESIGN_COMPONENT::Shape;
+
 constexpr std::int64_t most_equations = std::numeric_limits<std::int32_t>::max();
 
-/// The row that a factor's data come from: copies made for interactions lead to their source.
-const FACTOR_ROW* data_row(const FACTOR_TABLE& factors, std::int64_t row)
+/// What the routines below read, and the plan that they fill.
+struct Planner {
+  const VARIABLE_TABLE& variables;
+  const FACTOR_TABLE& factors;
+  DESIGN_PLAN& plan;
+};
+
+/// L_NEED_BASIS: complains when the data were not searched for what a function needs.
+void L_NEED_BASIS(ERROR_HANDLER& eh, const FACTOR_ROW& factor)
 {
-  for (std::int64_t steps = 0; steps <= factors.count(); ++steps) {
-    if (row < 1 || row > factors.count()) return nullptr;
-    const FACTOR_ROW& factor = factors.row(row);
-    if (factor.variable != 0 || factor.reserved != Reserved::none) return &factor;
-    row = factor.source;
+  const Frame here{eh, __func__};
+  if (factor.basis != nullptr) return;
+  eh.internal(text("issue forming the design matrix (", factor.name, "), its values are not known"));
+}
+
+/// The source of a component, read as a number or as a level.
+std::int32_t source_of(ERROR_HANDLER& eh, Planner& p, std::int64_t row, bool as_number)
+{
+  return L_ADD_SOURCE(eh, p.variables, p.factors, row, as_number, p.plan.sources);
+}
+
+/// L_PLAN_MEMBERS: a group of variables.
+void L_PLAN_MEMBERS(ERROR_HANDLER& eh, Planner& p, const FACTOR_ROW& factor, DESIGN_COMPONENT& component)
+{
+  const Frame here{eh, __func__};
+  for (const double member : factor.arguments) {
+    const auto row = static_cast<std::int64_t>(member);
+    component.members.push_back(source_of(eh, p, row, false));
+    if (eh.terminate()) return;
+    component.shape = p.factors.row(row).is_factor ? Shape::overlaid : Shape::side_by_side;
   }
-  return nullptr;
+  component.most = std::ssize(component.members);
 }
 
 /// L_PLAN_COMPONENT: one factor row of a term.
-void L_PLAN_COMPONENT(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_ROW& term, std::int64_t row,
-                      DESIGN_COMPONENT& component)
+void L_PLAN_COMPONENT(ERROR_HANDLER& eh, Planner& p, const TERM_ROW& term, std::int64_t row, DESIGN_COMPONENT& component)
 {
   const Frame here{eh, __func__};
-  const FACTOR_ROW* data = data_row(factors, row);
-  if (data == nullptr) {
+  if (row < 1 || row > p.factors.count()) {
     eh.internal(text("issue forming the design matrix (", term.name, "), factor ", row, " has no data"));
     return;
   }
-  const FACTOR_ROW& factor = factors.row(row);
+  const FACTOR_ROW& factor = p.factors.row(p.factors.original(row));
   component.name = factor.shown();
-  component.levels = factor.is_factor ? factor.levels : 1;
-  if (factor.kind != 0 || data->kind != 0 || data->reserved == Reserved::trait ||
-      data->reserved == Reserved::mv) {
-    eh.not_implemented(
-        text("the design of ", component.name, " in model term ", term.name, " is not implemented"));
-    return;
-  }
-  switch (data->reserved) {
-    case Reserved::mu:
-      component.reads = DESIGN_COMPONENT::Reads::one;
-      component.levels = 1;
+  component.levels = p.factors.row(row).levels;
+  const DesignKind kind = factor.design_kind();
+  bool as_number = true;
+  switch (kind) {
+    case DesignKind::con:
+      component.shape = Shape::contrast;
+      component.most = component.levels;
+      as_number = false;
+      break;
+    case DesignKind::pol:
+    case DesignKind::leg: {
+      component.shape = kind == DesignKind::pol ? Shape::polynomial : Shape::legendre;
+      const DegreeRange range = degree_range(static_cast<std::int64_t>(factor.arguments.at(0)));
+      component.first_degree = range.first;
+      component.degrees = range.first + range.columns;
+      component.most = component.degrees;
+      break;
+    }
+    case DesignKind::spl:
+    case DesignKind::bis:
+      component.shape = kind == DesignKind::spl ? Shape::spline : Shape::bisquare;
+      component.most = component.levels;
+      break;
+    case DesignKind::mbf:
+      component.shape = Shape::file_row;
+      component.by_level = p.factors.row(factor.source).is_factor;
+      component.most = component.levels;
+      as_number = false;
+      break;
+    case DesignKind::vec:
+      L_PLAN_MEMBERS(eh, p, factor, component);
       return;
-    case Reserved::units:
-      component.reads = DESIGN_COMPONENT::Reads::record_number;
-      component.levels = factor.levels;
+    case DesignKind::zero:
+      component.shape = Shape::nothing;
       return;
+    case DesignKind::joined: {
+      const std::int64_t levels = component.levels;
+      L_PLAN_COMPONENT(eh, p, term, factor.source, component);
+      component.times *= factor.arguments.at(0);
+      component.levels = levels;
+      return;
+    }
     default:
-      component.reads = factor.is_factor ? DESIGN_COMPONENT::Reads::level : DESIGN_COMPONENT::Reads::value;
-      component.column = static_cast<std::size_t>(data->variable - 1);
+      if (!is_scalar(p.factors, row)) {
+        eh.not_implemented(text("the design of ", component.name, " in model term ", term.name, " is not implemented"));
+        return;
+      }
+      component.shape = factor.is_factor ? Shape::level : Shape::value;
+      component.condition = is_comparison(kind);
+      component.source = source_of(eh, p, row, !factor.is_factor);
+      return;
   }
+  L_NEED_BASIS(eh, factor);
+  if (eh.terminate()) return;
+  component.basis = factor.basis.get();
+  component.source = source_of(eh, p, factor.source, as_number);
+}
+
+/// The columns where a missing value counts, apart for a term with conditions.
+void note_columns(const DESIGN_TERM& term, DESIGN_PLAN& plan)
+{
+  CONDITIONAL_COLUMNS under;
+  for (const DESIGN_COMPONENT& component : term.components)
+    if (component.condition) under.conditions.push_back(component.source);
+  for (const DESIGN_COMPONENT& component : term.components) {
+    const bool always = component.condition || under.conditions.empty();
+    std::vector<std::size_t>& columns = always ? plan.design_columns : under.columns;
+    if (component.source >= 0) columns_of_source(plan.sources, component.source, columns);
+    for (const std::int32_t member : component.members) columns_of_source(plan.sources, member, columns);
+  }
+  if (!under.columns.empty()) plan.conditional.push_back(std::move(under));
 }
 
 /// L_PLAN_TERM: the components of a term, whose level counts must multiply to its equations.
-void L_PLAN_TERM(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_ROW& term, DESIGN_PLAN& plan)
+void L_PLAN_TERM(ERROR_HANDLER& eh, Planner& p, const TERM_ROW& term, std::int64_t joined_equations)
 {
   const Frame here{eh, __func__};
   DESIGN_TERM planned;
   planned.name = term.name;
   planned.first = term.first;
-  std::int64_t equations = 1;
+  planned.joins = joined_equations > 0;
+  std::int64_t equations = 1, pairs = 1;
   const auto [from, to] = term.components();
   for (std::int64_t row = from; row <= to; ++row) {
     DESIGN_COMPONENT component;
-    L_PLAN_COMPONENT(eh, factors, term, row, component);
+    L_PLAN_COMPONENT(eh, p, term, row, component);
     if (eh.terminate()) return;
     if (__builtin_mul_overflow(equations, component.levels, &equations)) {
       eh.error(text("model term ", term.name, " has too many equations"));
       return;
     }
-    using Reads = DESIGN_COMPONENT::Reads;
-    if (component.reads == Reads::level || component.reads == Reads::value) {
-      plan.design_columns.push_back(component.column);
-    }
+    pairs = std::min(pairs * component.most, most_equations);
     planned.components.push_back(std::move(component));
   }
-  if (equations != term.equations) {
-    eh.internal(text("issue forming the design matrix (", term.name, "), ", term.equations,
-                     " equations were set up, ", equations, " are needed"));
+  const std::int64_t set_up = planned.joins ? joined_equations : term.equations;
+  if (equations != set_up) {
+    eh.internal(text("issue forming the design matrix (", term.name, "), ", set_up, " equations were set up, ", equations,
+                     " are needed"));
     return;
   }
-  plan.terms.push_back(std::move(planned));
+  planned.single = pairs == 1;
+  p.plan.elements += pairs;
+  p.plan.most_pairs = std::max(p.plan.most_pairs, pairs);
+  note_columns(planned, p.plan);
+  p.plan.terms.push_back(std::move(planned));
 }
 
 /// L_FIND_COLUMN: the column of the data store behind the response or the weights.
 void L_FIND_COLUMN(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, std::int64_t row, std::size_t& column)
 {
   const Frame here{eh, __func__};
-  const FACTOR_ROW* data = data_row(factors, row);
-  if (data == nullptr || data->variable == 0) {
+  const bool is_row = row >= 1 && row <= factors.count();
+  const std::int64_t variable = is_row ? factors.row(factors.original(row)).variable : 0;
+  if (variable == 0) {
     eh.internal(text("issue forming the design matrix (factor ", row, "), it is no variable of the data"));
     return;
   }
-  column = static_cast<std::size_t>(data->variable - 1);
+  column = static_cast<std::size_t>(variable - 1);
+}
+
+/// True if the residual's product has the trait before the records.
+bool trait_comes_first(const FACTOR_TABLE& factors, const TERM_TABLE& terms)
+{
+  for (const TERM_ROW& term : terms.rows) {
+    if (term.block != Block::residual || term.code < 1) continue;
+    const auto [from, to] = term.components();
+    for (std::int64_t row = from; row <= to && row <= factors.count(); ++row) {
+      const FACTOR_ROW& factor = factors.row(factors.original(row));
+      if (factor.design_kind() == DesignKind::sat) continue;
+      return factor.reserved == Reserved::trait && row < to;
+    }
+  }
+  return false;
+}
+
+template <class T>
+void sort_unique(std::vector<T>& list)
+{
+  std::sort(list.begin(), list.end());
+  list.erase(std::unique(list.begin(), list.end()), list.end());
 }
 
 }  // namespace
 
-void L_PLAN_DESIGN(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, TERM_TABLE& terms, const MODEL_INFO& info,
-                   DESIGN_PLAN& plan)
+void L_PLAN_DESIGN(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, TERM_TABLE& terms,
+                   const MODEL_INFO& info, DESIGN_PLAN& plan)
 {
   const Frame here{eh, __func__};
-  if (info.responses.size() != 1) {
-    if (info.responses.empty()) {
-      eh.internal("issue forming the design matrix (response), there is none");
-    } else {
-      eh.not_implemented("models with several response variables are not implemented");
-    }
+  if (info.responses.empty()) {
+    eh.internal("issue forming the design matrix (response), there is none");
     return;
   }
   if (terms.equations > most_equations) {
-    eh.error(
-        text("the model has ", terms.equations, " equations, at most ", most_equations, " are possible"));
+    eh.error(text("the model has ", terms.equations, " equations, at most ", most_equations, " are possible"));
     return;
   }
-  L_FIND_COLUMN(eh, factors, info.responses.front(), plan.response);
-  if (eh.terminate()) return;
+  for (const std::int64_t response : info.responses) {
+    plan.responses.push_back(0);
+    L_FIND_COLUMN(eh, factors, response, plan.responses.back());
+    if (eh.terminate()) return;
+  }
+  plan.trait_slow = info.responses.size() > 1 && trait_comes_first(factors, terms);
   plan.weighted = info.weights != 0;
   if (plan.weighted) {
     L_FIND_COLUMN(eh, factors, info.weights, plan.weight);
     if (eh.terminate()) return;
     plan.design_columns.push_back(plan.weight);
   }
+  Planner planner{.variables = variables, .factors = factors, .plan = plan};
+  std::int64_t before = 0;  // equations of the last term that has its own
   for (TERM_ROW& term : terms.rows) {
     if (term.dropped || !has_equations(term)) continue;
     if (term.is_mv) {
       plan.mv = &term;
       continue;
     }
-    L_PLAN_TERM(eh, factors, term, plan);
+    if (!term.joins) before = term.equations;
+    L_PLAN_TERM(eh, planner, term, term.joins ? before : 0);
     if (eh.terminate()) return;
   }
-  std::sort(plan.terms.begin(), plan.terms.end(),
-            [](const DESIGN_TERM& a, const DESIGN_TERM& b) { return a.first < b.first; });
-  std::sort(plan.design_columns.begin(), plan.design_columns.end());
-  plan.design_columns.erase(std::unique(plan.design_columns.begin(), plan.design_columns.end()),
-                            plan.design_columns.end());
+  // Terms that join others stay behind them.
+  std::stable_sort(plan.terms.begin(), plan.terms.end(),
+                   [](const DESIGN_TERM& a, const DESIGN_TERM& b) { return a.first < b.first; });
+  sort_unique(plan.design_columns);
+  for (CONDITIONAL_COLUMNS& under : plan.conditional) sort_unique(under.columns);
   if (plan.mv == nullptr) return;
   for (const TERM_ROW& term : terms.rows) {
     if (&term == plan.mv || term.dropped || term.first + term.equations <= plan.mv->first) continue;

@@ -23,7 +23,7 @@ namespace tolvan {
 ///   dev    dev(x)                                     distinct x   as fac(x)
 ///   joined and(f,t)      t                            none         t times f, onto the equations of the term before
 ///   leg    leg(x,t)      t                            t + 1, |t|   normalised Legendre polynomials on the range of x
-///   sat    sat(f,l)      l                            none         a section of the residual
+///   sat    sat(f,l)      l                            none         a section of the residual; at(f,l) there too
 ///   mbf    by definition                              columns      the row that a file holds for the level of f
 ///   pow    pow(x,p,o)    p, o                         1            (x + o)^p
 ///   bis                  number of knots              knots        bisquare functions around equally spaced knots
@@ -32,7 +32,7 @@ namespace tolvan {
 ///   sin, cos             period (0: 6.283185308)      1            sin, cos(6.283185308 x / period)
 ///   sqr, exp, inv, log, abs                           1            square root, exponential, 1 / x, natural logarithm, |x|
 ///   agt, alt, hs, le, lt, ge, gt, at                               1 where x > c, x < c, ... else 0; hs is ge
-///                        c                            1            (at: f is at level c)
+///                        c                            1            (at: x is c)
 ///   zero   zero(k)       k                            k            none
 enum class DesignKind : std::int64_t {
   none = 0,  // a plain variable or a reserved factor
@@ -43,5 +43,20 @@ enum class DesignKind : std::int64_t {
   hs = 42, le = 43, lt = 44, ge = 45, gt = 46, at = 47, at_sign = 48,
   zero = 49,
 };
+
+/// True if one number or one level says all of such a row's design in a record.
+constexpr bool is_scalar(DesignKind kind)
+{
+  switch (kind) {
+    case DesignKind::none: case DesignKind::lin: case DesignKind::fac: case DesignKind::uni: case DesignKind::dev:
+    case DesignKind::sin: case DesignKind::cos: case DesignKind::sqr: case DesignKind::exp: case DesignKind::inv:
+    case DesignKind::log: case DesignKind::agt: case DesignKind::alt: case DesignKind::pow: case DesignKind::abs:
+    case DesignKind::hs: case DesignKind::le: case DesignKind::lt: case DesignKind::ge: case DesignKind::gt:
+    case DesignKind::at: case DesignKind::at_sign:
+      return true;
+    default:
+      return false;
+  }
+}
 
 }  // namespace tolvan

@@ -2,8 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "model/design_basis.h"
+#include "model/design_kinds.h"
 
 namespace tolvan {
 
@@ -16,7 +20,7 @@ enum class Reserved { none, mu, units, trait, mv };
 
 struct FACTOR_ROW {
   std::string name = {};
-  std::int64_t kind = 0;  // design function, 0 for a plain variable; positions of the list in design_kinds.h
+  std::int64_t kind = 0;  // design function, 0 for a plain variable; a DesignKind, whose table tells what the row holds
   std::int64_t source = 0;    // row from which it derives (a copy for an interaction included), 0 for none
   bool copy = false;          // a copy of its source, for an interaction or to carry a structure: same design, same levels
   std::int64_t variable = 0;  // variable whose column it reads, from 1; 0 for a reserved factor
@@ -34,6 +38,10 @@ struct FACTOR_ROW {
   std::vector<double> dist = {};      // coordinates of the levels handed to it, empty for none
   std::string matrix = {};            // source named in vm(), ide() or ric(): a known matrix, its file or dataset
 
+  std::int64_t least_levels = 0;      // levels to have at least, so that factors joined by and() agree
+  std::shared_ptr<const DESIGN_BASIS> basis = {};  // what the data tell of a design function; null in a copy
+
+  DesignKind design_kind() const { return static_cast<DesignKind>(kind); }
   const std::string& shown() const { return user_facing_name.empty() ? name : user_facing_name; }
 };
 
@@ -42,6 +50,12 @@ struct FACTOR_TABLE {
   std::int64_t count() const { return static_cast<std::int64_t>(rows.size()); }
   FACTOR_ROW& row(std::int64_t i) { return rows[static_cast<std::size_t>(i - 1)]; }
   const FACTOR_ROW& row(std::int64_t i) const { return rows[static_cast<std::size_t>(i - 1)]; }
+  /// The row that a copy repeats; the row itself if it is none.
+  std::int64_t original(std::int64_t i) const
+  {
+    while (row(i).copy) i = row(i).source;
+    return i;
+  }
 };
 
 }  // namespace tolvan

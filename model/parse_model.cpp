@@ -232,7 +232,9 @@ void L_READ_TERMS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& model
   parser.info.residual = model.find("residual");
   if (parser.info.residual != nullptr && parser.info.residual->is(JsonType::null)) parser.info.residual = nullptr;
   if (parser.info.residual != nullptr) PARSE_RESIDUAL_FROM_JPTR(eh, parser, *parser.info.residual);
-  if (eh.terminate() || !parser.info.has_mv) return;
+  if (eh.terminate()) return;
+  mark_joining_terms(parser.factors, parser.terms);
+  if (!parser.info.has_mv) return;
   parser.terms.rows.push_back({.code = static_cast<std::int32_t>(parser.mv),
                                .block = Block::sparse,
                                .name = "mv_estimates",

@@ -1,6 +1,7 @@
-// Equations and level names of the terms: SET_TERM_EQUATIONS, level_name.
+// Level counts and equations of the terms: SET_FACTOR_LEVELS, SET_TERM_EQUATIONS.
 #include "model/term_table.h"
 
+#include <algorithm>
 #include <limits>
 
 #include "base/text.h"
@@ -8,6 +9,44 @@
 namespace tolvan {
 
 namespace {
+
+/// The level count of a factor row that is no copy, from what is known of it so far.
+std::int64_t levels_of(const VARIABLE_TABLE& variables, std::int64_t records, std::int64_t missing,
+                       const FACTOR_TABLE& factors, const FACTOR_ROW& factor)
+{
+  switch (factor.reserved) {
+    case Reserved::units:
+      return records;
+    case Reserved::mv:
+      return missing;
+    case Reserved::mu:
+    case Reserved::trait:
+      return factor.levels;
+    case Reserved::none:
+      break;
+  }
+  switch (factor.design_kind()) {
+    case DesignKind::none:
+      return factor.variable > 0 && factor.is_factor ? variables.row(factor.variable).levels : factor.levels;
+    case DesignKind::con:
+    case DesignKind::joined: {
+      const std::int64_t source = factors.row(factor.source).levels;
+      return factor.design_kind() == DesignKind::joined ? source : std::max<std::int64_t>(source - 1, 0);
+    }
+    case DesignKind::vec: {
+      std::int64_t most = 0;
+      bool is_factor = false;
+      for (const double member : factor.arguments) {
+        const FACTOR_ROW& row = factors.row(static_cast<std::int64_t>(member));
+        is_factor = is_factor || row.is_factor;
+        most = std::max(most, row.levels);
+      }
+      return is_factor ? most : std::ssize(factor.arguments);
+    }
+    default:
+      return factor.basis != nullptr ? factor.basis->columns : factor.levels;
+  }
+}
 
 /// True for the structures whose factors are further levels behind those of the data.
 bool extends_levels(const FACTOR_ROW& factor)
@@ -48,29 +87,47 @@ void L_CHECK_LINKED(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_T
 
 }  // namespace
 
+void mark_joining_terms(const FACTOR_TABLE& factors, TERM_TABLE& terms)
+{
+  for (TERM_ROW& term : terms.rows) {
+    const auto [from, to] = term.components();
+    for (std::int64_t i = from; i >= 1 && i <= to && i <= factors.count(); ++i)
+      if (factors.row(factors.original(i)).design_kind() == DesignKind::joined) term.joins = true;
+  }
+}
+
+void SET_FACTOR_LEVELS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::int64_t records, std::int64_t missing,
+                       FACTOR_TABLE& factors)
+{
+  const Frame here{eh, __func__};
+  for (FACTOR_ROW& factor : factors.rows) {  // a row comes behind those from which it derives
+    if (!factor.copy) {
+      factor.levels = std::max(levels_of(variables, records, missing, factors, factor), factor.least_levels);
+      continue;
+    }
+    factor.levels = factors.row(factor.source).levels;
+    if (extends_levels(factor) && __builtin_add_overflow(factor.levels, factor.order, &factor.levels))
+      factor.levels = std::numeric_limits<std::int64_t>::max();
+  }
+}
+
 void SET_TERM_EQUATIONS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::int64_t records,
                         std::int64_t missing, FACTOR_TABLE& factors, TERM_TABLE& terms)
 {
   const Frame here{eh, __func__};
-  for (FACTOR_ROW& factor : factors.rows) {
-    if (factor.copy) {  // of a row before it
-      factor.levels = factors.row(factor.source).levels;
-      if (extends_levels(factor) && __builtin_add_overflow(factor.levels, factor.order, &factor.levels))
-        factor.levels = std::numeric_limits<std::int64_t>::max();
-    } else if (factor.reserved == Reserved::units) {
-      factor.levels = records;
-    } else if (factor.reserved == Reserved::mv) {
-      factor.levels = missing;
-    } else if (factor.variable > 0 && factor.is_factor && factor.kind == 0) {
-      factor.levels = variables.row(factor.variable).levels;
-    }
-  }
+  SET_FACTOR_LEVELS(eh, variables, records, missing, factors);
   constexpr std::int64_t most_equations = std::numeric_limits<std::int32_t>::max();
   terms.equations = terms.fixed_equations = 0;
+  std::int64_t before = 0;  // the first equation of the last term that has its own
   for (TERM_ROW& term : terms.rows) {
     term.first = terms.equations;
     term.equations = 0;
     if (!has_equations(term)) continue;
+    if (term.joins) {
+      term.first = before;
+      continue;
+    }
+    before = term.first;
     const auto [from, to] = term.components();
     const std::int64_t n = product_of_levels(factors, from, to);
     if (n > most_equations - terms.equations) {
@@ -83,28 +140,6 @@ void SET_TERM_EQUATIONS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std:
     if (term.block == Block::fixed) terms.fixed_equations += n;
   }
   L_CHECK_LINKED(eh, factors, terms);
-}
-
-std::string level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
-                       const TERM_ROW& term, std::int64_t level)
-{
-  // Mixed radix: the last component runs fastest.  Components are taken from the last to the first.
-  const auto [from, to] = term.components();
-  std::int64_t rest = level - 1;
-  std::string name;
-  for (std::int64_t i = to; i >= from; --i) {
-    const FACTOR_ROW& factor = factors.row(i);
-    const std::int64_t n = factor.levels > 0 ? factor.levels : 1;
-    const std::int64_t own = rest % n + 1;
-    rest /= n;
-    if (!factor.is_factor) continue;
-    const FACTOR_ROW& told = factor.copy ? factors.row(factor.source) : factor;
-    const std::string label = own <= std::ssize(told.labels)                  ? told.labels[static_cast<std::size_t>(own - 1)]
-                              : factor.variable > 0 && factor.kind == 0 ? GET_LEVEL_NAME(eh, variables.row(factor.variable), own)
-                                                                        : text(own);
-    name = name.empty() ? label : text(label, ".", name);
-  }
-  return name.empty() ? text(level) : name;
 }
 
 }  // namespace tolvan

@@ -1,5 +1,6 @@
 // The term table and what the model statement says beside it.
-// Routines: NEW_PARSE_LINEAR_MODEL, COMPLETE_LINEAR_MODEL, SET_TERM_EQUATIONS, CHECK_FOR_INTERACTION_NO_MAIN.
+// Routines: NEW_PARSE_LINEAR_MODEL, COMPLETE_LINEAR_MODEL, SET_FACTOR_LEVELS, SET_TERM_EQUATIONS,
+// CHECK_FOR_INTERACTION_NO_MAIN.
 #pragma once
 
 #include <cstdint>
@@ -27,6 +28,7 @@ struct TERM_ROW {
   std::string name = {};  // as shown in tables: "block:wplot", "idv(a)"; mv is "mv_estimates"
   bool dropped = false;
   bool is_mv = false;
+  bool joins = false;  // holds and(): its design is added to the equations of the nearest term before it that has its own
   std::int64_t linked_head = -1;  // index of the first term of its linked group, whose structure it shares; -1: not linked
   std::int64_t structure_first = 0, structure_last = 0;  // factor rows of the structure where it has its own, str(); else 0
   std::int64_t condition = 0;  // of a residual section: the factor row of at() or sat() that tells its records; 0: all records
@@ -82,6 +84,14 @@ void NEW_PARSE_LINEAR_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communicatio
 void COMPLETE_LINEAR_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communication, const JsonNode& request,
                            const VARIABLE_TABLE& variables, FACTOR_TABLE& factors, TERM_TABLE& terms,
                            MODEL_INFO& info);
+
+/// Marks the terms with and(), whose design is added to that of others.
+void mark_joining_terms(const FACTOR_TABLE& factors, TERM_TABLE& terms);
+
+/// SET_FACTOR_LEVELS: brings the level counts of all factor rows up to what variables and bases of design functions tell.
+///   records   data records, the levels of units;  missing   retained missing responses, the levels of mv
+void SET_FACTOR_LEVELS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::int64_t records, std::int64_t missing,
+                       FACTOR_TABLE& factors);
 
 /// SET_TERM_EQUATIONS: takes the level counts over from the variables, and copies from their sources, and numbers the
 /// equations of every term.

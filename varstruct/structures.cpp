@@ -137,7 +137,7 @@ void SETSTR(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const FACTOR_TABLE& f
 
   for (std::size_t i = 0; i < terms.rows.size(); ++i) {
     const TERM_ROW& term = terms.rows[i];
-    if (term.block != Block::random || term.dropped || term.is_mv) continue;
+    if (term.block != Block::random || term.dropped || term.is_mv || term.joins) continue;
     TERM_STRUCTURE structure;
     structure.term = static_cast<std::int64_t>(i);
     structure.first_row = static_cast<std::int64_t>(model.rows.size());

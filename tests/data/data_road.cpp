@@ -43,6 +43,10 @@ bool DataRoad::read(std::string_view json)
 bool DataRoad::form(std::string_view json)
 {
   if (!read(json)) return false;
+  FORM_DESIGN_BASES(eh, options, *request, datasets, variables, store, factors);
+  if (eh.terminate()) return false;
+  CHECK_AND_CONFORMITY(eh, variables, store.records(), factors, terms);
+  if (eh.terminate()) return false;
   SET_TERM_EQUATIONS(eh, variables, store.records(), 0, factors, terms);
   if (eh.terminate()) return false;
   AIDSGN(eh, options, variables, store, factors, terms, info, design);
