@@ -227,6 +227,11 @@ void check_tables(const FACTOR_TABLE& factors, const TERM_TABLE& terms, const st
       ASSERT_EQ(t.equations, 0) << t.name;
       continue;
     }
+    if (t.joins) {  // and(): onto the equations of the term before it
+      ASSERT_EQ(t.equations, 0) << t.name << " of " << model;
+      ASSERT_TRUE(t.first <= equations) << t.name << " of " << model;
+      continue;
+    }
     ASSERT_EQ(t.first, equations) << t.name << " of " << model;
     ASSERT_EQ(t.equations, product) << t.name << " of " << model;
     ASSERT_EQ(t.structure_first > 0, t.linked_head >= 0) << t.name;
