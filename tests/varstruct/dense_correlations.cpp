@@ -114,9 +114,9 @@ Matrix by_pair(const COORDINATES& at, std::int64_t n, const std::function<double
 {
   Matrix r(n);
   for (std::int64_t i = 0; i < n; ++i) {
-    for (std::int64_t j = 0; j < n; ++j) {
+    for (std::int64_t j = 0; j <= i; ++j) {
       const auto a = static_cast<std::size_t>(i), b = static_cast<std::size_t>(j);
-      r(i, j) = i == j ? 1.0 : value(at.x[a] - at.x[b], at.y.empty() ? 0.0 : at.y[a] - at.y[b]);
+      r(i, j) = r(j, i) = i == j ? 1.0 : value(at.x[a] - at.x[b], at.y.empty() ? 0.0 : at.y[a] - at.y[b]);
     }
   }
   return r;
