@@ -8,6 +8,7 @@
 #include "base/packed.h"
 #include "base/text.h"
 #include "varstruct/covariance_models.h"
+#include "varstruct/dense_matrix.h"
 #include "varstruct/rescale_factors.h"
 
 namespace tolvan {
@@ -90,11 +91,9 @@ bool ANTEDEPENDENCE::factorise(const PackedLower<VARIANCE_PARAMETER>& theta)
     }
   }
   dsyrk('L', 'N', n, n, 1.0, scaled_.data(), n, 0.0, v_.data(), n);
-  for (std::int64_t j = 0; j < n; ++j) {
+  for (std::int64_t j = 0; j < n; ++j)
     if (!std::isfinite(v_[static_cast<std::size_t>(j + j * n)])) return false;
-    for (std::int64_t i = j + 1; i < n; ++i)
-      v_[static_cast<std::size_t>(j + i * n)] = v_[static_cast<std::size_t>(i + j * n)];
-  }
+  mirror_lower(v_.data(), n, n);
   return true;
 }
 

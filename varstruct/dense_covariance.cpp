@@ -7,6 +7,7 @@
 
 #include "base/lapack.h"
 #include "base/memory.h"
+#include "varstruct/dense_matrix.h"
 
 namespace tolvan {
 
@@ -54,15 +55,6 @@ bool DENSE_COVARIANCE::make_room(ERROR_HANDLER& eh, std::int64_t n, std::int64_t
   return true;
 }
 
-/// The upper triangle from the lower one.
-void DENSE_COVARIANCE::mirror()
-{
-  const auto n = static_cast<std::size_t>(inverse_.n);
-  for (std::size_t j = 0; j < n; ++j) {
-    for (std::size_t i = j + 1; i < n; ++i) ri_[j + i * n] = ri_[i + j * n];
-  }
-}
-
 std::int64_t DENSE_COVARIANCE::invert(double tolerance)
 {
   std::copy(r_.begin(), r_.end(), ri_.begin());
@@ -84,7 +76,7 @@ std::int64_t DENSE_COVARIANCE::invert_factor()
     log_determinant_ += 2.0 * std::log(c);
   }
   const std::int64_t failed = dpotri('L', n(), ri_.data(), n());
-  if (failed == 0) mirror();
+  if (failed == 0) mirror_lower(ri_.data(), n(), n());
   return failed;
 }
 

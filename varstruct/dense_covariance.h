@@ -54,7 +54,6 @@ class DENSE_COVARIANCE : public COMPONENT_MATRIX {
 
  private:
   void add_traces(const double* m, const double* mw, const double* t, double* out) const;
-  void mirror();
 
   std::int64_t columns_ = 0;
   std::vector<double> riw_;                 // R^-1 W

@@ -9,6 +9,8 @@
 #include "base/text.h"
 #include "varstruct/covariance_models.h"
 #include "varstruct/dense_covariance.h"
+#include "varstruct/dense_matrix.h"
+#include "varstruct/form_row.h"
 
 namespace tolvan {
 
@@ -18,7 +20,6 @@ constexpr std::int64_t on_correlations = 10;  // model codes; the other one is 1
 constexpr double least_specific = 1e-8;       // of a variance up to 1, by loadings; for larger ones absolute
 constexpr double communality_limit = 0.999;
 constexpr double communality_target = wide(0.999F);
-constexpr double least_variance = 1e-18;
 
 class FACTOR_ANALYTIC : public DENSE_COVARIANCE {
  public:
@@ -72,10 +73,7 @@ void FACTOR_ANALYTIC::K4MVFA(FORM_CONTEXT& context, std::int64_t factors)
         communality = communality_target;
       }
       specific = std::max(1.0 - communality, least_specific);
-      if (last.value < least_variance) {
-        last.value = least_variance;
-        last.constraint = Constraint::P;
-      }
+      floor_variance(last);
       d_[static_cast<std::size_t>(i)] = std::sqrt(last.value);
     } else {
       const double least = least_specific * (communality > 0.0 ? std::min(1.0, communality) : 1.0);
@@ -91,9 +89,7 @@ void FACTOR_ANALYTIC::K4MVFA(FORM_CONTEXT& context, std::int64_t factors)
   // R = W W' + the specifics, which are on the diagonal by now
   for (std::int64_t j = 0; j < levels; ++j) std::fill(&r(j, j) + 1, r_.data() + (j + 1) * levels, 0.0);
   if (factors > 0) dsyrk('L', 'N', levels, factors, 1.0, w_.data(), levels, 1.0, r_.data(), levels);
-  for (std::int64_t j = 0; j < levels; ++j) {
-    for (std::int64_t i = j + 1; i < levels; ++i) r(j, i) = r(i, j);
-  }
+  mirror_lower(r_.data(), levels, levels);
 
   std::size_t k = 0;
   for (std::int64_t j = 0; j < factors; ++j) {

@@ -16,12 +16,14 @@ constexpr std::int64_t not_a_number = 999;
 constexpr std::int64_t residual_is_zero = 280;
 constexpr std::int64_t residual_is_negative = 2130;
 constexpr std::int64_t structure_failed = 1000;  // plus the model's code
+constexpr std::int64_t own_program_failed = 4;
 constexpr int step_downs = 20;                   // of one row in one evaluation
 
 /// L_ROW_FAULT: the words for a row that could not be formed; gives the fault.
 std::int64_t L_ROW_FAULT(ERROR_HANDLER& eh, const STRUCTURE_ROW& row, const std::string& name, Formed answer)
 {
   const Frame here{eh, __func__};
+  if (row.own >= 0 && eh.terminate()) return own_program_failed;
   const std::int64_t fault = structure_failed + std::max<std::int64_t>(row.model, 0);
   if (answer == Formed::zero_variance || eh.terminate()) return fault;
   const char* words = row.model < 6    ? "Correlation structure is not positive definite"

@@ -8,6 +8,7 @@
 #include "base/memory.h"
 #include "base/packed.h"
 #include "varstruct/covariance_models.h"
+#include "varstruct/dense_matrix.h"
 
 namespace tolvan {
 
@@ -99,10 +100,7 @@ Formed OWN::form(FORM_CONTEXT& context)
     log_determinant_ += 2.0 * std::log(other[static_cast<std::size_t>(i + i * n)]);
   if (inverse) log_determinant_ = -log_determinant_;
   if (!std::isfinite(log_determinant_) || dpotri('L', n, other.data(), n) != 0) return Formed::in_handler;
-  for (std::int64_t j = 0; j < n; ++j) {
-    for (std::int64_t i = j + 1; i < n; ++i)
-      other[static_cast<std::size_t>(j + i * n)] = other[static_cast<std::size_t>(i + j * n)];
-  }
+  mirror_lower(other.data(), n, n);
   for (std::size_t k = 0; k < score_part_.size(); ++k)
     score_part_[k] = (inverse ? -1.0 : 1.0) * inner_product(derivative(k), other.data());
   return Formed::done;

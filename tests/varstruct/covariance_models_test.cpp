@@ -9,7 +9,7 @@
 #include "support/checks.h"
 #include "varstruct/dense_reference.h"
 #include "varstruct/extended_factors.h"
-#include "varstruct/make_component.h"
+#include "varstruct/one_row.h"
 
 namespace tolvan {
 namespace {
@@ -212,38 +212,6 @@ MODEL_CASE extended(std::int64_t m, std::int64_t k, std::vector<std::int64_t> ze
           }};
 }
 
-struct FORMED_CASE {
-  VARIANCE_MODEL model;
-  STRUCTURE_ROW row;
-  std::unique_ptr<COMPONENT_MATRIX> component;
-  ERROR_HANDLER eh;
-
-  FORMED_CASE(std::int64_t code, std::int64_t levels, std::int64_t order, const Vector& theta)
-  {
-    row = {.size = levels,
-           .parameters = static_cast<std::int64_t>(theta.size()),
-           .model = code,
-           .first = 1,
-           .order = order};
-    model.parameters.resize(theta.size() + 2);  // one before and one behind, not its own
-    for (std::size_t k = 0; k < theta.size(); ++k) model.parameters[k + 1].value = theta[k];
-    component = make_component(row, model);
-  }
-  Formed form(std::int64_t iteration = 1, double bend = 0.0)
-  {
-    FORM_CONTEXT context{
-        .eh = eh, .model = model, .row = row, .iteration = iteration, .ar_limit = 0.99, .bend = bend};
-    return component->form(context);
-  }
-  Vector values() const
-  {
-    Vector out;
-    for (std::int64_t k = 0; k < row.parameters; ++k)
-      out.push_back(model.parameters[static_cast<std::size_t>(row.first + k)].value);
-    return out;
-  }
-};
-
 /// d f / d theta_k of a matrix, by central differences.
 Dense slope(const std::function<Dense(const Vector&)>& f, Vector theta, std::size_t k)
 {
@@ -366,7 +334,7 @@ TEST_P(CovarianceModels, AgreeWithTheirDefinition)
   const MODEL_CASE& c = GetParam();
   Dice dice(static_cast<std::uint32_t>(c.model * 100 + c.levels * 10 + c.order));
   // One object over several evaluations, as a fit does it.
-  FORMED_CASE run(c.model, c.levels, c.order, c.draw(dice));
+  ONE_ROW run(c.model, c.levels, c.order, c.draw(dice));
   for (int evaluation = 0; evaluation < 3; ++evaluation) {
     SCOPED_TRACE(text("evaluation ", evaluation));
     const Vector theta = c.draw(dice);
@@ -412,7 +380,7 @@ TEST(ExtendedFactors, AgreeWithTheirDefinitionWithLagrangianRows)
   for (const auto& [m, k, zero] : cases) {
     SCOPED_TRACE(text("levels ", m, " factors ", k, " zero ", static_cast<std::int64_t>(zero.size())));
     const Vector theta = extended(m, k, zero).draw(dice);
-    FORMED_CASE run(15, m + k, k, theta);
+    ONE_ROW run(15, m + k, k, theta);
     ASSERT_EQ(run.form(), Formed::done);
     EXPECT_TRUE(clean(run.eh));
     EXPECT_EQ(run.component->negative(), static_cast<std::int64_t>(zero.size()));
