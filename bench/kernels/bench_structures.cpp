@@ -47,8 +47,20 @@ constexpr WORKLOAD workloads[] = {
     {"corb",                        5,  5, 0, 0,     200,  100,    1, 0.3},
     {"corg",                        5,  6, 0, 0,     100,  100,    1, 0.3},
     {"corg",                        5,  6, 0, 0,     200,  100,    1, 0.3},
-    {"us",                          9, 25, 0, 0,      30,    1, 1000, 0.0},
-    {"us",                          9, 25, 0, 0,      60,    1, 1000, 0.0},
+    {"us",                          9, 25, 0, 0,      30,    1, 1000, 0.1},
+    {"us",                          9, 25, 0, 0,      60,    1, 1000, 0.1},
+    {"us",                          9, 25, 0, 0,     120,    1, 1000, 0.1},
+    {"sfa of 4 factors",           10, 26, 0, 4,      60,    1, 5000, 0.3},
+    {"sfa of 4 factors",           10, 26, 0, 4,     120,    1, 5000, 0.3},
+    {"facv of 4 factors",          13, 29, 0, 4,      60,    1, 5000, 0.3},
+    {"facv of 4 factors",          13, 29, 0, 4,     120,    1, 5000, 0.3},
+    {"chol",                       11, 27, 0, 1,      60,    1, 1000, 0.1},
+    {"chol",                       11, 27, 0, 1,     120,    1, 1000, 0.1},
+    {"ante of order 2",            12, 28, 0, 2,      60,    1, 1000, 0.1},
+    {"ante of order 2",            12, 28, 0, 2,     120,    1, 1000, 0.1},
+    {"fa of 60 by 4",              15, 31, 0, 4,      64,    1, 5000, 0.3},
+    {"fa of 600 by 4",             15, 31, 0, 4,     604,    1,  500, 0.3},
+    {"rr of 60 by 4",              15, 30, 0, 4,      64,    1, 5000, 0.3},
     {"iexp",                        6, 12, 1, 1,    1000,    1,    1, 0.5},
     {"iexp",                        6, 12, 1, 1,    2000,    1,    1, 0.5},
     {"sph",                         6, 15, 4, 1,    1000,    1,    1, 3.0},
@@ -59,6 +71,9 @@ constexpr WORKLOAD workloads[] = {
     {"mtrn of nu 1.1, estimated",   6, 23, 9, 2,    2000,    1,    1, 1.1},
 };
 // clang-format on
+
+constexpr std::size_t extended =
+    31;  // the selector that counts the parameters of both factor models with effects
 
 template <class Work>
 double least_seconds(int rounds, Work&& work)
@@ -86,16 +101,20 @@ void set_up(const WORKLOAD& w, STRUCTURE_ROW& row, VARIANCE_MODEL& model)
   row.selector = w.selector;
   row.sub_code = w.sub_code;
   row.order = w.order;
-  row.parameters = own_parameters(component_models[static_cast<std::size_t>(w.selector)], w.n, w.order);
+  row.parameters = own_parameters(
+      component_models[w.code == 15 ? extended : static_cast<std::size_t>(w.selector)], w.n, w.order);
   model.parameters.resize(static_cast<std::size_t>(row.parameters));
   for (VARIANCE_PARAMETER& p : model.parameters) p.value = w.value;
   if (w.selector == 5) {  // correlations that fall with the distance
     for (std::size_t k = 0; k < model.parameters.size(); ++k)
       model.parameters[k].value = std::pow(w.value, static_cast<double>(k + 1));
   }
-  if (w.selector == 25) {  // variances 1, covariances 0
-    for (std::size_t i = 0; i < static_cast<std::size_t>(w.n); ++i)
-      model.parameters[i * (i + 3) / 2].value = 1.0;
+  const auto n = static_cast<std::size_t>(w.n);
+  if (w.code == 9 || w.code == 11 || w.code == 12) {  // triangles with 1 on the diagonal
+    for (std::size_t i = 0; i < n; ++i) model.parameters[i * (i + 3) / 2].value = 1.0;
+  }
+  if (w.selector == 30) {  // no specific variances
+    for (std::size_t i = 0; i + static_cast<std::size_t>(w.order) < n; ++i) model.parameters[i].value = 0.0;
   }
   if (w.code != 6) return;
   row.coordinates = 0;
@@ -138,7 +157,8 @@ int main(int argc, char** argv)
     const std::vector<double> s(static_cast<std::size_t>(component->inverse().stored()), 1e-3);
     std::vector<double> out(static_cast<std::size_t>(row.parameters), 0.0);
     const double contract = least_seconds(rounds, [&] { component->contract(s.data(), out.data()); });
-    std::vector<double> x(static_cast<std::size_t>(w.outer * w.n * w.inner), 1.0), y(x.size());
+    std::vector<double> x(static_cast<std::size_t>(w.outer * component->inverse().n * w.inner), 1.0),
+        y(x.size());
     const double working =
         least_seconds(rounds, [&] { component->working(0, x.data(), y.data(), w.outer, w.inner); });
     const bool grows = before != nullptr && std::string(before->name) == w.name;
