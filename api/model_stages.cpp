@@ -6,6 +6,7 @@
 #include "data/transform_record.h"
 #include "estimation/fit_driver.h"
 #include "model/request.h"
+#include "reports/check_tables.h"
 #include "reports/result_tables.h"
 #include "varstruct/starting_values.h"
 #include "varstruct/structures.h"
@@ -95,14 +96,21 @@ void count_data(ERROR_HANDLER& eh, CORE_DATA& core)
 {
   AIDSUM(eh, core.variables, core.data, core.summary);
   if (eh.terminate()) return;
-  const std::int64_t response = response_variable(core);
-  if (response > 0) ADJUST_DATA_SUMMARY(eh, core.variables, core.summary, response);
+  for (const std::int64_t row : core.model_info.responses) {
+    const bool of_data = row >= 1 && row <= core.factors.count();
+    ADJUST_DATA_SUMMARY(eh, core.variables, core.summary, of_data ? core.factors.row(row).variable : 0);
+  }
+  if (!core.preprocess_only()) return;
+  STORE_DATA_SUMMARY_TABLES(eh, core.variables, core.summary, core.data.records(), core.tables);
 }
 
 void print_data_summary(ERROR_HANDLER& eh, CORE_DATA& core)
 {
   if (core.prints(DebugPrint::data_summary)) {
     print_block("DATA SUMMARY", AIDDIS(eh, core.variables, core.summary));
+  }
+  if (core.communication.OUTPUT_TO_FILE) {
+    WRITE_DATA_SUMMARY(eh, core.file_root + ".tvs", core.variables, core.summary);
   }
 }
 
@@ -137,6 +145,8 @@ void form_design(ERROR_HANDLER& eh, CORE_DATA& core)
   AIDSGN(eh, core.options, core.variables, core.data, core.factors, core.terms, core.model_info, core.design);
   if (eh.terminate()) return;
   DST_CHECK(eh, core.data);
+  if (eh.terminate() || !core.preprocess_only()) return;
+  STORE_TERMS_TABLE(eh, core.terms, core.design, core.tables);
 }
 
 void quadrature(ERROR_HANDLER& eh, CORE_DATA& core)

@@ -3,10 +3,12 @@
 #include <chrono>
 #include <cstdio>
 
+#include "app/check.h"
 #include "app/interrupt.h"
 #include "app/progress.h"
 #include "app/report.h"
 #include "app/request.h"
+#include "app/run_request.h"
 #include "app/terminal.h"
 
 namespace tolvan::driver {
@@ -15,40 +17,6 @@ namespace {
 void narrate(const FitArguments& arguments, Talk least, const std::string& text)
 {
   if (arguments.talk >= least) std::fputs(text.c_str(), stderr);
-}
-
-int refuse(const FitArguments& arguments, const Problem& problem)
-{
-  std::fprintf(stderr, "%s%s\n", styled(stderr, Style::red, "error: ").c_str(), problem.text.c_str());
-  if (arguments.json && problem.exit != Exit::usage) {
-    Messages messages;
-    messages.add_error(problem.text);
-    print_json_report(nullptr, 4, "", messages.document());
-  }
-  return static_cast<int>(problem.exit);
-}
-
-/// Feeds the engine and runs it; the status of the call that ended the run.
-std::int32_t run(Engine& engine, const Request& request, Messages& messages)
-{
-  std::int32_t status = engine.status();
-  const auto failed = [&] {  // notes the call's status before the messages are read, which sets another
-    status = engine.status();
-    messages.collect(engine);
-    return status > 0;
-  };
-  if (failed()) return status;
-  engine.register_monitor(&Progress::monitor);
-  if (failed()) return status;
-  engine.input_info(request.document);
-  if (failed()) return status;
-  for (const Matrix& m : request.matrices) {
-    engine.input_real_2d(m.name, m.values, m.rows, m.columns);
-    if (failed()) return status;
-  }
-  engine.process("");
-  failed();
-  return status;
 }
 
 /// Whether the request asked for no more than the checks of itself and its data.
@@ -69,6 +37,17 @@ Exit judge(Engine& engine, std::int32_t status, const Messages& messages, int in
 }
 
 }  // namespace
+
+int refuse(const FitArguments& arguments, const Problem& problem)
+{
+  std::fprintf(stderr, "%s%s\n", styled(stderr, Style::red, "error: ").c_str(), problem.text.c_str());
+  if (arguments.json && problem.exit != Exit::usage) {
+    Messages messages;
+    messages.add_error(problem.text);
+    print_json_report(nullptr, 4, "", messages.document());
+  }
+  return static_cast<int>(problem.exit);
+}
 
 int fit(const FitArguments& arguments)
 {
@@ -95,7 +74,7 @@ int fit(const FitArguments& arguments)
   std::int32_t status = 0;
   {
     Progress progress(arguments.talk != Talk::quiet, interrupt);
-    status = run(engine, request, messages);
+    status = run_request(engine, request, "", &Progress::monitor, messages);
     interrupt.work_is_done();
     progress.finish();
   }
@@ -110,7 +89,8 @@ int fit(const FitArguments& arguments)
   if (arguments.json) {
     print_json_report(&engine, status, engine.scalar_text("SCALAR_FINAL_MESSAGE"), messages.document());
   } else if (checked) {
-    std::puts("The request and the data were checked; nothing was fitted, as process_stage is preprocess.");
+    print_check_report(engine, request.title, arguments.talk == Talk::verbose);
+    std::puts("\nThe request and the data were checked; nothing was fitted, as process_stage is preprocess.");
   } else if (status <= 0 || !engine.integers("TABLE_TRACE:ITER").empty()) {
     print_report(engine, request.title);
   }

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "app/messages.h"
+#include "app/problem.h"
 
 namespace tolvan::driver {
 
@@ -16,6 +17,9 @@ struct FitArguments {
   Talk talk = Talk::normal;
   int threads = 0;  // 0: the engine's choice
 };
+
+/// Tells on standard error why nothing was run; gives the exit code.
+int refuse(const FitArguments& arguments, const Problem& problem);
 
 /// Runs the fit; gives the exit code.
 int fit(const FitArguments& arguments);

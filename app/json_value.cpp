@@ -1,6 +1,7 @@
 // Reading and writing JSON (RFC 8259).  Nesting is limited, so the recursion is.
 #include "app/json_value.h"
 
+#include <algorithm>
 #include <charconv>
 #include <utility>
 
@@ -234,6 +235,53 @@ void write(const Json& value, std::string& out)
   out += object ? '}' : ']';
 }
 
+bool is_flat(const Json& value)
+{
+  return value.items.empty() || (value.is(JsonKind::array) && std::none_of(value.items.begin(), value.items.end(),
+                                                                           [](const Json& item) { return !item.items.empty(); }));
+}
+
+/// A value on one line with blanks; nothing where that takes more than some characters.
+std::optional<std::string> short_form(const Json& value, std::size_t most)
+{
+  if (value.items.size() > most) return {};
+  const bool object = value.is(JsonKind::object);
+  if (!object && !value.is(JsonKind::array)) return write_json(value);
+  std::string out(1, object ? '{' : '[');
+  for (const Json& item : value.items) {
+    const auto inner = short_form(item, most);
+    if (!inner) return {};
+    out += (out.size() > 1 ? ", " : "") + (object ? quoted(item.name) + ": " : "") + *inner;
+    if (out.size() > most) return {};
+  }
+  return out += object ? '}' : ']';
+}
+
+void write_indented(const Json& value, std::size_t indent, std::string& out)
+{
+  constexpr std::size_t widest = 100;
+  const auto line = short_form(value, widest - std::min(indent, widest / 2));
+  if (line) out += *line;
+  if (line) return;
+  if (is_flat(value)) {
+    write(value, out);
+    return;
+  }
+  const bool object = value.is(JsonKind::object);
+  out += object ? "{\n" : "[\n";
+  bool first = true;
+  for (const Json& item : value.items) {
+    if (!first) out += ",\n";
+    first = false;
+    out.append(indent + 2, ' ');
+    if (object) out += quoted(item.name) + ": ";
+    write_indented(item, indent + 2, out);
+  }
+  out += '\n';
+  out.append(indent, ' ');
+  out += object ? '}' : ']';
+}
+
 }  // namespace
 
 const Json* Json::find(std::string_view key) const
@@ -319,6 +367,13 @@ std::string write_json(const Json& value)
 {
   std::string out;
   write(value, out);
+  return out;
+}
+
+std::string indented_json(const Json& value)
+{
+  std::string out;
+  write_indented(value, 0, out);
   return out;
 }
 

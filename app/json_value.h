@@ -40,6 +40,8 @@ Json json_object();
 std::optional<Json> read_json(std::string_view text);
 /// The text of a value on one line, without its name.
 std::string write_json(const Json& value);
+/// The same over several lines: members of objects and arrays of more than scalars stand on lines of their own.
+std::string indented_json(const Json& value);
 /// A text in quotes, escaped.
 std::string quoted(std::string_view text);
 

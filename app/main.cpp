@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "app/check.h"
 #include "app/fit.h"
 #include "app/json_value.h"
 
@@ -66,26 +67,36 @@ int run(int argc, char** argv)
   bool quiet = false;
   bool verbose = false;
   CLI::App* const fit_command = app.add_subcommand("fit", "Fit the model of a request and print its results");
-  fit_command->add_option("request", a.request, "The request, a JSON file ('-' for standard input)")
-      ->required()
-      ->option_text(" ");
-  fit_command
-      ->add_option(
-          "--data", a.data,
-          "A CSV file as the dataset of that name: columns by their header, factors of text coded by\n"
-          "factor_labels or as they appear; NA, na, *, . and nothing are missing. May be repeated")
-      ->type_name("name=file.csv")
-      ->allow_extra_args(false);
+  bool standard_json = false;
+  CLI::App* const check_command =
+      app.add_subcommand("check", "Read a request and its data, print what they hold, and fit nothing");
+  for (CLI::App* const command : {fit_command, check_command}) {
+    command->add_option("request", a.request, "The request, a JSON file ('-' for standard input)")
+        ->required()
+        ->option_text(" ");
+    command
+        ->add_option(
+            "--data", a.data,
+            "A CSV file as the dataset of that name: columns by their header, factors of text coded by\n"
+            "factor_labels or as they appear; NA, na, *, . and nothing are missing. May be repeated")
+        ->type_name("name=file.csv")
+        ->allow_extra_args(false);
+    command->footer(exit_codes);
+  }
   fit_command->add_flag("--json", a.json, "Print all results as one JSON document");
+  CLI::Option* const as_json = check_command->add_flag("--json", a.json, "Print everything as one JSON document");
+  check_command
+      ->add_flag("--standard-json", standard_json,
+                 "Print the request in its standard form, with all calls and lists written out")
+      ->excludes(as_json);
   fit_command->add_option("-o", a.folder, "Write the report files into this folder")->type_name("DIR");
-  CLI::Option* const q = fit_command->add_flag("-q", quiet, "No progress and no notes")->option_text(" ");
-  fit_command->add_flag("-v", verbose, "Tell more about data, messages and time")
-      ->excludes(q)
-      ->option_text(" ");
+  for (CLI::App* const command : {fit_command, check_command}) {
+    CLI::Option* const q = command->add_flag("-q", quiet, "No progress and no notes")->option_text(" ");
+    command->add_flag("-v", verbose, "Tell more about data, messages and time")->excludes(q)->option_text(" ");
+  }
   fit_command->add_option("--threads", a.threads, "Use at most N threads (the results do not depend on it)")
       ->option_text("N")
       ->check(CLI::Range(1, 1024));
-  fit_command->footer(exit_codes);
   CLI::App* const version_command = app.add_subcommand("version", "Print the version");
 
   try {
@@ -93,10 +104,9 @@ int run(int argc, char** argv)
   } catch (const CLI::ParseError& e) {
     return app.exit(e) == 0 ? 0 : static_cast<int>(Exit::usage);
   }
-  if (*fit_command) {
-    a.talk = quiet ? Talk::quiet : verbose ? Talk::verbose : Talk::normal;
-    return fit(a);
-  }
+  a.talk = quiet ? Talk::quiet : verbose ? Talk::verbose : Talk::normal;
+  if (*fit_command) return fit(a);
+  if (*check_command) return check(a, standard_json);
   if (*version_command) return print_version();
   std::fputs(app.help().c_str(), stderr);
   return static_cast<int>(Exit::usage);

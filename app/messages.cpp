@@ -115,6 +115,15 @@ bool Messages::terminated() const
   return terminate && terminate->truth();
 }
 
+std::size_t Messages::warnings() const
+{
+  std::size_t n = 0;
+  if (const Json* messages = information_.find("messages")) {
+    for (const Json& message : messages->items) n += integer_at(message, "etype") == warning ? 1 : 0;
+  }
+  return n;
+}
+
 Exit Messages::failure() const
 {
   const Json* messages = information_.find("messages");

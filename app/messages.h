@@ -20,6 +20,7 @@ class Messages {
   void add_error(const std::string& text);
 
   bool terminated() const;
+  std::size_t warnings() const;
   Exit failure() const;        // what kind of failure stopped the run; for a terminated run only
   void show(Talk talk) const;  // on standard error
   std::string document() const { return write_json(information_); }  // the error_information object

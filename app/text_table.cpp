@@ -78,6 +78,11 @@ std::string number_cell(double value, int decimals)
                          : digits);
 }
 
+std::string general_cell(double value)
+{
+  return is_value(value) ? general(value) : "";
+}
+
 std::vector<std::string> number_cells(const std::vector<double>& values, int decimals)
 {
   std::vector<std::string> cells;

@@ -24,5 +24,7 @@ std::vector<std::string> number_cells(const std::vector<std::int32_t>& values);
 /// As number_cells, but a standard error that does not exist (0) is a dash.
 std::vector<std::string> error_cells(const std::vector<double>& values);
 std::string number_cell(double value, int decimals);
+/// A number by itself, to six digits.
+std::string general_cell(double value);
 
 }  // namespace tolvan::driver

@@ -1,6 +1,7 @@
 // The data summary.  Routines: AIDSUM, AIDDIS, ADJUST_DATA_SUMMARY.
 #include <algorithm>
 
+#include "base/files.h"
 #include "base/text.h"
 #include "data/read_data.h"
 
@@ -84,6 +85,18 @@ std::string AIDDIS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DAT
     }
   }
   return lines;
+}
+
+void WRITE_DATA_SUMMARY(ERROR_HANDLER& eh, const std::string& path, const VARIABLE_TABLE& variables,
+                        const DATA_SUMMARY& summary)
+{
+  const Frame here{eh, __func__};
+  const std::string lines = AIDDIS(eh, variables, summary);
+  if (eh.terminate()) return;
+  std::string error;
+  if (write_file(path, lines, error)) return;
+  eh.error(text("unable to open file ", path), Ecode::io_error);
+  eh.continuation(error);
 }
 
 void ADJUST_DATA_SUMMARY(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_SUMMARY& summary,

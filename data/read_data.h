@@ -46,6 +46,9 @@ void AIDSUM(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_STORE
             DATA_SUMMARY& summary);
 /// AIDDIS: the data summary as text: a line a variable, and the level counts of factors.
 std::string AIDDIS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_SUMMARY& summary);
+/// WRITE_DATA_SUMMARY: writes the text of AIDDIS to a file.
+void WRITE_DATA_SUMMARY(ERROR_HANDLER& eh, const std::string& path, const VARIABLE_TABLE& variables,
+                        const DATA_SUMMARY& summary);
 /// ADJUST_DATA_SUMMARY: complains of a response without variation.
 void ADJUST_DATA_SUMMARY(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_SUMMARY& summary,
                          std::int64_t response);

@@ -185,5 +185,27 @@ TEST(Stages, OneRecordIsNoAnalysis)
   EXPECT_TRUE(has_message(eh, "only one data record retained; analysis aborted"));
 }
 
+TEST(Runs, DataOnScratchGiveTheSameFit)
+{
+  constexpr std::string_view request =
+      R"({"model":{"response":"y","fixed":"x","random":"a"},"transformations":[{"name":"^","arguments":2,"TARGET":"x"}]})";
+  std::string in_memory, told_in_memory;
+  for (const std::int64_t memory : {-1, 0, 100}) {
+    Trial trial;
+    trial.object.options.data_memory = memory;
+    const std::string told = trial.process(request);
+    EXPECT_TRUE(told.starts_with("1/- a transformation is overwriting input variable x\n")) << told;
+    ERROR_HANDLER eh;
+    const std::string tables = OTST_TO_JSTR(eh, trial.object.tables);
+    if (memory < 0) {
+      in_memory = tables;
+      told_in_memory = told;
+    }
+    EXPECT_EQ(told, told_in_memory) << memory;
+    EXPECT_EQ(tables, in_memory) << memory;
+    EXPECT_NE(trial.object.tables.find_table("TABLE_SLN"), nullptr);
+  }
+}
+
 }  // namespace
 }  // namespace tolvan

@@ -36,7 +36,7 @@ class InAFolder(unittest.TestCase):
 
 class CommandLine(InAFolder):
     def test_help_and_version(self):
-        for arguments in (["--help"], ["fit", "--help"]):
+        for arguments in (["--help"], ["check", "--help"], ["fit", "--help"]):
             run = tolvan(*arguments)
             self.assertEqual(run.returncode, 0)
             self.assertIn("Exit codes", run.stdout)
@@ -129,8 +129,8 @@ class Results(InAFolder):
         request["data_file"]["name"] = str(OATS / "oats.csv")
         run = tolvan("fit", self.write("r.json", request))
         self.assertEqual(run.returncode, 0, run.stderr)
-        self.assertEqual(run.stdout.count("\n"), 1)
-        self.assertIn("nothing was fitted", run.stdout)
+        self.assertRegex(run.stdout, r"(?m)^  block +random +6$")
+        self.assertIn("nothing was fitted, as process_stage is preprocess", run.stdout)
 
     def test_a_request_with_a_byte_order_mark(self):
         request = json.loads((OATS / "request.json").read_text())
@@ -163,6 +163,82 @@ class Results(InAFolder):
         os.close(leader)
         self.assertEqual(run.wait(timeout=60), 0)
         return text.decode()
+
+
+class Check(InAFolder):
+    def request(self, **more):
+        request = json.loads((OATS / "request.json").read_text())
+        request["data_file"]["name"] = str(OATS / "oats.csv")
+        return {**request, **more}
+
+    def test_report(self):
+        run = tolvan("check", OATS / "request.json", cwd=self.folder)
+        self.assertEqual(run.returncode, 0, run.stderr)
+        for line in (r"  72 records, 72 in the analysis", r"  variety +factor +3 +0", r"  y +variate +0 +0 +103\.972 +53 +174",
+                     r"  nitro: 4 levels, 18 records each", r"    0\.0, 0\.2, 0\.4, 0\.6", r"  mu +fixed +1",
+                     r"  variety:nitro +fixed +12", r"  block:variety +random +18", r"  44 equations in all",
+                     r"The request and the data were checked; nothing was fitted\."):
+            self.assertRegex(run.stdout, f"(?m)^{line}$")
+        self.assertIn("note: reading ", run.stderr)
+        self.assertEqual(tolvan("check", OATS / "request.json", "-q").stderr, "")
+
+    def test_sizes_are_those_of_the_fit(self):
+        run = tolvan("check", OATS / "request.json", "--json", "-q")
+        self.assertEqual(run.returncode, 0, run.stderr)
+        tables = json.loads(run.stdout)["tables"]
+        terms = {c["name"]: c["values"] for c in tables["TABLE_TERMS"]["column_info"]["columns"]}
+        fitted = json.loads(tolvan("fit", OATS / "request.json", "--json", "-q").stdout)["tables"]
+        self.assertNotIn("TABLE_TERMS", fitted)
+        labels = next(c for c in fitted["TABLE_SLN"]["column_info"]["columns"] if c["name"] == "LABEL")["values"]
+        sizes = {t: n for t, n in zip(terms["TERM"], terms["EQUATIONS"]) if n > 0}
+        self.assertEqual(sizes, {t: labels.count(t) for t in labels})
+
+    def test_data_of_all_kinds(self):
+        rows = [f"{i % 3},{i % 30},{'NA' if i % 7 == 0 else i},5" for i in range(60)]
+        data = self.write("d.csv", "f,g,x,y\n" + "\n".join(rows))
+        integer = {"field_type": "vt_integer_factor"}
+        request = {"dataset": {"name": "d", "variables": [
+            {"name": "f", **integer}, {"name": "g", **integer}, {"name": "x"}, {"name": "y"}]},
+            "model": {"response": "y", "fixed": "x", "random": "f+g"}}
+        run = tolvan("check", self.write("r.json", request), "--data", f"d={data}")
+        self.assertEqual(run.returncode, 0, run.stderr)
+        self.assertIn("warning: no variation in the response variable", run.stderr)
+        x = [i for i in range(60) if i % 7 != 0]
+        mean = f"{sum(x) / len(x):.6g}"
+        for line in (r"  60 records, 51 in the analysis", f"  x +variate +9 +0 +{mean} +1 +59",
+                     r"  g: 30 levels, 2 records each", r".*19, and 10 more",
+                     r"The request and the data were checked, with \d warnings?; nothing was fitted\."):
+            self.assertRegex(run.stdout, f"(?m)^{line}$")
+        self.assertNotIn(" more\n", tolvan("check", self.folder / "r.json", "--data", f"d={data}", "-v").stdout)
+
+    def test_standard_json(self):
+        for more in ({}, {"options": {"process_stage": "all", "extra": 5}}, {"options": {}}):
+            path = self.write("r.json", self.request(**more))
+            run = tolvan("check", path, "--standard-json")
+            self.assertEqual(run.returncode, 0, run.stderr)
+            standard = json.loads(run.stdout)
+            self.assertEqual(standard["model"]["fixed"]["terms"],
+                             ["mu", "variety", "nitro", {"interaction": ["variety", "nitro"]}])
+            self.assertEqual(standard.get("options", {}), more.get("options", self.request()["options"]))
+            # a standard request asks for the same
+            again = tolvan("check", self.write("again.json", standard), "--standard-json")
+            self.assertEqual(again.stdout, run.stdout)
+
+    def test_faults(self):
+        unknown = self.request(model={"response": "y", "fixed": "colour"})
+        for request, says in ((unknown, "colour"), (self.request(data_file={"name": "absent.csv"}), "absent.csv")):
+            for option in ([], ["--standard-json"], ["--json"]):
+                run = tolvan("check", self.write("r.json", request), *option)
+                self.assertEqual(run.returncode, 3)
+                self.assertIn(says, run.stderr)
+                if option == ["--standard-json"]:
+                    self.assertEqual(run.stdout, "")
+                self.assertNotIn("were checked", run.stdout)
+        # what was read before the fault is told
+        several = self.request(model={"response": "y", "fixed": "variety"}, predict={"classify": "variety:block:none"})
+        self.assertIn("103.972", tolvan("check", self.write("r.json", several)).stdout)
+        for arguments in (["check"], ["check", "r.json", "--json", "--standard-json"], ["check", "r.json", "--threads", "2"]):
+            self.assertEqual(tolvan(*arguments, cwd=self.folder).returncode, 2)
 
 
 class Failures(InAFolder):
