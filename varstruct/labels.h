@@ -5,6 +5,7 @@
 
 #include "model/factor_table.h"
 #include "model/term_table.h"
+#include "varstruct/residual_sections.h"
 
 namespace tolvan {
 
@@ -12,6 +13,10 @@ namespace tolvan {
 std::string component_label(const FACTOR_ROW& factor);
 /// The term's text in labels: its components' labels joined with ':'.
 std::string term_label(const FACTOR_TABLE& factors, const TERM_ROW& term);
+/// The text in labels of the structure of a term; that of linked terms joins them with '+'.
+std::string structure_label(const FACTOR_TABLE& factors, const TERM_TABLE& terms, std::int64_t head);
+/// The text in labels of a residual section: "sat(expt,2):row:col", "units.us(trait)".
+std::string section_label(const FACTOR_TABLE& factors, const TERM_TABLE& terms, const RESIDUAL_TERM& section);
 /// The name of the factor over the records, which is the residual's term.
 std::string units_label(const FACTOR_TABLE& factors);
 

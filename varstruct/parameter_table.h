@@ -77,7 +77,9 @@ struct RESIDUAL_SECTION {
   std::int64_t first_record = 0;  // rows of the design, from 0
   std::int64_t records = 0;       // the product of the rows' sizes
   std::int64_t scale = -1;        // parameter outside the rows that scales the section; -1: a row holds it, or there is none
+  std::int64_t term = -1;         // index in TERM_TABLE::rows, -1 for the residual of a model without a residual term
   std::string name;               // the user's text, "sat(expt,2):ar1(row)"; empty for units
+  std::string label;              // the same as labels of parameters begin with it: "sat(expt,2):row", "units"
 };
 
 /// The structure of one random term: a direct product of consecutive rows.
@@ -86,6 +88,12 @@ struct TERM_STRUCTURE {
   std::int64_t first_row = 0;   // in VARIANCE_MODEL::rows, from 0
   std::int64_t rows = 1;
   bool dropped = false;         // taken out of the run because its variance is negligible
+};
+
+/// The coefficients that give one parameter from the few new ones of a request's `vcm`.
+struct VCM_ROW {
+  std::int64_t parameter = 0;  // from 0
+  std::vector<double> coefficients;
 };
 
 /// All of it: parameters of random terms in model order, then the residual sections, the residual's own variance last.
@@ -98,6 +106,7 @@ struct VARIANCE_MODEL {
   std::vector<COORDINATES> coordinates;
   std::vector<std::vector<std::int64_t>> segments;  // levels (from 0) at which an independent piece begins, rising, 0 left out
   std::vector<OWN_PROGRAM> own_programs;
+  std::vector<VCM_ROW> vcm;             // empty: none; they are in force as masters and coefficients
   bool gamma = true;                    // ratios to a profiled residual variance; false: absolute values
   bool profiled = true;                 // the residual's own variance is sigma2 and leaves the update
   std::int64_t residual_parameter = -1; // index of the residual's own variance
