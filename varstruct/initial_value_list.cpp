@@ -87,30 +87,28 @@ void L_READ_ENTRY(ERROR_HANDLER& eh, const JsonNode& entry, const FACTOR_TABLE& 
 
 }  // namespace
 
-PARAMETER_RANGE parameters_of(const VARIANCE_MODEL& model, const TERM_STRUCTURE& structure)
-{
-  PARAMETER_RANGE range;
-  for (std::int64_t r = 0; r < structure.rows; ++r) {
-    const STRUCTURE_ROW& row = model.rows[static_cast<std::size_t>(structure.first_row + r)];
-    if (r == 0) range.first = row.first;
-    range.count += row.parameters;
-  }
-  return range;
-}
-
-std::int64_t find_parameter(const FACTOR_TABLE& factors, const TERM_TABLE& terms, const VARIANCE_MODEL& model,
+std::int64_t find_parameter(const FACTOR_TABLE& factors, const TERM_TABLE& terms, VARIANCE_MODEL& model,
                             std::string_view name)
 {
-  for (std::size_t k = 0; k < model.parameters.size(); ++k) {
-    if (model.parameters[k].label == name) return static_cast<std::int64_t>(k);
+  const auto labelled = [&](std::string_view label) -> std::int64_t {
+    for (std::size_t k = 0; k < model.parameters.size(); ++k) {
+      if (model.parameters[k].label == label) return static_cast<std::int64_t>(k);
+    }
+    return -1;
+  };
+  if (const std::int64_t found = labelled(name); found >= 0) return found;
+  // The residual of several traits in short: "units.us;US_V_1_1", "units.us_V_1_1".
+  const std::string whole = units_label(factors) + ".us";
+  if (name.starts_with(whole + ";") || name.starts_with(whole + "_")) {
+    const std::string_view rest = name.substr(whole.size() + 1);
+    for (const RESIDUAL_SECTION& section : model.sections) {
+      if (!section.label.starts_with(whole + "(")) continue;
+      const std::string label = text(section.label, name[whole.size()] == ';' ? ";" : ";US_", rest);
+      if (const std::int64_t found = labelled(label); found >= 0) return found;
+    }
   }
-  for (const TERM_STRUCTURE& structure : model.terms) {
-    const TERM_ROW& term = terms.rows[static_cast<std::size_t>(structure.term)];
-    const PARAMETER_RANGE range = parameters_of(model, structure);
-    if (range.count == 1 && (term.name == name || term_label(factors, term) == name)) return range.first;
-  }
-  if (model.residual_parameter >= 0 && name == units_label(factors)) return model.residual_parameter;
-  return -1;
+  const PARAMETER_RANGE range = find_structure(factors, terms, model, name);
+  return range.rows != nullptr && range.count == 1 ? range.first : -1;
 }
 
 bool set_value(VARIANCE_MODEL& model, std::int64_t parameter, double value)

@@ -62,40 +62,28 @@ void L_READ_TEXT(ERROR_HANDLER& eh, const JsonNode* node, std::string& out)
   }
 }
 
-bool in_model(const FACTOR_TABLE& factors, const TERM_TABLE& terms, std::string_view name)
-{
-  if (name == units_label(factors)) return true;
-  return std::any_of(terms.rows.begin(), terms.rows.end(), [&](const TERM_ROW& t) {
-    return t.block != Block::response && (t.name == name || term_label(factors, t) == name);
-  });
-}
-
-/// L_REFUSE_QUALIFIERS: complains of qualifiers that no structure built so far can take.
-void L_REFUSE_QUALIFIERS(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
-                         const IVALUE_DATA& data, const std::string& term)
+/// L_EQUATE: makes the parameters of each group follow the first of it.
+void L_EQUATE(ERROR_HANDLER& eh, const std::string& letters, const std::string& term, const PARAMETER_RANGE& range,
+              VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
-  if (!data.use.empty()) {
-    if (in_model(factors, terms, data.use)) {
-      eh.not_implemented(text("use (", data.use, ") of ", term, " is not implemented"));
-    } else {
-      eh.error(text("the term ", data.use, " used when setting error structure for ", term,
-                    " doe not exist in the model"));  // sic
+  std::vector<std::int64_t> groups;
+  if (!read_equality_groups(letters, groups)) {
+    eh.error(text(letters, " is not a valid string for supplying equality constraints for ", term));
+    return;
+  }
+  if (static_cast<std::int64_t>(groups.size()) != range.count) {
+    eh.error(text("incorrect number of values supplied in  the equality constraints for ", term));  // two blanks
+    return;
+  }
+  for (std::size_t k = 0; k < groups.size(); ++k) {
+    const auto first = static_cast<std::size_t>(std::find(groups.begin(), groups.end(), groups[k]) - groups.begin());
+    if (first == k) continue;
+    if (model.profiled && range.first + static_cast<std::int64_t>(k) == model.residual_parameter) {
+      REFUSE_PROFILED_RESIDUAL(eh, term);
+      return;
     }
-  } else if (!data.coord.empty()) {
-    eh.error(text("No cordinates required for ", term));  // sic
-  } else if (data.sing % 2 != 0) {
-    eh.error(text("invalid number of levels for SING option, was expecting an even number, observed = ",
-                  data.sing));
-  } else if (data.sing != 0) {
-    eh.not_implemented(text("sing of ", term, " is not implemented"));
-  } else if (!data.subsection.empty()) {
-    if (in_model(factors, terms, data.subsection)) {
-      eh.not_implemented(text("subsection (", data.subsection, ") of ", term, " is not implemented"));
-    } else {
-      eh.error(text("the term ", data.subsection, " used when subsection for ", term,
-                    " doe not exist in the model"));  // sic
-    }
+    link_parameter(model, range.first + static_cast<std::int64_t>(k), range.first + static_cast<std::int64_t>(first), 1.0);
   }
 }
 
@@ -104,6 +92,9 @@ void L_SET_PARAMETERS(ERROR_HANDLER& eh, const IVALUE_DATA& data, const std::str
                       PARAMETER_RANGE range, VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
+  // The profiled variance behind a product is none of the user's, unless values are given for it, too.
+  const bool behind = range.scale >= 0 && model.profiled && range.count > 1;
+  if (behind && static_cast<std::int64_t>(data.values.size()) != range.count) --range.count;
   if (!data.values.empty() && static_cast<std::int64_t>(data.values.size()) != range.count) {
     eh.error(text("unexpected number of initial values supplied for ", term,
                   ", number expected = ", range.count, ", number supplied = ", data.values.size()));
@@ -112,26 +103,6 @@ void L_SET_PARAMETERS(ERROR_HANDLER& eh, const IVALUE_DATA& data, const std::str
   bool refused = false;
   for (std::size_t k = 0; k < data.values.size(); ++k) {
     refused = !set_value(model, range.first + static_cast<std::int64_t>(k), data.values[k]) || refused;
-  }
-
-  if (!data.eq_constraints.empty()) {
-    std::vector<std::int64_t> groups;
-    if (!read_equality_groups(data.eq_constraints, groups)) {
-      eh.error(
-          text(data.eq_constraints, " is not a valid string for supplying equality constraints for ", term));
-      return;
-    }
-    if (static_cast<std::int64_t>(groups.size()) != range.count) {
-      eh.error(
-          text("incorrect number of values supplied in  the equality constraints for ", term));  // two blanks
-      return;
-    }
-    std::sort(groups.begin(), groups.end());
-    if (std::adjacent_find(groups.begin(), groups.end()) != groups.end()) {
-      eh.not_implemented(text("eq_constraints (", data.eq_constraints, ") that equate parameters of ", term,
-                              " are not implemented"));
-      return;
-    }
   }
 
   if (!data.ps_constraints.empty()) {
@@ -151,7 +122,11 @@ void L_SET_PARAMETERS(ERROR_HANDLER& eh, const IVALUE_DATA& data, const std::str
       refused = !set_constraint(model, range.first + static_cast<std::int64_t>(k), codes[k]) || refused;
     }
   }
-  if (refused) REFUSE_PROFILED_RESIDUAL(eh, term);
+  if (refused) {
+    REFUSE_PROFILED_RESIDUAL(eh, term);
+    return;
+  }
+  if (!data.eq_constraints.empty()) L_EQUATE(eh, data.eq_constraints, term, range, model);
 }
 
 /// L_CHECK_VALUES: complains of starting values that no iteration can begin with.
@@ -165,7 +140,7 @@ void L_CHECK_VALUES(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, double unit)
       eh.error(text(given, " is not a finite number"));
     } else if (std::fabs(p.value) > largest_ratio * unit) {
       eh.error(text(given, " is too large: against it the residual variance would be lost in rounding"));
-    } else if (p.role == ParamRole::variance && positive && p.value < 0.0) {
+    } else if ((p.role == ParamRole::variance || p.role == ParamRole::precision) && positive && p.value < 0.0) {
       eh.error(text(given, " is below zero: give a value above zero, or the constraint U"));
     }
     if (eh.terminate()) return;
@@ -220,7 +195,8 @@ void SAVE_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& term, IVALUE_DATA& d
 }
 
 void FORCE_GAMMA_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& request, const FACTOR_TABLE& factors,
-                                const TERM_TABLE& terms, VARIANCE_MODEL& model)
+                                const TERM_TABLE& terms, const DATA_STORE& store, const DESIGN_MTX& design,
+                                VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
   // Absolute values are as large as the response makes them; ratios have no unit.
@@ -230,42 +206,45 @@ void FORCE_GAMMA_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& request, cons
   GET_INITIAL_VALUES_FROM_JSON(eh, request, factors, terms, model);
   if (eh.terminate()) return;
 
-  IVALUE_DATA data;
+  const QUALIFIER_DATA places{factors, terms, store, design};
+  const auto apply = [&](const JsonNode& node, const std::string& name, const PARAMETER_RANGE& range) {
+    IVALUE_DATA data;
+    SAVE_INITIAL_VALUES(eh, node, data);
+    if (eh.terminate() || data.empty()) return;
+    if (range.rows == nullptr) {
+      eh.error(text("no structure vector set up for ", name, ", cannot apply variance structure qualifiers"));
+      return;
+    }
+    L_SET_PARAMETERS(eh, data, name, range, model);
+    if (!eh.terminate()) APPLY_QUALIFIERS(eh, places, data, name, range, model);
+  };
   for (std::size_t i = 0; i < terms.rows.size(); ++i) {
     const TERM_ROW& term = terms.rows[i];
-    if (term.initial_values == nullptr) continue;
-    SAVE_INITIAL_VALUES(eh, *term.initial_values, data);
-    if (eh.terminate()) return;
-    if (data.empty()) continue;
+    const auto index = static_cast<std::int64_t>(i);
+    if (term.initial_values == nullptr || term.block == Block::residual) continue;
+    if (term.linked_head >= 0 && term.linked_head != index) continue;  // said with the first of the group
     if (term.dropped) {
+      IVALUE_DATA data;
+      SAVE_INITIAL_VALUES(eh, *term.initial_values, data);
+      if (eh.terminate()) return;
+      if (data.empty()) continue;
       eh.error(text("attempting to set initial values for ", term.name, " which is not in the model"));
       return;
     }
-    const auto structure = std::find_if(model.terms.begin(), model.terms.end(), [i](const TERM_STRUCTURE& s) {
-      return s.term == static_cast<std::int64_t>(i);
-    });
-    if (structure == model.terms.end()) {
-      eh.error(
-          text("no structure vector set up for ", term.name, ", cannot apply variance structure qualifiers"));
-      return;
-    }
-    L_REFUSE_QUALIFIERS(eh, factors, terms, data, term.name);
-    if (eh.terminate()) return;
-    L_SET_PARAMETERS(eh, data, term.name, parameters_of(model, *structure), model);
+    const auto structure = std::find_if(model.terms.begin(), model.terms.end(),
+                                        [index](const TERM_STRUCTURE& s) { return s.term == index; });
+    apply(*term.initial_values, term.name, structure == model.terms.end() ? PARAMETER_RANGE{} : parameters_of(model, *structure));
     if (eh.terminate()) return;
   }
-
-  const JsonNode* residual = residual_term(request);
-  if (residual != nullptr && model.residual_parameter >= 0) {
-    SAVE_INITIAL_VALUES(eh, *residual, data);
+  for (const RESIDUAL_SECTION& section : model.sections) {
+    // Records without a residual term of their own have the one term of the request.
+    const JsonNode* node = section.term >= 0 ? terms.rows[static_cast<std::size_t>(section.term)].initial_values
+                                             : residual_term(request);
+    if (node == nullptr) continue;
+    apply(*node, section.name.empty() ? units_label(factors) : section.name, parameters_of(model, section));
     if (eh.terminate()) return;
-    if (!data.empty()) {
-      L_REFUSE_QUALIFIERS(eh, factors, terms, data, units_label(factors));
-      if (eh.terminate()) return;
-      L_SET_PARAMETERS(eh, data, units_label(factors), {model.residual_parameter, 1}, model);
-      if (eh.terminate()) return;
-    }
   }
+  set_followers(model);
   L_CHECK_VALUES(eh, model, unit);
 }
 

@@ -1,5 +1,5 @@
 // What a term says about its parameters beside the model.  Routines: SAVE_INITIAL_VALUES,
-// GET_INITIAL_VALUES_FROM_JSON.
+// GET_INITIAL_VALUES_FROM_JSON, APPLY_QUALIFIERS.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +8,8 @@
 
 #include "api/error_handler.h"
 #include "base/json.h"
+#include "data/data_store.h"
+#include "data/design_matrix.h"
 #include "model/factor_table.h"
 #include "model/term_table.h"
 #include "varstruct/parameter_table.h"
@@ -40,16 +42,43 @@ void SAVE_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& term, IVALUE_DATA& d
 void GET_INITIAL_VALUES_FROM_JSON(ERROR_HANDLER& eh, const JsonNode& request, const FACTOR_TABLE& factors,
                                   const TERM_TABLE& terms, VARIANCE_MODEL& model);
 
-/// The stretch of the parameter vector that belongs to a term.
+/// A structure of the model with its stretch of the parameter vector: a random term, or a residual section, whose variance
+/// behind the rows is the last.
 struct PARAMETER_RANGE {
+  std::vector<STRUCTURE_ROW>* rows = nullptr;  // of random terms or of the residual; null: no such structure
+  std::int64_t first_row = 0, row_count = 0;
   std::int64_t first = 0;
   std::int64_t count = 0;
+  std::int64_t scale = -1;    // the variance behind the rows of a section
+  std::int64_t section = -1;  // index of the residual section, -1 for a random term
 };
-PARAMETER_RANGE parameters_of(const VARIANCE_MODEL& model, const TERM_STRUCTURE& structure);
+PARAMETER_RANGE parameters_of(VARIANCE_MODEL& model, const TERM_STRUCTURE& structure);
+PARAMETER_RANGE parameters_of(VARIANCE_MODEL& model, const RESIDUAL_SECTION& section);
+/// The structure that a term's text means: its name, or the text its labels begin with; rows is null when there is none.
+PARAMETER_RANGE find_structure(const FACTOR_TABLE& factors, const TERM_TABLE& terms, VARIANCE_MODEL& model,
+                               std::string_view name);
+
+/// What the qualifiers of a term look up beside the tables.
+struct QUALIFIER_DATA {
+  const FACTOR_TABLE& factors;
+  const TERM_TABLE& terms;
+  const DATA_STORE& store;
+  const DESIGN_MTX& design;  // sorted to the residual
+};
+
+/// APPLY_QUALIFIERS: `use`, `coord`, `sing` and `subsection` of one term.
+///   term  as messages call it
+void APPLY_QUALIFIERS(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const IVALUE_DATA& given, const std::string& term,
+                      const PARAMETER_RANGE& range, VARIANCE_MODEL& model);
+
+/// Makes one parameter follow another one, or the one that it follows: value = coefficient times the master's.
+void link_parameter(VARIANCE_MODEL& model, std::int64_t follower, std::int64_t master, double coefficient);
+/// Gives all followers the values that their masters have now.
+void set_followers(VARIANCE_MODEL& model);
 
 /// The parameter that a name means: its label, or the text of a term that owns just one; -1 when there is
 /// none.
-std::int64_t find_parameter(const FACTOR_TABLE& factors, const TERM_TABLE& terms, const VARIANCE_MODEL& model,
+std::int64_t find_parameter(const FACTOR_TABLE& factors, const TERM_TABLE& terms, VARIANCE_MODEL& model,
                             std::string_view name);
 
 /// Sets a parameter's value or constraint; false when the parameter is the profiled residual and can not have
