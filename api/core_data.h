@@ -20,6 +20,7 @@
 #include "model/term_table.h"
 #include "reports/timing.h"
 #include "varstruct/parameter_table.h"
+#include "varstruct/residual_sections.h"
 
 namespace tolvan {
 
@@ -43,6 +44,8 @@ struct CORE_DATA {
   TERM_TABLE terms;
   MODEL_INFO model_info;
   DESIGN_MTX design;
+  AINV_MTXS matrices;  // known matrices: structures point into them
+  RESIDUAL_MODEL residual;
   VARIANCE_MODEL variances;
   FIT_STATE fit;
   TIMING_STORE timing;

@@ -70,8 +70,8 @@ inline constexpr auto option_table = [] {
       integer_option("aisingularities", Slot::aisingularities, -1, built),
       integer_option("ailoadings",      Slot::ailoadings,      -1, harmless),  // factor models
       integer_option("aipenalty",       Slot::aipenalty,       20, built),
-      integer_option("asmv",            Slot::asmv,             1, unbuilt),
-      integer_option("asuv",            Slot::asuv,             1, unbuilt),
+      integer_option("asmv",            Slot::asmv,             1, built),
+      integer_option("asuv",            Slot::asuv,             1, built),
       integer_option("bend",            Slot::bend,             1, harmless),  // unstructured matrices
       integer_option("blup",            Slot::blup,             2, unbuilt),
       integer_option("brief",           Slot::brief,            1, harmless),
@@ -85,7 +85,7 @@ inline constexpr auto option_table = [] {
       integer_option("gdense",          Slot::gdense,           1, unbuilt),
       integer_option("gkrige",          Slot::gkrige,           1, harmless),
       integer_option("glmm",            Slot::glmm,             2, harmless),  // families
-      integer_option("idlimit",         Slot::idlimit,          4, harmless),  // spatial structures
+      integer_option("idlimit",         Slot::idlimit,          4, built),
       integer_option("impute",          Slot::impute,          10, unbuilt),
       integer_option("imregress",       Slot::imregress,       50, harmless),
       integer_option("kadj",            Slot::kadj,             1, harmless),  // denominator df
@@ -156,11 +156,11 @@ inline constexpr auto option_table = [] {
 
       own_option("xml",               elsewhere, harmless),
       own_option("kcv",               elsewhere, unbuilt),
-      own_option("rowfactor",         elsewhere, unbuilt),
-      own_option("columnfactor",      elsewhere, unbuilt),
+      own_option("rowfactor",         elsewhere, built),
+      own_option("columnfactor",      elsewhere, built),
       own_option("cinv",              elsewhere, unbuilt),
       own_option("tau",               elsewhere, harmless),
-      own_option("section",           elsewhere, unbuilt),
+      own_option("section",           elsewhere, built),
       own_option("knot_points",       elsewhere, harmless),  // splines
       own_option("fown",              elsewhere, unbuilt),
       own_option("typeiii",           elsewhere, unbuilt),

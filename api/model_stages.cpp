@@ -8,8 +8,9 @@
 #include "model/request.h"
 #include "reports/check_tables.h"
 #include "reports/result_tables.h"
+#include "varstruct/distance_setup.h"
+#include "varstruct/linear_constraints.h"
 #include "varstruct/starting_values.h"
-#include "varstruct/structures.h"
 
 namespace tolvan::stages {
 namespace {
@@ -22,12 +23,18 @@ std::int64_t response_variable(const CORE_DATA& core)
   return row >= 1 && row <= core.factors.count() ? core.factors.row(row).variable : 0;
 }
 
-/// The response of every analysis record, with missing marks where mv estimates it.
-std::vector<double> observed_response(const DESIGN_MTX& design)
+/// The responses by trait in the order of the records, with missing marks where mv estimates them.
+std::vector<std::vector<double>> observed_responses(const DESIGN_MTX& design, std::size_t traits)
 {
   std::vector<double> response = design.response;
   for (const std::int64_t row : design.mv) response[static_cast<std::size_t>(row)] = no_value;
-  return response;
+  if (design.trait.empty()) return {std::move(response)};
+  // A trait's values stand at the data records, so that those of one record meet.
+  std::vector<std::vector<double>> out(traits, std::vector<double>(static_cast<std::size_t>(design.data_records), no_value));
+  for (std::size_t r = 0; r < response.size(); ++r) {
+    out[static_cast<std::size_t>(design.trait[r] - 1)][static_cast<std::size_t>(design.record[r] - 1)] = response[r];
+  }
+  return out;
 }
 
 /// A family other than the normal one, by name; empty for none.
@@ -132,7 +139,11 @@ void number_equations(ERROR_HANDLER& eh, CORE_DATA& core)
 
 void residual_part(ERROR_HANDLER& eh, CORE_DATA& core)
 {
-  NEW_GETRCOV(eh, core.communication, core.model_info);
+  NEW_GETRCOV(eh, core.options, core.request, core.variables, core.factors, core.terms, core.model_info, core.residual);
+  if (eh.terminate()) return;
+  HAVE_RCOV(eh, core.options, core.variables, core.factors, core.model_info, core.residual);
+  if (eh.terminate()) return;
+  SETRCOV(eh, core.variables, core.factors, core.residual);
 }
 
 void predict_setup(ERROR_HANDLER& eh, CORE_DATA& core)
@@ -145,6 +156,8 @@ void form_design(ERROR_HANDLER& eh, CORE_DATA& core)
   AIDSGN(eh, core.options, core.variables, core.data, core.factors, core.terms, core.model_info, core.design);
   if (eh.terminate()) return;
   DST_CHECK(eh, core.data);
+  if (eh.terminate()) return;
+  SORTRCOV(eh, core.variables, core.factors, core.model_info, core.data, core.residual, core.design);
   if (eh.terminate() || !core.preprocess_only()) return;
   STORE_TERMS_TABLE(eh, core.terms, core.design, core.tables);
 }
@@ -157,27 +170,29 @@ void quadrature(ERROR_HANDLER& eh, CORE_DATA& core)
 
 void form_parameters(ERROR_HANDLER& eh, CORE_DATA& core)
 {
-  const std::int64_t response = response_variable(core);
-  const std::vector<std::string> names{response > 0 ? core.variables.row(response).name : std::string()};
+  std::vector<std::string> names;
+  for (const std::int64_t row : core.model_info.responses) names.push_back(core.factors.row(row).shown());
   std::vector<double> starting;
-  STARTE(eh, 0.0, 0.0, {observed_response(core.design)}, names, starting);
+  STARTE(eh, 0.0, 0.0, observed_responses(core.design, names.size()), names, starting);
   if (eh.terminate()) return;
-  SETSTR(eh, core.options, core.factors, core.terms, starting, core.design.rows(), core.variances);
+  SETSTR(eh, core.options, core.factors, core.terms, core.matrices, starting, core.residual, core.variances);
+  if (eh.terminate()) return;
+  SETUP_POWER_STRUCTURES(eh, core.variables, core.factors, core.terms, core.data, core.variances);
+  if (eh.terminate()) return;
+  NOT_AUTOAR_MODEL_CHECKS(eh, core.factors, core.model_info, core.design, core.residual, core.variances);
   if (eh.terminate()) return;
   VARIABLE_TABLE_GUTS(eh, core.factors, core.terms, core.variances);
   if (eh.terminate()) return;
-  FORCE_GAMMA_INITIAL_VALUES(eh, core.request, core.factors, core.terms, core.variances);
+  FORCE_GAMMA_INITIAL_VALUES(eh, core.request, core.factors, core.terms, core.data, core.design, core.variances);
 }
 
 void adjust_parameters(ERROR_HANDLER& eh, CORE_DATA& core)
 {
-  const JsonNode* model = core.request.find("model");
-  for (const char* key : {"vcm", "vcc_constraint"}) {
-    refuse_key(eh, core.request, key);
-    if (model != nullptr) refuse_key(eh, *model, key);
-  }
+  HANDLE_VCM(eh, core.request, core.factors, core.terms, core.variances);
   if (eh.terminate()) return;
-  STRUCTURECHECK(eh, core.terms, core.design, core.variances);
+  HANDLE_VCC_CONSTRAINTS(eh, core.request, core.factors, core.terms, core.variances);
+  if (eh.terminate()) return;
+  STRUCTURECHECK(eh, core.options, core.terms, core.design, core.variances);
   if (eh.terminate()) return;
   STORE_INITIAL_VALUES_TABLE(eh, core.variances, core.tables);
 }

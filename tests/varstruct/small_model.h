@@ -24,8 +24,9 @@ struct Component {
 struct SMALL_MODEL {
   FACTOR_TABLE factors;
   TERM_TABLE terms;
+  AINV_MTXS matrices;
   VARIANCE_MODEL model;
-  FIT_OPTIONS options;
+  FIT_OPTIONS options = FIT_OPTIONS_DEFAULTS();
   std::int64_t records = 24;
 
   SMALL_MODEL()
@@ -76,10 +77,20 @@ struct SMALL_MODEL {
     return add_term(n == 1 ? first : n * 10000 + first, equations, Block::random, name);
   }
 
+  /// The residual of a model without a residual term, as it stands before the structures are set up.
+  RESIDUAL_MODEL units_residual() const
+  {
+    RESIDUAL_MODEL residual;
+    residual.is_default = true;
+    residual.gamma = options(Slot::varscale) <= 0;
+    residual.sections.push_back({.components = {{.factor = 3, .size = records}}, .records = records});
+    return residual;
+  }
+
   /// Structures and labels.
   void set_up(ERROR_HANDLER& eh, double variance = 4.0)
   {
-    SETSTR(eh, options, factors, terms, {variance, -0.000919191}, records, model);
+    SETSTR(eh, options, factors, terms, matrices, {variance, -0.000919191}, units_residual(), model);
     if (!eh.terminate()) VARIABLE_TABLE_GUTS(eh, factors, terms, model);
   }
 

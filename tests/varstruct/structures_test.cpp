@@ -112,7 +112,7 @@ TEST(Structures, MakeTheParameterTable)
       for (const STRUCTURE_ROW& row : m.model.rows) sizes.push_back(row.size);
       EXPECT_EQ(sizes, c.sizes);
       EXPECT_EQ(m.model.terms.size(), c.random.size());
-      STRUCTURECHECK(eh, m.terms, m.design(), m.model);
+      STRUCTURECHECK(eh, m.options, m.terms, m.design(), m.model);
       EXPECT_TRUE(clean(eh));
     }
   }
@@ -132,31 +132,29 @@ TEST(Structures, LeaveOutTermsThatHaveNone)
   EXPECT_EQ(m.model.count(), 2);
 }
 
-TEST(Structures, RefuseWhatIsNotBuiltByName)
+TEST(Structures, TellWhatIsWrong)
 {
   struct Case {
     std::vector<Component> term;
     const char* message;
-    std::int64_t status;
-    Ecode code;
+    bool stops = true;
   };
   const Case cases[] = {
-      {{{"x", 5, "ar1"}}, "the variance model ar1 in ar1(x) is not implemented", 4, Ecode::not_implemented},
-      {{{"x", 5, "idh"}}, "the variance model idh in idh(x) is not implemented", 4, Ecode::not_implemented},
-      {{{"x", 5, "id"}, {"t", 2, "us"}},
-       "the variance model us in id(x):us(t) is not implemented",
-       4,
-       Ecode::not_implemented},
-      {{{"x", 5, "zzz"}}, "Cannot PARSE zzz(x)", 4, Ecode::invalid_input},
+      {{{"x", 5, "zzz"}}, "Cannot PARSE zzz(x)"},
       {{{"x", 5, "idv", {0.1, 0.2}}},
-       "unexpected number of initial values supplied for idv(x), number expected = 1, number supplied = 2",
-       4,
-       Ecode::invalid_input},
-      {{{"x", 5, "id", {0.1}}}, "number expected = 0, number supplied = 1", 4, Ecode::invalid_input},
-      {{{"x", 5, "idv", {HUGE_VAL}}},
-       "an initial value supplied for idv(x) is not a finite number",
-       4,
-       Ecode::invalid_input},
+       "unexpected number of initial values supplied for idv(x), number expected = 1, number supplied = 2"},
+      {{{"x", 5, "id", {0.1}}}, "number expected = 0, number supplied = 1"},
+      {{{"x", 3, "us", {1, 0, 1}}}, "number expected = 6, number supplied = 3"},
+      {{{"x", 3, "ar1h", {0.5}}}, "number expected = 4, number supplied = 1"},
+      {{{"x", 5, "idv", {HUGE_VAL}}}, "an initial value supplied for idv(x) is not a finite number"},
+      {{{"x", 1, "cor"}}, "cor(x) is expected to have more than 1 level", false},
+      {{{"x", 1, "us"}}, "change structure to id() or its argument to a factor", false},
+      {{{"x", 3, "ar3v"}}, "check characteristics of ar3v(x), more levels expected", false},
+      {{{"x", 9, "sph", {3.0, 0.8}}},
+       "Kriging Model ISP does not have a smooth Likelihood function because of the range parameter", false},
+      {{{"x", 9, "cirv", {3.0, 0.8, 1.0}}},
+       "Kriging Model SPH does not have a smooth Likelihood function because of the range parameter", false},
+      {{{"x", 3, "vm"}}, "GRM structure not defined for model term vm(x)"},
   };
   for (const Case& c : cases) {
     ERROR_HANDLER eh;
@@ -164,41 +162,30 @@ TEST(Structures, RefuseWhatIsNotBuiltByName)
     m.random(c.term);
     m.set_up(eh);
     EXPECT_TRUE(has_message(eh, c.message));
-    EXPECT_TRUE(has_message(eh, " Failed to form variance structure "));
-    EXPECT_EQ(eh.EH_STATUS(), c.status);
-    EXPECT_EQ(eh.messages().front().ecode, c.code);
+    EXPECT_EQ(has_message(eh, " Failed to form variance structure "), c.stops);
+    EXPECT_EQ(eh.EH_STATUS(), c.stops ? 4 : -3) << c.message;
     EXPECT_TRUE(eh.stack().entries.empty());
   }
-  ERROR_HANDLER eh;
-  SMALL_MODEL m;
-  m.random({{"g", 3}});
-  m.factors.rows.back().kind = 28;
-  m.set_up(eh);
-  EXPECT_TRUE(has_message(eh, "the variance structure of g in g is not implemented"));
 }
 
-TEST(Residual, OnlyTheIdentityIsBuilt)
+TEST(Structures, KnownMatricesFitTheirFactor)
 {
-  struct Case {
-    const char* residual;  // empty: absent
-    const char* message;   // empty: accepted
-  };
-  for (const Case& c :
-       {Case{"", ""}, Case{"null", ""}, Case{R"("units")", ""}, Case{R"({"terms":["units"]})", ""},
-        Case{R"({"terms":[{"term_name":"units"}]})", ""},
-        Case{R"({"terms":["units","site"]})", "a residual of several sections is not implemented"},
-        Case{R"({"terms":["plot"]})", "the residual plot is not implemented"},
-        Case{R"({"terms":[{"interaction":["row","col"]}]})", "the residual row:col is not implemented"}}) {
+  for (const std::int64_t order : {2, 3, 4}) {
     ERROR_HANDLER eh;
-    MODEL_INFO info;
-    const auto node = *c.residual == '\0' ? nullptr : json(c.residual);
-    info.residual = node.get();
-    NEW_GETRCOV(eh, COMMUNICATION{}, info);
-    if (*c.message == '\0') {
-      EXPECT_TRUE(clean(eh)) << c.residual;
+    SMALL_MODEL m;
+    m.matrices.matrices.push_back({.name = "K", .order = order});
+    m.random({{"x", 3, "vm"}});
+    m.factors.rows.back().matrix = "K";
+    m.set_up(eh);
+    if (order == 3) {
+      EXPECT_TRUE(clean(eh));
+      ASSERT_EQ(m.model.rows.size(), 1u);
+      EXPECT_EQ(m.model.rows[0].matrix, &m.matrices.matrices.front());
+      EXPECT_EQ(m.model.parameters[0].label, "vm(x);GRM_V");
+      EXPECT_EQ(m.model.parameters[0].value, wide(0.1f));
     } else {
-      EXPECT_TRUE(has_message(eh, c.message));
-      EXPECT_EQ(eh.messages().front().ecode, Ecode::not_implemented);
+      EXPECT_TRUE(has_message(eh, order < 3 ? "GRM structure is smaller than model factor for term vm(x)"
+                                            : "GRM structure seems larger than model factor for term vm(x)"));
     }
   }
 }
@@ -222,7 +209,7 @@ TEST(StructureCheck, CountsVarianceScales)
     m.random(c.term);
     m.set_up(eh);
     if (c.second != Constraint::P) m.model.parameters[1].constraint = c.second;
-    STRUCTURECHECK(eh, m.terms, m.design(), m.model);
+    STRUCTURECHECK(eh, m.options, m.terms, m.design(), m.model);
     if (*c.message == '\0') {
       EXPECT_TRUE(clean(eh));
       continue;
@@ -242,7 +229,7 @@ TEST(StructureCheck, ComparesTheResidualWithTheData)
   SMALL_MODEL m;
   m.set_up(eh);
   m.records = 23;
-  STRUCTURECHECK(eh, m.terms, m.design(), m.model);
+  STRUCTURECHECK(eh, m.options, m.terms, m.design(), m.model);
   EXPECT_TRUE(has_message(eh,
                           "R structure for 24 records does not match the data, probably due to an imbalance "
                           "caused by the removal of missing values"));

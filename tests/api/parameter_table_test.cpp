@@ -1,0 +1,319 @@
+// Labels, starting values, types and constraints of the structures of whole models.
+#include <cmath>
+
+#include "api/setup_road.h"
+#include "base/numbers.h"
+#include "base/text.h"
+
+namespace tolvan {
+namespace {
+
+constexpr std::int64_t records = 24;
+
+/// 24 records: subject 6 x time 4, site 2 x row 3 x column 4, env 4 x geno 6, points (x, v), responses y, z.
+std::vector<double> data_columns()
+{
+  std::vector<double> a;
+  for (int k = 0; k < records; ++k) {
+    const double y = std::sin(1.7 * k) + 0.1 * k, z = std::cos(2.3 * k) - 0.2 * y;
+    for (const double v : {k / 4 + 1.0, k % 4 + 1.0, k / 12 + 1.0, k / 4 % 3 + 1.0, k % 4 + 1.0, k / 6 + 1.0, k % 6 + 1.0,
+                           k * 0.5, (k * 7 % 24) * 0.25, 2.0 * (k % 4), y, z}) {
+      a.push_back(v);
+    }
+  }
+  return a;
+}
+
+std::string request_of(std::string_view model, std::string_view options = "", std::string_view more = "")
+{
+  std::string variables;
+  const auto factor = [&](const char* name, int levels) {
+    variables += text(R"({"name":")", name, R"(","field_type":"vt_integer_factor_1_to_n","number_of_levels":)", levels, "},");
+  };
+  factor("subject", 6), factor("time", 4), factor("site", 2), factor("row", 3), factor("column", 4), factor("env", 4), factor("geno", 6);
+  for (const char* name : {"x", "v", "w", "y"}) variables += text(R"({"name":")", name, R"(","field_type":"vt_variate"},)");
+  variables += R"({"name":"z","field_type":"vt_variate"})";
+  return text(R"({"dataset":[{"name":"d","number_of_observations":24,"storage_order":"so_row_major","variables":[)", variables,
+              R"(]}],"model":{)", model, R"(},"options":{)", options, "}", more, "}");
+}
+
+void run(SetupRoad& road, const std::string& request)
+{
+  const std::vector<double> a = data_columns();
+  UDST_ADD(road.eh, road.datasets, "d", a.data(), records, 12);
+  road.run(request);
+}
+
+/// 0.9 times the covariance of two of the responses with divisor n, as the starts are made from it.
+double starting(int i, int j)
+{
+  const std::vector<double> a = data_columns();
+  double mi = 0, mj = 0, s = 0;
+  for (int k = 0; k < records; ++k) mi += a[static_cast<std::size_t>(12 * k + 10 + i)] / records, mj += a[static_cast<std::size_t>(12 * k + 10 + j)] / records;
+  for (int k = 0; k < records; ++k) s += (a[static_cast<std::size_t>(12 * k + 10 + i)] - mi) * (a[static_cast<std::size_t>(12 * k + 10 + j)] - mj) / records;
+  return s * (i == j ? wide(0.9f) : wide(0.9f) * wide(0.9f));
+}
+
+/// "label type constraint value" of every parameter.
+struct Expected {
+  std::string label;
+  std::string letters;  // type and constraint
+  double value;
+};
+using Table = std::vector<Expected>;
+
+std::string show(const VARIANCE_PARAMETER& p)
+{
+  return text(p.label, ' ', parameter_type_letters[static_cast<std::size_t>(p.type) - 1], constraint_letters[static_cast<std::size_t>(p.constraint)],
+              ' ', p.value, '\n');
+}
+
+void expect_table(const SetupRoad& road, const Table& expected)
+{
+  std::string all;
+  for (const VARIANCE_PARAMETER& p : road.model().parameters) all += show(p);
+  ASSERT_EQ(road.model().parameters.size(), expected.size()) << all;
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    const VARIANCE_PARAMETER& p = road.model().parameters[i];
+    EXPECT_EQ(p.label, expected[i].label) << all;
+    EXPECT_EQ(text(parameter_type_letters[static_cast<std::size_t>(p.type) - 1], constraint_letters[static_cast<std::size_t>(p.constraint)]),
+              expected[i].letters) << p.label;
+    EXPECT_NEAR(p.value, expected[i].value, 1e-9 * std::fabs(expected[i].value) + 1e-15) << p.label;
+    EXPECT_EQ(p.value, p.start) << p.label;
+  }
+}
+
+/// One label a level: "head_1", "head_2", ...
+void add(Table& t, const std::string& head, int count, const char* letters, double value)
+{
+  for (int i = 1; i <= count; ++i) t.push_back({text(head, i), letters, value});
+}
+
+// The random part under ratios; the residual is units with its variance of 1.
+TEST(ParameterTable, RandomTerms)
+{
+  const double s = wide(0.1f), c = wide(0.3f), g = 0.05, u = std::sqrt(wide(0.04f) * g);
+  struct Case {
+    const char* random;
+    Table expected;
+  };
+  std::vector<Case> cases = {
+      {"block", {}},  // replaced below: no such variable
+      {"geno+env:geno", {{"geno;IDV_V", "GP", s}, {"env:geno;IDV_V", "GP", s}}},
+      {"idv(geno)", {{"geno;IDV_V", "GP", wide(0.9f) * s}}},
+      {"idv(geno,0.8)+env", {{"geno;IDV_V", "GP", 0.8}, {"env;IDV_V", "GP", s}}},
+      {"ar1v(time)", {{"time;AR1V_R", "RP", s}, {"time;AR1V_V", "GP", wide(0.9f) * s}}},
+      {"ar1(time):idv(subject)", {{"time:subject;time.AR1_R", "RP", s}, {"time:subject;subject.IDV_V", "GP", wide(0.9f) * g}}},
+      {"corv(env):id(geno)", {{"env:geno;env.CORV_R", "RP", c}, {"env:geno;env.CORV_V", "GP", wide(0.9f) * g}}},
+      {"corh(env):id(geno)",
+       {{"env:geno;env.CORH_R", "RP", c}, {"env:geno;env.CORH_V_1", "GP", g}, {"env:geno;env.CORH_V_2", "GP", g},
+        {"env:geno;env.CORH_V_3", "GP", g}, {"env:geno;env.CORH_V_4", "GP", g}}},
+      {"sfa(site,1):id(geno)",
+       {{"site:geno;site.SFA1_R_1_1", "RP", c}, {"site:geno;site.SFA1_R_2_1", "RP", c}, {"site:geno;site.SFA1_V_1", "GP", g},
+        {"site:geno;site.SFA1_V_2", "GP", g}}},
+      {"facv(site,1):id(geno)",
+       {{"site:geno;site.FACV1_L_1_1", "LP", u}, {"site:geno;site.FACV1_L_2_1", "LP", u}, {"site:geno;site.FACV1_V_1", "GP", 0.1 * g},
+        {"site:geno;site.FACV1_V_2", "GP", 0.1 * g}}},
+      {"fa(site,1):id(geno)",
+       {{"site:geno;site.FA1_V_1", "GP", 0.1 * g}, {"site:geno;site.FA1_V_2", "GP", 0.1 * g}, {"site:geno;site.FA1_L_1_1", "LP", u},
+        {"site:geno;site.FA1_L_2_1", "LP", u}}},
+      {"rr(site,1):id(geno)",
+       {{"site:geno;site.RR1_V_1", "GF", 0}, {"site:geno;site.RR1_V_2", "GF", 0}, {"site:geno;site.RR1_L_1_1", "LP", u},
+        {"site:geno;site.RR1_L_2_1", "LP", u}}},
+      {"us(site):id(geno)",
+       {{"site:geno;site.US_V_1_1", "GP", wide(0.05f)}, {"site:geno;site.US_C_2_1", "CP", wide(0.01f)}, {"site:geno;site.US_V_2_2", "GP", wide(0.05f)}}},
+      {"us(site,init=[2,-0.5,3]):geno", {{"site:geno;site.US_V_1_1", "GP", 2}, {"site:geno;site.US_C_2_1", "CP", -0.5}, {"site:geno;site.US_V_2_2", "GP", 3}}},
+      {"chol(row,1):id(geno)",
+       {{"row:geno;row.CHOL1_V_1", "GP", wide(0.3f) * std::sqrt(g)}, {"row:geno;row.CHOL1_C_2_1", "CP", wide(0.2f) * std::sqrt(g)},
+        {"row:geno;row.CHOL1_V_2", "GP", wide(0.3f) * std::sqrt(g)}, {"row:geno;row.CHOL1_C_3_1", "CF", 0},
+        {"row:geno;row.CHOL1_C_3_2", "CP", wide(0.2f) * std::sqrt(g)}, {"row:geno;row.CHOL1_V_3", "GP", wide(0.3f) * std::sqrt(g)}}},
+      {"chol(site,1,2.5)", {{"site;CHOL1_V_1", "GP", 2.5}, {"site;CHOL1_C_2_1", "CP", 0}, {"site;CHOL1_V_2", "GP", 2.5}}},
+      {"corbv(row,1,0.25)", {{"row;CORBV_R_1", "RP", 0.25}, {"row;CORBV_R_2", "RF", 0}, {"row;CORBV_V", "GP", wide(0.9f) * s}}},
+  };
+  cases.erase(cases.begin());
+  {
+    Case many{"diag(env):id(geno)", {}};
+    add(many.expected, "env:geno;env.DIAG_V_", 4, "GP", wide(0.2f) * g);
+    cases.push_back(many);
+    Case idh{"idh(env):id(geno)", {}};
+    add(idh.expected, "env:geno;env.IDH_V_", 4, "GP", g);
+    cases.push_back(idh);
+    Case series{"ar2h(row)", {{"row;AR2H_R_1", "RP", s}, {"row;AR2H_R_2", "RP", s}}};
+    add(series.expected, "row;AR2H_V_", 3, "GP", s);
+    cases.push_back(series);
+  }
+  for (const Case& each : cases) {
+    SCOPED_TRACE(each.random);
+    SetupRoad road;
+    run(road, request_of(text(R"("response":"y","random":")", each.random, "\"")));
+    EXPECT_FALSE(road.eh.terminate()) << road.eh.EH_PRINT_TEXT();
+    if (road.eh.terminate()) continue;
+    Table expected = each.expected;
+    expected.push_back({"units;IDV_V", "VP", 1.0});
+    expect_table(road, expected);
+    EXPECT_TRUE(road.model().gamma && road.model().profiled);
+    EXPECT_EQ(road.model().residual_parameter, road.model().count() - 1);
+  }
+}
+
+// The residual: its parameters behind those of geno, on ratios unless it has a variance of its own.
+TEST(ParameterTable, Residuals)
+{
+  const double s = wide(0.1f), c = wide(0.3f), v = starting(0, 0);
+  struct Case {
+    const char* residual;
+    bool gamma;
+    Table expected;
+    std::vector<std::int64_t> sizes;
+    std::int64_t sections = 1;
+    const char* warning = "";
+  };
+  const std::string t = "subject:time;time.";
+  const Expected own{"subject:time;IDV_V", "VP", 1.0};
+  std::vector<Case> cases = {
+      {"units", true, {{"units;IDV_V", "VP", 1.0}}, {24}},
+      {"ar1(column):id(subject)", true, {}, {}},  // replaced below: the records are no such grid
+      {"id(subject):ar1(time)", true, {{t + "AR1_R", "RP", s}, own}, {6, 4}},
+      {"id(subject):ar1(time,0.45)", true, {{t + "AR1_R", "RP", 0.45}, own}, {6, 4}},
+      {"id(subject):sar2(time,init=[-0.4,0.5])", true, {{t + "SAR2_R_1", "RP", -0.4}, {t + "SAR2_R_2", "RP", 0.5}, own}, {6, 4}},
+      {"id(subject):arma(time)", true, {{t + "ARMA_R_1", "RP", s}, {t + "ARMA_R_2", "RP", s}, own}, {6, 4}},
+      {"id(subject):cor(time)", true, {{t + "COR_R", "RP", c}, own}, {6, 4}},
+      {"id(subject):corb(time,2)", true, {{t + "CORB_R_1", "RP", c}, {t + "CORB_R_2", "RP", c}, {t + "CORB_R_3", "RF", 0}, own}, {6, 4}},
+      {"id(subject):corg(time)", true,
+       {{t + "CORG_R_2_1", "RP", c}, {t + "CORG_R_3_1", "RP", c}, {t + "CORG_R_3_2", "RP", c}, {t + "CORG_R_4_1", "RP", c},
+        {t + "CORG_R_4_2", "RP", c}, {t + "CORG_R_4_3", "RP", c}, own}, {6, 4}},
+      {"id(subject):exp(time,dist=[0,1.2,2,3.1])", true, {{t + "EXP_R", "RP", s}, own}, {6, 4}},
+      {"id(subject):lvr(time,init=[2.7],dist=[0,1.2,2,3.1])", true, {{t + "LVR_V", "GP", 2.7}, own}, {6, 4}},
+      {"id(subject):exp(w)", true, {{"subject:w;w.EXP_R", "RP", s}, {"subject:w;IDV_V", "VP", 1.0}}, {6, 4}},
+      {"iexp(x,v)", true, {{"x;IEXP_R", "RP", s}, {"x;IDV_V", "VP", 1.0}}, {24}},
+      {"aexp(x,v)", true, {{"x;AEXP_R", "RP", s}, {"x;AEXP_V", "GP", s}, {"x;IDV_V", "VP", 1.0}}, {24}},
+      {"id(subject):ar1v(time)", false, {{t + "AR1V_R", "RP", s}, {t + "AR1V_V", "VP", wide(0.9f) * v}}, {6, 4}, 1,
+       "specify Sigma parameterization via the options, by setting varscale to 1.0"},
+      {"id(subject):ar1v(time,init=[0.5,3])", false, {{t + "AR1V_R", "RP", 0.5}, {t + "AR1V_V", "VP", 3}}, {6, 4}},
+      {"site:row:ar1(column)", true, {{"site:row:column;column.AR1_R", "RP", s}, {"site:row:column;IDV_V", "VP", 1.0}}, {2, 3, 4}},
+      {"sat(site,2):idv(units)+sat(site,1):idv(units)", false,
+       {{"sat(site,1):units;IDV_V", "VP", wide(0.9f) * v}, {"sat(site,2):units;IDV_V", "VP", wide(0.9f) * v}}, {12, 12}, 2},
+      {"sat(site,1):units+sat(site,2):units", false, {{"sat(site,1):units;IDV_V", "VP", v}, {"sat(site,2):units;IDV_V", "VP", v}}, {12, 12}, 2},
+      {"sat(site,1):ar1v(column):ar1(row)+sat(site,2):ar1v(column):ar1(row)", false,
+       {{"sat(site,1):column:row;column.AR1V_R", "RP", s}, {"sat(site,1):column:row;column.AR1V_V", "VP", wide(0.9f) * v},
+        {"sat(site,1):column:row;row.AR1_R", "RP", s}, {"sat(site,2):column:row;column.AR1V_R", "RP", s},
+        {"sat(site,2):column:row;column.AR1V_V", "VP", wide(0.9f) * v}, {"sat(site,2):column:row;row.AR1_R", "RP", s}},
+       {4, 3, 4, 3}, 2},
+      {"sat(site,1):ar1(column):ar1(row)+sat(site,2):ar1(column):ar1(row)", false,
+       {{"sat(site,1):column:row;column.AR1_R", "RP", s}, {"sat(site,1):column:row;row.AR1_R", "RP", s}, {"sat(site,1):column:row;IDV_V", "VP", v},
+        {"sat(site,2):column:row;column.AR1_R", "RP", s}, {"sat(site,2):column:row;row.AR1_R", "RP", s}, {"sat(site,2):column:row;IDV_V", "VP", v}},
+       {4, 3, 4, 3}, 2},
+  };
+  cases.erase(cases.begin() + 1);
+  {
+    Case h{"id(subject):idh(time)", false, {}, {6, 4}};
+    add(h.expected, t + "IDH_V_", 4, "VP", v);
+    cases.push_back(h);
+    Case diag{"id(subject):diag(time)", false, {}, {6, 4}};
+    add(diag.expected, t + "DIAG_V_", 4, "VP", wide(0.2f) * v);
+    cases.push_back(diag);
+    Case corh{"id(subject):corh(time)", false, {{t + "COR" + "H_R", "RP", c}}, {6, 4}};
+    add(corh.expected, t + "CORH_V_", 4, "VP", v);
+    cases.push_back(corh);
+    Case us{"id(subject):us(time)", false, {}, {6, 4}};
+    for (int i = 1; i <= 4; ++i) {
+      for (int j = 1; j <= i; ++j) {
+        us.expected.push_back({text(t, "US_", i == j ? 'V' : 'C', '_', i, '_', j), i == j ? "VP" : "CP", (i == j ? wide(0.05f) : wide(0.01f)) * v});
+      }
+    }
+    cases.push_back(us);
+  }
+  for (const Case& each : cases) {
+    SCOPED_TRACE(each.residual);
+    SetupRoad road;
+    run(road, request_of(text(R"("response":"y","random":"geno","residual":")", each.residual, "\"")));
+    EXPECT_FALSE(road.eh.terminate()) << road.eh.EH_PRINT_TEXT();
+    if (road.eh.terminate()) continue;
+    Table expected{{"geno;IDV_V", each.gamma ? "GP" : "VP", s * (each.gamma ? 1.0 : v)}};
+    expected.insert(expected.end(), each.expected.begin(), each.expected.end());
+    expect_table(road, expected);
+    const VARIANCE_MODEL& m = road.model();
+    EXPECT_EQ(m.gamma, each.gamma);
+    EXPECT_EQ(m.profiled, each.gamma);
+    std::vector<std::int64_t> sizes;
+    for (const STRUCTURE_ROW& row : m.residual) sizes.push_back(row.size);
+    EXPECT_EQ(sizes, each.sizes);
+    EXPECT_EQ(std::ssize(m.sections), each.sections);
+    EXPECT_EQ(*each.warning == '\0', road.eh.messages().empty()) << road.eh.EH_PRINT_TEXT();
+    EXPECT_TRUE(*each.warning == '\0' || has_message(road.eh, each.warning));
+  }
+}
+
+/// LL' of the first row of a model, whose loadings stand behind its specifics.
+std::vector<double> loadings_product(const VARIANCE_MODEL& m)
+{
+  const STRUCTURE_ROW& row = m.rows.front();
+  const std::int64_t levels = row.size - row.order;
+  std::vector<double> out;
+  for (std::int64_t i = 0; i < levels; ++i) {
+    for (std::int64_t j = 0; j <= i; ++j) {
+      double sum = 0;
+      for (std::int64_t f = 0; f < row.order; ++f) {
+        const auto at = [&](std::int64_t level) { return m.parameters[static_cast<std::size_t>(row.first + levels + f * levels + level)].value; };
+        sum += at(i) * at(j);
+      }
+      out.push_back(sum);
+    }
+  }
+  return out;
+}
+
+TEST(ParameterTable, LoadingsOfTwoFactorsAreTurned)
+{
+  // Six levels and two factors, specifics first: the pattern that keeps factors apart, by positions in the row.
+  const double u = std::sqrt(wide(0.04f) * 0.05);
+  const double plain[] = {0.0447213591, 0.0447213591, 0.00223606799, 0.00223606799, 0.0201246119, -0.0335410198,
+                          -0.0156524759, -0.0111803399, -0.0201246119, 0.00670820396, -0.00223606799, 0.00670820396};
+  EXPECT_NEAR(u, plain[0], 1e-10);
+  for (const bool damped : {true, false}) {
+    SetupRoad road;
+    run(road, request_of(R"~("response":"y","random":"fa(geno,2):id(env)")~", damped ? R"("aipenalty":20)" : R"("aipenalty":0)"));
+    ASSERT_FALSE(road.eh.terminate()) << road.eh.EH_PRINT_TEXT();
+    const VARIANCE_MODEL& m = road.model();
+    ASSERT_EQ(m.count(), 19);
+    EXPECT_EQ(m.rows.front().size, 8);
+    const std::vector<double> product = loadings_product(m);
+    std::size_t c = 0;
+    for (std::size_t i = 0; i < 6; ++i) {
+      for (std::size_t j = 0; j <= i; ++j) EXPECT_NEAR(product[c++], plain[i] * plain[j] + plain[6 + i] * plain[6 + j], 1e-11);
+    }
+    EXPECT_EQ(constraint_letters[static_cast<std::size_t>(m.parameters[12].constraint)], damped ? 'P' : 'F');
+    EXPECT_EQ(m.parameters[12].value == 0.0, !damped);
+    EXPECT_EQ(damped, has_message(road.eh, "the XFA term in fa(geno,2):id(env) appears to have more free parameters (18) than formally expected (17), ignoring any formal user constraints"));
+    EXPECT_EQ(damped, has_message(road.eh, "set aipenalty to zero to avoid the Levenberg type damping modification"));
+    EXPECT_EQ(!damped, has_message(road.eh, "since an aipenalty of zero has been specified, parameter constraints must be applied to avoid AI singularities"));
+  }
+}
+
+// The factors of ante() give the default covariance matrix back within the band.
+TEST(ParameterTable, AntedependenceStartsAtACovarianceMatrix)
+{
+  for (const int k : {1, 2, 3}) {
+    SetupRoad road;
+    run(road, request_of(text(R"~("response":"y","random":"ante(time,)~", k, R"~():id(subject)")~")));
+    ASSERT_FALSE(road.eh.terminate()) << road.eh.EH_PRINT_TEXT();
+    const auto p = [&](int i, int j) { return road.model().parameters[static_cast<std::size_t>(i * (i - 1) / 2 + j - 1)].value; };
+    // V is built level by level from the regressions x_j = sum of -u_ij x_i + e_j.
+    double v[5][5] = {};
+    for (int j = 1; j <= 4; ++j) {
+      for (int i = 1; i < j; ++i) {
+        for (int m = std::max(1, j - k); m < j; ++m) v[j][i] -= p(j, m) * v[std::max(m, i)][std::min(m, i)];
+        v[i][j] = v[j][i];
+      }
+      v[j][j] = 1.0 / p(j, j);
+      for (int m = std::max(1, j - k); m < j; ++m) v[j][j] -= p(j, m) * v[j][m];
+      for (int i = 1; i <= j; ++i) {
+        if (j - i > k) continue;
+        EXPECT_NEAR(v[j][i], i == j ? wide(0.05f) : wide(0.01f), 1e-12) << k << ' ' << j << ' ' << i;
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace tolvan
