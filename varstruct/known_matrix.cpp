@@ -18,13 +18,13 @@ Formed KNOWN_MATRIX::form(FORM_CONTEXT& context)
   }
   variance_ = row.parameters > 0 ? context.model.parameters[static_cast<std::size_t>(row.first)].value : 1.0;
   if (variance_ == 0.0) return Formed::zero_variance;
-  const auto n = static_cast<double>(row.size);
+  const auto n = static_cast<double>(row.matrix->counted());
   inverse_ = row.matrix->inverse();
   inverse_.scale = 1.0 / variance_;
   log_determinant_ = n * std::log(std::fabs(variance_)) + row.matrix->log_determinant;
   score_part_.assign(static_cast<std::size_t>(row.parameters), n / variance_);
   const std::int64_t bound = row.matrix->lagrangian;
-  negative_ = variance_ < 0.0 ? row.size - bound : bound;
+  negative_ = variance_ < 0.0 ? row.matrix->counted() - bound : bound;
   if (lagrangian_.empty()) {
     for (std::size_t t = 0; t < row.matrix->bound.size(); ++t) {
       lagrangian_.emplace_back(row.size - bound + static_cast<std::int64_t>(t), row.matrix->bound[t]);
@@ -38,7 +38,8 @@ void KNOWN_MATRIX::contract(const double* s, double* out) const
   if (!score_part_.empty()) out[0] += sum_of_products(inverse_, s) / variance_;
 }
 
-void KNOWN_MATRIX::working(std::int64_t, const double* x, double* y, std::int64_t outer, std::int64_t inner) const
+void KNOWN_MATRIX::working(std::int64_t, const double* x, double* y, std::int64_t outer,
+                           std::int64_t inner) const
 {
   const double by = 1.0 / variance_;
   std::transform(x, x + outer * inverse_.n * inner, y, [by](double v) { return by * v; });
@@ -52,6 +53,10 @@ void KNOWN_MATRIX::covariance(double* r) const
   for (std::int64_t j = 0; j < n; ++j) {
     if (inverse_.shape == Shape::dense) {
       std::copy(inverse_.values + j * n, inverse_.values + (j + 1) * n, r + j * n);
+      continue;
+    }
+    if (inverse_.shape == Shape::diagonal) {
+      r[j * n + j] = inverse_.values[j];
       continue;
     }
     for (std::int64_t k = inverse_.start[j]; k < inverse_.start[j + 1]; ++k) {
