@@ -15,14 +15,6 @@
 namespace tolvan::stages {
 namespace {
 
-/// The variable that holds the response, from 1; 0 if it is none of the data's.
-std::int64_t response_variable(const CORE_DATA& core)
-{
-  if (core.model_info.responses.empty()) return 0;
-  const std::int64_t row = core.model_info.responses.front();
-  return row >= 1 && row <= core.factors.count() ? core.factors.row(row).variable : 0;
-}
-
 /// The responses by trait in the order of the records, with missing marks where mv estimates them.
 std::vector<std::vector<double>> observed_responses(const DESIGN_MTX& design, std::size_t traits)
 {
