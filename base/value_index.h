@@ -14,7 +14,7 @@ class VALUE_INDEX {
   void add(double x, double y = 0.0);
   /// Puts the pairs in rising order.  Nothing may be added afterwards.
   void sort();
-  /// The place of a pair from 1; 0 for one that was never added.  After sort() alone.
+  /// The place of a pair from 1, in the order of adding as long as sort() was not called; 0 for one that was never added.
   std::int64_t find(double x, double y = 0.0) const;
 
   std::int64_t size() const { return static_cast<std::int64_t>(x_.size()); }

@@ -145,17 +145,13 @@ void L_NAME_LEVELS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FAC
   const Frame here{eh, __func__};
   const FACTOR_ROW& source = factors.row(factors.original(factor.source));
   if (!source.is_factor || source.design_kind() != DesignKind::none || source.variable == 0 || factor.second > 0) return;
-  for (std::int64_t l = 1; l <= basis.distinct.size(); ++l) {
-    const auto level = static_cast<std::int64_t>(basis.distinct.x(l));
-    double number = 0.0;
-    std::string label = GET_LEVEL_NAME(eh, variables.row(source.variable), level);
-    if (eh.terminate()) return;
-    if (read_real(label, number)) {
-      basis.names.clear();
-      return;
-    }
-    basis.names.push_back(std::move(label));
-  }
+  const VARIABLE& variable = variables.row(source.variable);
+  double number = 0.0;
+  std::int64_t l = 1;
+  while (l <= source.levels && read_real(GET_LEVEL_NAME(eh, variable, l), number) && !eh.terminate()) ++l;
+  if (l > source.levels || eh.terminate()) return;  // the values are the labels
+  for (l = 1; l <= basis.distinct.size(); ++l)
+    basis.names.push_back(GET_LEVEL_NAME(eh, variable, static_cast<std::int64_t>(basis.distinct.x(l))));
 }
 
 /// L_FINISH: the basis of a row from what was gathered.

@@ -23,7 +23,7 @@ void scale_to_unit_range(double least, double most, DESIGN_BASIS& basis);
 ///
 /// In exact arithmetic u p_j needs p_j and p_(j-1) alone to become p_(j+1); with all earlier ones it stays orthogonal in
 /// rounded arithmetic too, at the points and, by the same recursion, off them (Brubeck, Nakatsukasa and Trefethen, 2021,
-/// "Vandermonde with Arnoldi", SIAM Review 63).
+/// "Vandermonde with Arnoldi", SIAM Review 63).  Degrees near the number of points, from about 20 on, lose digits.
 void orthogonal_recursion(std::span<const double> points, std::int64_t degree, DESIGN_BASIS& basis);
 /// p_0(x), ..., p_degree(x) into p, degree being p.size() - 1.
 void orthogonal_polynomials(const DESIGN_BASIS& basis, double x, std::span<double> p);
