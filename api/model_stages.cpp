@@ -63,17 +63,8 @@ void model_options(ERROR_HANDLER& eh, CORE_DATA& core)
 
 void check_model(ERROR_HANDLER& eh, CORE_DATA& core)
 {
-  if (core.model_info.responses.size() > 1) {
-    eh.not_implemented("a model with several response variables is not implemented");
-    return;
-  }
   if (core.model_info.offset > 0) {
     eh.not_implemented(text("the offset ", core.factors.row(core.model_info.offset).name, " is not implemented"));
-    return;
-  }
-  for (const TERM_ROW& term : core.terms.rows) {
-    if (term.linked_head < 0) continue;
-    eh.not_implemented(text("the structure that ", term.name, " shares with other terms, str(), is not implemented"));
     return;
   }
   CHECK_FOR_INTERACTION_NO_MAIN(core.factors, core.terms);

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "base/numbers.h"
+#include "varstruct/covariance_models.h"
 
 namespace tolvan {
 
@@ -50,52 +51,6 @@ std::vector<double> starting_covariance(std::int64_t n, const DEFAULT_BASE& from
     }
   }
   return v;
-}
-
-/// Solves the s x s system A x = b with A the block of v at levels from to from + s - 1, by Cholesky; s is small.
-std::vector<double> solve_block(const std::vector<double>& v, std::int64_t from, std::int64_t s, std::vector<double> b)
-{
-  const auto at = [s](std::int64_t i, std::int64_t j) { return static_cast<std::size_t>(i * s + j); };
-  std::vector<double> l(static_cast<std::size_t>(s * s));
-  for (std::int64_t i = 0; i < s; ++i) {
-    for (std::int64_t j = 0; j <= i; ++j) {
-      double sum = v[cell(from + i, from + j)];
-      for (std::int64_t m = 0; m < j; ++m) sum -= l[at(i, m)] * l[at(j, m)];
-      l[at(i, j)] = i == j ? std::sqrt(std::max(sum, 0.0)) : l[at(j, j)] > 0.0 ? sum / l[at(j, j)] : 0.0;
-    }
-  }
-  for (std::int64_t i = 0; i < s; ++i) {
-    double sum = b[static_cast<std::size_t>(i)];
-    for (std::int64_t m = 0; m < i; ++m) sum -= l[at(i, m)] * b[static_cast<std::size_t>(m)];
-    b[static_cast<std::size_t>(i)] = l[at(i, i)] > 0.0 ? sum / l[at(i, i)] : 0.0;
-  }
-  for (std::int64_t i = s; i-- > 0;) {
-    double sum = b[static_cast<std::size_t>(i)];
-    for (std::int64_t m = i + 1; m < s; ++m) sum -= l[at(m, i)] * b[static_cast<std::size_t>(m)];
-    b[static_cast<std::size_t>(i)] = l[at(i, i)] > 0.0 ? sum / l[at(i, i)] : 0.0;
-  }
-  return b;
-}
-
-/// The factors of V^-1 = U D U' with k bands: x_j given the k levels before it has the regressions -u_ij and the variance
-/// 1/d_j (Gabriel 1962), so that V is met within the band.  u_ij stands at cell (j, i), d_j at (j, j).
-std::vector<double> antedependence_factors(const std::vector<double>& v, std::int64_t n, std::int64_t k)
-{
-  std::vector<double> out(v.size(), 0.0);
-  for (std::int64_t j = 1; j <= n; ++j) {
-    const std::int64_t first = std::max<std::int64_t>(1, j - k);
-    std::vector<double> right;
-    for (std::int64_t i = first; i < j; ++i) right.push_back(v[cell(j, i)]);
-    const std::vector<double> regression = solve_block(v, first, j - first, right);
-    double variance = v[cell(j, j)];
-    for (std::int64_t i = first; i < j; ++i) {
-      const double b = regression[static_cast<std::size_t>(i - first)];
-      variance -= b * v[cell(j, i)];
-      out[cell(j, i)] = -b;
-    }
-    out[cell(j, j)] = variance > 0.0 ? 1.0 / variance : 1.0 / std::max(v[cell(j, j)], 1e-300);
-  }
-  return out;
 }
 
 /// The triangle of CHOL: a small multiple of the square root of g, ratios free of the unit.
@@ -221,11 +176,18 @@ Parameters default_parameters(const COMPONENT_MODEL& model, std::int64_t n, std:
       add_triangle(n, cholesky_factors(n, from), v, ParamRole::variance, ParamRole::correlation, out);
       cut_band(n, k, out);
       break;
-    case 12:  // ANTE
-      add_triangle(n, antedependence_factors(starting_covariance(n, from), n, k), v, ParamRole::precision,
-                   ParamRole::correlation, out);
+    case 12: {  // ANTE: a covariance matrix, taken apart
+      std::vector<double> factors = starting_covariance(n, from);
+      if (!antedependence_from_covariance(n, k, factors)) {  // of traits that depend on each other
+        for (std::int64_t i = 1; i <= n; ++i) {
+          for (std::int64_t j = 1; j < i; ++j) factors[cell(i, j)] = 0.0;
+          factors[cell(i, i)] = 1.0 / std::max(factors[cell(i, i)], 1e-300);
+        }
+      }
+      add_triangle(n, factors, v, ParamRole::precision, ParamRole::correlation, out);
       cut_band(n, k, out);
       break;
+    }
     case 13: {  // FACV
       const std::int64_t factors = std::min(k, n - 1);
       add_loadings(n, factors, std::sqrt(wide(0.04f) * g), ParamType::L, ParamRole::loading, out);

@@ -128,7 +128,15 @@ TEST(ParameterTable, RandomTerms)
         {"row:geno;row.CHOL1_V_2", "GP", wide(0.3f) * std::sqrt(g)}, {"row:geno;row.CHOL1_C_3_1", "CF", 0},
         {"row:geno;row.CHOL1_C_3_2", "CP", wide(0.2f) * std::sqrt(g)}, {"row:geno;row.CHOL1_V_3", "GP", wide(0.3f) * std::sqrt(g)}}},
       {"chol(site,1,2.5)", {{"site;CHOL1_V_1", "GP", 2.5}, {"site;CHOL1_C_2_1", "CP", 0}, {"site;CHOL1_V_2", "GP", 2.5}}},
+      {"at(site,2):ar1v(row)", {{"at(site,2):row;AR1V_R", "RP", s}, {"at(site,2):row;AR1V_V", "GP", wide(0.9f) * s}}},
+      {"at(site,2):geno", {{"at(site,2):geno;IDV_V", "GP", s}}},
+      {"expv(x)", {{"x;EXPV_R", "RP", s}, {"x;EXPV_V", "GP", wide(0.9f) * s}}},
+      {"sphv(x,v,init=[4,2])", {{"x;SPHV_V", "GP", 4}, {"x;SPHV_V_2", "GP", 2}}},
       {"corbv(row,1,0.25)", {{"row;CORBV_R_1", "RP", 0.25}, {"row;CORBV_R_2", "RF", 0}, {"row;CORBV_V", "GP", wide(0.9f) * s}}},
+      {"mtrnv(x,v,phi=3,nu=1.5)",
+       {{"x;MATV_p", "pP", 3}, {"x;MATV_n", "nP", 1.5}, {"x;MATV_d", "dF", 1}, {"x;MATV_a", "aF", 0}, {"x;MATV_U", "uF", 2}, {"x;MATV_V", "GP", wide(0.9f) * s}}},
+      {"str(subject+subject:w,us(2):id(6))",
+       {{"subject+subject:w;US_V_1_1", "GP", wide(0.05f)}, {"subject+subject:w;US_C_2_1", "CP", wide(0.01f)}, {"subject+subject:w;US_V_2_2", "GP", wide(0.05f)}}},
   };
   cases.erase(cases.begin());
   {
@@ -191,15 +199,15 @@ TEST(ParameterTable, Residuals)
        "specify Sigma parameterization via the options, by setting varscale to 1.0"},
       {"id(subject):ar1v(time,init=[0.5,3])", false, {{t + "AR1V_R", "RP", 0.5}, {t + "AR1V_V", "VP", 3}}, {6, 4}},
       {"site:row:ar1(column)", true, {{"site:row:column;column.AR1_R", "RP", s}, {"site:row:column;IDV_V", "VP", 1.0}}, {2, 3, 4}},
-      {"sat(site,2):idv(units)+sat(site,1):idv(units)", false,
+      {"dsum(idv(units)|site)", false,
        {{"sat(site,1):units;IDV_V", "VP", wide(0.9f) * v}, {"sat(site,2):units;IDV_V", "VP", wide(0.9f) * v}}, {12, 12}, 2},
-      {"sat(site,1):units+sat(site,2):units", false, {{"sat(site,1):units;IDV_V", "VP", v}, {"sat(site,2):units;IDV_V", "VP", v}}, {12, 12}, 2},
-      {"sat(site,1):ar1v(column):ar1(row)+sat(site,2):ar1v(column):ar1(row)", false,
+      {"dsum(units|site)", false, {{"sat(site,1):units;IDV_V", "VP", v}, {"sat(site,2):units;IDV_V", "VP", v}}, {12, 12}, 2},
+      {"dsum(ar1v(column):ar1(row)|site)", false,
        {{"sat(site,1):column:row;column.AR1V_R", "RP", s}, {"sat(site,1):column:row;column.AR1V_V", "VP", wide(0.9f) * v},
         {"sat(site,1):column:row;row.AR1_R", "RP", s}, {"sat(site,2):column:row;column.AR1V_R", "RP", s},
         {"sat(site,2):column:row;column.AR1V_V", "VP", wide(0.9f) * v}, {"sat(site,2):column:row;row.AR1_R", "RP", s}},
        {4, 3, 4, 3}, 2},
-      {"sat(site,1):ar1(column):ar1(row)+sat(site,2):ar1(column):ar1(row)", false,
+      {"dsum(ar1(column):ar1(row)|site)", false,
        {{"sat(site,1):column:row;column.AR1_R", "RP", s}, {"sat(site,1):column:row;row.AR1_R", "RP", s}, {"sat(site,1):column:row;IDV_V", "VP", v},
         {"sat(site,2):column:row;column.AR1_R", "RP", s}, {"sat(site,2):column:row;row.AR1_R", "RP", s}, {"sat(site,2):column:row;IDV_V", "VP", v}},
        {4, 3, 4, 3}, 2},
@@ -241,6 +249,41 @@ TEST(ParameterTable, Residuals)
     EXPECT_EQ(std::ssize(m.sections), each.sections);
     EXPECT_EQ(*each.warning == '\0', road.eh.messages().empty()) << road.eh.EH_PRINT_TEXT();
     EXPECT_TRUE(*each.warning == '\0' || has_message(road.eh, each.warning));
+  }
+}
+
+TEST(ParameterTable, SeveralTraits)
+{
+  // Where the levels are the traits, half of their covariances each; of a plain term and of no residual, other shares.
+  struct Case {
+    const char* random;
+    const char* residual;
+    const char* head;
+    double share, residual_share;
+  };
+  const double v[3] = {starting(0, 0), starting(0, 1), starting(1, 1)};
+  for (const Case& c : {Case{"us(trait):id(geno)", R"~(,"residual":"units:us(trait)")~", "trait:geno;trait.US", 0.5, 0.5},
+                        Case{"us(trait):id(geno)", R"~(,"residual":"id(units):us(trait)")~", "trait:geno;trait.US", 0.5, 0.5},
+                        Case{"trait:geno", "", "trait:geno;trait.US", wide(0.033f), wide(0.33f)}}) {
+    SCOPED_TRACE(text(c.random, c.residual));
+    SetupRoad road;
+    run(road, request_of(text(R"("response":"y+z","fixed":"trait","random":")", c.random, "\"", c.residual)));
+    EXPECT_FALSE(road.eh.terminate()) << road.eh.EH_PRINT_TEXT();
+    if (road.eh.terminate()) continue;
+    Table expected;
+    for (const auto& [head, share] : {std::pair{std::string(c.head), c.share}, std::pair{std::string("units.us(trait);US"), c.residual_share}}) {
+      expected.push_back({head + "_V_1_1", "VP", share * v[0]});
+      expected.push_back({head + "_C_2_1", "CP", share * v[1]});
+      expected.push_back({head + "_V_2_2", "VP", share * v[2]});
+    }
+    expect_table(road, expected);
+    const VARIANCE_MODEL& m = road.model();
+    ASSERT_EQ(m.residual.size(), 2u);
+    EXPECT_EQ(m.residual[0].size, records);
+    EXPECT_EQ(m.residual[1].size, 2);
+    EXPECT_EQ(m.residual_parameter, -1);
+    EXPECT_EQ(*c.residual == '\0', has_message(road.eh, "assuming I x US variable structure for Residual"));
+    EXPECT_EQ(*c.residual == '\0', has_message(road.eh, "adding Variance parameter for trait:geno"));
   }
 }
 
