@@ -106,8 +106,11 @@ void SET_FACTOR_LEVELS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::
       continue;
     }
     factor.levels = factors.row(factor.source).levels;
-    if (extends_levels(factor) && __builtin_add_overflow(factor.levels, factor.order, &factor.levels))
-      factor.levels = std::numeric_limits<std::int64_t>::max();
+    if (!extends_levels(factor)) continue;
+    // The factors follow; a level of rr() is bound to them by an equation more, behind all others.
+    std::int64_t more = factor.order;
+    if (factor.structure == "rr") more += factor.levels;
+    if (__builtin_add_overflow(factor.levels, more, &factor.levels)) factor.levels = std::numeric_limits<std::int64_t>::max();
   }
 }
 

@@ -83,7 +83,7 @@ std::vector<std::string> own_indices(const STRUCTURE_ROW& row, std::int64_t own)
       for (std::int64_t i = 1; i <= row.size; ++i) one(i);
       break;
     case 15: {
-      const std::int64_t levels = own / (std::min(row.order, row.size) + 1);
+      const std::int64_t levels = own / (row.order + 1);
       for (std::int64_t i = 1; i <= levels; ++i) one(i);
       loadings(levels, own - levels);
       break;

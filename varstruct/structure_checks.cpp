@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "base/text.h"
+#include "varstruct/extended_factors.h"
 #include "varstruct/initial_values.h"
 #include "varstruct/starting_values.h"
 #include "varstruct/structure_parameters.h"
@@ -41,13 +42,15 @@ void L_CHECK_TERM(ERROR_HANDLER& eh, const TERM_TABLE& terms, const TERM_STRUCTU
   const TERM_ROW& term = terms.rows[static_cast<std::size_t>(structure.term)];
   const std::int64_t equations = structure_equations(terms, structure.term);
   std::int64_t size = 1, scales = 0, to_estimate = 0;
+  bool zero_specifics = false;
   for (std::int64_t r = 0; r < structure.rows; ++r) {
     const STRUCTURE_ROW& row = model.rows[static_cast<std::size_t>(structure.first_row + r)];
     if (row.first < 0 || row.parameters < 0 || row.first + row.parameters > model.count()) {
       eh.internal(text("Overparamaterized variance model: ", term.name));  // sic
       return;
     }
-    size *= row.size;
+    zero_specifics = zero_specifics || (row.model == xfa && extended_layout(row, model).lagrangian() > 0);
+    size *= row.model == xfa ? extended_layout(row, model).size() : row.size;
     if (!holds_variance(row)) continue;
     ++scales;
     if (estimates_scale(model, row)) ++to_estimate;
@@ -55,6 +58,7 @@ void L_CHECK_TERM(ERROR_HANDLER& eh, const TERM_TABLE& terms, const TERM_STRUCTU
   if (size != equations) {
     eh.error(text("unable to find which block of struc values are associated with ", term.name));
     eh.continuation(text("its structure has ", size, " levels, the term has ", equations));
+    if (zero_specifics) eh.continuation("a specific variance of zero takes equations of its own: rr() has them, fa() has not");
     return;
   }
   // None at all is a term whose variance is that of the residual; two can not be told apart.
@@ -72,11 +76,11 @@ struct LOADINGS {
   std::int64_t first = 0, levels = 0, factors = 0;
 };
 
-LOADINGS loadings_of(const STRUCTURE_ROW& row)
+LOADINGS loadings_of(const STRUCTURE_ROW& row, const VARIANCE_MODEL& model)
 {
-  if (row.model == xfa && row.order > 0) {
-    const std::int64_t levels = row.size - row.order;
-    return {row.first + levels, levels, row.order};
+  if (row.model == xfa) {
+    const EXTENDED_LAYOUT layout = extended_layout(row, model);
+    return {row.first + layout.levels, layout.levels, layout.factors};
   }
   if ((row.model == fa || row.model == facv) && row.size > 0) return {row.first, row.size, row.parameters / row.size - 1};
   return {};
@@ -114,7 +118,7 @@ void L_CHECK_FACTORS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const std::s
                      VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
-  const LOADINGS at = loadings_of(row);
+  const LOADINGS at = loadings_of(row, model);
   if (at.factors < 1) return;
   const bool damped = options(Slot::aipenalty) != -1;
   if (at.factors > 1 && damped) {

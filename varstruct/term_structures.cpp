@@ -36,9 +36,12 @@ struct PART {
   bool scaled = false;                 // by itself it has a variance: a known matrix, or ide()
 };
 
-bool is_extended(std::string_view function)
+/// The levels that data can have: without the factors of fa() and rr(), and the equations that bind levels of rr().
+std::int64_t levels_of_data(const FACTOR_TABLE& factors, const FACTOR_ROW& f)
 {
-  return function == "fa" || function == "rr";
+  if (f.structure != "fa" && f.structure != "rr") return f.levels;
+  if (f.copy) return factors.row(f.source).levels;
+  return (f.levels - f.order) / (f.structure == "rr" ? 2 : 1);
 }
 
 /// Whether a named model brings a variance.
@@ -184,7 +187,7 @@ void L_SETSTR_TERM(ERROR_HANDLER& eh, const SETUP& setup, const TERM_ROW& term, 
            {.term = term.name,
             .function = part.function.empty() && !part.scaled ? std::string_view("id") : part.function,
             .variance = keeps,
-            .levels = f.levels - (is_extended(part.function) ? f.order : 0),
+            .levels = levels_of_data(setup.factors, f),
             .order = f.order,
             .factor = part.factor,
             .from = from,

@@ -373,12 +373,13 @@ TEST(DesignFunctions, FactorsJoinedAgree)
 TEST(DesignFunctions, FactorsOfAStructureHaveNoDesign)
 {
   const std::vector<Row> data = simulated(15, 2);
-  for (const char* structure : {"fa", "rr"}) {
+  // Three levels and two factors; rr() binds every level to the factors by an equation more.
+  for (const auto& [structure, levels] : {std::pair{"fa", 5}, std::pair{"rr", 8}}) {
     DataRoad road;
     ASSERT_TRUE(form(road, data, text(R"j("random":")j", structure, R"j((f,2):g")j"))) << messages_text(road.eh);
-    EXPECT_EQ(road.terms.equations, 1 + 5 * 2);
+    EXPECT_EQ(road.terms.equations, 1 + levels * 2);
     for (std::size_t r = 0; r < data.size(); ++r)
-      EXPECT_EQ(dense_row(road, static_cast<std::int64_t>(r)), unit(5, data[r][f]) * unit(2, data[r][g]));
+      EXPECT_EQ(dense_row(road, static_cast<std::int64_t>(r)), unit(levels, data[r][f]) * unit(2, data[r][g]));
     EXPECT_EQ(level_name(road.eh, road.variables, road.factors, road.terms.rows.back(), 10), "factor2.2");
   }
 }
