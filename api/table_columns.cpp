@@ -14,6 +14,8 @@ struct Word {
   Type type;
   std::string_view name;
 };
+template <class Type>
+Word(Type, const char*) -> Word<Type>;
 
 constexpr std::array table_types = {
     Word{TableType::unknown, "unknown"},       Word{TableType::table, "table"},
