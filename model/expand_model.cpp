@@ -27,11 +27,7 @@ bool is_term_form(const JsonNode& node)
 /// A name as it may stand in the list: nothing in it that the formula layer would have to read.
 bool is_plain_text(const COMMUNICATION& communication, std::string_view s)
 {
-  const SYMBOLS symbols(communication);
-  return !is_numeric(s) && std::none_of(s.begin(), s.end(), [&](char c) {
-    return symbols.is_sign(c) || symbols.is_operator(c) || is_opener(c) || is_closer(c) || c == ' ' ||
-           c == '"' || c == '\'';
-  });
+  return !is_numeric(s) && is_plain_text(SYMBOLS(communication), s);
 }
 
 /// L_READ_TERM_LIST: brings a list that a caller wrote as JSON into the term forms.

@@ -212,8 +212,7 @@ JsonNode* API_ADD_TERM_TO_JSON(ERROR_HANDLER& eh, const COMMUNICATION& communica
   const Frame here{eh, __func__};
   const bool call = !is_quoted(term) && term.find_first_of("()") != std::string_view::npos;
   // A string would be read as a formula when the standard form comes back.
-  const auto in_name = [](char c) { return is_name_character(c) || c == '.'; };
-  const bool only_quoted = is_quoted(term) && !std::all_of(term.begin() + 1, term.end() - 1, in_name);
+  const bool only_quoted = !call && !is_plain_text(SYMBOLS(communication), unquoted(term));
   if (!call && !drop && !only_quoted) {
     JsonNode& plain = add_key(parent, key, JsonType::null);
     plain.set(std::string(unquoted(term)));

@@ -1,5 +1,7 @@
 #include "model/formula_scan.h"
 
+#include <algorithm>
+
 #include "base/text.h"
 
 namespace tolvan {
@@ -74,6 +76,14 @@ bool is_name_character(char c)
 {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || is_digit(c) || c == '_' ||
          static_cast<unsigned char>(c) >= 0x80;
+}
+
+bool is_plain_text(const SYMBOLS& symbols, std::string_view s)
+{
+  return std::none_of(s.begin(), s.end(), [&](char c) {
+    return symbols.is_sign(c) || symbols.is_operator(c) || is_opener(c) || is_closer(c) || c == ' ' || c == '"' ||
+           c == '\'';
+  });
 }
 
 bool is_opener(char c)

@@ -48,6 +48,8 @@ class QuoteScan {
 
 /// A letter, a digit or "_"; bytes beyond ASCII are letters.  A dot is none.
 bool is_name_character(char c);
+/// True for a text in which the formula layer finds nothing to take apart: no sign, operator, bracket, quote or blank.
+bool is_plain_text(const SYMBOLS& symbols, std::string_view s);
 bool is_digit(char c);
 bool is_opener(char c);
 bool is_closer(char c);
