@@ -218,12 +218,19 @@ void K4MAII(ERROR_HANDLER& eh, bool update, std::int64_t iteration, INFORMATION&
   factorise(tolerance, used, l, lost);
   for (const std::int64_t i : lost) leave_out(i, true);
 
-  // A correlation about which the data say next to nothing beside its score is held.
+  // A correlation about which the data say next to nothing beside its score is held.  Both are what is left once the parameters
+  // before it are eliminated: the score of theta in ARMA(1,1), say, is large while phi is far off, and all phi's.
+  std::vector<double> z(static_cast<std::size_t>(k), 0.0);  // the scores through the factor
   for (std::int64_t i = 0; update && i < k; ++i) {
     if (!used[static_cast<std::size_t>(i)]) continue;
+    double left = information.score[static_cast<std::size_t>(i)];
+    for (std::int64_t m = 0; m < i; ++m) {
+      if (used[static_cast<std::size_t>(m)]) left -= l[at(i, m)] * z[static_cast<std::size_t>(m)];
+    }
+    z[static_cast<std::size_t>(i)] = left / l[at(i, i)];
     VARIANCE_PARAMETER& parameter = model.parameters[static_cast<std::size_t>(information.active[static_cast<std::size_t>(i)])];
     const double pivot = l[at(i, i)] * l[at(i, i)];
-    if (parameter.type == ParamType::R && pivot < wide(0.01f) * std::fabs(information.score[static_cast<std::size_t>(i)])) {
+    if (parameter.type == ParamType::R && pivot < wide(0.01f) * std::fabs(left)) {
       eh.warning("Correlation parameter fixed; little information");
       eh.continuation(parameter.label);
       parameter.constraint = Constraint::F;

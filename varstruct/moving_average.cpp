@@ -59,7 +59,7 @@ class MOVING_AVERAGE final : public TOEPLITZ_MATRIX {
   Formed form_arma(FORM_CONTEXT& context)
   {
     mark_correlations(context, parameters_);
-    bound_arma(parameter(context, 0).value, parameter(context, 1).value);
+    bound_arma(parameter(context, 0).value, parameter(context, 1).value, context.iteration <= 1);
     const double phi = parameter(context, 0).value, theta = parameter(context, 1).value;
     if (!size(context)) return Formed::in_handler;
     const double s = 1.0 - phi * phi;

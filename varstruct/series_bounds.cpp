@@ -19,6 +19,7 @@ constexpr double ma_limit = wide(0.99f);
 constexpr double ma_target = 0.995;
 constexpr double arma_limit = 0.999;
 constexpr double arma_gap = 0.001;
+constexpr double arma_start_gap = 0.1;
 constexpr double arma_step = wide(1.01f);
 constexpr double nothing = 1e-30;  // a theta that the step would hardly move
 
@@ -76,12 +77,14 @@ void bound_ma1(double& theta)
   if (size > ma_limit) theta *= ma_target / size;
 }
 
-void bound_arma(double& phi, double& theta)
+void bound_arma(double& phi, double& theta, bool first_iteration)
 {
   for (double* x : {&phi, &theta})
     if (std::fabs(*x) > arma_limit) *x = std::copysign(arma_limit, *x);
-  if (std::fabs(theta) < nothing && std::fabs(phi - theta) < arma_gap) theta = arma_gap;
-  while (std::fabs(phi - theta) < arma_gap) theta *= arma_step;
+  if (!(std::fabs(phi - theta) < arma_gap)) return;
+  if (std::fabs(theta) < nothing) theta = arma_gap;
+  const double gap = first_iteration ? arma_start_gap : arma_gap;
+  while (std::fabs(phi - theta) < gap) theta *= arma_step;
 }
 
 }  // namespace tolvan

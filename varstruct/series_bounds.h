@@ -15,8 +15,9 @@ void bound_triple(double& a, double& b, double& c);
 void bound_root(double& g);
 /// For MA1, a value beyond 0.99 goes back to 0.995.
 void bound_ma1(double& theta);
-/// For ARMA, both are held within 0.999, then apart from each other by 0.001: equal ones cancel and leave
-/// nothing to estimate.
-void bound_arma(double& phi, double& theta);
+/// For ARMA, both are held within 0.999, then apart from each other: equal ones cancel and leave nothing to
+/// estimate.  The gap is 0.001, and 0.1 where the first iteration finds less than that: from so near their
+/// derivatives tell the two from each other.
+void bound_arma(double& phi, double& theta, bool first_iteration);
 
 }  // namespace tolvan

@@ -7,6 +7,7 @@
 #include "support/checks.h"
 #include "support/failing_memory.h"
 #include "varstruct/make_component.h"
+#include "varstruct/series_bounds.h"
 
 namespace tolvan {
 namespace {
@@ -268,6 +269,20 @@ TEST(CorrelationBounds, CorrelationsShrinkTogetherUntilTheMatrixIsPositiveDefini
   EXPECT_EQ(out.value(3), 2.5);
   EXPECT_NEAR(out.component->log_determinant(), std::log(1.0 - 3 * x * x - 2 * x * x * x) + 3 * std::log(2.5),
               1e-12);
+}
+
+TEST(CorrelationBounds, EqualArmaParametersStartFurtherApart)
+{
+  for (const double start : {0.1, -0.4, 0.0, 0.999}) {
+    double phi = start, theta = start;
+    bound_arma(phi, theta, true);
+    EXPECT_EQ(phi, start);
+    EXPECT_GE(std::fabs(phi - theta), 0.1);
+    EXPECT_LT(std::fabs(phi - theta), 0.1 + 0.011 * std::fabs(theta));
+  }
+  double phi = 0.1, theta = 0.102;  // far enough to be let alone
+  bound_arma(phi, theta, true);
+  EXPECT_EQ(theta, 0.102);
 }
 
 TEST(CorrelationBounds, RepeatedPointsMoveByAHundredthOfTheSmallestSeparationSoFar)
