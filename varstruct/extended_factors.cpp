@@ -14,7 +14,8 @@ namespace tolvan {
 
 namespace {
 
-constexpr double least_specific = 1e-8;  // of a variance up to 1, by loadings; for larger ones absolute
+constexpr double least_specific = 1e-7;  // of a variance up to 1, by loadings, for larger ones absolute; far
+// enough from 0 for the pivots of the factors
 constexpr double least_eigenvalue = 0.05;
 constexpr double least_share = 0.05;  // of the diagonal that US2XFA leaves as specific
 
@@ -69,7 +70,7 @@ bool EXTENDED_FACTORS::L_LAY_OUT(ERROR_HANDLER& eh, const STRUCTURE_ROW& row, co
     return false;
   lagrangian_.clear();
   for (std::int64_t t = 0; t < z; ++t) {
-    const std::int64_t level = layout_.zero[static_cast<std::size_t>(t)];
+    const std::int64_t level = layout_.lagrangian_levels[static_cast<std::size_t>(t)];
     row_of_[static_cast<std::size_t>(level)] = t;
     lagrangian_.emplace_back(m + k + t, level);
   }
@@ -112,7 +113,8 @@ Formed EXTENDED_FACTORS::form(FORM_CONTEXT& context)
         text("size of structure seems wrong, nrow = ", row.size, ", gammas count = ", row.parameters));
     return Formed::in_handler;
   }
-  if (values_.empty() && !L_LAY_OUT(eh, row, context.model)) return Formed::in_handler;
+  const bool first = values_.empty();
+  if (first && !L_LAY_OUT(eh, row, context.model)) return Formed::in_handler;
   const std::int64_t m = layout_.levels, k = layout_.factors, z = layout_.lagrangian();
   VARIANCE_PARAMETER* theta = context.model.parameters.data() + row.first;
   for (std::int64_t i = 0; i < m * k; ++i) loadings_[static_cast<std::size_t>(i)] = theta[m + i].value;
@@ -131,6 +133,12 @@ Formed EXTENDED_FACTORS::form(FORM_CONTEXT& context)
     double communality = 0.0;
     for (std::int64_t j = 0; j < k; ++j) communality += loading(i, j) * loading(i, j);
     const std::int64_t t = row_of_[at];
+    if (first && t < 0 && theta[i].value == 0.0) {
+      eh.not_implemented(text("a specific variance of zero in ", term_of_row(row, context.model),
+                              " is not implemented, but for those of rr()"));
+      values_.clear();
+      return Formed::in_handler;
+    }
     if (t < 0 || theta[i].value != 0.0) {
       const double least = least_specific * (communality > 0.0 ? std::min(1.0, communality) : 1.0);
       const bool may_be_negative = theta[i].constraint == Constraint::U;
@@ -270,9 +278,15 @@ EXTENDED_LAYOUT extended_layout(const STRUCTURE_ROW& row, const VARIANCE_MODEL& 
   EXTENDED_LAYOUT out;
   out.factors = std::max<std::int64_t>(1, row.order);
   out.levels = row.parameters / (out.factors + 1);
-  for (std::int64_t i = 0; i < out.levels; ++i) {
-    if (model.parameters[static_cast<std::size_t>(row.first + i)].value == 0.0) out.zero.push_back(i);
+  std::int64_t room = row.size - out.levels - out.factors;
+  for (const bool zero : {true, false}) {  // levels that need a row, then others while there are rows
+    for (std::int64_t i = 0; i < out.levels && room > 0; ++i) {
+      if ((model.parameters[static_cast<std::size_t>(row.first + i)].value == 0.0) != zero) continue;
+      out.lagrangian_levels.push_back(i);
+      --room;
+    }
   }
+  std::sort(out.lagrangian_levels.begin(), out.lagrangian_levels.end());
   return out;
 }
 

@@ -28,16 +28,19 @@ namespace tolvan {
 
 /// How the rows of an extended component divide.
 struct EXTENDED_LAYOUT {
-  std::int64_t levels = 0;         // m
-  std::int64_t factors = 0;        // k
-  std::vector<std::int64_t> zero;  // levels (from 0) with a Lagrangian row, rising; row m + k + t belongs to
-                                   // zero[t], and its equation must be eliminated after that of the level
-  std::int64_t lagrangian() const { return static_cast<std::int64_t>(zero.size()); }
+  std::int64_t levels = 0;   // m
+  std::int64_t factors = 0;  // k
+  std::vector<std::int64_t>
+      lagrangian_levels;  // levels (from 0) with a Lagrangian row, rising; row m + k + t belongs to [t], and
+                          // its equation must be eliminated after that of the level
+  std::int64_t lagrangian() const { return static_cast<std::int64_t>(lagrangian_levels.size()); }
   std::int64_t size() const { return levels + factors + lagrangian(); }
 };
 
-/// The layout of a row of model code 15 at the present values: a specific variance of exactly 0 asks for a
-/// Lagrangian row. Taken once, at set-up, and kept: the component does the same when it is first formed.
+/// The layout of a row of model code 15 at the present values.  The size of the row tells how many Lagrangian
+/// rows there are: those beyond levels and factors.  They go to the levels with a specific variance of
+/// exactly 0; one that is left over stays without effect.  Taken once, at set-up, and kept: the component
+/// does the same when it is first formed.
 EXTENDED_LAYOUT extended_layout(const STRUCTURE_ROW& row, const VARIANCE_MODEL& model);
 
 /// US2XFA: rewrites an unstructured covariance matrix as its k leading factors with specific variances.

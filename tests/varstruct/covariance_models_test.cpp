@@ -380,7 +380,7 @@ TEST(ExtendedFactors, AgreeWithTheirDefinitionWithLagrangianRows)
   for (const auto& [m, k, zero] : cases) {
     SCOPED_TRACE(text("levels ", m, " factors ", k, " zero ", static_cast<std::int64_t>(zero.size())));
     const Vector theta = extended(m, k, zero).draw(dice);
-    ONE_ROW run(15, m + k, k, theta);
+    ONE_ROW run(15, m + k + static_cast<std::int64_t>(zero.size()), k, theta);
     ASSERT_EQ(run.form(), Formed::done);
     EXPECT_TRUE(clean(run.eh));
     EXPECT_EQ(run.component->negative(), static_cast<std::int64_t>(zero.size()));

@@ -1,5 +1,5 @@
-// The extended factor model inside mixed-model equations: with levels without a specific variance, and cells without data, the
-// equations with Lagrangian rows say what the covariance matrix of the data says.
+// The extended factor model inside mixed-model equations: with levels without a specific variance, and cells
+// without data, the equations with Lagrangian rows say what the covariance matrix of the data says.
 #include "base/text.h"
 #include "support/checks.h"
 #include "varstruct/dense_reference.h"
@@ -18,7 +18,8 @@ struct TRIAL {
   Dense y;        // records x 1
 };
 
-TRIAL trial(Dice& dice, std::int64_t m, std::int64_t k, std::int64_t q, std::vector<std::int64_t> zero, bool related)
+TRIAL trial(Dice& dice, std::int64_t m, std::int64_t k, std::int64_t q, std::vector<std::int64_t> zero,
+            bool related)
 {
   TRIAL t{m, k, q, std::move(zero), identity(q), {}, {}};
   if (related) {
@@ -50,7 +51,8 @@ Dense covariance_of_levels(const TRIAL& t, const Vector& theta)
     v(i, i) += theta[static_cast<std::size_t>(i)];
     for (std::int64_t a = 0; a < t.m; ++a) {
       for (std::int64_t j = 0; j < t.k; ++j)
-        v(i, a) += theta[static_cast<std::size_t>(t.m + i + j * t.m)] * theta[static_cast<std::size_t>(t.m + a + j * t.m)];
+        v(i, a) += theta[static_cast<std::size_t>(t.m + i + j * t.m)] *
+                   theta[static_cast<std::size_t>(t.m + a + j * t.m)];
     }
   }
   return v;
@@ -58,7 +60,8 @@ Dense covariance_of_levels(const TRIAL& t, const Vector& theta)
 
 Dense covariance_of_data(const TRIAL& t, const Vector& theta)
 {
-  return plus(t.z * direct_product(covariance_of_levels(t, theta), t.entries) * transposed(t.z), identity(t.z.rows));
+  return plus(t.z * direct_product(covariance_of_levels(t, theta), t.entries) * transposed(t.z),
+              identity(t.z.rows));
 }
 
 double minus_two_logl(const TRIAL& t, const Vector& theta)
@@ -76,7 +79,8 @@ double slope(const TRIAL& t, Vector theta, std::size_t k)
   return (up - minus_two_logl(t, theta)) / (2.0 * h);
 }
 
-std::int64_t negative_pivots(Dense c)  // of the elimination in the order of the equations, each Lagrangian row behind its level
+std::int64_t negative_pivots(
+    Dense c)  // of the elimination in the order of the equations, each Lagrangian row behind its level
 {
   std::int64_t count = 0;
   const std::int64_t n = c.rows;
@@ -100,8 +104,9 @@ TEST(ExtendedFactors, SolveTheEquationsOfTheCovarianceMatrix)
     std::vector<std::int64_t> zero;
     bool related;
   };
-  const std::vector<CASE> cases = {{2, 1, 4, {}, false},     {2, 1, 4, {0, 1}, false},       {4, 2, 5, {1}, false},
-                                   {4, 2, 5, {0, 1, 2, 3}, false}, {5, 2, 4, {0, 3}, true}, {3, 1, 5, {0, 1, 2}, true},
+  const std::vector<CASE> cases = {{2, 1, 4, {}, false},    {2, 1, 4, {0, 1}, false},
+                                   {4, 2, 5, {1}, false},   {4, 2, 5, {0, 1, 2, 3}, false},
+                                   {5, 2, 4, {0, 3}, true}, {3, 1, 5, {0, 1, 2}, true},
                                    {4, 2, 5, {}, true}};
   Dice dice(21);
   for (const CASE& c : cases) {
@@ -110,10 +115,10 @@ TEST(ExtendedFactors, SolveTheEquationsOfTheCovarianceMatrix)
     Vector theta = dice.vector(c.m, 0.1, 1.5);
     for (const std::int64_t i : c.zero) theta[static_cast<std::size_t>(i)] = 0.0;
     for (const double x : dice.vector(c.m * c.k, -1.2, 1.2)) theta.push_back(x);
-    ONE_ROW run(15, c.m + c.k, c.k, theta);
+    ONE_ROW run(15, c.m + c.k + static_cast<std::int64_t>(c.zero.size()), c.k, theta);
     const EXTENDED_LAYOUT layout = extended_layout(run.row, run.model);
     EXPECT_EQ(layout.levels, c.m);
-    EXPECT_EQ(layout.zero, c.zero);
+    EXPECT_EQ(layout.lagrangian_levels, c.zero);
     ASSERT_EQ(run.form(), Formed::done);
     const SYMMETRIC& inverse = run.component->inverse();
     const std::int64_t n = inverse.n, q = c.q;
@@ -135,7 +140,8 @@ TEST(ExtendedFactors, SolveTheEquationsOfTheCovarianceMatrix)
     const Dense u = direct_product(covariance_of_levels(t, theta), t.entries) * zpy;
     const auto nd = static_cast<double>(n), qd = static_cast<double>(q);
     // log|C| + log|G| = log|V|, G of n q rows with the entries' matrix for each row of the component
-    EXPECT_NEAR(solved.log_determinant + qd * run.component->log_determinant() + nd * a.log_determinant, v.log_determinant, 1e-9);
+    EXPECT_NEAR(solved.log_determinant + qd * run.component->log_determinant() + nd * a.log_determinant,
+                v.log_determinant, 1e-9);
     EXPECT_EQ(negative_pivots(c_matrix), q * layout.lagrangian());
     for (std::int64_t i = 0; i < c.m * q; ++i) EXPECT_NEAR(b(i, 0), u(i, 0), 1e-10);
     const Dense azpy = direct_product(identity(c.m), t.entries) * zpy;
@@ -156,7 +162,8 @@ TEST(ExtendedFactors, SolveTheEquationsOfTheCovarianceMatrix)
       for (std::int64_t j = 0; j < n; ++j) {
         for (std::int64_t e = 0; e < q; ++e) {
           for (std::int64_t f = 0; f < q; ++f)
-            s(i, j) += (solved.inverse(i * q + e, j * q + f) + b(i * q + e, 0) * b(j * q + f, 0)) * a.inverse(e, f);
+            s(i, j) +=
+                (solved.inverse(i * q + e, j * q + f) + b(i * q + e, 0) * b(j * q + f, 0)) * a.inverse(e, f);
         }
       }
     }
@@ -177,7 +184,8 @@ TEST(ExtendedFactors, SolveTheEquationsOfTheCovarianceMatrix)
       Dense dot = plus(up, covariance_of_levels(t, moved), -1.0);
       for (double& x : dot.a) x /= 2e-6;
       const Dense expected = direct_product(dot, t.entries) * zpy;
-      for (std::int64_t i = 0; i < c.m * q; ++i) EXPECT_NEAR(w[static_cast<std::size_t>(i)], expected(i, 0), 1e-7);
+      for (std::int64_t i = 0; i < c.m * q; ++i)
+        EXPECT_NEAR(w[static_cast<std::size_t>(i)], expected(i, 0), 1e-7);
     }
   }
 }
@@ -188,7 +196,7 @@ TEST(ExtendedFactors, KeepTheirPatternWhenASpecificVarianceGrows)
   Dice dice(22);
   const TRIAL t = trial(dice, 3, 1, 4, {0, 2}, false);
   Vector theta{0.0, 0.7, 0.0, 0.9, -0.4, 0.6};
-  ONE_ROW run(15, 4, 1, theta);
+  ONE_ROW run(15, 6, 1, theta);
   ASSERT_EQ(run.form(), Formed::done);
   const SYMMETRIC before = run.component->inverse();
   for (const double psi : {0.3, 0.0}) {
@@ -206,6 +214,34 @@ TEST(ExtendedFactors, KeepTheirPatternWhenASpecificVarianceGrows)
     EXPECT_EQ(negative_pivots(c), 2 * t.q);
   }
   EXPECT_TRUE(clean(run.eh));
+}
+
+TEST(ExtendedFactors, GiveTheirLagrangianRowsToTheLevelsThatNeedThem)
+{
+  struct CASE {
+    const char* name;
+    std::int64_t size;
+    Vector specific;
+    std::vector<std::int64_t> levels;
+  };
+  for (const CASE& c : std::vector<CASE>{{"none", 4, {0.1, 0.2, 0.3}, {}},
+                                         {"all", 7, {0.0, 0.0, 0.0}, {0, 1, 2}},
+                                         {"one of them", 5, {0.1, 0.0, 0.3}, {1}},
+                                         {"one to spare", 6, {0.1, 0.2, 0.0}, {0, 2}}}) {
+    SCOPED_TRACE(c.name);
+    Vector theta = c.specific;
+    theta.insert(theta.end(), {0.5, -0.4, 0.3});
+    ONE_ROW run(15, c.size, 1, theta);
+    EXPECT_EQ(extended_layout(run.row, run.model).lagrangian_levels, c.levels);
+    ASSERT_EQ(run.form(), Formed::done);
+    EXPECT_EQ(run.component->inverse().n, c.size);
+    EXPECT_EQ(run.component->negative(), c.size - 4);
+  }
+  ONE_ROW run(15, 4, 1, {0.1, 0.0, 0.3, 0.5, -0.4, 0.3});
+  run.model.parameters[1].label = "site:gen;site.FA1_V_1";
+  EXPECT_EQ(run.form(), Formed::in_handler);
+  EXPECT_TRUE(has_message(
+      run.eh, "a specific variance of zero in site:gen is not implemented, but for those of rr()"));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// What keeps covariance models in their space: mending of matrices that are not positive definite, bounds, step-downs, with
-// their messages.
+// What keeps covariance models in their space: mending of matrices that are not positive definite, bounds,
+// step-downs, with their messages.
 #include "varstruct/mend_matrix.h"
 
 #include "base/lapack.h"
@@ -119,7 +119,8 @@ TEST(MendMatrix, BendsEigenvaluesAndKeepsTheTrace)
       const double b = std::min(std::fabs(bend), 0.999);
       EXPECT_NEAR(after.front(), 1.0 - b, 1e-12);  // the mean of the correlations' eigenvalues is 1
       for (std::size_t i = 0; i < after.size(); ++i)
-        EXPECT_NEAR(after[i], (before[i] - 1.0) * b / (1.0 - before[0]) + 1.0, 1e-12 * static_cast<double>(n));
+        EXPECT_NEAR(after[i], (before[i] - 1.0) * b / (1.0 - before[0]) + 1.0,
+                    1e-12 * static_cast<double>(n));
       double trace = 0.0;
       for (std::int64_t i = 0; i < n; ++i) trace += bent(i, i);
       EXPECT_NEAR(trace, static_cast<double>(n), 1e-12 * static_cast<double>(n));
@@ -153,12 +154,12 @@ Vector pairs(std::int64_t count, double c)
 
 struct BROKEN_CASE {
   const char* name;
-  Vector accepted;              // formed before; empty: none
+  Vector accepted;  // formed before; empty: none
   Vector proposed;
   std::vector<std::size_t> fixed;
   double bend;
   Formed answer;
-  Vector expected;              // empty: only positive definite
+  Vector expected;  // empty: only positive definite
   const char* words;
 };
 
@@ -167,15 +168,64 @@ TEST(MendMatrix, UnstructuredMatricesAreMadeSoundByTheMildestWay)
   const Vector sound_pairs = pairs(2, 0.5);
   const double f = 0.9900000095367432 / 1.44;  // u = 1 - 1.2^2
   const std::vector<BROKEN_CASE> cases = {
-      {"one fault is weakened", {}, {1.0, 1.2, 1.0}, {}, 0.0, Formed::done, {1.0, 1.2 * f, 1.0}, "Modified NPD matrix in structure site:gen begins: "},
-      {"a correlation of 1", {}, {4.0, 6.0, 9.0}, {}, 0.0, Formed::done, {}, "US matrix is not positive definite!"},
-      {"half way back", sound_pairs, pairs(2, 1.2), {}, 0.0, Formed::done, pairs(2, 0.85), "NonPosDef US matrix modified at iteration 17"},
+      {"one fault is weakened",
+       {},
+       {1.0, 1.2, 1.0},
+       {},
+       0.0,
+       Formed::done,
+       {1.0, 1.2 * f, 1.0},
+       "Modified NPD matrix in structure site:gen begins: "},
+      {"a correlation of 1",
+       {},
+       {4.0, 6.0, 9.0},
+       {},
+       0.0,
+       Formed::done,
+       {},
+       "US matrix is not positive definite!"},
+      {"half way back",
+       sound_pairs,
+       pairs(2, 1.2),
+       {},
+       0.0,
+       Formed::done,
+       pairs(2, 0.85),
+       "NonPosDef US matrix modified at iteration 17"},
       {"again and again", {}, pairs(3, 1.3), {}, 0.0, Formed::done, {}, "Modified NPD matrix"},
-      {"a negative variance", {}, {-0.5}, {}, 0.0, Formed::done, {0.0010000000474974513}, "Modified NPD matrix"},
+      {"a negative variance",
+       {},
+       {-0.5},
+       {},
+       0.0,
+       Formed::done,
+       {0.0010000000474974513},
+       "Modified NPD matrix"},
       {"a zero variance", {}, {2.0, 0.5, 0.0}, {}, 0.0, Formed::done, {}, "Modified NPD matrix"},
-      {"fixed covariances stay", {}, {1.0, 1.2, 1.0, 0.3, 0.1, 2.0}, {1}, 0.0, Formed::done, {}, "Modified NPD matrix"},
-      {"nothing can be changed", {}, {1.0, 1.2, 1.0}, {0, 1, 2}, 1.0, Formed::in_handler, {}, "US matrix is not positive definite!"},
-      {"beyond mending", {}, pairs(4, 1e9), {}, 0.0, Formed::in_handler, {}, "US matrix is not positive definite!"},
+      {"fixed covariances stay",
+       {},
+       {1.0, 1.2, 1.0, 0.3, 0.1, 2.0},
+       {1},
+       0.0,
+       Formed::done,
+       {},
+       "Modified NPD matrix"},
+      {"nothing can be changed",
+       {},
+       {1.0, 1.2, 1.0},
+       {0, 1, 2},
+       1.0,
+       Formed::in_handler,
+       {},
+       "US matrix is not positive definite!"},
+      {"beyond mending",
+       {},
+       pairs(4, 1e9),
+       {},
+       0.0,
+       Formed::in_handler,
+       {},
+       "US matrix is not positive definite!"},
       {"bent", {}, pairs(4, 1e9), {}, 1.0, Formed::done, {}, "Modified NPD matrix"},
   };
   for (const BROKEN_CASE& c : cases) {
@@ -205,7 +255,9 @@ TEST(MendMatrix, UnstructuredMatricesAreMadeSoundByTheMildestWay)
     }
     EXPECT_GT(eigenvalues(from_packed(mended, n)).front(), 0.0);
     const Dense v = from_packed(mended, n);
-    EXPECT_LE(norm(plus(v * expanded(run.component->inverse(), run.component->inverse().values), identity(n), -1.0)), 1e-8);
+    EXPECT_LE(norm(plus(v * expanded(run.component->inverse(), run.component->inverse().values), identity(n),
+                        -1.0)),
+              1e-8);
     // What was mended is good the next time, and the message came once.
     const auto told = run.eh.count();
     EXPECT_EQ(run.form(18, c.bend), Formed::done);
@@ -252,8 +304,8 @@ TEST(DiagonalModel, ElementsAtTheirBoundaryGoToZeroWhenTheyFallFast)
       continue;
     }
     EXPECT_TRUE(has_message(run.eh, "Element of DIAG structure set to 0.0 at iteration 5"));
-    // The level is gone: R has 0, no derivative, and the inverse outweighs everything without leaving a trace in the sum of
-    // log|C| and log|R|.
+    // The level is gone: R has 0, no derivative, and the inverse outweighs everything without leaving a trace
+    // in the sum of log|C| and log|R|.
     const SYMMETRIC& inverse = run.component->inverse();
     EXPECT_EQ(inverse.values[0], gone_level);
     EXPECT_NEAR(run.component->log_determinant() + std::log(inverse.values[0] + 1e9), std::log(3.0), 1e-12);
@@ -286,21 +338,76 @@ TEST(FactorModels, KeepTheirParametersInTheirSpace)
 {
   const double limit = std::sqrt(0.9990000128746033);
   const std::vector<BOUND_CASE> cases = {
-      {"loadings of FA beyond 1", 10, 2, 1, 1, {1.5, 0.5, 2.0, 3.0}, Formed::done, {limit, 0.5, 2.0, 3.0}, nullptr},
-      {"two factors share the limit", 10, 3, 2, 1, {0.9, 0.1, 0.1, 1.2, 0.1, 0.1, 1.0, 1.0, 1.0}, Formed::done,
-       {0.6 * limit, 0.1, 0.1, 0.8 * limit, 0.1, 0.1, 1.0, 1.0, 1.0}, nullptr},
-      {"a variance of FA that is none", 10, 2, 1, 1, {0.5, 0.5, 0.0, 3.0}, Formed::done, {0.5, 0.5, 1e-18, 3.0}, nullptr},
+      {"loadings of FA beyond 1",
+       10,
+       2,
+       1,
+       1,
+       {1.5, 0.5, 2.0, 3.0},
+       Formed::done,
+       {limit, 0.5, 2.0, 3.0},
+       nullptr},
+      {"two factors share the limit",
+       10,
+       3,
+       2,
+       1,
+       {0.9, 0.1, 0.1, 1.2, 0.1, 0.1, 1.0, 1.0, 1.0},
+       Formed::done,
+       {0.6 * limit, 0.1, 0.1, 0.8 * limit, 0.1, 0.1, 1.0, 1.0, 1.0},
+       nullptr},
+      {"a variance of FA that is none",
+       10,
+       2,
+       1,
+       1,
+       {0.5, 0.5, 0.0, 3.0},
+       Formed::done,
+       {0.5, 0.5, 1e-18, 3.0},
+       nullptr},
       {"FA of one level", 10, 1, 1, 1, {0.5, 3.0}, Formed::again, {3.0}, nullptr},
       {"FACV of one level", 13, 1, 1, 1, {0.5, 3.0}, Formed::again, {3.0}, nullptr},
-      {"specifics of FACV", 13, 2, 1, 1, {2.0, 0.1, 0.0, -1.0}, Formed::done, {2.0, 0.1, 1e-8, 1e-10}, nullptr},
+      {"specifics of FACV",
+       13,
+       2,
+       1,
+       1,
+       {2.0, 0.1, 0.0, -1.0},
+       Formed::done,
+       {2.0, 0.1, 1e-8, 1e-10},
+       nullptr},
       {"a D of CHOL", 11, 2, 1, 1, {2.0, 0.3, -1.0}, Formed::done, {2.0, 0.3, 1e-6}, nullptr},
       {"a small but sound D of CHOL", 11, 2, 1, 1, {2.0, 0.3, 1e-9}, Formed::done, {2.0, 0.3, 1e-9}, nullptr},
-      {"an L of CHOL that drowns D", 11, 2, 1, 123, {1.0, 7e7, 1.0}, Formed::done, {}, "Rescale initial matrix for ANTE to make it PD"},
+      {"an L of CHOL that drowns D",
+       11,
+       2,
+       1,
+       123,
+       {1.0, 7e7, 1.0},
+       Formed::done,
+       {},
+       "Rescale initial matrix for ANTE to make it PD"},
       {"the same too late", 11, 2, 1, 124, {1.0, 1e9, 1.0}, Formed::in_handler, {1.0, 1e9, 1.0}, nullptr},
       {"D of ANTE too far apart", 12, 2, 1, 1, {1e7, 0.3, 1.0}, Formed::done, {1e7, 0.3, 10.0}, nullptr},
       {"U of ANTE too large", 12, 2, 1, 1, {1.0, -3e5, 1.0}, Formed::done, {1.0, -1e5, 1.0}, nullptr},
-      {"ANTE without a D", 12, 2, 1, 124, {0.0, 0.3, 0.0}, Formed::in_handler, {0.0, 0.3, 0.0}, "failed to invert UDU' structure  (leading minor order=1)"},
-      {"the specifics of XFA", 15, 3, 1, 1, {0.5, -1.0, 2.0, 0.1}, Formed::done, {0.5, 1e-10, 2.0, 0.1}, nullptr},
+      {"ANTE without a D",
+       12,
+       2,
+       1,
+       124,
+       {0.0, 0.3, 0.0},
+       Formed::in_handler,
+       {0.0, 0.3, 0.0},
+       "failed to invert UDU' structure  (leading minor order=1)"},
+      {"the specifics of XFA",
+       15,
+       3,
+       1,
+       1,
+       {0.5, -1.0, 2.0, 0.1},
+       Formed::done,
+       {0.5, 1e-9, 2.0, 0.1},
+       nullptr},
   };
   for (const BOUND_CASE& c : cases) {
     SCOPED_TRACE(c.name);
@@ -342,7 +449,8 @@ TEST(FactorModels, StartFromACovarianceMatrix)
       run.component->covariance(r.a.data());
       // variances and the covariances within the order are kept
       for (std::int64_t i = 0; i < n; ++i)
-        for (std::int64_t j = std::max<std::int64_t>(0, i - order); j <= i; ++j) EXPECT_NEAR(r(i, j), v(i, j), 1e-9 * norm(v));
+        for (std::int64_t j = std::max<std::int64_t>(0, i - order); j <= i; ++j)
+          EXPECT_NEAR(r(i, j), v(i, j), 1e-9 * norm(v));
     }
     for (const std::int64_t k : {std::int64_t{1}, std::min<std::int64_t>(n, 3)}) {
       ERROR_HANDLER eh;
@@ -360,7 +468,8 @@ TEST(FactorModels, StartFromACovarianceMatrix)
       }
       for (std::int64_t i = 0; i < n; ++i) {
         double sum = 0.0;
-        for (std::int64_t j = 0; j < k; ++j) sum += l[static_cast<std::size_t>(i + j * n)] * l[static_cast<std::size_t>(i + j * n)];
+        for (std::int64_t j = 0; j < k; ++j)
+          sum += l[static_cast<std::size_t>(i + j * n)] * l[static_cast<std::size_t>(i + j * n)];
         EXPECT_NEAR(psi[static_cast<std::size_t>(i)], std::max(v(i, i) - sum, 0.05 * v(i, i)), 1e-12);
       }
       EXPECT_TRUE(clean(eh));
