@@ -49,6 +49,7 @@ struct FIT_WORK {
   UPDATE_STATE update;
   std::vector<VARIANCE_PARAMETER> saved;  // the parameters of the last accepted evaluation
   bool has_saved = false;
+  std::vector<double> best;               // the parameter values of the accepted evaluation with the best LogL
   double best_logl = -1e62;               // over accepted evaluations, without base
   double previous_logl = 0.0;
   double tolerance = 1e-8;                // t0 of the singularity rule, tightened once at most

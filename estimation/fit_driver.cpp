@@ -20,6 +20,7 @@ constexpr double base_unit = 100000.0;     // LogL beyond 120000 is reported rel
 constexpr double base_needed = 120000.0;
 constexpr std::int64_t last_retry_marker = 4;
 constexpr std::int64_t retries = 3;
+constexpr double last_fall = 0.002;        // of LogL from the best evaluation to the last, which is still convergence
 
 /// The state of the iteration that only the driver sees.
 struct ITERATION {
@@ -166,6 +167,7 @@ void L_ACCEPT(ERROR_HANDLER& eh, const FIT_CALL& call, const EVALUATION& ev, FIT
 {
   const Frame here{eh, __func__};
   work.aiopt(Ai::falls) = work.has_saved && work.previous_logl - wide(0.001f) > ev.logl ? work.aiopt(Ai::falls) + 1 : 0;
+  if (ev.logl > work.best_logl || work.best.empty()) work.best = ev.evaluated;
   work.best_logl = std::max(work.best_logl, ev.logl);
   work.saved = call.model.parameters;
   for (std::size_t i = 0; i < work.saved.size(); ++i) work.saved[i].value = ev.evaluated[i];
@@ -323,9 +325,16 @@ void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& 
   ERROR_HANDLER& own = eh.terminate() ? aside : eh;
   FINISH_TRACE(own, fit, call.tables);
   const bool evaluated = work.has_saved && fit.end != FitEnd::aborted;
-  if (evaluated && (fit.fault > 0 || it.go_back)) {
-    // The failed or rejected evaluation is nothing to report from: evaluate once more at the last good parameters.
-    for (std::size_t i = 0; i < work.saved.size(); ++i) call.model.parameters[i] = work.saved[i];
+  const bool failed = fit.fault > 0 || it.go_back;
+  const bool better_before = !failed && work.best_logl - ev.logl > last_fall;
+  if (evaluated && (failed || better_before)) {
+    // The failed or rejected evaluation is nothing to report from: evaluate once more at the last good parameters.  A likelihood
+    // with kinks, as ranges of spherical models have, keeps stepping over its top: there the best parameters met are reported.
+    for (std::size_t i = 0; i < work.saved.size(); ++i) {
+      call.model.parameters[i] = work.saved[i];
+      if (better_before) call.model.parameters[i].value = work.best[i];
+    }
+    if (better_before) own.note("the parameters of an earlier iteration are reported, its LogL was the best");
     K4MITR(own, in, 1, call.model, work, ev);
   }
   if (evaluated && !own.terminate() && ev.fault == 0 && !ev.absorbed.cancelled) {

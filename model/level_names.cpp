@@ -56,6 +56,19 @@ std::string own_level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, c
 
 }  // namespace
 
+bool binds_a_level(const FACTOR_TABLE& factors, const TERM_ROW& term, std::int64_t level)
+{
+  const auto [from, to] = term.components();
+  std::int64_t rest = level - 1;
+  for (std::int64_t i = to; i >= from; --i) {
+    const FACTOR_ROW& factor = factors.row(i);
+    const std::int64_t n = factor.levels > 0 ? factor.levels : 1;
+    if (factor.structure == "rr" && factor.copy && rest % n >= factors.row(factor.source).levels + factor.order) return true;
+    rest /= n;
+  }
+  return false;
+}
+
 std::string level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
                        const TERM_ROW& term, std::int64_t level)
 {

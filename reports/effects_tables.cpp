@@ -1,5 +1,6 @@
 // The solutions and the fitted values.  Routines: TABLE_SLN, AIDRST.
 #include "base/text.h"
+#include <algorithm>
 #include "reports/result_tables.h"
 
 namespace tolvan {
@@ -30,7 +31,18 @@ void TABLE_SLN(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_
                   .justify = Justify::left});
   OTT_ADD_COLUMN(eh, t, {.name = "EFFECT", .heading = "Effect", .format = "G12.4"});
   OTT_ADD_COLUMN(eh, t, {.name = "SE", .heading = "seEffect", .format = "G12.4"});
-  OTT_ALLOC_DATA_STORES(eh, t, terms.equations);
+  // Equations that only bind others are no effects.
+  std::vector<std::uint8_t> binding(terms.rows.size(), 0);
+  std::int64_t effects = 0;
+  for (std::size_t i = 0; i < terms.rows.size(); ++i) {
+    const TERM_ROW& term = terms.rows[i];
+    if (term.block == Block::response || term.dropped) continue;
+    const auto [from, to] = term.components();
+    for (std::int64_t f = from; f >= 1 && f <= to && f <= factors.count(); ++f) binding[i] |= factors.row(f).structure == "rr" ? 1 : 0;
+    effects += term.equations;
+    for (std::int64_t k = 1; binding[i] && k <= term.equations; ++k) effects -= binds_a_level(factors, term, k) ? 1 : 0;
+  }
+  OTT_ALLOC_DATA_STORES(eh, t, effects);
   if (eh.terminate()) return;
 
   // The texts go into their stores at once: there may be millions of rows.
@@ -42,12 +54,14 @@ void TABLE_SLN(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_
   se.reserve(static_cast<std::size_t>(terms.equations));
   for (const TERM_ROW& term : terms.rows) {
     if (term.block == Block::response || term.dropped) continue;
-    for (std::int64_t k = 0; k < term.equations; ++k, ++rows) {
+    for (std::int64_t k = 0; k < term.equations; ++k) {
+      if (binding[static_cast<std::size_t>(&term - terms.rows.data())] && binds_a_level(factors, term, k + 1)) continue;
       const auto e = static_cast<std::size_t>(term.first + k);
       label[rows] = term.name;
       level[rows] = level_name(eh, variables, factors, term, k + 1);
       effect.push_back(fit.solution[e]);
       se.push_back(e < fit.se.size() ? fit.se[e] : no_value);
+      ++rows;
     }
     if (eh.terminate()) return;
   }
@@ -64,18 +78,20 @@ void AIDRST(ERROR_HANDLER& eh, const DESIGN_MTX& design, const FIT_STATE& fit, O
                      ", size = ", std::min(fit.residual.size(), fit.fitted.size())));
     return;
   }
-  const auto records = static_cast<std::size_t>(design.data_records);
+  // With several traits a data record has a row for each of them.
+  const std::size_t traits = design.trait.empty() ? 1 : static_cast<std::size_t>(*std::max_element(design.trait.begin(), design.trait.end()));
+  const auto records = static_cast<std::size_t>(design.data_records) * traits;
   std::vector<std::int64_t> number(records);
-  for (std::size_t r = 0; r < records; ++r) number[r] = static_cast<std::int64_t>(r) + 1;
+  for (std::size_t r = 0; r < records; ++r) number[r] = static_cast<std::int64_t>(r / traits) + 1;
   std::vector<double> fitted(records, no_value), residual(records, no_value), hat(records, no_value);
   for (std::size_t i = 0; i < analysed; ++i) {
     const std::int64_t record = design.record[i];
     if (record < 1 || record > design.data_records) {
       eh.internal(
-          text("analysis record ", i + 1, " stands for data record ", record, ", there are ", records));
+          text("analysis record ", i + 1, " stands for data record ", record, ", there are ", design.data_records));
       return;
     }
-    const auto r = static_cast<std::size_t>(record - 1);
+    const auto r = static_cast<std::size_t>(record - 1) * traits + (traits > 1 ? static_cast<std::size_t>(design.trait[i] - 1) : 0);
     fitted[r] = fit.fitted[i];
     residual[r] = fit.residual[i];
     if (i < fit.hat.size()) hat[r] = fit.hat[i];
@@ -88,7 +104,7 @@ void AIDRST(ERROR_HANDLER& eh, const DESIGN_MTX& design, const FIT_STATE& fit, O
   OTT_ADD_COLUMN(eh, t, {.name = "YHAT", .heading = "Yhat", .format = "G12.5"});
   OTT_ADD_COLUMN(eh, t, {.name = "RESID", .heading = "Residual", .format = "G11.4"});
   OTT_ADD_COLUMN(eh, t, {.name = "HAT", .heading = "Hat", .format = "G11.4"});
-  OTT_ALLOC_DATA_STORES(eh, t, design.data_records);
+  OTT_ALLOC_DATA_STORES(eh, t, static_cast<std::int64_t>(records));
   if (eh.terminate()) return;
   OTT_SET_COLUMN_INTEGER(eh, t, 1, number);
   OTT_SET_COLUMN_REAL_WP(eh, t, 2, fitted);
