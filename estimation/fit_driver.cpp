@@ -20,6 +20,7 @@ constexpr double base_unit = 100000.0;     // LogL beyond 120000 is reported rel
 constexpr double base_needed = 120000.0;
 constexpr std::int64_t last_retry_marker = 4;
 constexpr std::int64_t retries = 3;
+constexpr std::int64_t many_iterations = 8;
 constexpr double last_fall = 0.002;        // of LogL from the best evaluation to the last, which is still convergence
 
 /// The state of the iteration that only the driver sees.
@@ -187,6 +188,16 @@ void L_ACCEPT(ERROR_HANDLER& eh, const FIT_CALL& call, const EVALUATION& ev, FIT
   }
 }
 
+/// After many iterations a LogL below the best one met means that the steps go over a kink: the next parameters are taken
+/// halfway back to the best ones, which closes in on the top of a likelihood that has no derivative there.
+void halve_towards_best(const EVALUATION& ev, VARIANCE_MODEL& model, const FIT_WORK& work)
+{
+  for (std::size_t i = 0; i < work.best.size(); ++i) {
+    VARIANCE_PARAMETER& v = model.parameters[i];
+    if (is_free(v.constraint) || v.master >= 0) v.value = 0.5 * (work.best[i] + ev.evaluated[i]);
+  }
+}
+
 /// L_ITERATE: the loop; leaves the fit's status and end set.
 void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& work, EVALUATION& ev, ITERATION& it, FIT_STATE& fit)
 {
@@ -234,6 +245,7 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
       return;
     }
     L_ACCEPT(eh, call, ev, work, it);
+    if (it.n >= many_iterations && work.best_logl - ev.logl > last_fall) halve_towards_best(ev, call.model, work);
     L_TRACE(eh, call, work, ev, it, fit);
     const bool repeated = it.repeats > 0;
     it.repeats = 0;
