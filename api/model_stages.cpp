@@ -7,6 +7,7 @@
 #include "estimation/fit_driver.h"
 #include "model/request.h"
 #include "reports/check_tables.h"
+#include "relmat/match_levels.h"
 #include "reports/result_tables.h"
 #include "varstruct/distance_setup.h"
 #include "varstruct/linear_constraints.h"
@@ -80,6 +81,7 @@ void read_data(ERROR_HANDLER& eh, CORE_DATA& core)
   if (core.data.records() == 1) eh.error("only one data record retained; analysis aborted");
   if (eh.terminate()) return;
   COMPLETE_LINEAR_MODEL(eh, core.communication, core.request, core.variables, core.factors, core.terms, core.model_info);
+  if (!eh.terminate()) MATCH_MATRIX_LEVELS(eh, core.matrices, core.variables, core.factors);
 }
 
 void count_data(ERROR_HANDLER& eh, CORE_DATA& core)

@@ -9,6 +9,7 @@
 #include "api/stage_support.h"
 #include "base/text.h"
 #include "model/request.h"
+#include "relmat/matrix_keys.h"
 #include "reports/result_tables.h"
 
 namespace tolvan {
@@ -92,20 +93,10 @@ void level_tables(ERROR_HANDLER& eh, CORE_DATA& core)
   INITFLL(eh, core.variables);
 }
 
-/// True for matrices that are none of a file: vm() makes such entries itself, and is refused by its own name.
-bool all_matrices_are_data(const JsonNode& list)
-{
-  return list.is(JsonType::array) && !list.packed() &&
-         std::all_of(list.children().begin(), list.children().end(), [](const auto& entry) {
-           const JsonNode* type = entry->find("type");
-           return type != nullptr && type->is_text("ft_data");
-         });
-}
-
 void relationship_files(ERROR_HANDLER& eh, CORE_DATA& core)
 {
-  const JsonNode* matrices = core.request.find("grm_file");
-  if (matrices != nullptr && !all_matrices_are_data(*matrices)) refuse_key(eh, core.request, "grm_file");
+  HANDLE_GIV_GRM_MARKER_FILES(eh, core.request, core.datasets, core.matrices);
+  if (eh.terminate()) return;
   refuse_key(eh, core.request, "marker_file");
 }
 

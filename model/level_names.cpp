@@ -20,8 +20,13 @@ std::string own_level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, c
                            std::int64_t given_row, std::int64_t level)
 {
   const FACTOR_ROW& given = factors.row(given_row);
-  if (given.copy && level > factors.row(given.source).levels)  // the factors of fa() and rr()
-    return text("factor", level - factors.row(given.source).levels);
+  if (given.copy && level > factors.row(given.source).levels) {
+    if (level <= given.levels - given.added_rows) {
+      if (given.matrix_rows > 0) return text(level);  // a row of a known matrix beyond the levels of the data
+      return text("factor", level - factors.row(given.source).levels);  // the factors of fa() and rr()
+    }
+    return text("lagrangian", level - (given.levels - given.added_rows));
+  }
   const FACTOR_ROW& factor = factors.row(factors.original(given_row));
   const DESIGN_BASIS* basis = factor.basis.get();
   const auto k = static_cast<std::size_t>(level - 1);

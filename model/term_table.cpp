@@ -105,7 +105,7 @@ void SET_FACTOR_LEVELS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::
       factor.levels = std::max(levels_of(variables, records, missing, factors, factor), factor.least_levels);
       continue;
     }
-    factor.levels = factors.row(factor.source).levels;
+    factor.levels = std::max(factors.row(factor.source).levels, factor.matrix_rows) + factor.added_rows;
     if (!extends_levels(factor)) continue;
     // The factors follow; a level of rr() is bound to them by an equation more, behind all others.
     std::int64_t more = factor.order;

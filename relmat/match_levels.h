@@ -1,0 +1,20 @@
+// Factors and the known matrices between their levels.  Routine: MATCH_MATRIX_LEVELS.
+#pragma once
+
+#include "api/error_handler.h"
+#include "data/variable_table.h"
+#include "model/factor_table.h"
+#include "relmat/structure_matrices.h"
+
+namespace tolvan {
+
+/// MATCH_MATRIX_LEVELS: gives every factor that names a known matrix as many levels as the matrix has rows,
+/// with those that a singular one adds.
+///
+/// The level numbers of the data are the rows; where a matrix has labels the factor's must be the same, in
+/// the same order.  A matrix with more rows than there are levels is a warning, with fewer an error.  A
+/// matrix that is missing is left to be told where the structure is set up.
+void MATCH_MATRIX_LEVELS(ERROR_HANDLER& eh, const AINV_MTXS& store, const VARIABLE_TABLE& variables,
+                         FACTOR_TABLE& factors);
+
+}  // namespace tolvan
