@@ -151,6 +151,13 @@ void L_BEGIN_FIRST_RECORD(ERROR_HANDLER& eh, TextReading& reading)
   if (reading.lines.layout != Layout::comma_separated) return;
   L_CHOOSE_DELIMITER(eh, reading.lines, reading.intake.fields.fields(), reading.separation);
   reading.intake.values.decimal_comma = reading.separation.decimal_comma;
+  if (eh.terminate() || reading.intake.values.variables.transformations.empty()) return;
+  // Transformations may write columns that are not read for that, and CHECKTRN tells of it.
+  std::string_view field;
+  for (Cursor cursor{reading.lines.line}; cursor.more;) {
+    if (!ININTR(reading.separation, cursor, field, reading.scratch)) return;
+    ++reading.intake.values.variables.source_columns;
+  }
 }
 
 }  // namespace

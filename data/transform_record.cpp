@@ -133,7 +133,8 @@ void CHECKTRN(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables)
   std::vector<bool> told(variables.rows.size(), false);
   for (const TRANSFORM_STEP& step : program.steps) {
     const VARIABLE& target = variables.rows[step.target];
-    if (drops_records(step.code) || target.column == 0 || told[step.target]) continue;
+    const bool passed_over = !target.column_given && target.place <= variables.source_columns;
+    if (drops_records(step.code) || told[step.target] || (target.column == 0 && !passed_over)) continue;
     eh.note(text("a transformation is overwriting input variable ", target.name));
     told[step.target] = true;
   }

@@ -231,6 +231,7 @@ void L_READ_VARIABLE(ERROR_HANDLER& eh, const COMMUNICATION& communication, cons
   L_READ_RECODING(eh, description, variable);
   if (eh.terminate()) return;
   variable.column = table.places + 1;
+  variable.place = variable.column;
   variable.column_given = given_value(description, "user_column_number") != nullptr;
   read_integer(eh, description, "user_column_number", 0, "a positive integer", variable.column);
   if (eh.terminate()) return;

@@ -29,6 +29,7 @@ struct VARIABLE {
   std::int64_t declared_levels = 0;  // number_of_levels; 0: from the data
   std::int64_t label_length = 0;     // longest label kept; 0: no limit
   std::int64_t indexed_from = 1;     // the number of the first label
+  std::int64_t place = 0;  // the column that its place in the list stands for, if it is in any
   bool column_given = false;             // by user_column_number
   bool is_pedigree_factor = false;
   bool sort = false;
@@ -48,6 +49,7 @@ struct VARIABLE_TABLE {
   std::vector<VARIABLE> rows;
   std::int64_t longest_label = 0;
   std::int64_t places = 0;  // columns that the variables take up in the order of their list
+  std::int64_t source_columns = 0;  // fields of the first record of a file, where they were counted
   TRANSFORM_PROGRAM transformations;
 
   std::int64_t count() const { return static_cast<std::int64_t>(rows.size()); }

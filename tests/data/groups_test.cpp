@@ -142,5 +142,33 @@ TEST(Groups, FactorsFollowTheLabelsOfAMatrix)
       "3/- variable f is marked as a pedigree factor, but the request has no pedigree_file\n");
 }
 
+TEST(Groups, ReachTheDesign)
+{
+  // the markers have no description but their columns
+  DataRoad road;
+  road.matrix("d", 3, 5, {5, 6, 7, /**/ 1, 2, 1, /**/ -1, 0, 1, /**/ 1, 1, 0, /**/ 0.5, 2, NA});
+  ASSERT_TRUE(
+      road.form(R"j({"dataset":{"name":"d","number_of_observations":3,"number_of_variables":5,"variables":[
+      {"name":"y"},{"name":"a","field_type":"vt_integer_factor_1_to_n","number_of_levels":2}],
+      "group":{"name":"markers","variables":[3,4,5]}},
+      "model":{"response":"y","fixed":"a","random":"vect(markers)"},"options":{"missing_values":"mv_include"}})j"))
+      << messages_text(road.eh);
+  EXPECT_EQ(road.design_rows(), "1:1 2:1 4:-1 5:1 6:0.5 | 5\n1:1 3:1 5:1 6:2 | 6\n1:1 2:1 4:1 | 7\n");
+}
+
+TEST(Groups, CallsOfAMatrixMakeFactorsFollowIt)
+{
+  DataRoad road;
+  road.matrix("d", 4, 2, {1, 2, 3, 1, /**/ 5, 6, 7, 8});
+  road.matrix("G", 4, 4, {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1});
+  ASSERT_TRUE(road.read(R"j({"dataset":[{"name":"d","number_of_observations":4,"variables":[
+      {"name":"id","field_type":"vt_string_factor","factor_labels":["b","c","a"]},{"name":"y"}]},
+      {"name":"G","number_of_observations":4,"variables":[{"name":"d"},{"name":"a"},{"name":"b"},{"name":"c"}]}],
+      "model":{"response":"y","random":"vm(id,G)"}})j"))
+      << messages_text(road.eh);
+  EXPECT_EQ(road.rows(), "3 5\n4 6\n2 7\n3 8\n");
+  EXPECT_EQ(road.labels("id"), "d a b c");
+}
+
 }  // namespace
 }  // namespace tolvan

@@ -330,6 +330,11 @@ TEST(Transform, Files)
     if (messages.starts_with(reading)) messages.erase(0, reading.size());
     return out + messages;
   };
+  // a last column that is written before it is read is passed over, with the note all the same
+  EXPECT_EQ(with(R"({"name":"g","field_type":"vt_string_factor"},{"name":"year","transformations":[
+                    {"name":"MOD","arguments":2000,"TARGET":"y"}]},{"name":"y"})"),
+            "1 2019 19\n2 2018 18\n1 2018 18\n3 2019 19\nb a c\n"
+            "1/- a transformation is overwriting input variable y\n");
   const std::string year = R"({"name":"year","field_type":"vt_integer_factor"})";
   // levels that only dropped records have are not met
   EXPECT_EQ(
