@@ -20,7 +20,7 @@ constexpr double base_unit = 100000.0;     // LogL beyond 120000 is reported rel
 constexpr double base_needed = 120000.0;
 constexpr std::int64_t last_retry_marker = 4;
 constexpr std::int64_t retries = 3;
-constexpr std::int64_t many_iterations = 8;
+constexpr std::int64_t many_iterations = 3;
 constexpr double last_fall = 0.002;        // of LogL from the best evaluation to the last, which is still convergence
 
 /// The state of the iteration that only the driver sees.
@@ -338,7 +338,7 @@ void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& 
   FINISH_TRACE(own, fit, call.tables);
   const bool evaluated = work.has_saved && fit.end != FitEnd::aborted;
   const bool failed = fit.fault > 0 || it.go_back;
-  const bool better_before = !failed && work.best_logl - ev.logl > last_fall;
+  const bool better_before = !failed && work.best_logl - ev.logl > 0.1 * last_fall;
   if (evaluated && (failed || better_before)) {
     // The failed or rejected evaluation is nothing to report from: evaluate once more at the last good parameters.  A likelihood
     // with kinks, as ranges of spherical models have, keeps stepping over its top: there the best parameters met are reported.

@@ -164,6 +164,8 @@ void NEWSTR(ERROR_HANDLER& eh, const COMPONENT_REQUEST& request, VARIANCE_MODEL&
 
   STRUCTURE_ROW row;
   row.size = asked.size;
+  // Without a variance of its own a level of rr() is bound to the factors by an equation more.
+  if (asked.specifics_zero) row.size += asked.size - asked.order;
   row.parameters = static_cast<std::int64_t>(parameters.size());
   row.model = asked.model->selector == iden && asked.variances > 1 ? 8 : asked.model->code;
   row.first = model.count();
