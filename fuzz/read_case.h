@@ -1,5 +1,5 @@
-// What the readers of data files share: a file to be written over, and an end with words where something does not
-// hold.
+// What the readers of data files share: a file to be written over, and an end with words where something does
+// not hold.
 #pragma once
 
 #include <unistd.h>
@@ -19,7 +19,8 @@ namespace tolvan {
 /// A path of this process, the same at each call.
 inline std::string fuzz_path(std::string_view name)
 {
-  return (std::filesystem::temp_directory_path() / ("tolvan_fuzz_" + std::to_string(::getpid()) + "_" + std::string(name)))
+  return (std::filesystem::temp_directory_path() /
+          ("tolvan_fuzz_" + std::to_string(::getpid()) + "_" + std::string(name)))
       .string();
 }
 
@@ -45,6 +46,10 @@ inline int begin_with_case(std::string_view name, int* argc, char*** argv)
   arguments.assign(*argv, *argv + *argc);
   arguments.push_back(option.data());
   arguments.push_back(nullptr);
+  std::atexit([] {  // not after a fault: then the file is of use
+    for (const READ_CASE& one : read_cases()) std::filesystem::remove(fuzz_path(one.name));
+    std::filesystem::remove(fuzz_path("seed"));
+  });
   *argc += 1;
   *argv = arguments.data();
   return 0;
