@@ -147,7 +147,14 @@ COMPONENT ADD_DESIGN_FUNCTION(ERROR_HANDLER& eh, MODEL_PARSER& parser, const Jso
   if (function.kind == DesignKind::vec) {
     const JsonNode* value = supplied_value(call, "variable_name");
     component.row = value == nullptr ? 0 : ADD_GROUP(eh, parser, plain_name(*value));
-    if (component.row == 0 && !eh.terminate()) eh.error(text("Unrecognised argument in ", shown));
+    if (component.row > 0 || eh.terminate()) return component;
+    const std::string_view group = value == nullptr ? std::string_view() : plain_name(*value);
+    if (group.empty()) {
+      eh.error(text("Unrecognised argument in ", shown));
+    } else {
+      eh.error(text("you need to predefine ", group));
+      eh.continuation(text("when processing ", shown));
+    }
     return component;
   }
 
@@ -173,6 +180,15 @@ COMPONENT ADD_DESIGN_FUNCTION(ERROR_HANDLER& eh, MODEL_PARSER& parser, const Jso
     }
     component.row = ADD_DISTINCT_FACTOR(eh, parser, row.source, y);
     return component;
+  }
+  if (function.kind == DesignKind::uni && source.variable > 0 && source.kind == 0 && source.is_factor) {
+    const std::int64_t levels = parser.variables.row(source.variable).levels;
+    parser.info.waits_for_levels = parser.info.waits_for_levels || !parser.data_read;  // to see that the level exists
+    if (parser.data_read && row.arguments.front() > static_cast<double>(levels)) {
+      eh.error(text(row.arguments.front(), " is outside [0, ", levels));  // sic
+      eh.continuation(text("when processing ", shown));
+      return {};
+    }
   }
   if (function.kind == DesignKind::spl) {
     READ_KNOTS(eh, parser, source.name, row.arguments);

@@ -10,6 +10,7 @@
 #include "model/formula_nodes.h"
 #include "model/formula_text.h"
 #include "model/function_catalogue.h"
+#include "model/named_definitions.h"
 #include "model/request.h"
 #include "model/request_nodes.h"
 
@@ -51,6 +52,22 @@ std::int64_t L_ADD_COPY(ERROR_HANDLER& eh, MODEL_PARSER& parser, const COMPONENT
 bool is_mv(const MODEL_PARSER& parser, const JsonNode& node)
 {
   return parser.mv > 0 && plain_name(node) == parser.communication.VARIABLE_NAME_MV;
+}
+
+/// L_ADD_ZERO: the row of the zero term, one null equation, if that is what a name stands for; else 0.
+std::int64_t L_ADD_ZERO(ERROR_HANDLER& eh, MODEL_PARSER& parser, const std::string& name)
+{
+  const Frame here{eh, __func__};
+  constexpr std::string_view names[] = {"Zero", "Zero_", "zero", "zero_"};
+  if (std::find(std::begin(names), std::end(names), name) == std::end(names)) return 0;
+  if (!parser.data_read)
+    eh.warning(text(name, " is assumed to have 1 levels. If more, specify the factor levels when defining the variables"));
+  return ADD_FACTOR_ROW(eh, parser,
+                        {.name = name,
+                         .kind = static_cast<std::int64_t>(DesignKind::zero),
+                         .is_factor = true,
+                         .levels = 1,
+                         .arguments = {1.0}});
 }
 
 /// L_NAME_PEDIGREE: a plain pedigree factor in the random part has the relationship matrix as its structure.
@@ -173,7 +190,13 @@ COMPONENT ADD_SPECIAL_TERM_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, co
   COMPONENT component{.name = GET_FACNAME_FROM_JPTR(eh, words, node)};
   const std::string& name = component.name;
   component.row = parser.variables.find(name);
-  if (component.row > 0) return component;
+  if (component.row > 0) {
+    for (const char* key : {"contrast", "mbf"}) {
+      if (parser.data_read || find_definition(parser.request, key, name) == nullptr) continue;
+      eh.warning(text("ambiguous model term \"", name, "\" is taken as \"variable ", name, "\" and not \"", key, " ", name, "\""));
+    }
+    return component;
+  }
   if (name == words.VARIABLE_NAME_MU) {
     component.row = parser.mu;
   } else if (name == words.VARIABLE_NAME_UNITS) {
@@ -185,7 +208,8 @@ COMPONENT ADD_SPECIAL_TERM_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, co
     eh.error(text(name, " can not be used as part of an interaction or as an argument to a function call"));
   } else {
     component.row = ADD_DEFINED_FACTOR(eh, parser, name);
-    if (!eh.terminate() && component.row == 0) AS_PICKDS(eh, parser, name);
+    if (component.row == 0 && !eh.terminate()) component.row = L_ADD_ZERO(eh, parser, name);
+    if (component.row == 0 && !eh.terminate()) AS_PICKDS(eh, parser, name);
   }
   return component;
 }

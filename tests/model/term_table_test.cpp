@@ -33,12 +33,12 @@ VARIABLE variable(std::string name, std::int64_t levels, const std::vector<std::
   return v;
 }
 
-void parse(std::string_view model, std::vector<VARIABLE> variables, Parsed& out, std::int64_t records = 12,
-           std::int64_t missing = 0)
+void parse_request(std::string_view request, std::vector<VARIABLE> variables, Parsed& out, std::int64_t records = 12,
+                   std::int64_t missing = 0)
 {
   JsonError error;
-  out.root = parse_json(text(R"j({"model":)j", model, "}"), error);
-  ASSERT_TRUE(out.root) << error.message << " in " << model;
+  out.root = parse_json(request, error);
+  ASSERT_TRUE(out.root) << error.message << " in " << request;
   out.variables.rows = std::move(variables);
   bool present = false;
   const COMMUNICATION communication;
@@ -50,6 +50,12 @@ void parse(std::string_view model, std::vector<VARIABLE> variables, Parsed& out,
   if (!out.eh.terminate())
     SET_TERM_EQUATIONS(out.eh, out.variables, records, missing, out.factors, out.terms);
   EXPECT_TRUE(out.eh.stack().entries.empty());
+}
+
+void parse(std::string_view model, std::vector<VARIABLE> variables, Parsed& out, std::int64_t records = 12,
+           std::int64_t missing = 0)
+{
+  parse_request(text(R"j({"model":)j", model, "}"), std::move(variables), out, records, missing);
 }
 
 std::vector<VARIABLE> split_plot()
@@ -182,7 +188,7 @@ TEST(TermTable, RefusalsNameTheirTerm)
       {R"j({"response":"y","fixed":"leg(mu,2)"})j", bad, "invalid argument for leg(mu,2)"},
       {R"j({"response":"y","fixed":"leg(x,1001)"})j", bad, "invalid argument for leg(x,1001)"},
       {R"j({"response":"y","fixed":"zero(0)"})j", bad, "invalid argument for zero(0)"},
-      {R"j({"response":"y","fixed":"vect(zz)"})j", bad, "Unrecognised argument in vect(zz)"},
+      {R"j({"response":"y","fixed":"vect(zz)"})j", bad, "you need to predefine zz"},
       {R"j({"response":"y","fixed":"fac(x,zz)"})j", bad, "unknown term (zz) in the model"},
       {R"j({"response":"y","weights":"w"})j", bad, "the weight variable, w, is unknown"},
       {R"j({"response":"y","weights":"block"})j", bad, "the weight variable, block, is not a variate"},
@@ -271,6 +277,29 @@ TEST(TermTable, FactorsMayBeResponses)
   EXPECT_FALSE(p.eh.terminate());
   EXPECT_TRUE(has_message(p.eh, "the response variable is typically a variate."));
   EXPECT_EQ(p.eh.EH_STATUS(), -1);
+}
+
+TEST(TermTable, WhatIsTakenForGrantedIsTold)
+{
+  struct Case {
+    const char* model;
+    const char* message;
+  };
+  const Case cases[] = {
+      {R"j("response":"y","fixed":"x+zero"},"contrast":[{"name":"x","variable":"block","values":[1,2]}])j",
+       "ambiguous model term \"x\" is taken as \"variable x\" and not \"contrast x\""},
+      {R"j("response":"y","fixed":"zero"})j",
+       "zero is assumed to have 1 levels. If more, specify the factor levels when defining the variables"},
+      {R"j("response":"y","fixed":"ma1(block)"})j", "Design function ma1(.) is now treated as a Variance Function"},
+      {R"j("response":"y","sparse":"us(block):x"})j", "a variance structure has no effect on a fixed term"},
+      {R"j("response":"nitro"})j", "the response variable is typically a variate."},
+  };
+  for (const Case& c : cases) {
+    Parsed p;
+    parse_request(text(R"j({"model":{)j", c.model, "}"), split_plot(), p);
+    EXPECT_FALSE(p.eh.terminate()) << c.model;
+    EXPECT_TRUE(has_message(p.eh, c.message)) << c.model;
+  }
 }
 
 TEST(TermTable, TooManyEquationsAndFactorsAreTold)
