@@ -9,6 +9,7 @@
 #include "base/text.h"
 #include "varstruct/coordinates.h"
 #include "varstruct/distance_setup.h"
+#include "varstruct/labels.h"
 #include "varstruct/model_catalogue.h"
 #include "varstruct/residual_sections.h"
 
@@ -145,7 +146,7 @@ void L_FIND_LEVELS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FAC
     if (!is_no_value(keys[i].x)) continue;
     eh.error("R structures do not match records in data.");
     eh.continuation(text("data record ", design.record[static_cast<std::size_t>(rows[i])], " has no level in ",
-                         factors.row(component.factor).shown()));
+                         component_label(factors.row(component.factor))));
     return;
   }
   if (plan.metric && points > 0) {

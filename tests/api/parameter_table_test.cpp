@@ -1,48 +1,12 @@
 // Labels, starting values, types and constraints of the structures of whole models.
 #include <cmath>
 
-#include "api/setup_road.h"
+#include "api/plots_data.h"
 #include "base/numbers.h"
 #include "base/text.h"
 
 namespace tolvan {
 namespace {
-
-constexpr std::int64_t records = 24;
-
-/// 24 records: subject 6 x time 4, site 2 x row 3 x column 4, env 4 x geno 6, points (x, v), responses y, z.
-std::vector<double> data_columns()
-{
-  std::vector<double> a;
-  for (int k = 0; k < records; ++k) {
-    const double y = std::sin(1.7 * k) + 0.1 * k, z = std::cos(2.3 * k) - 0.2 * y;
-    for (const double v : {k / 4 + 1.0, k % 4 + 1.0, k / 12 + 1.0, k / 4 % 3 + 1.0, k % 4 + 1.0, k / 6 + 1.0, k % 6 + 1.0,
-                           k * 0.5, (k * 7 % 24) * 0.25, 2.0 * (k % 4), y, z}) {
-      a.push_back(v);
-    }
-  }
-  return a;
-}
-
-std::string request_of(std::string_view model, std::string_view options = "", std::string_view more = "")
-{
-  std::string variables;
-  const auto factor = [&](const char* name, int levels) {
-    variables += text(R"({"name":")", name, R"(","field_type":"vt_integer_factor_1_to_n","number_of_levels":)", levels, "},");
-  };
-  factor("subject", 6), factor("time", 4), factor("site", 2), factor("row", 3), factor("column", 4), factor("env", 4), factor("geno", 6);
-  for (const char* name : {"x", "v", "w", "y"}) variables += text(R"({"name":")", name, R"(","field_type":"vt_variate"},)");
-  variables += R"({"name":"z","field_type":"vt_variate"})";
-  return text(R"({"dataset":[{"name":"d","number_of_observations":24,"storage_order":"so_row_major","variables":[)", variables,
-              R"(]}],"model":{)", model, R"(},"options":{)", options, "}", more, "}");
-}
-
-void run(SetupRoad& road, const std::string& request)
-{
-  const std::vector<double> a = data_columns();
-  UDST_ADD(road.eh, road.datasets, "d", a.data(), records, 12);
-  road.run(request);
-}
 
 /// 0.9 times the covariance of two of the responses with divisor n, as the starts are made from it.
 double starting(int i, int j)
@@ -354,6 +318,61 @@ TEST(ParameterTable, AntedependenceStartsAtACovarianceMatrix)
         if (j - i > k) continue;
         EXPECT_NEAR(v[j][i], i == j ? wide(0.05f) : wide(0.01f), 1e-12) << k << ' ' << j << ' ' << i;
       }
+    }
+  }
+}
+
+/// A random term that calls a variance function, with qualifiers beside it.
+std::string call(const char* function, const char* factor, const char* more)
+{
+  return text(R"({"function":{"name":")", function, R"(","arguments":[{"name":")", function[0] == 'e' ? "x" : "variable_name",
+              R"(","value":")", factor, R"("}]})", more, "}");
+}
+
+TEST(ParameterTable, QualifiersOfTerms)
+{
+  struct Case {
+    const char* why;
+    std::string random;
+    std::vector<std::int64_t> segments;
+    std::vector<double> coordinates;
+    const char* message = "";
+    bool stops = false;
+    const char* residual = "";
+  };
+  const Case cases[] = {
+      {"a series in pieces, where the site changes", call("ar1v", "subject", R"(,"subsection":"site")"), {3}, {}},
+      {"pieces of the residual", "\"geno\"", {2, 4}, {}, "", false,
+       R"(,"residual":{"terms":[{"interaction":[{"function":{"name":"ar1","arguments":[{"name":"variable_name","value":"subject"}]}},"time"],"subsection":"env2"}]})"},
+      {"no such term", call("ar1v", "subject", R"(,"subsection":"nobody")"), {}, {},
+       "the term nobody used when subsection for ar1v(subject) doe not exist in the model", true},
+      {"no series", call("corv", "subject", R"(,"subsection":"site")"), {}, {}, "subsection (site) of corv(subject) without an autoregressive component", true},
+      {"coordinates of the levels", call("expv", "row", R"(,"coord":[1,2.5,7])"), {}, {1, 2.5, 7}},
+      {"too few coordinates", call("expv", "row", R"(,"coord":[1,2])"), {}, {}, "wrong number of coordinates specified for expv(row)", true},
+      {"a missing coordinate", call("expv", "row", R"(,"coord":[1,2,-1e-37])"), {}, {},
+       "something went wrong whilst processing the coord information for expv(row)", true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.why);
+    SetupRoad road;
+    std::string model = text(R"("response":"y","fixed":"site+env","random":{"terms":[)", c.random, "]}", c.residual);
+    std::vector<double> a = data_columns();
+    if (*c.residual != '\0') {  // env: 1 for subjects 1 and 2, 2 for 3 and 4, 3 for 5 and 6
+      for (std::size_t r = 0; r < records; ++r) a[r * 12 + 5] = static_cast<double>(r / 8 + 1);
+      model.replace(model.find("env2"), 4, "env");
+    }
+    run(road, request_of(model), a);
+    EXPECT_EQ(road.eh.terminate(), c.stops) << road.eh.EH_PRINT_TEXT();
+    EXPECT_TRUE(*c.message == '\0' || has_message(road.eh, c.message));
+    if (c.stops || road.eh.terminate()) continue;
+    const STRUCTURE_ROW& row = *c.residual != '\0' ? road.model().residual.front() : road.model().rows.front();
+    ASSERT_EQ(row.segments >= 0, !c.segments.empty());
+    if (row.segments >= 0) {
+      EXPECT_EQ(road.model().segments[static_cast<std::size_t>(row.segments)], c.segments);
+    }
+    ASSERT_EQ(row.coordinates >= 0, !c.coordinates.empty());
+    if (row.coordinates >= 0) {
+      EXPECT_EQ(road.model().coordinates[static_cast<std::size_t>(row.coordinates)].x, c.coordinates);
     }
   }
 }
