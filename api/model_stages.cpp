@@ -153,6 +153,24 @@ void quadrature(ERROR_HANDLER& eh, CORE_DATA& core)
   if (!family.empty()) eh.not_implemented(text("the family ", family, " is not implemented"));
 }
 
+namespace {
+
+/// The variance of each term, or the first parameter of its structure; 0 for terms without one.
+std::vector<double> gammas_of_terms(const TERM_TABLE& terms, const VARIANCE_MODEL& model)
+{
+  std::vector<double> gammas(terms.rows.size(), 0.0);
+  for (const TERM_STRUCTURE& structure : model.terms) {
+    for (std::int64_t r = structure.first_row + structure.rows - 1; r >= structure.first_row; --r) {
+      const STRUCTURE_ROW& row = model.rows[static_cast<std::size_t>(r)];
+      const std::int64_t at = row.scale >= 0 ? row.scale : row.parameters > 0 ? row.first : -1;
+      if (at >= 0) gammas[static_cast<std::size_t>(structure.term)] = model.parameters[static_cast<std::size_t>(at)].value;
+    }
+  }
+  return gammas;
+}
+
+}  // namespace
+
 void form_parameters(ERROR_HANDLER& eh, CORE_DATA& core)
 {
   std::vector<std::string> names;
@@ -169,6 +187,8 @@ void form_parameters(ERROR_HANDLER& eh, CORE_DATA& core)
   VARIABLE_TABLE_GUTS(eh, core.factors, core.terms, core.variances);
   if (eh.terminate()) return;
   FORCE_GAMMA_INITIAL_VALUES(eh, core.request, core.factors, core.terms, core.data, core.design, core.variances);
+  if (eh.terminate()) return;
+  MORE_AIDATA_SETUP(eh, core.factors, core.terms, core.design, gammas_of_terms(core.terms, core.variances));
 }
 
 void adjust_parameters(ERROR_HANDLER& eh, CORE_DATA& core)

@@ -1,5 +1,6 @@
 // The design: for each analysis record its response, weight and the equations present in it.
-// Routines: DMT_SETUP, DMT_ADD_ROWS, DMT_RESIZE_TO, L_SORT_BY_TRAIT, FORM_DESIGN_BASES, AIDSGN, CHECK_AND_CONFORMITY.
+// Routines: DMT_SETUP, DMT_ADD_ROWS, DMT_RESIZE_TO, L_SORT_BY_TRAIT, FORM_DESIGN_BASES, AIDSGN, CHECK_AND_CONFORMITY,
+// MORE_AIDATA_SETUP.
 #pragma once
 
 #include <cstdint>
@@ -74,5 +75,10 @@ void AIDSGN(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TABLE&
 /// CHECK_AND_CONFORMITY: brings factors joined by and() to one size.
 void CHECK_AND_CONFORMITY(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::int64_t records, FACTOR_TABLE& factors,
                           const TERM_TABLE& terms);
+
+/// MORE_AIDATA_SETUP: tells of terms that have a variance but no design in any record.
+///   gammas   by row of the term table the variance, as it stands, or a first parameter; 0 for terms that have none
+void MORE_AIDATA_SETUP(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_TABLE& terms, const DESIGN_MTX& design,
+                       std::span<const double> gammas);
 
 }  // namespace tolvan

@@ -370,6 +370,18 @@ TEST(DesignFunctions, FactorsJoinedAgree)
   EXPECT_FALSE(form(unlike, data, R"j("random":"f:g+and(f)")j"));
 }
 
+TEST(DesignFunctions, NullTerms)
+{
+  std::vector<Row> data = simulated(10, 8);
+  for (Row& row : data) row[z] = 0.0;
+  DataRoad road;
+  ASSERT_TRUE(form(road, data, R"j("fixed":"f","random":"g:z+zero(2)+f:z")j", R"j(,"na_action":{"x":"include"})j"));
+  ERROR_HANDLER eh;
+  const std::vector<double> gammas{0, 0, 0, 0.5, 0.1, 0};  // y, mu, f, g:z, zero(2), f:z
+  MORE_AIDATA_SETUP(eh, road.factors, road.terms, road.design, gammas);
+  EXPECT_EQ(messages_text(eh), "3/- g:z is null model term, with a non zero gamma, gamma = 0.5\n");
+}
+
 TEST(DesignFunctions, FactorsOfAStructureHaveNoDesign)
 {
   const std::vector<Row> data = simulated(15, 2);
