@@ -33,7 +33,7 @@ bool take_quickly(TextReading& reading, std::size_t v, Cursor& cursor, double& x
   const Cursor before = cursor;
   switch (values.coding.variables[v].coding) {
     case Coding::variate:
-      if (by.decimal_comma || values.variables.rows[v].content != FieldContent::number) return false;
+      if (values.variables.rows[v].content != FieldContent::number) return false;
       if (take_plain_number(by, cursor, x) && std::isfinite(x)) return true;
       break;
     case Coding::level_number:
