@@ -6,6 +6,8 @@
 #include "base/text.h"
 #include "data/data_road.h"
 #include "data/day_number.h"
+#include "data/transform_record.h"
+#include "support/failing_memory.h"
 
 namespace tolvan {
 namespace {
@@ -311,6 +313,29 @@ TEST(Transform, RandomDraws)
   EXPECT_EQ(draw(R"([{"SEED":7},{"NORMAL":1}])"), draw(R"([{"SEED":7},{"NORMAL":1}])"));
   EXPECT_NE(draw(R"([{"SEED":7},{"NORMAL":1}])"), draw(R"([{"SEED":8},{"NORMAL":1}])"));
   EXPECT_TRUE(is_no_value(Trial(R"([{"NORMAL":1}])", {1, NA, 1}).column(1)[0]));
+}
+
+TEST(Transform, RecordsTakeNoMemory)
+{
+  Trial trial(
+      R"([{"+":"x"},{"^":2},{"SET":[1,2,3]},{"REPLACE":[2,"NA"]},{"NORMAL":1},{"SEQ":null},{"Dv":-1}])",
+      {1, 1, 1});
+  ASSERT_TRUE(trial.read) << trial.messages();
+  LEVEL_CODING coding;
+  L_PREPARE_LEVEL_CODING(trial.road.eh, trial.road.variables, true, coding);
+  double row[3] = {1, 0, 0};
+  std::int64_t kept = 0;
+  bool struck = true;
+  {
+    const FailingMemory failing(0);
+    for (int r = 0; r < 1000; ++r) {
+      row[1] = r % 5;
+      kept += AIDTRN(trial.road.eh, trial.road.variables, coding, r, row) ? 1 : 0;
+    }
+    struck = failing.struck();
+  }
+  EXPECT_FALSE(struck);
+  EXPECT_EQ(kept, 1000);
 }
 
 TEST(Transform, Files)
