@@ -95,7 +95,6 @@ TEST(Stages, RefuseWhatIsNotBuiltByName)
   };
   const Row rows[] = {
       {R"("pedigree_file":{"name":"p.csv"})", "the key pedigree_file is not implemented"},
-      {R"("grm_file":{"name":"g.grm"})", "the key grm_file is not implemented"},
       {R"("marker_file":{"name":"m.txt"})", "the key marker_file is not implemented"},
       {R"("spline":{"name":"s"})", "the key spline is not implemented"},
       {R"("mbf":{"name":"s"})", "the key mbf is not implemented"},
