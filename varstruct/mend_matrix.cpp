@@ -18,6 +18,8 @@ constexpr double zero_pivot = 1e-12;
 constexpr double least_diagonal = 1e-8;
 constexpr double accepted_ratio = wide(1e-5F);  // smallest to largest eigenvalue, times n
 constexpr double bend_max = 0.999;
+constexpr int floor_passes = 4;  // raising and scaling back: correlations far beyond 1 are scaled back much
+constexpr double nearly = 0.5;   // of the floor
 
 /// Multiplies the covariances of a level, from 1.
 void weaken(const PackedSymmetric<double>& v, std::int64_t n, std::int64_t level, double f)
@@ -68,6 +70,57 @@ bool unexplained_shares(ERROR_HANDLER& eh, std::span<const double> v, std::int64
   return true;
 }
 
+/// The eigenvalues e (ascending) and vectors q of the correlations of a covariance matrix with positive
+/// diagonal.  The answer is LAPACK's, or -1 with the memory message.
+struct CORRELATIONS {
+  std::int64_t n = 0;
+  std::vector<double> q, e, sd;
+
+  std::int64_t decompose(ERROR_HANDLER& eh, const PackedSymmetric<double>& v);
+  /// Q E Q', with the standard deviations, into v.  The diagonal is kept if asked, by scaling the levels.
+  bool rebuild(ERROR_HANDLER& eh, const PackedSymmetric<double>& v, bool keep_diagonal) const;
+};
+
+std::int64_t CORRELATIONS::decompose(ERROR_HANDLER& eh, const PackedSymmetric<double>& v)
+{
+  if (!assign(eh, q, n * n) || !assign(eh, e, n) || !assign(eh, sd, n)) return -1;
+  for (std::int64_t i = 0; i < n; ++i) sd[static_cast<std::size_t>(i)] = std::sqrt(v(i + 1, i + 1));
+  for (std::int64_t j = 0; j < n; ++j) {
+    for (std::int64_t i = j; i < n; ++i) {
+      const double scale = sd[static_cast<std::size_t>(i)] * sd[static_cast<std::size_t>(j)];
+      q[static_cast<std::size_t>(i + j * n)] = i == j ? 1.0 : v(i + 1, j + 1) / scale;
+    }
+  }
+  std::vector<double> work;
+  std::vector<std::int32_t> iwork;
+  std::int64_t info = -1;
+  if (!attempt([&] { info = dsyevd('V', 'L', n, q.data(), n, e.data(), work, iwork); })) eh.out_of_memory();
+  return info;
+}
+
+bool CORRELATIONS::rebuild(ERROR_HANDLER& eh, const PackedSymmetric<double>& v, bool keep_diagonal) const
+{
+  std::vector<double> scaled, r;
+  if (!assign(eh, scaled, n * n) || !assign(eh, r, n * n)) return false;
+  for (std::int64_t k = 0; k < n; ++k) {
+    for (std::int64_t i = 0; i < n; ++i)
+      scaled[static_cast<std::size_t>(i + k * n)] =
+          q[static_cast<std::size_t>(i + k * n)] * e[static_cast<std::size_t>(k)];
+  }
+  dgemm('N', 'T', n, n, n, 1.0, scaled.data(), n, q.data(), n, 0.0, r.data(), n);
+  const auto at = [&](std::int64_t i, std::int64_t j) {
+    return r[static_cast<std::size_t>(i - 1 + (j - 1) * n)];
+  };
+  for (std::int64_t i = 1; i <= n; ++i) {
+    for (std::int64_t j = 1; j <= i; ++j) {
+      if (keep_diagonal && i == j) continue;
+      const double by = keep_diagonal ? 1.0 / std::sqrt(at(i, i) * at(j, j)) : 1.0;
+      v(i, j) = at(i, j) * by * sd[static_cast<std::size_t>(i - 1)] * sd[static_cast<std::size_t>(j - 1)];
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 void K4MVUS(ERROR_HANDLER& eh, std::span<double> v, std::int64_t n, std::int64_t& faults,
@@ -112,6 +165,22 @@ void K4MVUS(ERROR_HANDLER& eh, std::span<double> v, std::int64_t n, std::int64_t
   status = Mended::yes;
 }
 
+bool floor_eigenvalues(ERROR_HANDLER& eh, std::span<double> v, std::int64_t n, double least)
+{
+  const PackedSymmetric<double> packed{v};
+  for (std::int64_t i = 1; i <= n; ++i) {
+    if (!(packed(i, i) > 0.0)) return false;
+  }
+  CORRELATIONS c{.n = n};
+  for (int pass = 0; pass < floor_passes; ++pass) {
+    if (c.decompose(eh, packed) != 0) return false;
+    if (c.e.front() >= nearly * least) return true;
+    for (double& x : c.e) x = std::max(x, least);
+    if (!c.rebuild(eh, packed, true)) return false;
+  }
+  return true;
+}
+
 void K4MVPD(ERROR_HANDLER& eh, std::span<double> v, std::int64_t n, double bend, std::int64_t count,
             std::int64_t& status)
 {
@@ -120,27 +189,13 @@ void K4MVPD(ERROR_HANDLER& eh, std::span<double> v, std::int64_t n, double bend,
   for (std::int64_t i = 1; i <= n; ++i) {
     if (!(packed(i, i) >= least_diagonal)) return;
   }
-  std::vector<double> a, scaled, sd, e, work;
-  std::vector<std::int32_t> iwork;
-  if (!assign(eh, a, n * n) || !assign(eh, scaled, n * n) || !assign(eh, sd, n) || !assign(eh, e, n)) return;
-  for (std::int64_t i = 1; i <= n; ++i) sd[static_cast<std::size_t>(i - 1)] = std::sqrt(packed(i, i));
-  for (std::int64_t j = 0; j < n; ++j) {
-    for (std::int64_t i = j; i < n; ++i) {
-      a[static_cast<std::size_t>(i + j * n)] =
-          i == j ? 1.0
-                 : packed(i + 1, j + 1) / (sd[static_cast<std::size_t>(i)] * sd[static_cast<std::size_t>(j)]);
-    }
-  }
-  std::int64_t info = 0;
-  if (!attempt([&] { info = dsyevd('V', 'L', n, a.data(), n, e.data(), work, iwork); })) {
-    eh.out_of_memory();
-    return;
-  }
+  CORRELATIONS c{.n = n};
+  const std::int64_t info = c.decompose(eh, packed);
   if (info != 0) {
-    status = -info;
+    status = -std::abs(info);
     return;
   }
-  const double least = e.front(), largest = e.back();  // LAPACK's eigenvalues ascend
+  const double least = c.e.front(), largest = c.e.back();
   if (least > largest * accepted_ratio / static_cast<double>(n)) {
     status = 0;
     return;
@@ -151,21 +206,9 @@ void K4MVPD(ERROR_HANDLER& eh, std::span<double> v, std::int64_t n, double bend,
   // e' = m + (e - m) b m / (m - least): the mean m stays, the least one becomes m (1 - b).
   const double b = std::min(std::fabs(bend), bend_max);
   double mean = 0.0;
-  for (const double x : e) mean += x / static_cast<double>(n);
-  for (double& x : e) x = (x - mean) * b / (mean - least) * mean + mean;
-  for (std::int64_t k = 0; k < n; ++k) {
-    for (std::int64_t i = 0; i < n; ++i)
-      scaled[static_cast<std::size_t>(i + k * n)] =
-          a[static_cast<std::size_t>(i + k * n)] * e[static_cast<std::size_t>(k)];
-  }
-  std::vector<double> rebuilt;
-  if (!assign(eh, rebuilt, n * n)) return;
-  dgemm('N', 'T', n, n, n, 1.0, scaled.data(), n, a.data(), n, 0.0, rebuilt.data(), n);
-  for (std::int64_t i = 1; i <= n; ++i) {
-    for (std::int64_t j = 1; j <= i; ++j)
-      packed(i, j) = rebuilt[static_cast<std::size_t>(i - 1 + (j - 1) * n)] *
-                     sd[static_cast<std::size_t>(i - 1)] * sd[static_cast<std::size_t>(j - 1)];
-  }
+  for (const double x : c.e) mean += x / static_cast<double>(n);
+  for (double& x : c.e) x = (x - mean) * b / (mean - least) * mean + mean;
+  c.rebuild(eh, packed, false);
 }
 
 }  // namespace tolvan

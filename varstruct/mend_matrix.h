@@ -33,4 +33,9 @@ void K4MVUS(ERROR_HANDLER& eh, std::span<double> v, std::int64_t n, std::int64_t
 void K4MVPD(ERROR_HANDLER& eh, std::span<double> v, std::int64_t n, double bend, std::int64_t count,
             std::int64_t& status);
 
+/// A near matrix of the same variances whose correlations have no eigenvalue below half of `least`:
+/// eigenvalues are raised to it and the levels scaled back.  False if a variance is not positive or memory
+/// was short.
+bool floor_eigenvalues(ERROR_HANDLER& eh, std::span<double> v, std::int64_t n, double least);
+
 }  // namespace tolvan

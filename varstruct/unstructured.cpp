@@ -17,6 +17,7 @@ namespace {
 
 constexpr double pivot_tolerance =
     wide(0.00001F);  // of the diagonal: the least share that the levels before leave unexplained
+constexpr double least_eigenvalue = 5e-5;  // that correlations are raised to
 constexpr double diagonal_increase = wide(1.1F);
 constexpr double diagonal_floor = wide(0.001F);
 constexpr double covariance_shrink = wide(0.55F);
@@ -36,6 +37,8 @@ class UNSTRUCTURED : public DENSE_COVARIANCE {
                std::vector<std::int64_t>& marked, std::int64_t minor);
   std::int64_t try_values(double tolerance);
   void keep_ties(const VARIANCE_MODEL& model, const STRUCTURE_ROW& row);
+  std::int64_t row_count() const { return static_cast<std::int64_t>(v_.size()); }
+  double distance() const;
 
   std::vector<double> v_;         // the packed elements as they are tried
   std::vector<double> proposed_;  // as they were given
@@ -69,6 +72,22 @@ void UNSTRUCTURED::keep_ties(const VARIANCE_MODEL& model, const STRUCTURE_ROW& r
   }
 }
 
+/// How far the elements at hand are from those given, on the scale of the correlations as given: a sum of
+/// squares.
+double UNSTRUCTURED::distance() const
+{
+  const PackedLower<const double> v{v_}, given{proposed_};
+  const auto scale = [&](std::int64_t i) { return given(i, i) > 0.0 ? given(i, i) : v(i, i); };
+  double sum = 0.0;
+  for (std::int64_t i = 1; i <= inverse_.n; ++i) {
+    for (std::int64_t j = 1; j <= i; ++j) {
+      const double d = v(i, j) - given(i, j);
+      sum += (i == j ? 1.0 : 2.0) * d * d / (scale(i) * scale(j));
+    }
+  }
+  return sum;
+}
+
 /// L_REPEAT: raises the variances of the levels at fault and shrinks their covariances, until the matrix is
 /// sound.
 UNSTRUCTURED::Way UNSTRUCTURED::L_REPEAT(ERROR_HANDLER& eh, const VARIANCE_MODEL& model,
@@ -97,53 +116,60 @@ UNSTRUCTURED::Way UNSTRUCTURED::L_REPEAT(ERROR_HANDLER& eh, const VARIANCE_MODEL
   return Way::none;
 }
 
-/// ADJUST: makes the matrix at hand positive definite, by the mildest way that serves.
-///   1. the covariances of the level at fault are weakened once;
-///   2. half way back to the last good matrix;
-///   3. levels at fault: variances up and covariances down, again and again;
-///   4. eigenvalues are bent, if the option says so.
+/// ADJUST: makes the matrix at hand positive definite, by the mildest way that serves.  Three are tried, and
+/// the one that stays nearest to the matrix as given, on the scale of correlations, is taken:
+///   - the covariances of the level at fault are weakened;
+///   - half way back to the last good matrix;
+///   - eigenvalues of the correlations are raised to a floor, or bent if the option says so.
+/// If none of them serves: levels at fault get higher variances and lower covariances, again and again.
 UNSTRUCTURED::Way UNSTRUCTURED::ADJUST(FORM_CONTEXT& context, std::int64_t minor)
 {
   ERROR_HANDLER& eh = context.eh;
   const Frame here{eh, __func__};
   const VARIANCE_MODEL& model = context.model;
   std::vector<std::int64_t> marked;
-  std::vector<double> weakened;
+  std::vector<double> best, weakened;
+  Way taken = Way::none;
+  double nearest = 0.0;
+  if (!resize(eh, best, row_count()) || !resize(eh, weakened, row_count())) return Way::none;
+  const auto consider = [&](Way way) {
+    keep_ties(model, context.row);
+    const std::int64_t at_fault = try_values(pivot_tolerance);
+    if (at_fault != 0) return at_fault;
+    const double d = distance();
+    if (taken == Way::none || d < nearest) {
+      nearest = d;
+      taken = way;
+      std::copy(v_.begin(), v_.end(), best.begin());
+    }
+    return at_fault;
+  };
+
   std::int64_t faults = 0;
   Mended status = Mended::refused;
-
   K4MVUS(eh, v_, n(), faults, marked, 0, 0.0, context.bend, status);
   if (eh.terminate()) return Way::none;
-  if (status == Mended::yes) {
-    keep_ties(model, context.row);
-    minor = try_values(pivot_tolerance);
-    if (minor == 0) return Way::weakened;
-  }
-  if (!attempt([&] { weakened = v_; })) {
-    eh.out_of_memory();
-    return Way::none;
-  }
+  if (status == Mended::yes) minor = consider(Way::weakened);
+  std::copy(v_.begin(), v_.end(), weakened.begin());
   if (accepted_.size() == v_.size()) {
     for (std::size_t k = 0; k < v_.size(); ++k) v_[k] = 0.5 * (accepted_[k] + proposed_[k]);
-    keep_ties(model, context.row);
-    if (try_values(pivot_tolerance) == 0) return Way::halved;
-    std::copy(weakened.begin(), weakened.end(), v_.begin());
+    consider(Way::halved);
   }
-  const Way way = L_REPEAT(eh, model, context.row, marked, minor);
-  if (eh.terminate() || way != Way::none || context.bend == 0.0) return way;
-
-  // Bending starts from the elements as given; only a variance that is none takes its mended value.
-  for (std::int64_t i = 1; i <= n(); ++i) {
-    for (std::int64_t j = 1; j <= i; ++j) {
-      const auto at = static_cast<std::size_t>(packed_size(i - 1) + j - 1);
-      if (i != j || proposed_[at] > 0.0) v_[at] = proposed_[at];
-    }
+  std::copy(proposed_.begin(), proposed_.end(), v_.begin());
+  if (context.bend != 0.0) {
+    faults = -1;
+    K4MVUS(eh, v_, n(), faults, marked, 0, 0.0, context.bend, status);
+    if (status != Mended::refused) consider(Way::bent);
+  } else if (floor_eigenvalues(eh, v_, n(), least_eigenvalue)) {
+    consider(Way::bent);
   }
-  faults = -1;
-  K4MVUS(eh, v_, n(), faults, marked, 0, 0.0, context.bend, status);
-  if (eh.terminate() || status == Mended::refused) return Way::none;
-  keep_ties(model, context.row);
-  return try_values(0.0) == 0 ? Way::bent : Way::none;
+  if (eh.terminate()) return Way::none;
+  if (taken != Way::none) {
+    std::copy(best.begin(), best.end(), v_.begin());
+    return try_values(pivot_tolerance) == 0 ? taken : Way::none;
+  }
+  std::copy(weakened.begin(), weakened.end(), v_.begin());
+  return L_REPEAT(eh, model, context.row, marked, minor);
 }
 
 Formed UNSTRUCTURED::form(FORM_CONTEXT& context)

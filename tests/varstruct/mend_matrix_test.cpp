@@ -165,69 +165,28 @@ struct BROKEN_CASE {
 
 TEST(MendMatrix, UnstructuredMatricesAreMadeSoundByTheMildestWay)
 {
-  const Vector sound_pairs = pairs(2, 0.5);
-  const double f = 0.9900000095367432 / 1.44;  // u = 1 - 1.2^2
+  constexpr double f = 5e-5;  // the floor of eigenvalues
+  const double nearly_one = (2.2 - f) / (2.2 + f),
+               weaker = 0.9900000095367432 / 2.25 * 1.2;  // u = -0.8 / 0.64
+  const char* words = "Modified NPD matrix in structure site:gen begins: ";
+  constexpr Formed done = Formed::done, failed = Formed::in_handler;
+  // clang-format off
   const std::vector<BROKEN_CASE> cases = {
-      {"one fault is weakened",
-       {},
-       {1.0, 1.2, 1.0},
-       {},
-       0.0,
-       Formed::done,
-       {1.0, 1.2 * f, 1.0},
-       "Modified NPD matrix in structure site:gen begins: "},
-      {"a correlation of 1",
-       {},
-       {4.0, 6.0, 9.0},
-       {},
-       0.0,
-       Formed::done,
-       {},
-       "US matrix is not positive definite!"},
-      {"half way back",
-       sound_pairs,
-       pairs(2, 1.2),
-       {},
-       0.0,
-       Formed::done,
-       pairs(2, 0.85),
-       "NonPosDef US matrix modified at iteration 17"},
-      {"again and again", {}, pairs(3, 1.3), {}, 0.0, Formed::done, {}, "Modified NPD matrix"},
-      {"a negative variance",
-       {},
-       {-0.5},
-       {},
-       0.0,
-       Formed::done,
-       {0.0010000000474974513},
-       "Modified NPD matrix"},
-      {"a zero variance", {}, {2.0, 0.5, 0.0}, {}, 0.0, Formed::done, {}, "Modified NPD matrix"},
-      {"fixed covariances stay",
-       {},
-       {1.0, 1.2, 1.0, 0.3, 0.1, 2.0},
-       {1},
-       0.0,
-       Formed::done,
-       {},
-       "Modified NPD matrix"},
-      {"nothing can be changed",
-       {},
-       {1.0, 1.2, 1.0},
-       {0, 1, 2},
-       1.0,
-       Formed::in_handler,
-       {},
-       "US matrix is not positive definite!"},
-      {"beyond mending",
-       {},
-       pairs(4, 1e9),
-       {},
-       0.0,
-       Formed::in_handler,
-       {},
-       "US matrix is not positive definite!"},
-      {"bent", {}, pairs(4, 1e9), {}, 1.0, Formed::done, {}, "Modified NPD matrix"},
+      {"one fault",              {},              {1, 1.2, 1},             {},        0, done, {1, nearly_one, 1}, words},
+      {"on other scales",        {},              {4, 7.2, 9},             {},        0, done, {4, 6 * nearly_one, 9}, words},
+      {"a correlation of 1",     {},              {4, 6, 9},               {},        0, done, {}, "US matrix is not positive definite!"},
+      {"three faults",           {},              pairs(3, 1.3),           {},        0, done, {}, words},
+      {"huge covariances",       {},              pairs(4, 1e9),           {},        0, done, {}, words},
+      {"bent",                   {},              pairs(4, 1e9),           {},        1, done, {}, words},
+      {"half way back",          {2, 0.5, 1},     {2, 0.5, -0.5},          {},        0, done, {2, 0.5, 0.25}, "NonPosDef US matrix modified at iteration 17"},
+      {"weakened beside a zero", {},              {1, 0, 1, 1.2, 0.6, 1},  {1, 4},    0, done, {1, 0, 1, weaker, 0.6, 1}, words},
+      {"a negative variance",    {},              {-0.5},                  {},        0, done, {0.0010000000474974513}, words},
+      {"a zero variance",        {},              {2, 0.5, 0},             {},        0, done, {}, words},
+      {"a fixed covariance",     {},              {1, 1.2, 1, 0.3, 0.1, 2}, {1},      0, done, {}, words},
+      {"nothing can be changed", {},              {1, 1.2, 1},             {0, 1, 2}, 1, failed, {}, "US matrix is not positive definite!"},
+      {"beyond mending",         {},              {-1, 1e9, -1},           {},        0, failed, {}, "US matrix is not positive definite!"},
   };
+  // clang-format on
   for (const BROKEN_CASE& c : cases) {
     SCOPED_TRACE(c.name);
     std::int64_t n = 1;
@@ -264,6 +223,30 @@ TEST(MendMatrix, UnstructuredMatricesAreMadeSoundByTheMildestWay)
     EXPECT_EQ(run.eh.count(), told);
     EXPECT_EQ(run.values(), mended);
   }
+}
+
+TEST(MendMatrix, RaisesEigenvaluesAndKeepsTheVariances)
+{
+  Dice dice(14);
+  for (const std::int64_t n : {2, 5, 20}) {
+    for (const double least : {1e-5, 1e-2, 0.5}) {
+      const Dense v = broken(dice, n);
+      Vector packed = to_packed(v);
+      ERROR_HANDLER eh;
+      ASSERT_TRUE(floor_eigenvalues(eh, packed, n, least));
+      const Dense mended = from_packed(packed, n);
+      for (std::int64_t i = 0; i < n; ++i) EXPECT_EQ(mended(i, i), v(i, i));
+      // raised by so much, less the scaling back of levels that were raised
+      const double lowest = eigenvalues(scaled_by(mended, v)).front();
+      EXPECT_LE(lowest, least * (1.0 + 1e-8));
+      EXPECT_GE(lowest, 0.5 * least);
+    }
+  }
+  Vector none{1.0, 0.5, 0.0};
+  ERROR_HANDLER eh;
+  EXPECT_FALSE(floor_eigenvalues(eh, none, 2, 1e-3));
+  EXPECT_EQ(none, (Vector{1.0, 0.5, 0.0}));
+  EXPECT_TRUE(clean(eh));
 }
 
 TEST(MendMatrix, FollowersFollowTheirMasterThroughAMend)
