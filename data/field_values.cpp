@@ -170,10 +170,13 @@ READ_FAULT::Kind L_TAKE_FIELD(ERROR_HANDLER& eh, FIELD_VALUES& values, std::size
     case Coding::by_text:
       level = L_LABEL_LEVEL(eh, values, v, field);
       break;
-    case Coding::by_identity:
+    case Coding::by_identity: {
       level = values.variables.row(values.coding.variables[v].owner).labels.find(field);
+      const auto number = whole_number(field);  // 007 is the identity 7
+      if (level == 0 && number) level = level_of_number(values.variables, values.coding, v, *number);
       if (level == 0) fault = Fault::no_identity;
       break;
+    }
     default:
       fault = level_of_field(values, v, field, level);
       break;

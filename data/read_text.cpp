@@ -53,6 +53,13 @@ bool take_quickly(TextReading& reading, std::size_t v, Cursor& cursor, double& x
         return true;
       }
       break;
+    case Coding::by_identity:
+      if (std::string_view label; take_plain_label(by, cursor, label) && !is_missing_text(label)) {
+        const std::int64_t level = values.variables.row(values.coding.variables[v].owner).labels.find(label);
+        x = static_cast<double>(level);
+        if (level > 0) return true;
+      }
+      break;
     default:
       break;
   }

@@ -1,5 +1,6 @@
 #include "data/select_records.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "base/text.h"
@@ -14,6 +15,13 @@ bool stays(const SELECTION& selection, Equals&& equals)
 {
   return (!selection.select.given || equals(selection.select)) &&
          (!selection.exclude.given || !equals(selection.exclude));
+}
+
+/// Whether a field is a label, with its blanks or with the underscores that stand for them.
+bool is_label(std::string_view field, std::string_view label)
+{
+  return std::equal(field.begin(), field.end(), label.begin(), label.end(),
+                    [](char a, char b) { return a == b || ((a == ' ' || a == '\t') && b == '_'); });
 }
 
 /// A number as a label spells it: 3, not 3.0.
@@ -63,7 +71,7 @@ void L_PREPARE_SELECTION(ERROR_HANDLER& eh, const DATA_FILE_KEYS& keys, const VA
 bool selected(const SELECTION& selection, FIELD_VALUES& values, std::string_view field)
 {
   return stays(selection, [&](const SELECT_VALUE& value) {
-    if (value.is_text) return field == value.text;
+    if (value.is_text) return is_label(field, value.text);
     double x = 0.0;
     return !is_missing_text(field) && read_number(values, field, 0, x) == READ_FAULT::Kind::none &&
            x == value.number;

@@ -330,6 +330,63 @@ TEST(Selection, KeepsAndDrops)
   EXPECT_EQ(transformed.rows(), "20\n");
 }
 
+TEST(Selection, LabelsWithBlanks)
+{
+  for (const std::string_view label : {"New York", "New_York"}) {
+    FileRoad road;
+    ASSERT_TRUE(road.read_file("New York,1,5\nNew Yorks,1,6\n", three_variables,
+                               text(R"("filter":1,"select":")", label, "\"")));
+    EXPECT_EQ(road.rows(), "1 1 5\n") << label;
+  }
+}
+
+/// Reads records of a pedigree factor and a variate, the identities of the pedigree being given.
+bool read_identities(FileRoad& road, std::string_view name, std::string_view contents, std::string_view keys)
+{
+  const std::string path = road.folder.file(name, contents);
+  JsonError failure;
+  road.request = parse_json(text(R"({"data_file":{"name":")", path, "\"", keys, "}}"), failure);
+  road.primary.data_file = road.request->find("data_file");
+  road.variables.rows.resize(2);
+  VARIABLE& animal = road.variables.rows[0];
+  animal.name = "animal";
+  animal.type = FieldType::string_factor;
+  animal.is_pedigree_factor = animal.labels_fixed = true;
+  for (const char* identity : {"s1", "7", "d1"}) animal.labels.find_or_add(identity);
+  animal.levels = 3;
+  animal.column = 1;
+  road.variables.rows[1].name = "y";
+  road.variables.rows[1].column = 2;
+  READ_DATA_FILE(road.eh, road.primary, road.variables, road.store);
+  return !road.eh.terminate();
+}
+
+TEST(PedigreeFactors, IdentitiesAreLookedUp)
+{
+  FileRoad names;
+  ASSERT_TRUE(read_identities(names, "f.csv", "d1,1\n007,2\nNA,3\n7,4\ns1 ,5\n", ""))
+      << messages_text(names.eh);
+  EXPECT_EQ(names.rows(), "3 1\n2 2\nNA 3\n2 4\n1 5\n");
+  EXPECT_EQ(names.variables.rows[0].levels, 3);
+
+  FileRoad absent;
+  EXPECT_FALSE(read_identities(absent, "f.csv", "d1,1\nd2,2\n", ""));
+  EXPECT_EQ(absent.told().substr(0, 150),
+            "!4/3 d2 was not present in the pedigree\n"
+            "9999/3 this identifier label for animal does not appear to be in the Pedigree file\n"
+            "!4/3 error at field [1] of ");
+
+  FileRoad coded;  // rows of the pedigree in place of identities
+  ASSERT_TRUE(read_identities(coded, "f.csv", "3,1\n1,2\n", R"(,"recode":true)"));
+  EXPECT_EQ(coded.rows(), "3 1\n1 2\n");
+
+  const double numbers[] = {7.0, 1.5, 9.0, 2.5};
+  const std::string bytes(reinterpret_cast<const char*>(numbers), sizeof numbers);
+  FileRoad binary;
+  EXPECT_FALSE(read_identities(binary, "f.drs", bytes, ""));
+  EXPECT_TRUE(has_message(binary.eh, "byte 17, variable animal: 9 was not present in the pedigree"));
+}
+
 TEST(Selection, FirstRecordsAreTold)
 {
   std::string contents;
