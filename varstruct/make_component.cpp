@@ -16,6 +16,8 @@ namespace tolvan {
 
 namespace {
 
+constexpr std::int64_t extended_code = 15;
+
 using Component = std::unique_ptr<COMPONENT_MATRIX>;
 
 struct MAKER {
@@ -71,6 +73,8 @@ ROW_PARAMETERS row_parameters(const STRUCTURE_ROW& row)
   const auto selectors = static_cast<std::int64_t>(component_models.size());
   if (row.model > 0 && row.selector >= 0 && row.selector < selectors)
     out.own = own_parameters(component_models[static_cast<std::size_t>(row.selector)], row.size, row.order);
+  // All parameters of a factor model with extra effects are its own, whatever rows bind its levels.
+  if (row.model == extended_code) out.own = row.parameters;
   const std::int64_t variances = row.parameters - out.own;
   out.form = variances == 0   ? VarianceForm::plain
              : variances == 1 ? VarianceForm::one_variance

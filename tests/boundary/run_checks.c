@@ -208,10 +208,12 @@ static void refusals(void)
   static const struct {
     const char *request, *told, *code;
   } rows[] = {
-      {WITH(",\"vcm\":[{\"values\":[1]}]") "}", "the key vcm is not implemented", "\"ecode\":4"},
-      {WITH(",\"vcc_constraint\":[\"a\"]") "}", "the key vcc_constraint is not implemented", "\"ecode\":4"},
-      {"{\"model\":{\"response\":\"y\",\"random\":\"vm(block,G)\"}}", "vm", "\"ecode\":4"},
-      {WITH("") ",\"grm_file\":[{\"name\":\"G\",\"type\":\"ft_csv\"}]}", "the key grm_file is not implemented", "\"ecode\":4"},
+      {WITH(",\"vcm\":[{\"values\":[1]}]") "}", "was expecting either a name or ID number in each of the VCM entries",
+       "ehc_invalid_input"},
+      {WITH(",\"vcc_constraint\":[\"a\"]") "}", "constraint term a is not in the model", "ehc_invalid_input"},
+      {"{\"model\":{\"response\":\"y\",\"random\":\"vm(block,G)\"}}", "no data were supplied for dataset G", "ehc_invalid_input"},
+      {WITH("") ",\"grm_file\":[{\"name\":\"G\",\"type\":\"ft_csv\"}]}", "unable to open file G", "ehc_io_error"},
+      {WITH("") ",\"marker_file\":[{\"name\":\"G\"}]}", "the key marker_file is not implemented", "\"ecode\":4"},
       {WITH("") ",\"options\":{\"varscale\":\"2\"}}", "the option varscale is implemented for 0 and 1", "\"ecode\":4"},
       {WITH("") ",\"options\":{\"varscale\":[2]}}", "the option varscale is implemented for 0 and 1", "\"ecode\":4"},
       {WITH("") ",\"options\":{\"varscale\":-1}}", "the option varscale is implemented for 0 and 1", "\"ecode\":4"},
