@@ -70,6 +70,11 @@ constexpr std::array makers = {
 ROW_PARAMETERS row_parameters(const STRUCTURE_ROW& row)
 {
   ROW_PARAMETERS out;
+  if (row.model == 15) {  // XFA has no other form; its size counts equations beside the levels
+    out.own = row.parameters;
+    out.fit = row.order > 0 && row.parameters % (row.order + 1) == 0;
+    return out;
+  }
   const auto selectors = static_cast<std::int64_t>(component_models.size());
   if (row.model > 0 && row.selector >= 0 && row.selector < selectors)
     out.own = own_parameters(component_models[static_cast<std::size_t>(row.selector)], row.size, row.order);

@@ -41,7 +41,7 @@ struct VARIANCE_PARAMETER {
 
 /// One component model of one term (the structure table).
 struct STRUCTURE_ROW {
-  std::int64_t size = 0;        // levels; of a factor model with extra effects the k factors included
+  std::int64_t size = 0;        // levels; of a factor model with extra effects its factors and Lagrangian rows included
   std::int64_t parameters = 0;  // own parameters, the scale included
   std::int64_t model = 0;       // internal model code; 0 identity
   std::int64_t first = 0;       // first parameter, from 0

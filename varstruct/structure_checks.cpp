@@ -42,15 +42,13 @@ void L_CHECK_TERM(ERROR_HANDLER& eh, const TERM_TABLE& terms, const TERM_STRUCTU
   const TERM_ROW& term = terms.rows[static_cast<std::size_t>(structure.term)];
   const std::int64_t equations = structure_equations(terms, structure.term);
   std::int64_t size = 1, scales = 0, to_estimate = 0;
-  bool zero_specifics = false;
   for (std::int64_t r = 0; r < structure.rows; ++r) {
     const STRUCTURE_ROW& row = model.rows[static_cast<std::size_t>(structure.first_row + r)];
     if (row.first < 0 || row.parameters < 0 || row.first + row.parameters > model.count()) {
       eh.internal(text("Overparamaterized variance model: ", term.name));  // sic
       return;
     }
-    zero_specifics = zero_specifics || (row.model == xfa && extended_layout(row, model).lagrangian() > 0);
-    size *= row.model == xfa ? extended_layout(row, model).size() : row.size;
+    size *= row.size;
     if (!holds_variance(row)) continue;
     ++scales;
     if (estimates_scale(model, row)) ++to_estimate;
@@ -58,7 +56,6 @@ void L_CHECK_TERM(ERROR_HANDLER& eh, const TERM_TABLE& terms, const TERM_STRUCTU
   if (size != equations) {
     eh.error(text("unable to find which block of struc values are associated with ", term.name));
     eh.continuation(text("its structure has ", size, " levels, the term has ", equations));
-    if (zero_specifics) eh.continuation("a specific variance of zero takes equations of its own: rr() has them, fa() has not");
     return;
   }
   // None at all is a term whose variance is that of the residual; two can not be told apart.
