@@ -13,8 +13,8 @@ namespace tolvan {
 namespace {
 
 /// L_FIND_ENTRY: the parameter that one entry names, from 0; -1 with an error.
-std::int64_t L_FIND_ENTRY(ERROR_HANDLER& eh, const JsonNode& entry, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
-                          VARIANCE_MODEL& model, std::string& shown)
+std::int64_t L_FIND_ENTRY(ERROR_HANDLER& eh, const JsonNode& entry, const FACTOR_TABLE& factors,
+                          const TERM_TABLE& terms, VARIANCE_MODEL& model, std::string& shown)
 {
   const Frame here{eh, __func__};
   const JsonNode* name = entry.find("term");
@@ -25,7 +25,8 @@ std::int64_t L_FIND_ENTRY(ERROR_HANDLER& eh, const JsonNode& entry, const FACTOR
     if (found >= 0) return found;
     eh.error(text("VCM constraint was supplied for the term ", shown, ", but it is not in the model"));
     const PARAMETER_RANGE range = find_structure(factors, terms, model, shown);
-    if (range.count > 1) eh.continuation(text("the term has ", range.count, " parameters; each is named by its label"));
+    if (range.count > 1)
+      eh.continuation(text("the term has ", range.count, " parameters; each is named by its label"));
     return -1;
   }
   if (id == nullptr || !id->is(JsonType::integer)) {
@@ -34,14 +35,14 @@ std::int64_t L_FIND_ENTRY(ERROR_HANDLER& eh, const JsonNode& entry, const FACTOR
   }
   shown = text(id->integer());
   if (id->integer() >= 1 && id->integer() <= model.count()) return id->integer() - 1;
-  eh.error(text("invalid ID supplied for a VCM entry, value = ", id->integer(), ", supplied values must be in the range [1,",
-                model.count(), "]"));
+  eh.error(text("invalid ID supplied for a VCM entry, value = ", id->integer(),
+                ", supplied values must be in the range [1,", model.count(), "]"));
   return -1;
 }
 
 /// L_READ_ENTRY: one entry with its coefficients.
-void L_READ_ENTRY(ERROR_HANDLER& eh, const JsonNode& entry, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
-                  VARIANCE_MODEL& model)
+void L_READ_ENTRY(ERROR_HANDLER& eh, const JsonNode& entry, const FACTOR_TABLE& factors,
+                  const TERM_TABLE& terms, VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
   if (!entry.is(JsonType::object)) {
@@ -51,7 +52,8 @@ void L_READ_ENTRY(ERROR_HANDLER& eh, const JsonNode& entry, const FACTOR_TABLE& 
   std::string shown;
   const std::int64_t parameter = L_FIND_ENTRY(eh, entry, factors, terms, model, shown);
   if (eh.terminate()) return;
-  const bool twice = std::any_of(model.vcm.begin(), model.vcm.end(), [&](const VCM_ROW& r) { return r.parameter == parameter; });
+  const bool twice = std::any_of(model.vcm.begin(), model.vcm.end(),
+                                 [&](const VCM_ROW& r) { return r.parameter == parameter; });
   if (twice) {
     eh.error(text("at least two sets of VCM information has been supplied for ", shown));
     return;
@@ -73,14 +75,16 @@ void L_READ_ENTRY(ERROR_HANDLER& eh, const JsonNode& entry, const FACTOR_TABLE& 
   } else {
     good = false;
   }
-  good = good && std::all_of(row.coefficients.begin(), row.coefficients.end(), [](double x) { return std::isfinite(x); });
+  good = good && std::all_of(row.coefficients.begin(), row.coefficients.end(),
+                             [](double x) { return std::isfinite(x); });
   if (!good) {
     REPORT_JSON_ERROR(eh, values != nullptr ? *values : entry, {"a list of finite numbers"});
     return;
   }
   if (!model.vcm.empty() && row.coefficients.size() != model.vcm.front().coefficients.size()) {
     eh.error("the same number of values should be supplied for each of the VCM entries");
-    eh.continuation(text(row.coefficients.size(), " values supplied for ", shown, ", expected ", model.vcm.front().coefficients.size()));
+    eh.continuation(text(row.coefficients.size(), " values supplied for ", shown, ", expected ",
+                         model.vcm.front().coefficients.size()));
     return;
   }
   model.vcm.push_back(std::move(row));
@@ -90,10 +94,12 @@ void L_READ_ENTRY(ERROR_HANDLER& eh, const JsonNode& entry, const FACTOR_TABLE& 
 void L_LINK_ROWS(ERROR_HANDLER& eh, VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
-  std::vector<std::ptrdiff_t> first(model.vcm.front().coefficients.size(), -1);  // the row that leads each column
+  std::vector<std::ptrdiff_t> first(model.vcm.front().coefficients.size(),
+                                    -1);  // the row that leads each column
   for (std::size_t r = 0; r < model.vcm.size(); ++r) {
     const VCM_ROW& row = model.vcm[r];
-    const auto nonzero = std::count_if(row.coefficients.begin(), row.coefficients.end(), [](double x) { return x != 0.0; });
+    const auto nonzero =
+        std::count_if(row.coefficients.begin(), row.coefficients.end(), [](double x) { return x != 0.0; });
     VARIANCE_PARAMETER& p = model.parameters[static_cast<std::size_t>(row.parameter)];
     if (nonzero == 0) {
       p.value = p.start = 0.0;
@@ -101,11 +107,13 @@ void L_LINK_ROWS(ERROR_HANDLER& eh, VARIANCE_MODEL& model)
       continue;
     }
     if (nonzero > 1) {
-      eh.not_implemented(text("a VCM constraint that makes ", p.label, " a sum of several parameters is not implemented"));
+      eh.not_implemented(
+          text("a VCM constraint that makes ", p.label, " a sum of several parameters is not implemented"));
       return;
     }
     const auto at = static_cast<std::size_t>(
-        std::find_if(row.coefficients.begin(), row.coefficients.end(), [](double x) { return x != 0.0; }) - row.coefficients.begin());
+        std::find_if(row.coefficients.begin(), row.coefficients.end(), [](double x) { return x != 0.0; }) -
+        row.coefficients.begin());
     if (first[at] < 0) {
       first[at] = static_cast<std::ptrdiff_t>(r);
       continue;
@@ -118,8 +126,8 @@ void L_LINK_ROWS(ERROR_HANDLER& eh, VARIANCE_MODEL& model)
 
 }  // namespace
 
-void HANDLE_VCM(ERROR_HANDLER& eh, const JsonNode& request, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
-                VARIANCE_MODEL& model)
+void HANDLE_VCM(ERROR_HANDLER& eh, const JsonNode& request, const FACTOR_TABLE& factors,
+                const TERM_TABLE& terms, VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
   model.vcm.clear();

@@ -31,7 +31,8 @@ std::vector<double> numbers_of_levels(ERROR_HANDLER& eh, const VARIABLE& variabl
 }
 
 /// Replaces the levels of a factor by their numbers; the values of a variate stay.
-void to_numbers(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_ROW& factor, std::vector<double>& values)
+void to_numbers(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_ROW& factor,
+                std::vector<double>& values)
 {
   if (!factor.is_factor || factor.variable == 0) return;
   const std::vector<double> numbers = numbers_of_levels(eh, variables.row(factor.variable));
@@ -67,8 +68,8 @@ std::int64_t data_row(const FACTOR_TABLE& factors, std::int64_t row)
   return 0;
 }
 
-void LEVEL_COORDINATES(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, std::int64_t row,
-                       COORDINATES& coordinates)
+void LEVEL_COORDINATES(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
+                       std::int64_t row, COORDINATES& coordinates)
 {
   const Frame here{eh, __func__};
   const FACTOR_ROW& f = factors.row(row);
@@ -99,21 +100,24 @@ void LEVEL_COORDINATES(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const
 
 namespace {
 
-/// L_RANDOM_COORDINATES: the coordinates of the levels of one random component: those of a factor, or the distinct values of
-/// the data in rising order, x slowest.
+/// L_RANDOM_COORDINATES: the coordinates of the levels of one random component: those of a factor, or the
+/// distinct values of the data in rising order, x slowest.
 void L_RANDOM_COORDINATES(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
-                          const DATA_STORE& store, std::int64_t row, std::int64_t levels, COORDINATES& coordinates)
+                          const DATA_STORE& store, std::int64_t row, std::int64_t levels,
+                          COORDINATES& coordinates)
 {
   const Frame here{eh, __func__};
   coordinates = {};
   const std::int64_t x = row > 0 ? data_row(factors, row) : 0;
-  const std::int64_t y = x > 0 && factors.row(row).second > 0 ? data_row(factors, factors.row(row).second) : 0;
+  const std::int64_t y =
+      x > 0 && factors.row(row).second > 0 ? data_row(factors, factors.row(row).second) : 0;
   if (x == 0 || (y == 0 && factors.row(x).is_factor)) {
     // The levels of a factor, or those that the model counts.
     for (std::int64_t l = 1; l <= levels; ++l) coordinates.x.push_back(static_cast<double>(l));
   } else {
     const auto column = static_cast<std::size_t>(factors.row(x).variable - 1);
-    const auto second = static_cast<std::size_t>(std::max<std::int64_t>(y > 0 ? factors.row(y).variable : 1, 1) - 1);
+    const auto second =
+        static_cast<std::size_t>(std::max<std::int64_t>(y > 0 ? factors.row(y).variable : 1, 1) - 1);
     std::vector<std::pair<double, double>> points;
     for (std::int64_t r = 0; r < store.records(); ++r) {
       const auto data = store.row(r);
@@ -123,8 +127,8 @@ void L_RANDOM_COORDINATES(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, co
     std::sort(points.begin(), points.end());
     points.erase(std::unique(points.begin(), points.end()), points.end());
     if (static_cast<std::int64_t>(points.size()) != levels) {
-      eh.error(text(points.size(), " unique points but expected to find ", levels, " in the ", store.records(),
-                    " records assigned to this section"));
+      eh.error(text(points.size(), " unique points but expected to find ", levels, " in the ",
+                    store.records(), " records assigned to this section"));
       eh.continuation("failed while setting up the power model");
       return;
     }
@@ -160,7 +164,8 @@ void SETUP_POWER_STRUCTURES(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, 
       COORDINATES coordinates;
       L_RANDOM_COORDINATES(eh, variables, factors, store, row.factor, row.size, coordinates);
       if (eh.terminate()) {
-        eh.continuation(text("this was found at the term ", terms.rows[static_cast<std::size_t>(structure.term)].name));
+        eh.continuation(
+            text("this was found at the term ", terms.rows[static_cast<std::size_t>(structure.term)].name));
         return;
       }
       row.coordinates = static_cast<std::int64_t>(model.coordinates.size());

@@ -1,4 +1,5 @@
-// What a term says about its structure beside values: use, coord, sing, subsection.  Routine: APPLY_QUALIFIERS.
+// What a term says about its structure beside values: use, coord, sing, subsection.  Routine:
+// APPLY_QUALIFIERS.
 #include <algorithm>
 #include <cmath>
 
@@ -31,7 +32,8 @@ void L_USE(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const std::string& oth
   const Frame here{eh, __func__};
   const PARAMETER_RANGE source = find_structure(data.factors, data.terms, model, other);
   if (source.rows == nullptr) {
-    eh.error(text("the term ", other, " used when setting error structure for ", term, " doe not exist in the model"));  // sic
+    eh.error(text("the term ", other, " used when setting error structure for ", term,
+                  " doe not exist in the model"));  // sic
     return;
   }
   bool same = source.count == range.count && source.row_count == range.row_count;
@@ -46,18 +48,20 @@ void L_USE(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const std::string& oth
     return;
   }
   for (std::int64_t k = 0; k < range.count; ++k) {
-    if (model.profiled && (range.first + k == model.residual_parameter || source.first + k == model.residual_parameter)) {
+    if (model.profiled &&
+        (range.first + k == model.residual_parameter || source.first + k == model.residual_parameter)) {
       REFUSE_PROFILED_RESIDUAL(eh, term);
       return;
     }
     link_parameter(model, range.first + k, source.first + k, 1.0);
   }
-  eh.note(text("variance structure for ", term, " equated to ", other, " in ", range.section >= 0 ? "residual" : "random"));
+  eh.note(text("variance structure for ", term, " equated to ", other, " in ",
+               range.section >= 0 ? "residual" : "random"));
 }
 
 /// L_COORD: the coordinates of the levels: x of all, then y of all in two dimensions.
-void L_COORD(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const std::vector<double>& coord, const std::string& term,
-             const PARAMETER_RANGE& range, VARIANCE_MODEL& model)
+void L_COORD(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const std::vector<double>& coord,
+             const std::string& term, const PARAMETER_RANGE& range, VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
   STRUCTURE_ROW* row = row_of(range, metric);
@@ -88,8 +92,8 @@ void L_COORD(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const std::vector<do
 }
 
 /// L_SUBSECTION: cuts a series into independent pieces where the level of another factor changes.
-void L_SUBSECTION(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const std::string& name, const std::string& term,
-                  const PARAMETER_RANGE& range, VARIANCE_MODEL& model)
+void L_SUBSECTION(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const std::string& name,
+                  const std::string& term, const PARAMETER_RANGE& range, VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
   std::int64_t variable = 0;
@@ -100,16 +104,19 @@ void L_SUBSECTION(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const std::stri
     if (row > 0) variable = data.factors.row(row).variable;
   }
   if (variable == 0) {
-    eh.error(text("the term ", name, " used when subsection for ", term, " doe not exist in the model"));  // sic
+    eh.error(
+        text("the term ", name, " used when subsection for ", term, " doe not exist in the model"));  // sic
     return;
   }
   STRUCTURE_ROW* row = row_of(range, autoregressive);
   if (row == nullptr) {
-    eh.not_implemented(text("subsection (", name, ") of ", term, " without an autoregressive component is not implemented"));
+    eh.not_implemented(
+        text("subsection (", name, ") of ", term, " without an autoregressive component is not implemented"));
     return;
   }
   const auto column = static_cast<std::size_t>(variable - 1);
-  std::vector<double> value(static_cast<std::size_t>(row->size), no_value);  // of each level, from its first record
+  std::vector<double> value(static_cast<std::size_t>(row->size),
+                            no_value);  // of each level, from its first record
   const auto meet = [&](std::int64_t level, double x) {
     if (level < 0 || level >= row->size || is_no_value(x)) return;
     double& known = value[static_cast<std::size_t>(level)];
@@ -130,7 +137,8 @@ void L_SUBSECTION(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const std::stri
   } else {
     const std::int64_t own = row->factor > 0 ? data_row(data.factors, row->factor) : 0;
     if (own == 0 || !data.factors.row(own).is_factor) {
-      eh.not_implemented(text("subsection (", name, ") of ", term, ", whose levels are not those of a factor, is not implemented"));
+      eh.not_implemented(text("subsection (", name, ") of ", term,
+                              ", whose levels are not those of a factor, is not implemented"));
       return;
     }
     const auto levels = static_cast<std::size_t>(data.factors.row(own).variable - 1);
@@ -167,7 +175,10 @@ PARAMETER_RANGE parameters_of(VARIANCE_MODEL& model, const TERM_STRUCTURE& struc
 PARAMETER_RANGE parameters_of(VARIANCE_MODEL& model, const RESIDUAL_SECTION& section)
 {
   const TERM_STRUCTURE rows{.first_row = section.first_row, .rows = section.rows};
-  PARAMETER_RANGE range{.rows = &model.residual, .first_row = section.first_row, .row_count = section.rows, .scale = section.scale};
+  PARAMETER_RANGE range{.rows = &model.residual,
+                        .first_row = section.first_row,
+                        .row_count = section.rows,
+                        .scale = section.scale};
   range.section = &section - model.sections.data();
   for (std::int64_t r = rows.first_row; r < rows.first_row + rows.rows; ++r) {
     const STRUCTURE_ROW& row = model.residual[static_cast<std::size_t>(r)];
@@ -181,14 +192,17 @@ PARAMETER_RANGE parameters_of(VARIANCE_MODEL& model, const RESIDUAL_SECTION& sec
   return range;
 }
 
-PARAMETER_RANGE find_structure(const FACTOR_TABLE& factors, const TERM_TABLE& terms, VARIANCE_MODEL& model, std::string_view name)
+PARAMETER_RANGE find_structure(const FACTOR_TABLE& factors, const TERM_TABLE& terms, VARIANCE_MODEL& model,
+                               std::string_view name)
 {
   for (const TERM_STRUCTURE& structure : model.terms) {
     const TERM_ROW& term = terms.rows[static_cast<std::size_t>(structure.term)];
-    if (term.name == name || structure_label(factors, terms, structure.term) == name) return parameters_of(model, structure);
+    if (term.name == name || structure_label(factors, terms, structure.term) == name)
+      return parameters_of(model, structure);
   }
   for (const RESIDUAL_SECTION& section : model.sections) {
-    if (section.label == name || (!section.name.empty() && section.name == name)) return parameters_of(model, section);
+    if (section.label == name || (!section.name.empty() && section.name == name))
+      return parameters_of(model, section);
   }
   return {};
 }
@@ -216,12 +230,13 @@ void link_parameter(VARIANCE_MODEL& model, std::int64_t follower, std::int64_t m
 void set_followers(VARIANCE_MODEL& model)
 {
   for (VARIANCE_PARAMETER& p : model.parameters) {
-    if (p.master >= 0) p.value = p.start = p.coefficient * model.parameters[static_cast<std::size_t>(p.master)].value;
+    if (p.master >= 0)
+      p.value = p.start = p.coefficient * model.parameters[static_cast<std::size_t>(p.master)].value;
   }
 }
 
-void APPLY_QUALIFIERS(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const IVALUE_DATA& given, const std::string& term,
-                      const PARAMETER_RANGE& range, VARIANCE_MODEL& model)
+void APPLY_QUALIFIERS(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const IVALUE_DATA& given,
+                      const std::string& term, const PARAMETER_RANGE& range, VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
   if (range.rows == nullptr || range.row_count == 0) {
@@ -233,7 +248,8 @@ void APPLY_QUALIFIERS(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const IVALU
   if (!given.coord.empty()) L_COORD(eh, data, given.coord, term, range, model);
   if (eh.terminate()) return;
   if (given.sing % 2 != 0) {
-    eh.error(text("invalid number of levels for SING option, was expecting an even number, observed = ", given.sing));
+    eh.error(text("invalid number of levels for SING option, was expecting an even number, observed = ",
+                  given.sing));
   } else if (given.sing != 0) {
     eh.not_implemented(text("sing of ", term, " is not implemented"));
   }

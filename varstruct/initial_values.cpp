@@ -63,8 +63,8 @@ void L_READ_TEXT(ERROR_HANDLER& eh, const JsonNode* node, std::string& out)
 }
 
 /// L_EQUATE: makes the parameters of each group follow the first of it.
-void L_EQUATE(ERROR_HANDLER& eh, const std::string& letters, const std::string& term, const PARAMETER_RANGE& range,
-              VARIANCE_MODEL& model)
+void L_EQUATE(ERROR_HANDLER& eh, const std::string& letters, const std::string& term,
+              const PARAMETER_RANGE& range, VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
   std::vector<std::int64_t> groups;
@@ -73,17 +73,20 @@ void L_EQUATE(ERROR_HANDLER& eh, const std::string& letters, const std::string& 
     return;
   }
   if (static_cast<std::int64_t>(groups.size()) != range.count) {
-    eh.error(text("incorrect number of values supplied in  the equality constraints for ", term));  // two blanks
+    eh.error(
+        text("incorrect number of values supplied in  the equality constraints for ", term));  // two blanks
     return;
   }
   for (std::size_t k = 0; k < groups.size(); ++k) {
-    const auto first = static_cast<std::size_t>(std::find(groups.begin(), groups.end(), groups[k]) - groups.begin());
+    const auto first =
+        static_cast<std::size_t>(std::find(groups.begin(), groups.end(), groups[k]) - groups.begin());
     if (first == k) continue;
     if (model.profiled && range.first + static_cast<std::int64_t>(k) == model.residual_parameter) {
       REFUSE_PROFILED_RESIDUAL(eh, term);
       return;
     }
-    link_parameter(model, range.first + static_cast<std::int64_t>(k), range.first + static_cast<std::int64_t>(first), 1.0);
+    link_parameter(model, range.first + static_cast<std::int64_t>(k),
+                   range.first + static_cast<std::int64_t>(first), 1.0);
   }
 }
 
@@ -135,12 +138,14 @@ void L_CHECK_VALUES(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, double unit)
   const Frame here{eh, __func__};
   for (const VARIANCE_PARAMETER& p : model.parameters) {
     const std::string given = text("the initial value ", p.value, " of ", p.label);
-    const bool positive = p.constraint == Constraint::P || p.constraint == Constraint::Z || p.constraint == Constraint::none;
+    const bool positive =
+        p.constraint == Constraint::P || p.constraint == Constraint::Z || p.constraint == Constraint::none;
     if (!std::isfinite(p.value)) {
       eh.error(text(given, " is not a finite number"));
     } else if (std::fabs(p.value) > largest_ratio * unit) {
       eh.error(text(given, " is too large: against it the residual variance would be lost in rounding"));
-    } else if ((p.role == ParamRole::variance || p.role == ParamRole::precision) && positive && p.value < 0.0) {
+    } else if ((p.role == ParamRole::variance || p.role == ParamRole::precision) && positive &&
+               p.value < 0.0) {
       eh.error(text(given, " is below zero: give a value above zero, or the constraint U"));
     }
     if (eh.terminate()) return;
@@ -200,9 +205,10 @@ void FORCE_GAMMA_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& request, cons
 {
   const Frame here{eh, __func__};
   // Absolute values are as large as the response makes them; ratios have no unit.
-  const double unit = model.gamma || model.residual_parameter < 0
-                          ? 1.0
-                          : std::fabs(model.parameters[static_cast<std::size_t>(model.residual_parameter)].value);
+  const double unit =
+      model.gamma || model.residual_parameter < 0
+          ? 1.0
+          : std::fabs(model.parameters[static_cast<std::size_t>(model.residual_parameter)].value);
   GET_INITIAL_VALUES_FROM_JSON(eh, request, factors, terms, model);
   if (eh.terminate()) return;
 
@@ -233,13 +239,15 @@ void FORCE_GAMMA_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& request, cons
     }
     const auto structure = std::find_if(model.terms.begin(), model.terms.end(),
                                         [index](const TERM_STRUCTURE& s) { return s.term == index; });
-    apply(*term.initial_values, term.name, structure == model.terms.end() ? PARAMETER_RANGE{} : parameters_of(model, *structure));
+    apply(*term.initial_values, term.name,
+          structure == model.terms.end() ? PARAMETER_RANGE{} : parameters_of(model, *structure));
     if (eh.terminate()) return;
   }
   for (const RESIDUAL_SECTION& section : model.sections) {
     // Records without a residual term of their own have the one term of the request.
-    const JsonNode* node = section.term >= 0 ? terms.rows[static_cast<std::size_t>(section.term)].initial_values
-                                             : residual_term(request);
+    const JsonNode* node = section.term >= 0
+                               ? terms.rows[static_cast<std::size_t>(section.term)].initial_values
+                               : residual_term(request);
     if (node == nullptr) continue;
     apply(*node, section.name.empty() ? units_label(factors) : section.name, parameters_of(model, section));
     if (eh.terminate()) return;

@@ -42,8 +42,8 @@ void SAVE_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& term, IVALUE_DATA& d
 void GET_INITIAL_VALUES_FROM_JSON(ERROR_HANDLER& eh, const JsonNode& request, const FACTOR_TABLE& factors,
                                   const TERM_TABLE& terms, VARIANCE_MODEL& model);
 
-/// A structure of the model with its stretch of the parameter vector: a random term, or a residual section, whose variance
-/// behind the rows is the last.
+/// A structure of the model with its stretch of the parameter vector: a random term, or a residual section,
+/// whose variance behind the rows is the last.
 struct PARAMETER_RANGE {
   std::vector<STRUCTURE_ROW>* rows = nullptr;  // of random terms or of the residual; null: no such structure
   std::int64_t first_row = 0, row_count = 0;
@@ -54,7 +54,8 @@ struct PARAMETER_RANGE {
 };
 PARAMETER_RANGE parameters_of(VARIANCE_MODEL& model, const TERM_STRUCTURE& structure);
 PARAMETER_RANGE parameters_of(VARIANCE_MODEL& model, const RESIDUAL_SECTION& section);
-/// The structure that a term's text means: its name, or the text its labels begin with; rows is null when there is none.
+/// The structure that a term's text means: its name, or the text its labels begin with; rows is null when
+/// there is none.
 PARAMETER_RANGE find_structure(const FACTOR_TABLE& factors, const TERM_TABLE& terms, VARIANCE_MODEL& model,
                                std::string_view name);
 
@@ -68,10 +69,11 @@ struct QUALIFIER_DATA {
 
 /// APPLY_QUALIFIERS: `use`, `coord`, `sing` and `subsection` of one term.
 ///   term  as messages call it
-void APPLY_QUALIFIERS(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const IVALUE_DATA& given, const std::string& term,
-                      const PARAMETER_RANGE& range, VARIANCE_MODEL& model);
+void APPLY_QUALIFIERS(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const IVALUE_DATA& given,
+                      const std::string& term, const PARAMETER_RANGE& range, VARIANCE_MODEL& model);
 
-/// Makes one parameter follow another one, or the one that it follows: value = coefficient times the master's.
+/// Makes one parameter follow another one, or the one that it follows: value = coefficient times the
+/// master's.
 void link_parameter(VARIANCE_MODEL& model, std::int64_t follower, std::int64_t master, double coefficient);
 /// Gives all followers the values that their masters have now.
 void set_followers(VARIANCE_MODEL& model);

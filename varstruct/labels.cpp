@@ -33,7 +33,8 @@ std::string model_word(const FACTOR_TABLE& factors, const STRUCTURE_ROW& row)
   const std::string structure = row.factor > 0 ? factors.row(row.factor).structure : std::string();
   const COMPONENT_MODEL* asked = model_request(structure).model;
   const COMPONENT_MODEL& model = component_models[static_cast<std::size_t>(row.selector)];
-  const bool named = asked != nullptr && (asked->selector == row.selector || (structure == "rr" && row.selector == xfa));
+  const bool named =
+      asked != nullptr && (asked->selector == row.selector || (structure == "rr" && row.selector == xfa));
   std::string word(model.functions.substr(0, model.functions.find(' ')));
   if (named) {
     word = structure;
@@ -74,7 +75,7 @@ std::vector<std::string> own_indices(const STRUCTURE_ROW& row, std::int64_t own)
     case 11:
     case 12:
       for (std::int64_t i = 1; i <= row.size; ++i) {
-        for (std::int64_t j = 1; j <= i; ++j) i == j && row.model != 9 ? one(i) : two(i, j);
+        for (std::int64_t j = 1; j <= i; ++j) i == j&& row.model != 9 ? one(i) : two(i, j);
       }
       break;
     case 10:
@@ -97,15 +98,18 @@ std::vector<std::string> own_indices(const STRUCTURE_ROW& row, std::int64_t own)
 }
 
 /// Labels of one row: head, model, letter, index.
-void label_row(const FACTOR_TABLE& factors, const std::string& head, const STRUCTURE_ROW& row, VARIANCE_MODEL& model)
+void label_row(const FACTOR_TABLE& factors, const std::string& head, const STRUCTURE_ROW& row,
+               VARIANCE_MODEL& model)
 {
   const ROW_PARAMETERS split = row_parameters(row);
   const std::string word = model_word(factors, row);
   std::vector<std::string> indices = own_indices(row, split.own);
   for (std::int64_t i = split.own; i < row.parameters; ++i) {
-    indices.push_back(split.form == VarianceForm::level_variances ? text('_', i - split.own + 1) : std::string());
+    indices.push_back(split.form == VarianceForm::level_variances ? text('_', i - split.own + 1)
+                                                                  : std::string());
   }
-  std::array<std::int64_t, parameter_label_letters.size()> seen{};  // of the metric family, whose parameters go by letter
+  std::array<std::int64_t, parameter_label_letters.size()>
+      seen{};  // of the metric family, whose parameters go by letter
   for (std::int64_t k = 0; k < row.parameters; ++k) {
     VARIANCE_PARAMETER& p = model.parameters[static_cast<std::size_t>(row.first + k)];
     const char letter = parameter_label_letters[static_cast<std::size_t>(p.type)];
@@ -122,7 +126,8 @@ std::string component_label(const FACTOR_ROW& factor)
 {
   std::string_view shown = factor.shown();
   const std::string call = factor.structure + "(";
-  const bool known_matrix = factor.structure == "vm" || factor.structure == "ide" || factor.structure == "nrm";
+  const bool known_matrix =
+      factor.structure == "vm" || factor.structure == "ide" || factor.structure == "nrm";
   if (factor.structure.empty() || known_matrix || !shown.starts_with(call)) return std::string(shown);
   shown.remove_prefix(call.size());
   std::int64_t depth = 0;
@@ -171,11 +176,13 @@ std::string units_label(const FACTOR_TABLE& factors)
 std::string section_label(const FACTOR_TABLE& factors, const TERM_TABLE& terms, const RESIDUAL_TERM& section)
 {
   if (is_multivariate_residual(factors, section)) {
-    return text(units_label(factors), ".us(", component_label(factors.row(section.components[1].factor)), ")");
+    return text(units_label(factors), ".us(", component_label(factors.row(section.components[1].factor)),
+                ")");
   }
   std::string label;
   if (section.condition != 0) {
-    const std::int64_t row = section.term >= 0 ? terms.rows[static_cast<std::size_t>(section.term)].condition : 0;
+    const std::int64_t row =
+        section.term >= 0 ? terms.rows[static_cast<std::size_t>(section.term)].condition : 0;
     label = row > 0 ? factors.row(row).shown() : section.name.substr(0, section.name.find(':'));
   }
   for (const RESIDUAL_COMPONENT& component : section.components) {
@@ -209,7 +216,8 @@ void VARIABLE_TABLE_GUTS(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const T
       const STRUCTURE_ROW& row = model.residual[static_cast<std::size_t>(section.first_row + r)];
       label_row(factors, text(section.label, ';', whole ? "" : component(section.rows, row)), row, model);
     }
-    if (section.scale >= 0) model.parameters[static_cast<std::size_t>(section.scale)].label = text(section.label, ";IDV_V");
+    if (section.scale >= 0)
+      model.parameters[static_cast<std::size_t>(section.scale)].label = text(section.label, ";IDV_V");
   }
 
   // Unique by construction; what is left over (a term given twice) is told apart by a number.

@@ -58,8 +58,9 @@ void L_UNREADABLE(ERROR_HANDLER& eh, const std::string& line)
 }
 
 /// L_READ_ITEM: a number, a range or a name, with its coefficient.
-void L_READ_ITEM(ERROR_HANDLER& eh, const std::string& line, const std::string& word, const FACTOR_TABLE& factors,
-                 const TERM_TABLE& terms, std::int64_t offset, VARIANCE_MODEL& model, LINE& out)
+void L_READ_ITEM(ERROR_HANDLER& eh, const std::string& line, const std::string& word,
+                 const FACTOR_TABLE& factors, const TERM_TABLE& terms, std::int64_t offset,
+                 VARIANCE_MODEL& model, LINE& out)
 {
   const Frame here{eh, __func__};
   std::string_view name = word;
@@ -77,7 +78,8 @@ void L_READ_ITEM(ERROR_HANDLER& eh, const std::string& line, const std::string& 
     out.items.push_back({first + offset, coefficient});
     return;
   }
-  if (dash != std::string_view::npos && read_whole(name.substr(0, dash), first) && read_whole(name.substr(dash + 1), last)) {
+  if (dash != std::string_view::npos && read_whole(name.substr(0, dash), first) &&
+      read_whole(name.substr(dash + 1), last)) {
     if (last < first || last - first >= model.count()) {
       eh.error(text(last, " is invalid as the number of a variance parameter to be constrained"));
       return;
@@ -96,8 +98,8 @@ void L_READ_ITEM(ERROR_HANDLER& eh, const std::string& line, const std::string& 
 }
 
 /// L_READ_LINE: the items and qualifiers of a line.
-void L_READ_LINE(ERROR_HANDLER& eh, const std::string& line, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
-                 std::int64_t& offset, VARIANCE_MODEL& model, LINE& out)
+void L_READ_LINE(ERROR_HANDLER& eh, const std::string& line, const FACTOR_TABLE& factors,
+                 const TERM_TABLE& terms, std::int64_t& offset, VARIANCE_MODEL& model, LINE& out)
 {
   const Frame here{eh, __func__};
   const std::vector<std::string> words = words_of(line);
@@ -148,7 +150,8 @@ void L_CHECK_NUMBER(ERROR_HANDLER& eh, std::int64_t number, bool master, const V
   eh.error(text("in Variance Parameter Constraint, parameter ", number, " is undefined"));
   eh.continuation("defined parameter numbers are:");
   for (std::int64_t n = 1; n <= model.count(); ++n) {
-    eh.continuation(text("parameter numbered ", n, " has value ", edit_f(model.parameters[static_cast<std::size_t>(n - 1)].value, 12, 4)));
+    eh.continuation(text("parameter numbered ", n, " has value ",
+                         edit_f(model.parameters[static_cast<std::size_t>(n - 1)].value, 12, 4)));
   }
 }
 
@@ -160,7 +163,8 @@ void L_LINK_GROUP(ERROR_HANDLER& eh, const std::vector<ITEM>& items, std::int64_
   L_CHECK_NUMBER(eh, master, true, model);
   if (eh.terminate()) return;
   if (const std::int64_t above = model.parameters[static_cast<std::size_t>(master - 1)].master; above >= 0) {
-    eh.error(text("fault in Gamma constraints for parameter ", master, ", relationships must be defined relative to parameter ", above + 1));
+    eh.error(text("fault in Gamma constraints for parameter ", master,
+                  ", relationships must be defined relative to parameter ", above + 1));
     return;
   }
   for (std::size_t k = 1; k < items.size(); ++k) {
@@ -171,8 +175,9 @@ void L_LINK_GROUP(ERROR_HANDLER& eh, const std::vector<ITEM>& items, std::int64_
     const VARIANCE_PARAMETER& p = model.parameters[static_cast<std::size_t>(number - 1)];
     if (p.master >= 0 || number == master) {
       const bool self = p.master < 0;
-      eh.error(text("in Variance Parameter Constraint for parameter ", number, " [", edit_f(p.value, 10, 4), "] and coefficient  [",
-                    edit_f(coefficient, 10, 4), "], it is already linked to parameter ", self ? master : p.master + 1,
+      eh.error(text("in Variance Parameter Constraint for parameter ", number, " [", edit_f(p.value, 10, 4),
+                    "] and coefficient  [", edit_f(coefficient, 10, 4),
+                    "], it is already linked to parameter ", self ? master : p.master + 1,
                     " with coefficient ", edit_f(self ? 1.0 : p.coefficient, 10, 4)));
       return;
     }

@@ -11,17 +11,19 @@
 
 namespace tolvan {
 
-/// HANDLE_VCM: reads the list `vcm`: for each of some parameters the coefficients that give it from a few new ones.
-/// Parameters that depend on the same one and on no other are linked; a row of zeros fixes its parameter at zero.
-void HANDLE_VCM(ERROR_HANDLER& eh, const JsonNode& request, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
-                VARIANCE_MODEL& model);
+/// HANDLE_VCM: reads the list `vcm`: for each of some parameters the coefficients that give it from a few new
+/// ones. Parameters that depend on the same one and on no other are linked; a row of zeros fixes its
+/// parameter at zero.
+void HANDLE_VCM(ERROR_HANDLER& eh, const JsonNode& request, const FACTOR_TABLE& factors,
+                const TERM_TABLE& terms, VARIANCE_MODEL& model);
 
-/// HANDLE_VCC_CONSTRAINTS: reads the list `vcc_constraint`, a line each for AIVCC, and gives followers their values.
+/// HANDLE_VCC_CONSTRAINTS: reads the list `vcc_constraint`, a line each for AIVCC, and gives followers their
+/// values.
 void HANDLE_VCC_CONSTRAINTS(ERROR_HANDLER& eh, const JsonNode& request, const FACTOR_TABLE& factors,
                             const TERM_TABLE& terms, VARIANCE_MODEL& model);
 
-/// AIVCC: reads one line of constraints: parameters by number, by a range "5-8" or by name, each with a coefficient joined
-/// by '*' or ':' where it has one.  All follow the first.
+/// AIVCC: reads one line of constraints: parameters by number, by a range "5-8" or by name, each with a
+/// coefficient joined by '*' or ':' where it has one.  All follow the first.
 ///   !OF k   adds k to every parameter number that follows, in later lines, too
 ///   !BL b   each item stands for b consecutive parameters; the k-th of every item belong together
 ///   !DO r   repeats the line r times, each time b parameters (1 without !BL) further on

@@ -32,10 +32,10 @@ struct PLAN {
   Reads reads = Reads::units;
   std::size_t column = 0, second = 0;  // of the data store
   bool pair = false;
-  bool metric = false;       // a model with distances
-  bool coded = false;        // the value is a level of a factor
-  bool known = true;         // false: no column of the data tells its levels
-  std::int64_t levels = 0;   // of the factor
+  bool metric = false;      // a model with distances
+  bool coded = false;       // the value is a level of a factor
+  bool known = true;        // false: no column of the data tells its levels
+  std::int64_t levels = 0;  // of the factor
 };
 
 bool is_metric(const std::string& function)
@@ -97,8 +97,8 @@ double level_of(const DATA_STORE& store, const DESIGN_MTX& design, std::int64_t 
 }
 
 /// L_FIND_SECTIONS: the design rows of each section, in the order of the data.
-void L_FIND_SECTIONS(ERROR_HANDLER& eh, const DATA_STORE& store, const DESIGN_MTX& design, const RESIDUAL_MODEL& residual,
-                     std::vector<Rows>& rows)
+void L_FIND_SECTIONS(ERROR_HANDLER& eh, const DATA_STORE& store, const DESIGN_MTX& design,
+                     const RESIDUAL_MODEL& residual, std::vector<Rows>& rows)
 {
   const Frame here{eh, __func__};
   const std::vector<RESIDUAL_TERM>& sections = residual.sections;
@@ -109,8 +109,9 @@ void L_FIND_SECTIONS(ERROR_HANDLER& eh, const DATA_STORE& store, const DESIGN_MT
     if (sections.front().condition != 0) {
       const double level = level_of(store, design, sections.front().condition, r);
       // The sections rise with their levels.
-      const auto found = std::lower_bound(sections.begin(), sections.end(), level,
-                                          [](const RESIDUAL_TERM& s, double l) { return static_cast<double>(s.level) < l; });
+      const auto found =
+          std::lower_bound(sections.begin(), sections.end(), level,
+                           [](const RESIDUAL_TERM& s, double l) { return static_cast<double>(s.level) < l; });
       if (is_no_value(level) || found == sections.end() || static_cast<double>(found->level) != level) {
         ++outside;
         continue;
@@ -119,24 +120,28 @@ void L_FIND_SECTIONS(ERROR_HANDLER& eh, const DATA_STORE& store, const DESIGN_MT
     }
     rows[section].push_back(r);
   }
-  const auto filled = static_cast<std::int64_t>(std::count_if(rows.begin(), rows.end(), [](const Rows& s) { return !s.empty(); }));
+  const auto filled = static_cast<std::int64_t>(
+      std::count_if(rows.begin(), rows.end(), [](const Rows& s) { return !s.empty(); }));
   if (filled < static_cast<std::int64_t>(sections.size())) {
     eh.error("Fewer sections of data than expected");
     eh.continuation(text("Data does not have ", sections.size(), " sections"));
   } else if (outside > 0) {
     eh.error("R structures do not match records in data.");
-    eh.continuation(text("number of sections: ", sections.size(), ", total size of sections: ", design.rows() - outside,
-                         ", number of rows in design matrix: ", design.rows()));
+    eh.continuation(text("number of sections: ", sections.size(), ", total size of sections: ",
+                         design.rows() - outside, ", number of rows in design matrix: ", design.rows()));
   }
 }
 
-/// L_FIND_LEVELS: the level of each record of a section in one component, from 0, with the component's size and coordinates.
-///   points       of a model with distances: the number of points that the other components leave to it, as many as records
+/// L_FIND_LEVELS: the level of each record of a section in one component, from 0, with the component's size
+/// and coordinates.
+///   points       of a model with distances: the number of points that the other components leave to it, as
+///   many as records
 ///                where it is alone; 0: as many as there are
 ///   all_levels   the section has all levels of a factor; else those that its records have
-void L_FIND_LEVELS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, const DATA_STORE& store,
-                   const DESIGN_MTX& design, const Rows& rows, const PLAN& plan, std::int64_t points, bool all_levels,
-                   RESIDUAL_COMPONENT& component, std::vector<std::int64_t>& level)
+void L_FIND_LEVELS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
+                   const DATA_STORE& store, const DESIGN_MTX& design, const Rows& rows, const PLAN& plan,
+                   std::int64_t points, bool all_levels, RESIDUAL_COMPONENT& component,
+                   std::vector<std::int64_t>& level)
 {
   const Frame here{eh, __func__};
   const std::size_t n = rows.size();
@@ -145,8 +150,8 @@ void L_FIND_LEVELS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FAC
     keys[i] = key_of(plan, store, design, rows[i]);
     if (!is_no_value(keys[i].x)) continue;
     eh.error("R structures do not match records in data.");
-    eh.continuation(text("data record ", design.record[static_cast<std::size_t>(rows[i])], " has no level in ",
-                         component_label(factors.row(component.factor))));
+    eh.continuation(text("data record ", design.record[static_cast<std::size_t>(rows[i])],
+                         " has no level in ", component_label(factors.row(component.factor))));
     return;
   }
   if (plan.metric && points > 0) {
@@ -193,8 +198,9 @@ void L_FIND_LEVELS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FAC
 }
 
 /// L_COMPLAIN: the complaint about a section whose product is not its records.
-void L_COMPLAIN(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const MODEL_INFO& info, const RESIDUAL_MODEL& residual,
-                std::size_t s, std::int64_t records, std::int64_t product, bool metric)
+void L_COMPLAIN(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const MODEL_INFO& info,
+                const RESIDUAL_MODEL& residual, std::size_t s, std::int64_t records, std::int64_t product,
+                bool metric)
 {
   const Frame here{eh, __func__};
   const RESIDUAL_TERM& section = residual.sections[s];
@@ -206,8 +212,10 @@ void L_COMPLAIN(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const MODEL_INFO
       eh.error("R structures do not match records in data.");
     }
     eh.continuation(residual.is_default
-                        ? text("Error structures are the wrong size, they imply ", product, " data cells, but the data has ", records)
-                        : text("there are ", records, " data records but the residual model implies ", product, " data records"));
+                        ? text("Error structures are the wrong size, they imply ", product,
+                               " data cells, but the data has ", records)
+                        : text("there are ", records, " data records but the residual model implies ",
+                               product, " data records"));
     return;
   }
   if (metric && section.components.size() > 1) {
@@ -217,29 +225,34 @@ void L_COMPLAIN(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const MODEL_INFO
       const std::int64_t repeats = product / std::max<std::int64_t>(component.size, 1);
       const std::int64_t expected = repeats > 0 ? records / repeats : 0;
       eh.error(text(component.size, " unique points but expected to find ", expected, " in the ", records,
-                    " records assigned to this section, expected to find ", repeats, " repeats of ", expected, " coordinates"));
+                    " records assigned to this section, expected to find ", repeats, " repeats of ", expected,
+                    " coordinates"));
       eh.continuation("failed while setting up the power model");
       return;
     }
   }
   if (section.components.size() == 2 && product > records) {
     eh.error("Spatial Layout is not rectangular grid");
-    eh.continuation(text("layout error in section ", s + 1, ": ", product - records, " of its ", product, " cells have no record"));
+    eh.continuation(text("layout error in section ", s + 1, ": ", product - records, " of its ", product,
+                         " cells have no record"));
     return;
   }
   if (several) {
     eh.error(text("layout error in section ", s + 1));
-    eh.continuation(text("there are ", records, " data records but the residual model implies ", product, " data records"));
+    eh.continuation(text("there are ", records, " data records but the residual model implies ", product,
+                         " data records"));
   } else {
-    eh.error(text("there are ", records, " data records but the residual model implies ", product, " data records"));
+    eh.error(text("there are ", records, " data records but the residual model implies ", product,
+                  " data records"));
   }
   eh.continuation("R structures do not match records in data.");
 }
 
 /// L_PLACE_SECTION: the place of each record of a section within it.
-void L_PLACE_SECTION(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, const MODEL_INFO& info,
-                     const DATA_STORE& store, const DESIGN_MTX& design, const Rows& rows, std::size_t s,
-                     RESIDUAL_MODEL& residual, std::vector<std::int64_t>& place)
+void L_PLACE_SECTION(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
+                     const MODEL_INFO& info, const DATA_STORE& store, const DESIGN_MTX& design,
+                     const Rows& rows, std::size_t s, RESIDUAL_MODEL& residual,
+                     std::vector<std::int64_t>& place)
 {
   const Frame here{eh, __func__};
   RESIDUAL_TERM& section = residual.sections[s];
@@ -255,20 +268,24 @@ void L_PLACE_SECTION(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const F
   std::vector<std::vector<std::int64_t>> level(n);
   std::int64_t product = 1;
   const auto find = [&](std::size_t c, std::int64_t points) {
-    L_FIND_LEVELS(eh, variables, factors, store, design, rows, plans[c], points, all_levels, section.components[c], level[c]);
-    if (__builtin_mul_overflow(product, section.components[c].size, &product)) product = std::numeric_limits<std::int64_t>::max();
+    L_FIND_LEVELS(eh, variables, factors, store, design, rows, plans[c], points, all_levels,
+                  section.components[c], level[c]);
+    if (__builtin_mul_overflow(product, section.components[c].size, &product))
+      product = std::numeric_limits<std::int64_t>::max();
   };
   for (std::size_t c = 0; c < n && !eh.terminate(); ++c) {
     if (!plans[c].metric) find(c, 0);
   }
   for (std::size_t c = 0; c < n && !eh.terminate(); ++c) {
-    if (plans[c].metric) find(c, metrics == 1 && product > 0 && records % product == 0 ? records / product : 0);
+    if (plans[c].metric)
+      find(c, metrics == 1 && product > 0 && records % product == 0 ? records / product : 0);
   }
   if (eh.terminate()) return;
   std::int64_t duplicate = -1;
   if (product == records) {
     for (std::size_t c = 0; c < n; ++c) {
-      for (std::size_t i = 0; i < place.size(); ++i) place[i] = place[i] * section.components[c].size + level[c][i];
+      for (std::size_t i = 0; i < place.size(); ++i)
+        place[i] = place[i] * section.components[c].size + level[c][i];
     }
     std::vector<char> taken(rows.size(), 0);
     for (std::size_t i = 0; i < place.size() && duplicate < 0; ++i) {
@@ -277,8 +294,10 @@ void L_PLACE_SECTION(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const F
       cell = 1;
     }
     if (duplicate < 0) return;
-    eh.error(section.components.size() == 2 ? std::string("Spatial Layout is not rectangular grid") : text("layout error in section ", s + 1));
-    eh.continuation(text("data record ", design.record[static_cast<std::size_t>(rows[static_cast<std::size_t>(duplicate)])],
+    eh.error(section.components.size() == 2 ? std::string("Spatial Layout is not rectangular grid")
+                                            : text("layout error in section ", s + 1));
+    eh.continuation(text("data record ",
+                         design.record[static_cast<std::size_t>(rows[static_cast<std::size_t>(duplicate)])],
                          " falls on a place that another record has"));
     eh.continuation("R structures do not match records in data.");
     return;
@@ -287,7 +306,8 @@ void L_PLACE_SECTION(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const F
 }
 
 /// L_PRESORTED: takes the records of a section as they stand, where no column of the data tells their levels.
-void L_PRESORTED(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, std::int64_t records, std::size_t s, RESIDUAL_MODEL& residual)
+void L_PRESORTED(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, std::int64_t records, std::size_t s,
+                 RESIDUAL_MODEL& residual)
 {
   const Frame here{eh, __func__};
   RESIDUAL_TERM& section = residual.sections[s];
@@ -302,7 +322,8 @@ void L_PRESORTED(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, std::int64_t re
   }
   residual.presorted = true;
   if (product != records) {
-    eh.error(text("there are ", records, " data records but the residual model implies ", product, " data records"));
+    eh.error(text("there are ", records, " data records but the residual model implies ", product,
+                  " data records"));
   }
 }
 
@@ -324,7 +345,8 @@ void L_REORDER(ERROR_HANDLER& eh, const Rows& from, DESIGN_MTX& design)
   std::vector<std::int64_t> start;
   std::vector<std::int32_t> equation;
   std::vector<double> value;
-  if (!reserve(eh, start, design.rows() + 1) || !reserve(eh, equation, static_cast<std::int64_t>(design.equation.size())) ||
+  if (!reserve(eh, start, design.rows() + 1) ||
+      !reserve(eh, equation, static_cast<std::int64_t>(design.equation.size())) ||
       !reserve(eh, value, static_cast<std::int64_t>(design.value.size()))) {
     return;
   }
@@ -351,8 +373,8 @@ void L_REORDER(ERROR_HANDLER& eh, const Rows& from, DESIGN_MTX& design)
 
 }  // namespace
 
-void SORTRCOV(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, const MODEL_INFO& info,
-              const DATA_STORE& store, RESIDUAL_MODEL& residual, DESIGN_MTX& design)
+void SORTRCOV(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
+              const MODEL_INFO& info, const DATA_STORE& store, RESIDUAL_MODEL& residual, DESIGN_MTX& design)
 {
   const Frame here{eh, __func__};
   std::vector<Rows> rows;
@@ -378,20 +400,23 @@ void SORTRCOV(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_T
     if (eh.terminate()) return;
     const std::size_t first = from.size();
     from.resize(first + place.size());
-    for (std::size_t i = 0; i < place.size(); ++i) from[first + static_cast<std::size_t>(place[i])] = rows[s][i];
+    for (std::size_t i = 0; i < place.size(); ++i)
+      from[first + static_cast<std::size_t>(place[i])] = rows[s][i];
   }
   if (!std::is_sorted(from.begin(), from.end())) L_REORDER(eh, from, design);
 }
 
-void NOT_AUTOAR_MODEL_CHECKS(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const MODEL_INFO& info, const DESIGN_MTX& design,
-                             const RESIDUAL_MODEL& residual, const VARIANCE_MODEL& model)
+void NOT_AUTOAR_MODEL_CHECKS(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const MODEL_INFO& info,
+                             const DESIGN_MTX& design, const RESIDUAL_MODEL& residual,
+                             const VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
   const auto traits = static_cast<std::int64_t>(info.responses.size());
   if (is_multivariate_residual(factors, residual.sections.front()) && residual.sections.size() == 1) {
     const std::int64_t found = model.residual.size() == 2 ? model.residual[1].size : 0;
     if (found != traits) {
-      eh.error(text("when checking the R structures, expected the second dimension of error to have ", traits, " not ", found, " levels"));
+      eh.error(text("when checking the R structures, expected the second dimension of error to have ", traits,
+                    " not ", found, " levels"));
       return;
     }
   }

@@ -46,7 +46,8 @@ OwnVariance own_variance(const std::string& function)
 }
 
 /// L_READ_OPTION: the variable that an option names; 0 for none.
-std::int64_t L_READ_OPTION(ERROR_HANDLER& eh, const JsonNode& request, const VARIABLE_TABLE& variables, std::string_view key)
+std::int64_t L_READ_OPTION(ERROR_HANDLER& eh, const JsonNode& request, const VARIABLE_TABLE& variables,
+                           std::string_view key)
 {
   const Frame here{eh, __func__};
   const JsonNode* options = request.find("options");
@@ -65,14 +66,16 @@ std::int64_t L_READ_OPTION(ERROR_HANDLER& eh, const JsonNode& request, const VAR
 }
 
 /// L_READ_SECTION: one residual term.
-void L_READ_SECTION(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_ROW& term, RESIDUAL_TERM& section)
+void L_READ_SECTION(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_ROW& term,
+                    RESIDUAL_TERM& section)
 {
   const Frame here{eh, __func__};
   section.name = term.name;
   const auto [from, to] = term.components();
   for (std::int64_t i = from; i <= to; ++i) {
     const FACTOR_ROW& f = factors.row(i);
-    const bool refused = std::find(std::begin(not_residual), std::end(not_residual), f.structure) != std::end(not_residual);
+    const bool refused =
+        std::find(std::begin(not_residual), std::end(not_residual), f.structure) != std::end(not_residual);
     const FACTOR_ROW& of = factors.row(original(factors, i));
     const bool reserved = of.reserved == Reserved::units || of.reserved == Reserved::trait;
     const bool sized = f.kind == static_cast<std::int64_t>(DesignKind::lnk);
@@ -80,11 +83,13 @@ void L_READ_SECTION(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_R
       eh.error(text("unacceptable residual term: ", term.name));
       return;
     }
-    section.components.push_back({.factor = i, .function = f.structure == "id" ? std::string() : f.structure});
+    section.components.push_back(
+        {.factor = i, .function = f.structure == "id" ? std::string() : f.structure});
   }
   if (term.condition == 0) return;
   const FACTOR_ROW& condition = factors.row(term.condition);
-  const FACTOR_ROW& of = factors.row(original(factors, condition.source > 0 ? condition.source : term.condition));
+  const FACTOR_ROW& of =
+      factors.row(original(factors, condition.source > 0 ? condition.source : term.condition));
   const bool by_trait = of.reserved == Reserved::trait;
   if ((of.variable == 0 && !by_trait) || !of.is_factor || condition.arguments.empty()) {
     eh.error(text("unacceptable residual term: ", term.name));
@@ -95,7 +100,8 @@ void L_READ_SECTION(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_R
 }
 
 /// L_SPLIT_BY_OPTION: sections by the levels of the factor that the option `section` names.
-void L_SPLIT_BY_OPTION(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::int64_t section, RESIDUAL_MODEL& residual)
+void L_SPLIT_BY_OPTION(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::int64_t section,
+                       RESIDUAL_MODEL& residual)
 {
   const Frame here{eh, __func__};
   const std::int64_t levels = variables.row(section).levels;
@@ -113,7 +119,8 @@ void L_SPLIT_BY_OPTION(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::
     RESIDUAL_TERM& one = sections[static_cast<std::size_t>(l - 1)];
     one.condition = section;
     one.level = l;
-    one.name = text("sat(", variables.row(section).name, ",", l, "):", whole.name.empty() ? "units" : whole.name);
+    one.name =
+        text("sat(", variables.row(section).name, ",", l, "):", whole.name.empty() ? "units" : whole.name);
   }
 }
 
@@ -135,8 +142,8 @@ void L_ORDER_SECTIONS(ERROR_HANDLER& eh, RESIDUAL_MODEL& residual)
 }
 
 /// L_SETTLE_SCALE: ratios to one variance, or absolute values.
-void L_SETTLE_SCALE(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const FACTOR_TABLE& factors, const MODEL_INFO& info,
-                    RESIDUAL_MODEL& residual)
+void L_SETTLE_SCALE(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const FACTOR_TABLE& factors,
+                    const MODEL_INFO& info, RESIDUAL_MODEL& residual)
 {
   const Frame here{eh, __func__};
   const bool sigma = options(Slot::varscale) > 0;
@@ -183,7 +190,8 @@ bool is_multivariate_residual(const FACTOR_TABLE& factors, const RESIDUAL_TERM& 
          section.components[1].function == "us";
 }
 
-void NOT_AUTOAR(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const MODEL_INFO& info, RESIDUAL_MODEL& residual)
+void NOT_AUTOAR(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const MODEL_INFO& info,
+                RESIDUAL_MODEL& residual)
 {
   const Frame here{eh, __func__};
   residual.is_default = true;
@@ -196,8 +204,9 @@ void NOT_AUTOAR(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const MODEL_INFO
   residual.sections.push_back(std::move(section));
 }
 
-void NEW_GETRCOV(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const JsonNode& request, const VARIABLE_TABLE& variables,
-                 const FACTOR_TABLE& factors, const TERM_TABLE& terms, const MODEL_INFO& info, RESIDUAL_MODEL& residual)
+void NEW_GETRCOV(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const JsonNode& request,
+                 const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
+                 const MODEL_INFO& info, RESIDUAL_MODEL& residual)
 {
   const Frame here{eh, __func__};
   residual = {};
@@ -233,8 +242,8 @@ void NEW_GETRCOV(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const JsonNode& 
   L_SETTLE_SCALE(eh, options, factors, info, residual);
 }
 
-void HAVE_RCOV(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
-               const MODEL_INFO& info, const RESIDUAL_MODEL& residual)
+void HAVE_RCOV(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TABLE& variables,
+               const FACTOR_TABLE& factors, const MODEL_INFO& info, const RESIDUAL_MODEL& residual)
 {
   const Frame here{eh, __func__};
   const auto traits = static_cast<std::int64_t>(info.responses.size());
@@ -264,29 +273,40 @@ void HAVE_RCOV(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TAB
       trait = trait || is_trait(factors, component.factor);
       const std::int64_t row = original(factors, component.factor);
       const FACTOR_ROW& f = factors.row(row);
-      const bool labelled = f.variable > 0 && f.is_factor && f.kind == 0 && variables.row(f.variable).labels.size() > 0 &&
-                            variables.row(f.variable).type == FieldType::string_factor && !variables.row(f.variable).sort;
+      const bool labelled =
+          f.variable > 0 && f.is_factor && f.kind == 0 && variables.row(f.variable).labels.size() > 0 &&
+          variables.row(f.variable).type == FieldType::string_factor && !variables.row(f.variable).sort;
       if (labelled && !component.function.empty() && told.insert({row, "labels"}).second) {
-        eh.warning(text(f.name, " is defined as a labelled factor, it may not sort the data correctly as labels are not sorted"));
+        eh.warning(text(
+            f.name,
+            " is defined as a labelled factor, it may not sort the data correctly as labels are not sorted"));
       }
     }
     const bool first_units = is_units(factors, section.components.front().factor);
-    if (section.components.size() == 2 && !first_units && (units || trait) && told.insert({0, "order"}).second) {
-      const std::string& word = units ? factors.row(units_row(factors)).shown() : factors.row(info.trait).shown();
-      eh.warning(text("note when specifying the residual the interaction operator is not commutative if one or more of the "
-                      "terms includes the ",
-                      word, " keyword"));
+    if (section.components.size() == 2 && !first_units && (units || trait) &&
+        told.insert({0, "order"}).second) {
+      const std::string& word =
+          units ? factors.row(units_row(factors)).shown() : factors.row(info.trait).shown();
+      eh.warning(
+          text("note when specifying the residual the interaction operator is not commutative if one or more "
+               "of the "
+               "terms includes the ",
+               word, " keyword"));
     }
   }
 }
 
-void SETRCOV(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, const RESIDUAL_MODEL& residual)
+void SETRCOV(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
+             const RESIDUAL_MODEL& residual)
 {
   const Frame here{eh, __func__};
   if (residual.rowfactor == 0 && residual.columnfactor == 0) return;
   for (const RESIDUAL_TERM& section : residual.sections) {
-    // The factor that an option names is one of the components; in a product of two the last is the row by custom.
-    const auto levels_of = [&](const RESIDUAL_COMPONENT& component) { return factors.row(original(factors, component.factor)).levels; };
+    // The factor that an option names is one of the components; in a product of two the last is the row by
+    // custom.
+    const auto levels_of = [&](const RESIDUAL_COMPONENT& component) {
+      return factors.row(original(factors, component.factor)).levels;
+    };
     const auto check = [&](std::int64_t variable, bool row) {
       if (variable == 0) return;
       for (const RESIDUAL_COMPONENT& component : section.components) {
@@ -294,12 +314,14 @@ void SETRCOV(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TA
       }
       const std::int64_t implied = levels_of(row ? section.components.back() : section.components.front());
       const std::int64_t named = variables.row(variable).levels;
-      if (named != implied) eh.error(text(row ? "!ROWFAC" : "!COLFAC", " confusion: ", named, " != ", implied));
+      if (named != implied)
+        eh.error(text(row ? "!ROWFAC" : "!COLFAC", " confusion: ", named, " != ", implied));
     };
     if (section.components.size() == 1) {
       // One dimension for a grid that has two.
       if (residual.rowfactor == 0 || residual.columnfactor == 0 || section.condition != 0) continue;
-      const std::int64_t grid = variables.row(residual.rowfactor).levels * variables.row(residual.columnfactor).levels;
+      const std::int64_t grid =
+          variables.row(residual.rowfactor).levels * variables.row(residual.columnfactor).levels;
       const std::int64_t implied = levels_of(section.components.front());
       if (grid != implied) eh.error(text("R structures inconsistent: ", implied, " != ", grid));
     } else {

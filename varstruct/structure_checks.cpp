@@ -20,7 +20,8 @@ constexpr const char* one_variance =
 bool is_estimated(const VARIANCE_MODEL& model, std::int64_t i)
 {
   const VARIANCE_PARAMETER& p = model.parameters[static_cast<std::size_t>(i)];
-  return is_free(p.master >= 0 ? model.parameters[static_cast<std::size_t>(p.master)].constraint : p.constraint);
+  return is_free(p.master >= 0 ? model.parameters[static_cast<std::size_t>(p.master)].constraint
+                               : p.constraint);
 }
 
 /// Whether a row has a scale that is to be estimated.
@@ -36,7 +37,8 @@ bool estimates_scale(const VARIANCE_MODEL& model, const STRUCTURE_ROW& row)
 }
 
 /// L_CHECK_TERM: checks one random term: its stretch of the vector, its size, and its count of scales.
-void L_CHECK_TERM(ERROR_HANDLER& eh, const TERM_TABLE& terms, const TERM_STRUCTURE& structure, const VARIANCE_MODEL& model)
+void L_CHECK_TERM(ERROR_HANDLER& eh, const TERM_TABLE& terms, const TERM_STRUCTURE& structure,
+                  const VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
   const TERM_ROW& term = terms.rows[static_cast<std::size_t>(structure.term)];
@@ -61,14 +63,17 @@ void L_CHECK_TERM(ERROR_HANDLER& eh, const TERM_TABLE& terms, const TERM_STRUCTU
   // None at all is a term whose variance is that of the residual; two can not be told apart.
   if (scales > 0 && to_estimate <= 1) return;
   if (term.linked_head >= 0) {
-    eh.warning(text("G structure for term with ", size, " levels has ", to_estimate, " variance scale parameters to estimate"));
+    eh.warning(text("G structure for term with ", size, " levels has ", to_estimate,
+                    " variance scale parameters to estimate"));
   } else {
-    eh.warning(text("G structure for ", term.name, " has ", to_estimate, " variance scale parameters to estimate"));
+    eh.warning(
+        text("G structure for ", term.name, " has ", to_estimate, " variance scale parameters to estimate"));
   }
   eh.continuation(one_variance);
 }
 
-/// The loadings of a factor model: where they begin in the vector, levels and factors; factors is 0 for another model.
+/// The loadings of a factor model: where they begin in the vector, levels and factors; factors is 0 for
+/// another model.
 struct LOADINGS {
   std::int64_t first = 0, levels = 0, factors = 0;
 };
@@ -79,12 +84,13 @@ LOADINGS loadings_of(const STRUCTURE_ROW& row, const VARIANCE_MODEL& model)
     const EXTENDED_LAYOUT layout = extended_layout(row, model);
     return {row.first + layout.levels, layout.levels, layout.factors};
   }
-  if ((row.model == fa || row.model == facv) && row.size > 0) return {row.first, row.size, row.parameters / row.size - 1};
+  if ((row.model == fa || row.model == facv) && row.size > 0)
+    return {row.first, row.size, row.parameters / row.size - 1};
   return {};
 }
 
-/// Turns the loadings by plane rotations (Golub and Van Loan, sec. 5.1.8) so that those of factor j are zero in the levels
-/// before the j-th, where they are then fixed; LL' stays.
+/// Turns the loadings by plane rotations (Golub and Van Loan, sec. 5.1.8) so that those of factor j are zero
+/// in the levels before the j-th, where they are then fixed; LL' stays.
 void turn_loadings(const LOADINGS& at, VARIANCE_MODEL& model)
 {
   const auto l = [&](std::int64_t i, std::int64_t j) -> VARIANCE_PARAMETER& {
@@ -111,15 +117,17 @@ void turn_loadings(const LOADINGS& at, VARIANCE_MODEL& model)
 }
 
 /// L_CHECK_FACTORS: makes the loadings of a factor model unique, or says that they are not.
-void L_CHECK_FACTORS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const std::string& term, const STRUCTURE_ROW& row,
-                     VARIANCE_MODEL& model)
+void L_CHECK_FACTORS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const std::string& term,
+                     const STRUCTURE_ROW& row, VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
   const LOADINGS at = loadings_of(row, model);
   if (at.factors < 1) return;
   const bool damped = options(Slot::aipenalty) != -1;
   if (at.factors > 1 && damped) {
-    eh.warning("due to the use of a Levenberg type damping modification to avoid singularities, the FA parameters obtained will not be unique");
+    eh.warning(
+        "due to the use of a Levenberg type damping modification to avoid singularities, the FA parameters "
+        "obtained will not be unique");
     eh.continuation("set aipenalty to zero to avoid the Levenberg type damping modification");
   } else if (at.factors > 1) {
     // The user's own constraints are left alone.
@@ -129,7 +137,9 @@ void L_CHECK_FACTORS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const std::s
       all_free = all_free && is_free(p.constraint) && p.master < 0;
     }
     if (all_free) {
-      eh.note("since an aipenalty of zero has been specified, parameter constraints must be applied to avoid AI singularities");
+      eh.note(
+          "since an aipenalty of zero has been specified, parameter constraints must be applied to avoid AI "
+          "singularities");
       turn_loadings(at, model);
     }
   }
@@ -141,8 +151,8 @@ void L_CHECK_FACTORS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const std::s
     if (is_free(model.parameters[static_cast<std::size_t>(i)].constraint)) ++found;
   }
   if (found <= expected) return;
-  eh.warning(text("the XFA term in ", term, " appears to have more free parameters (", found, ") than formally expected (", expected,
-                  "), ignoring any formal user constraints"));
+  eh.warning(text("the XFA term in ", term, " appears to have more free parameters (", found,
+                  ") than formally expected (", expected, "), ignoring any formal user constraints"));
 }
 
 /// L_CHECK_SECTIONS: compares the residual with the design, and counts its scales.
@@ -158,7 +168,8 @@ void L_CHECK_SECTIONS(ERROR_HANDLER& eh, const DESIGN_MTX& design, const VARIANC
       if (estimates_scale(model, model.residual[static_cast<std::size_t>(r)])) ++to_estimate;
     }
     if (to_estimate <= 1) continue;
-    eh.warning(text("R structure for section ", s + 1, " appears to have ", to_estimate, " variance scale parameters to estimate"));
+    eh.warning(text("R structure for section ", s + 1, " appears to have ", to_estimate,
+                    " variance scale parameters to estimate"));
     eh.continuation(one_variance);
   }
   if (records == design.rows()) return;
@@ -172,8 +183,8 @@ void L_CHECK_SECTIONS(ERROR_HANDLER& eh, const DESIGN_MTX& design, const VARIANC
 
 }  // namespace
 
-void STRUCTURECHECK(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TABLE& terms, const DESIGN_MTX& design,
-                    VARIANCE_MODEL& model)
+void STRUCTURECHECK(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TABLE& terms,
+                    const DESIGN_MTX& design, VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
   std::int64_t owned = 0;

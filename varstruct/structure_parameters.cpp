@@ -38,8 +38,8 @@ void fix(VARIANCE_PARAMETER& p, double value)
   p.constraint = Constraint::F;
 }
 
-/// A covariance matrix to start from: half that of the traits where the sizes agree, else a twentieth of the unit with
-/// correlations of a fifth.
+/// A covariance matrix to start from: half that of the traits where the sizes agree, else a twentieth of the
+/// unit with correlations of a fifth.
 std::vector<double> starting_covariance(std::int64_t n, const DEFAULT_BASE& from)
 {
   std::vector<double> v(cell(n, n) + 1);
@@ -60,13 +60,15 @@ std::vector<double> cholesky_factors(std::int64_t n, const DEFAULT_BASE& from)
   std::vector<double> v(cell(n, n) + 1, wide(0.2f) * root);
   const std::int64_t traits = from.starting != nullptr ? trait_count(*from.starting) : 1;
   if (traits > 1 && n <= traits) {
-    for (std::size_t c = 0; c < v.size(); ++c) v[c] = wide(0.2f) * (*from.starting)[c] / from.starting->front();
+    for (std::size_t c = 0; c < v.size(); ++c)
+      v[c] = wide(0.2f) * (*from.starting)[c] / from.starting->front();
   }
   for (std::int64_t i = 1; i <= n; ++i) v[cell(i, i)] = wide(0.3f) * root * from.unit;
   return v;
 }
 
-/// Keeps the second and later factors apart at the start; position counted from 1, of a row with m specifics in front.
+/// Keeps the second and later factors apart at the start; position counted from 1, of a row with m specifics
+/// in front.
 double apart(std::int64_t position, std::int64_t m)
 {
   if (position < m + 3) return 1.0;
@@ -74,9 +76,11 @@ double apart(std::int64_t position, std::int64_t m)
 }
 
 /// Loadings of m levels by k factors, factor by factor.
-void add_loadings(std::int64_t m, std::int64_t k, double value, ParamType type, ParamRole role, Parameters& out)
+void add_loadings(std::int64_t m, std::int64_t k, double value, ParamType type, ParamRole role,
+                  Parameters& out)
 {
-  for (std::int64_t c = 1; c <= m * k; ++c) out.push_back(parameter(value * (k > 1 ? apart(m + c, m) : 1.0), type, role));
+  for (std::int64_t c = 1; c <= m * k; ++c)
+    out.push_back(parameter(value * (k > 1 ? apart(m + c, m) : 1.0), type, role));
 }
 
 /// Loadings on the correlation scale: the first factor at 0.3, the others at 0.1 and kept apart.
@@ -94,8 +98,8 @@ void add(Parameters& out, std::int64_t count, double value, ParamType type, Para
 }
 
 /// A triangle: its diagonal and what is below it.
-void add_triangle(std::int64_t n, const std::vector<double>& values, ParamType diagonal, ParamRole diagonal_role,
-                  ParamRole below, Parameters& out)
+void add_triangle(std::int64_t n, const std::vector<double>& values, ParamType diagonal,
+                  ParamRole diagonal_role, ParamRole below, Parameters& out)
 {
   for (std::int64_t i = 1; i <= n; ++i) {
     for (std::int64_t j = 1; j <= i; ++j) {
@@ -127,17 +131,17 @@ std::int64_t trait_count(const std::vector<double>& starting)
   return t;
 }
 
-Parameters default_parameters(const COMPONENT_MODEL& model, std::int64_t n, std::int64_t k, std::int64_t variances,
-                              const DEFAULT_BASE& from)
+Parameters default_parameters(const COMPONENT_MODEL& model, std::int64_t n, std::int64_t k,
+                              std::int64_t variances, const DEFAULT_BASE& from)
 {
   Parameters out;
   const ParamType v = from.gamma ? ParamType::G : ParamType::V;
   const double g = from.base;
   const std::int64_t own = own_parameters(model, n, k);
   switch (model.code) {
-    case 1:  // AR
-    case 2:  // MA
-    case 3:  // ARMA
+    case 1:   // AR
+    case 2:   // MA
+    case 3:   // ARMA
     case 14:  // SAR
       add(out, own, series_start, ParamType::R, ParamRole::correlation);
       break;
@@ -218,12 +222,15 @@ bool lay_values(const COMPONENT_MODEL& model, std::int64_t n, const std::vector<
     for (std::size_t i = 0; i < given.size(); ++i) put(parameters[i], given[i]);
     // What lies outside a band is zero whatever the user says.
     for (VARIANCE_PARAMETER& p : parameters) {
-      if (p.constraint == Constraint::F && (model.rule == ParameterRule::bands || is_triangular_factor(model))) p.value = 0.0;
+      if (p.constraint == Constraint::F &&
+          (model.rule == ParameterRule::bands || is_triangular_factor(model)))
+        p.value = 0.0;
     }
     return true;
   }
   const auto inside = static_cast<std::size_t>(
-      std::count_if(parameters.begin(), parameters.end(), [](const VARIANCE_PARAMETER& p) { return is_free(p.constraint); }));
+      std::count_if(parameters.begin(), parameters.end(),
+                    [](const VARIANCE_PARAMETER& p) { return is_free(p.constraint); }));
   if (given.size() == inside && model.sub_code != 9) {
     std::size_t i = 0;
     for (VARIANCE_PARAMETER& p : parameters) {

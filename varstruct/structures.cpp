@@ -78,8 +78,10 @@ void L_CHECK_LEVELS(ERROR_HANDLER& eh, const COMPONENT_REQUEST& request, const A
     return;
   }
   // Series, bands and factors reach over `order` levels.
-  const bool counts_back = asked.model->code == 1 || asked.model->code == 14 || asked.model->code == 2;  // series
-  const bool banded = asked.model->rule == ParameterRule::bands || asked.model->code == 11 || asked.model->code == 12;
+  const bool counts_back =
+      asked.model->code == 1 || asked.model->code == 14 || asked.model->code == 2;  // series
+  const bool banded =
+      asked.model->rule == ParameterRule::bands || asked.model->code == 11 || asked.model->code == 12;
   const bool factors = asked.model->rule == ParameterRule::loadings_and_levels;
   if (n > 1 && (counts_back || banded || factors) && asked.order >= n) {
     eh.warning(text("check characteristics of ", request.term, ", more levels expected"));
@@ -129,7 +131,8 @@ void L_USER_VALUES(ERROR_HANDLER& eh, const COMPONENT_REQUEST& request, const AS
 
 }  // namespace
 
-void NEWSTR(ERROR_HANDLER& eh, const COMPONENT_REQUEST& request, VARIANCE_MODEL& model, std::vector<STRUCTURE_ROW>& rows)
+void NEWSTR(ERROR_HANDLER& eh, const COMPONENT_REQUEST& request, VARIANCE_MODEL& model,
+            std::vector<STRUCTURE_ROW>& rows)
 {
   const Frame here{eh, __func__};
   ASKED asked;
@@ -157,9 +160,11 @@ void NEWSTR(ERROR_HANDLER& eh, const COMPONENT_REQUEST& request, VARIANCE_MODEL&
     }
   }
   if (asked.model->code == 6 && asked.order == 2 && asked.model->selector == sph) {
-    eh.warning("Kriging Model ISP does not have a smooth Likelihood function because of the range parameter");  // sic
+    eh.warning(
+        "Kriging Model ISP does not have a smooth Likelihood function because of the range parameter");  // sic
   } else if (asked.model->code == 6 && asked.order == 2 && asked.model->selector == cir) {
-    eh.warning("Kriging Model SPH does not have a smooth Likelihood function because of the range parameter");  // sic
+    eh.warning(
+        "Kriging Model SPH does not have a smooth Likelihood function because of the range parameter");  // sic
   }
 
   STRUCTURE_ROW row;

@@ -15,7 +15,7 @@ namespace {
 constexpr double random_base = wide(0.1f);    // a plain random term
 constexpr double product_base = 0.05;         // a component of a product of named models
 constexpr double trait_share = wide(0.033f);  // of the starting covariances, for a plain term over the traits
-constexpr double default_share = wide(0.33f); // the same, for the residual of a model that has none
+constexpr double default_share = wide(0.33f);  // the same, for the residual of a model that has none
 constexpr double residual_base = 1.0;
 
 /// What the structures of a run are set up from.
@@ -31,12 +31,13 @@ struct SETUP {
 /// One component of a random term that takes a row.
 struct PART {
   std::int64_t factor = 0;
-  std::string_view function = {};      // empty: no named model
-  const AINV_MTX* matrix = nullptr;    // a known matrix
-  bool scaled = false;                 // by itself it has a variance: a known matrix, or ide()
+  std::string_view function = {};    // empty: no named model
+  const AINV_MTX* matrix = nullptr;  // a known matrix
+  bool scaled = false;               // by itself it has a variance: a known matrix, or ide()
 };
 
-/// The levels that data can have: without the factors of fa() and rr(), and the equations that bind levels of rr().
+/// The levels that data can have: without the factors of fa() and rr(), and the equations that bind levels of
+/// rr().
 std::int64_t levels_of_data(const FACTOR_TABLE& factors, const FACTOR_ROW& f)
 {
   if (f.structure != "fa" && f.structure != "rr") return f.levels;
@@ -48,12 +49,14 @@ std::int64_t levels_of_data(const FACTOR_TABLE& factors, const FACTOR_ROW& f)
 bool brings_variance(std::string_view function)
 {
   const MODEL_REQUEST asked = model_request(function);
-  return asked.model != nullptr && (asked.qualifier > 0 || (asked.model->code >= 7 && asked.model->code != 14) ||
-                                    asked.model->rule == ParameterRule::extended || function == "rr");
+  return asked.model != nullptr &&
+         (asked.qualifier > 0 || (asked.model->code >= 7 && asked.model->code != 14) ||
+          asked.model->rule == ParameterRule::extended || function == "rr");
 }
 
 /// L_FIND_MATRIX: the known matrix that a component names.
-const AINV_MTX* L_FIND_MATRIX(ERROR_HANDLER& eh, const SETUP& setup, const FACTOR_ROW& f, std::string_view term)
+const AINV_MTX* L_FIND_MATRIX(ERROR_HANDLER& eh, const SETUP& setup, const FACTOR_ROW& f,
+                              std::string_view term)
 {
   const Frame here{eh, __func__};
   const AINV_MTX* found = f.matrix.empty() ? nullptr : setup.matrices.find(f.matrix);
@@ -66,16 +69,18 @@ const AINV_MTX* L_FIND_MATRIX(ERROR_HANDLER& eh, const SETUP& setup, const FACTO
     eh.error(text("GRM structure not defined for model term ", term));
   } else if (found->order < f.levels) {
     eh.error(text("GRM structure is smaller than model factor for term ", term));
-    eh.continuation(text("the matrix ", found->name, " has ", found->order, " rows, the factor ", f.levels, " levels"));
+    eh.continuation(
+        text("the matrix ", found->name, " has ", found->order, " rows, the factor ", f.levels, " levels"));
   } else if (found->order > f.levels) {
     eh.error(text("GRM structure seems larger than model factor for term ", term));
-    eh.continuation(text("the matrix ", found->name, " has ", found->order, " rows, the factor ", f.levels, " levels"));
+    eh.continuation(
+        text("the matrix ", found->name, " has ", found->order, " rows, the factor ", f.levels, " levels"));
   }
   return found;
 }
 
-/// L_FIND_PARTS: the components of a term that take a row.  One of one level without a model only chooses records or is a
-/// covariate; where no other is left it stays.
+/// L_FIND_PARTS: the components of a term that take a row.  One of one level without a model only chooses
+/// records or is a covariate; where no other is left it stays.
 void L_FIND_PARTS(ERROR_HANDLER& eh, const SETUP& setup, const TERM_ROW& term, std::vector<PART>& parts)
 {
   const Frame here{eh, __func__};
@@ -100,8 +105,8 @@ void L_FIND_PARTS(ERROR_HANDLER& eh, const SETUP& setup, const TERM_ROW& term, s
 }
 
 /// L_TRAIT_BLOCK: the unstructured matrix between the traits that a plain term over them has.
-void L_TRAIT_BLOCK(ERROR_HANDLER& eh, const SETUP& setup, const TERM_ROW& term, std::int64_t factor, double share,
-                   VARIANCE_MODEL& model, std::vector<STRUCTURE_ROW>& rows)
+void L_TRAIT_BLOCK(ERROR_HANDLER& eh, const SETUP& setup, const TERM_ROW& term, std::int64_t factor,
+                   double share, VARIANCE_MODEL& model, std::vector<STRUCTURE_ROW>& rows)
 {
   const Frame here{eh, __func__};
   std::vector<double> values;
@@ -123,14 +128,16 @@ void L_SETSTR_PLAIN(ERROR_HANDLER& eh, const SETUP& setup, const TERM_ROW& term,
   const Frame here{eh, __func__};
   const DEFAULT_BASE from{.base = random_base * setup.unit, .unit = setup.unit, .starting = &setup.starting};
   const FACTOR_ROW& first = setup.factors.row(parts.front().factor);
-  bool over_traits = parts.size() > 1 && setup.traits > 1 && first.reserved == Reserved::trait && equations > setup.traits;
+  bool over_traits =
+      parts.size() > 1 && setup.traits > 1 && first.reserved == Reserved::trait && equations > setup.traits;
   if (over_traits) {
     eh.note(text("adding Variance parameter for ", term.name));
     L_TRAIT_BLOCK(eh, setup, term, parts.front().factor, trait_share, model, model.rows);
     if (eh.terminate()) return;
   }
   const std::size_t begin = over_traits ? 1 : 0;
-  const bool known = std::any_of(parts.begin(), parts.end(), [](const PART& p) { return p.matrix != nullptr; });
+  const bool known =
+      std::any_of(parts.begin(), parts.end(), [](const PART& p) { return p.matrix != nullptr; });
   if (!known) {  // one identity over all that is left
     const bool single = parts.size() - begin == 1;
     const std::int64_t rest = over_traits ? equations / setup.traits : equations;
@@ -164,13 +171,15 @@ void L_SETSTR_PLAIN(ERROR_HANDLER& eh, const SETUP& setup, const TERM_ROW& term,
 }
 
 /// L_SETSTR_TERM: sets up the structure of one random term.
-void L_SETSTR_TERM(ERROR_HANDLER& eh, const SETUP& setup, const TERM_ROW& term, std::int64_t equations, VARIANCE_MODEL& model)
+void L_SETSTR_TERM(ERROR_HANDLER& eh, const SETUP& setup, const TERM_ROW& term, std::int64_t equations,
+                   VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
   std::vector<PART> parts;
   L_FIND_PARTS(eh, setup, term, parts);
   if (eh.terminate()) return;
-  const bool named = std::any_of(parts.begin(), parts.end(), [](const PART& p) { return !p.function.empty(); });
+  const bool named =
+      std::any_of(parts.begin(), parts.end(), [](const PART& p) { return !p.function.empty(); });
   if (!named) {
     L_SETSTR_PLAIN(eh, setup, term, equations, parts, model);
     return;
@@ -178,7 +187,8 @@ void L_SETSTR_TERM(ERROR_HANDLER& eh, const SETUP& setup, const TERM_ROW& term, 
   const double base = parts.size() == 1 ? random_base : product_base;
   const DEFAULT_BASE from{.base = base * setup.unit, .unit = setup.unit, .starting = &setup.starting};
   // What has a variance by itself keeps it where no other component brings one.
-  bool variance = std::none_of(parts.begin(), parts.end(), [](const PART& p) { return brings_variance(p.function); });
+  bool variance =
+      std::none_of(parts.begin(), parts.end(), [](const PART& p) { return brings_variance(p.function); });
   for (const PART& part : parts) {
     const FACTOR_ROW& f = setup.factors.row(part.factor);
     const bool keeps = variance && part.scaled;
@@ -201,11 +211,12 @@ void L_SETSTR_TERM(ERROR_HANDLER& eh, const SETUP& setup, const TERM_ROW& term, 
 }
 
 /// L_SETSTR_SECTION: sets up the structure of one residual section.
-void L_SETSTR_SECTION(ERROR_HANDLER& eh, const SETUP& setup, const RESIDUAL_MODEL& residual, const RESIDUAL_TERM& section,
-                      VARIANCE_MODEL& model)
+void L_SETSTR_SECTION(ERROR_HANDLER& eh, const SETUP& setup, const RESIDUAL_MODEL& residual,
+                      const RESIDUAL_TERM& section, VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
-  const DEFAULT_BASE from{.base = residual_base * setup.unit, .unit = setup.unit, .starting = &setup.starting};
+  const DEFAULT_BASE from{
+      .base = residual_base * setup.unit, .unit = setup.unit, .starting = &setup.starting};
   const std::string name = section.name.empty() ? "units" : section.name;
   RESIDUAL_SECTION out{.first_row = static_cast<std::int64_t>(model.residual.size()),
                        .rows = static_cast<std::int64_t>(section.components.size()),
@@ -214,20 +225,24 @@ void L_SETSTR_SECTION(ERROR_HANDLER& eh, const SETUP& setup, const RESIDUAL_MODE
                        .term = section.term,
                        .name = section.name,
                        .label = section_label(setup.factors, setup.terms, section)};
-  const bool has_variance = std::any_of(section.components.begin(), section.components.end(),
-                                        [](const RESIDUAL_COMPONENT& c) { return brings_variance(c.function); });
-  const bool own_in_row = !has_variance && section.components.size() == 1 && section.components.front().function.empty();
+  const bool has_variance =
+      std::any_of(section.components.begin(), section.components.end(),
+                  [](const RESIDUAL_COMPONENT& c) { return brings_variance(c.function); });
+  const bool own_in_row =
+      !has_variance && section.components.size() == 1 && section.components.front().function.empty();
   std::vector<double> shared;  // of the default residual of several traits
   for (const RESIDUAL_COMPONENT& component : section.components) {
     const FACTOR_ROW* f = component.factor > 0 ? &setup.factors.row(component.factor) : nullptr;
     const std::vector<double>* init = f != nullptr && !component.function.empty() ? &f->init : nullptr;
     if (residual.is_default && component.function == "us") {
-      for (std::size_t i = 0; i + 1 < setup.starting.size(); ++i) shared.push_back(default_share * setup.starting[i]);
+      for (std::size_t i = 0; i + 1 < setup.starting.size(); ++i)
+        shared.push_back(default_share * setup.starting[i]);
       init = &shared;
     }
     NEWSTR(eh,
            {.term = name,
-            .function = component.function.empty() && !own_in_row ? std::string_view("id") : std::string_view(component.function),
+            .function = component.function.empty() && !own_in_row ? std::string_view("id")
+                                                                  : std::string_view(component.function),
             .variance = own_in_row,
             .levels = component.size,
             .order = f != nullptr ? f->order : 0,
@@ -271,8 +286,8 @@ void L_FIX_SHORT(ERROR_HANDLER& eh, const FIT_OPTIONS& options, VARIANCE_MODEL& 
   }
 }
 
-/// The one variance of the whole residual: behind the rows, or the last parameter of one of them; -1 where there is not
-/// exactly one.
+/// The one variance of the whole residual: behind the rows, or the last parameter of one of them; -1 where
+/// there is not exactly one.
 std::int64_t residual_variance(const VARIANCE_MODEL& model)
 {
   if (model.sections.size() != 1) return -1;
@@ -288,9 +303,9 @@ std::int64_t residual_variance(const VARIANCE_MODEL& model)
 
 }  // namespace
 
-void SETSTR(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
-            const AINV_MTXS& matrices, const std::vector<double>& starting, const RESIDUAL_MODEL& residual,
-            VARIANCE_MODEL& model)
+void SETSTR(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const FACTOR_TABLE& factors,
+            const TERM_TABLE& terms, const AINV_MTXS& matrices, const std::vector<double>& starting,
+            const RESIDUAL_MODEL& residual, VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
   model = {};
@@ -328,7 +343,8 @@ void SETSTR(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const FACTOR_TABLE& f
   for (const RESIDUAL_TERM& section : residual.sections) {
     L_SETSTR_SECTION(eh, setup, residual, section, model);
     if (eh.terminate()) {
-      eh.continuation(text(" Failed to form variance structure ", section.name.empty() ? "units" : section.name));
+      eh.continuation(
+          text(" Failed to form variance structure ", section.name.empty() ? "units" : section.name));
       return;
     }
   }

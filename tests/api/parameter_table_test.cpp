@@ -13,8 +13,12 @@ double starting(int i, int j)
 {
   const std::vector<double> a = data_columns();
   double mi = 0, mj = 0, s = 0;
-  for (int k = 0; k < records; ++k) mi += a[static_cast<std::size_t>(12 * k + 10 + i)] / records, mj += a[static_cast<std::size_t>(12 * k + 10 + j)] / records;
-  for (int k = 0; k < records; ++k) s += (a[static_cast<std::size_t>(12 * k + 10 + i)] - mi) * (a[static_cast<std::size_t>(12 * k + 10 + j)] - mj) / records;
+  for (int k = 0; k < records; ++k)
+    mi += a[static_cast<std::size_t>(12 * k + 10 + i)] / records,
+        mj += a[static_cast<std::size_t>(12 * k + 10 + j)] / records;
+  for (int k = 0; k < records; ++k)
+    s += (a[static_cast<std::size_t>(12 * k + 10 + i)] - mi) *
+         (a[static_cast<std::size_t>(12 * k + 10 + j)] - mj) / records;
   return s * (i == j ? wide(0.9f) : wide(0.9f) * wide(0.9f));
 }
 
@@ -28,8 +32,8 @@ using Table = std::vector<Expected>;
 
 std::string show(const VARIANCE_PARAMETER& p)
 {
-  return text(p.label, ' ', parameter_type_letters[static_cast<std::size_t>(p.type) - 1], constraint_letters[static_cast<std::size_t>(p.constraint)],
-              ' ', p.value, '\n');
+  return text(p.label, ' ', parameter_type_letters[static_cast<std::size_t>(p.type) - 1],
+              constraint_letters[static_cast<std::size_t>(p.constraint)], ' ', p.value, '\n');
 }
 
 void expect_table(const SetupRoad& road, const Table& expected)
@@ -40,8 +44,10 @@ void expect_table(const SetupRoad& road, const Table& expected)
   for (std::size_t i = 0; i < expected.size(); ++i) {
     const VARIANCE_PARAMETER& p = road.model().parameters[i];
     EXPECT_EQ(p.label, expected[i].label) << all;
-    EXPECT_EQ(text(parameter_type_letters[static_cast<std::size_t>(p.type) - 1], constraint_letters[static_cast<std::size_t>(p.constraint)]),
-              expected[i].letters) << p.label;
+    EXPECT_EQ(text(parameter_type_letters[static_cast<std::size_t>(p.type) - 1],
+                   constraint_letters[static_cast<std::size_t>(p.constraint)]),
+              expected[i].letters)
+        << p.label;
     EXPECT_NEAR(p.value, expected[i].value, 1e-9 * std::fabs(expected[i].value) + 1e-15) << p.label;
     EXPECT_EQ(p.value, p.start) << p.label;
   }
@@ -67,40 +73,71 @@ TEST(ParameterTable, RandomTerms)
       {"idv(geno)", {{"geno;IDV_V", "GP", wide(0.9f) * s}}},
       {"idv(geno,0.8)+env", {{"geno;IDV_V", "GP", 0.8}, {"env;IDV_V", "GP", s}}},
       {"ar1v(time)", {{"time;AR1V_R", "RP", s}, {"time;AR1V_V", "GP", wide(0.9f) * s}}},
-      {"ar1(time):idv(subject)", {{"time:subject;time.AR1_R", "RP", s}, {"time:subject;subject.IDV_V", "GP", wide(0.9f) * g}}},
-      {"corv(env):id(geno)", {{"env:geno;env.CORV_R", "RP", c}, {"env:geno;env.CORV_V", "GP", wide(0.9f) * g}}},
+      {"ar1(time):idv(subject)",
+       {{"time:subject;time.AR1_R", "RP", s}, {"time:subject;subject.IDV_V", "GP", wide(0.9f) * g}}},
+      {"corv(env):id(geno)",
+       {{"env:geno;env.CORV_R", "RP", c}, {"env:geno;env.CORV_V", "GP", wide(0.9f) * g}}},
       {"corh(env):id(geno)",
-       {{"env:geno;env.CORH_R", "RP", c}, {"env:geno;env.CORH_V_1", "GP", g}, {"env:geno;env.CORH_V_2", "GP", g},
-        {"env:geno;env.CORH_V_3", "GP", g}, {"env:geno;env.CORH_V_4", "GP", g}}},
+       {{"env:geno;env.CORH_R", "RP", c},
+        {"env:geno;env.CORH_V_1", "GP", g},
+        {"env:geno;env.CORH_V_2", "GP", g},
+        {"env:geno;env.CORH_V_3", "GP", g},
+        {"env:geno;env.CORH_V_4", "GP", g}}},
       {"sfa(site,1):id(geno)",
-       {{"site:geno;site.SFA1_R_1_1", "RP", c}, {"site:geno;site.SFA1_R_2_1", "RP", c}, {"site:geno;site.SFA1_V_1", "GP", g},
+       {{"site:geno;site.SFA1_R_1_1", "RP", c},
+        {"site:geno;site.SFA1_R_2_1", "RP", c},
+        {"site:geno;site.SFA1_V_1", "GP", g},
         {"site:geno;site.SFA1_V_2", "GP", g}}},
       {"facv(site,1):id(geno)",
-       {{"site:geno;site.FACV1_L_1_1", "LP", u}, {"site:geno;site.FACV1_L_2_1", "LP", u}, {"site:geno;site.FACV1_V_1", "GP", 0.1 * g},
+       {{"site:geno;site.FACV1_L_1_1", "LP", u},
+        {"site:geno;site.FACV1_L_2_1", "LP", u},
+        {"site:geno;site.FACV1_V_1", "GP", 0.1 * g},
         {"site:geno;site.FACV1_V_2", "GP", 0.1 * g}}},
       {"fa(site,1):id(geno)",
-       {{"site:geno;site.FA1_V_1", "GP", 0.1 * g}, {"site:geno;site.FA1_V_2", "GP", 0.1 * g}, {"site:geno;site.FA1_L_1_1", "LP", u},
+       {{"site:geno;site.FA1_V_1", "GP", 0.1 * g},
+        {"site:geno;site.FA1_V_2", "GP", 0.1 * g},
+        {"site:geno;site.FA1_L_1_1", "LP", u},
         {"site:geno;site.FA1_L_2_1", "LP", u}}},
       {"rr(site,1):id(geno)",
-       {{"site:geno;site.RR1_V_1", "GF", 0}, {"site:geno;site.RR1_V_2", "GF", 0}, {"site:geno;site.RR1_L_1_1", "LP", u},
+       {{"site:geno;site.RR1_V_1", "GF", 0},
+        {"site:geno;site.RR1_V_2", "GF", 0},
+        {"site:geno;site.RR1_L_1_1", "LP", u},
         {"site:geno;site.RR1_L_2_1", "LP", u}}},
       {"us(site):id(geno)",
-       {{"site:geno;site.US_V_1_1", "GP", wide(0.05f)}, {"site:geno;site.US_C_2_1", "CP", wide(0.01f)}, {"site:geno;site.US_V_2_2", "GP", wide(0.05f)}}},
-      {"us(site,init=[2,-0.5,3]):geno", {{"site:geno;site.US_V_1_1", "GP", 2}, {"site:geno;site.US_C_2_1", "CP", -0.5}, {"site:geno;site.US_V_2_2", "GP", 3}}},
+       {{"site:geno;site.US_V_1_1", "GP", wide(0.05f)},
+        {"site:geno;site.US_C_2_1", "CP", wide(0.01f)},
+        {"site:geno;site.US_V_2_2", "GP", wide(0.05f)}}},
+      {"us(site,init=[2,-0.5,3]):geno",
+       {{"site:geno;site.US_V_1_1", "GP", 2},
+        {"site:geno;site.US_C_2_1", "CP", -0.5},
+        {"site:geno;site.US_V_2_2", "GP", 3}}},
       {"chol(row,1):id(geno)",
-       {{"row:geno;row.CHOL1_V_1", "GP", wide(0.3f) * std::sqrt(g)}, {"row:geno;row.CHOL1_C_2_1", "CP", wide(0.2f) * std::sqrt(g)},
-        {"row:geno;row.CHOL1_V_2", "GP", wide(0.3f) * std::sqrt(g)}, {"row:geno;row.CHOL1_C_3_1", "CF", 0},
-        {"row:geno;row.CHOL1_C_3_2", "CP", wide(0.2f) * std::sqrt(g)}, {"row:geno;row.CHOL1_V_3", "GP", wide(0.3f) * std::sqrt(g)}}},
-      {"chol(site,1,2.5)", {{"site;CHOL1_V_1", "GP", 2.5}, {"site;CHOL1_C_2_1", "CP", 0}, {"site;CHOL1_V_2", "GP", 2.5}}},
-      {"at(site,2):ar1v(row)", {{"at(site,2):row;AR1V_R", "RP", s}, {"at(site,2):row;AR1V_V", "GP", wide(0.9f) * s}}},
+       {{"row:geno;row.CHOL1_V_1", "GP", wide(0.3f) * std::sqrt(g)},
+        {"row:geno;row.CHOL1_C_2_1", "CP", wide(0.2f) * std::sqrt(g)},
+        {"row:geno;row.CHOL1_V_2", "GP", wide(0.3f) * std::sqrt(g)},
+        {"row:geno;row.CHOL1_C_3_1", "CF", 0},
+        {"row:geno;row.CHOL1_C_3_2", "CP", wide(0.2f) * std::sqrt(g)},
+        {"row:geno;row.CHOL1_V_3", "GP", wide(0.3f) * std::sqrt(g)}}},
+      {"chol(site,1,2.5)",
+       {{"site;CHOL1_V_1", "GP", 2.5}, {"site;CHOL1_C_2_1", "CP", 0}, {"site;CHOL1_V_2", "GP", 2.5}}},
+      {"at(site,2):ar1v(row)",
+       {{"at(site,2):row;AR1V_R", "RP", s}, {"at(site,2):row;AR1V_V", "GP", wide(0.9f) * s}}},
       {"at(site,2):geno", {{"at(site,2):geno;IDV_V", "GP", s}}},
       {"expv(x)", {{"x;EXPV_R", "RP", s}, {"x;EXPV_V", "GP", wide(0.9f) * s}}},
       {"sphv(x,v,init=[4,2])", {{"x;SPHV_V", "GP", 4}, {"x;SPHV_V_2", "GP", 2}}},
-      {"corbv(row,1,0.25)", {{"row;CORBV_R_1", "RP", 0.25}, {"row;CORBV_R_2", "RF", 0}, {"row;CORBV_V", "GP", wide(0.9f) * s}}},
+      {"corbv(row,1,0.25)",
+       {{"row;CORBV_R_1", "RP", 0.25}, {"row;CORBV_R_2", "RF", 0}, {"row;CORBV_V", "GP", wide(0.9f) * s}}},
       {"mtrnv(x,v,phi=3,nu=1.5)",
-       {{"x;MATV_p", "pP", 3}, {"x;MATV_n", "nP", 1.5}, {"x;MATV_d", "dF", 1}, {"x;MATV_a", "aF", 0}, {"x;MATV_U", "uF", 2}, {"x;MATV_V", "GP", wide(0.9f) * s}}},
+       {{"x;MATV_p", "pP", 3},
+        {"x;MATV_n", "nP", 1.5},
+        {"x;MATV_d", "dF", 1},
+        {"x;MATV_a", "aF", 0},
+        {"x;MATV_U", "uF", 2},
+        {"x;MATV_V", "GP", wide(0.9f) * s}}},
       {"str(subject+subject:w,us(2):id(6))",
-       {{"subject+subject:w;US_V_1_1", "GP", wide(0.05f)}, {"subject+subject:w;US_C_2_1", "CP", wide(0.01f)}, {"subject+subject:w;US_V_2_2", "GP", wide(0.05f)}}},
+       {{"subject+subject:w;US_V_1_1", "GP", wide(0.05f)},
+        {"subject+subject:w;US_C_2_1", "CP", wide(0.01f)},
+        {"subject+subject:w;US_V_2_2", "GP", wide(0.05f)}}},
   };
   cases.erase(cases.begin());
   {
@@ -147,34 +184,75 @@ TEST(ParameterTable, Residuals)
       {"ar1(column):id(subject)", true, {}, {}},  // replaced below: the records are no such grid
       {"id(subject):ar1(time)", true, {{t + "AR1_R", "RP", s}, own}, {6, 4}},
       {"id(subject):ar1(time,0.45)", true, {{t + "AR1_R", "RP", 0.45}, own}, {6, 4}},
-      {"id(subject):sar2(time,init=[-0.4,0.5])", true, {{t + "SAR2_R_1", "RP", -0.4}, {t + "SAR2_R_2", "RP", 0.5}, own}, {6, 4}},
+      {"id(subject):sar2(time,init=[-0.4,0.5])",
+       true,
+       {{t + "SAR2_R_1", "RP", -0.4}, {t + "SAR2_R_2", "RP", 0.5}, own},
+       {6, 4}},
       {"id(subject):arma(time)", true, {{t + "ARMA_R_1", "RP", s}, {t + "ARMA_R_2", "RP", s}, own}, {6, 4}},
       {"id(subject):cor(time)", true, {{t + "COR_R", "RP", c}, own}, {6, 4}},
-      {"id(subject):corb(time,2)", true, {{t + "CORB_R_1", "RP", c}, {t + "CORB_R_2", "RP", c}, {t + "CORB_R_3", "RF", 0}, own}, {6, 4}},
-      {"id(subject):corg(time)", true,
-       {{t + "CORG_R_2_1", "RP", c}, {t + "CORG_R_3_1", "RP", c}, {t + "CORG_R_3_2", "RP", c}, {t + "CORG_R_4_1", "RP", c},
-        {t + "CORG_R_4_2", "RP", c}, {t + "CORG_R_4_3", "RP", c}, own}, {6, 4}},
+      {"id(subject):corb(time,2)",
+       true,
+       {{t + "CORB_R_1", "RP", c}, {t + "CORB_R_2", "RP", c}, {t + "CORB_R_3", "RF", 0}, own},
+       {6, 4}},
+      {"id(subject):corg(time)",
+       true,
+       {{t + "CORG_R_2_1", "RP", c},
+        {t + "CORG_R_3_1", "RP", c},
+        {t + "CORG_R_3_2", "RP", c},
+        {t + "CORG_R_4_1", "RP", c},
+        {t + "CORG_R_4_2", "RP", c},
+        {t + "CORG_R_4_3", "RP", c},
+        own},
+       {6, 4}},
       {"id(subject):exp(time,dist=[0,1.2,2,3.1])", true, {{t + "EXP_R", "RP", s}, own}, {6, 4}},
       {"id(subject):lvr(time,init=[2.7],dist=[0,1.2,2,3.1])", true, {{t + "LVR_V", "GP", 2.7}, own}, {6, 4}},
       {"id(subject):exp(w)", true, {{"subject:w;w.EXP_R", "RP", s}, {"subject:w;IDV_V", "VP", 1.0}}, {6, 4}},
       {"iexp(x,v)", true, {{"x;IEXP_R", "RP", s}, {"x;IDV_V", "VP", 1.0}}, {24}},
       {"aexp(x,v)", true, {{"x;AEXP_R", "RP", s}, {"x;AEXP_V", "GP", s}, {"x;IDV_V", "VP", 1.0}}, {24}},
-      {"id(subject):ar1v(time)", false, {{t + "AR1V_R", "RP", s}, {t + "AR1V_V", "VP", wide(0.9f) * v}}, {6, 4}, 1,
+      {"id(subject):ar1v(time)",
+       false,
+       {{t + "AR1V_R", "RP", s}, {t + "AR1V_V", "VP", wide(0.9f) * v}},
+       {6, 4},
+       1,
        "specify Sigma parameterization via the options, by setting varscale to 1.0"},
-      {"id(subject):ar1v(time,init=[0.5,3])", false, {{t + "AR1V_R", "RP", 0.5}, {t + "AR1V_V", "VP", 3}}, {6, 4}},
-      {"site:row:ar1(column)", true, {{"site:row:column;column.AR1_R", "RP", s}, {"site:row:column;IDV_V", "VP", 1.0}}, {2, 3, 4}},
-      {"dsum(idv(units)|site)", false,
-       {{"sat(site,1):units;IDV_V", "VP", wide(0.9f) * v}, {"sat(site,2):units;IDV_V", "VP", wide(0.9f) * v}}, {12, 12}, 2},
-      {"dsum(units|site)", false, {{"sat(site,1):units;IDV_V", "VP", v}, {"sat(site,2):units;IDV_V", "VP", v}}, {12, 12}, 2},
-      {"dsum(ar1v(column):ar1(row)|site)", false,
-       {{"sat(site,1):column:row;column.AR1V_R", "RP", s}, {"sat(site,1):column:row;column.AR1V_V", "VP", wide(0.9f) * v},
-        {"sat(site,1):column:row;row.AR1_R", "RP", s}, {"sat(site,2):column:row;column.AR1V_R", "RP", s},
-        {"sat(site,2):column:row;column.AR1V_V", "VP", wide(0.9f) * v}, {"sat(site,2):column:row;row.AR1_R", "RP", s}},
-       {4, 3, 4, 3}, 2},
-      {"dsum(ar1(column):ar1(row)|site)", false,
-       {{"sat(site,1):column:row;column.AR1_R", "RP", s}, {"sat(site,1):column:row;row.AR1_R", "RP", s}, {"sat(site,1):column:row;IDV_V", "VP", v},
-        {"sat(site,2):column:row;column.AR1_R", "RP", s}, {"sat(site,2):column:row;row.AR1_R", "RP", s}, {"sat(site,2):column:row;IDV_V", "VP", v}},
-       {4, 3, 4, 3}, 2},
+      {"id(subject):ar1v(time,init=[0.5,3])",
+       false,
+       {{t + "AR1V_R", "RP", 0.5}, {t + "AR1V_V", "VP", 3}},
+       {6, 4}},
+      {"site:row:ar1(column)",
+       true,
+       {{"site:row:column;column.AR1_R", "RP", s}, {"site:row:column;IDV_V", "VP", 1.0}},
+       {2, 3, 4}},
+      {"dsum(idv(units)|site)",
+       false,
+       {{"sat(site,1):units;IDV_V", "VP", wide(0.9f) * v}, {"sat(site,2):units;IDV_V", "VP", wide(0.9f) * v}},
+       {12, 12},
+       2},
+      {"dsum(units|site)",
+       false,
+       {{"sat(site,1):units;IDV_V", "VP", v}, {"sat(site,2):units;IDV_V", "VP", v}},
+       {12, 12},
+       2},
+      {"dsum(ar1v(column):ar1(row)|site)",
+       false,
+       {{"sat(site,1):column:row;column.AR1V_R", "RP", s},
+        {"sat(site,1):column:row;column.AR1V_V", "VP", wide(0.9f) * v},
+        {"sat(site,1):column:row;row.AR1_R", "RP", s},
+        {"sat(site,2):column:row;column.AR1V_R", "RP", s},
+        {"sat(site,2):column:row;column.AR1V_V", "VP", wide(0.9f) * v},
+        {"sat(site,2):column:row;row.AR1_R", "RP", s}},
+       {4, 3, 4, 3},
+       2},
+      {"dsum(ar1(column):ar1(row)|site)",
+       false,
+       {{"sat(site,1):column:row;column.AR1_R", "RP", s},
+        {"sat(site,1):column:row;row.AR1_R", "RP", s},
+        {"sat(site,1):column:row;IDV_V", "VP", v},
+        {"sat(site,2):column:row;column.AR1_R", "RP", s},
+        {"sat(site,2):column:row;row.AR1_R", "RP", s},
+        {"sat(site,2):column:row;IDV_V", "VP", v}},
+       {4, 3, 4, 3},
+       2},
   };
   cases.erase(cases.begin() + 1);
   {
@@ -190,7 +268,8 @@ TEST(ParameterTable, Residuals)
     Case us{"id(subject):us(time)", false, {}, {6, 4}};
     for (int i = 1; i <= 4; ++i) {
       for (int j = 1; j <= i; ++j) {
-        us.expected.push_back({text(t, "US_", i == j ? 'V' : 'C', '_', i, '_', j), i == j ? "VP" : "CP", (i == j ? wide(0.05f) : wide(0.01f)) * v});
+        us.expected.push_back({text(t, "US_", i == j ? 'V' : 'C', '_', i, '_', j), i == j ? "VP" : "CP",
+                               (i == j ? wide(0.05f) : wide(0.01f)) * v});
       }
     }
     cases.push_back(us);
@@ -218,7 +297,8 @@ TEST(ParameterTable, Residuals)
 
 TEST(ParameterTable, SeveralTraits)
 {
-  // Where the levels are the traits, half of their covariances each; of a plain term and of no residual, other shares.
+  // Where the levels are the traits, half of their covariances each; of a plain term and of no residual,
+  // other shares.
   struct Case {
     const char* random;
     const char* residual;
@@ -226,16 +306,18 @@ TEST(ParameterTable, SeveralTraits)
     double share, residual_share;
   };
   const double v[3] = {starting(0, 0), starting(0, 1), starting(1, 1)};
-  for (const Case& c : {Case{"us(trait):id(geno)", R"~(,"residual":"units:us(trait)")~", "trait:geno;trait.US", 0.5, 0.5},
-                        Case{"us(trait):id(geno)", R"~(,"residual":"id(units):us(trait)")~", "trait:geno;trait.US", 0.5, 0.5},
-                        Case{"trait:geno", "", "trait:geno;trait.US", wide(0.033f), wide(0.33f)}}) {
+  for (const Case& c :
+       {Case{"us(trait):id(geno)", R"~(,"residual":"units:us(trait)")~", "trait:geno;trait.US", 0.5, 0.5},
+        Case{"us(trait):id(geno)", R"~(,"residual":"id(units):us(trait)")~", "trait:geno;trait.US", 0.5, 0.5},
+        Case{"trait:geno", "", "trait:geno;trait.US", wide(0.033f), wide(0.33f)}}) {
     SCOPED_TRACE(text(c.random, c.residual));
     SetupRoad road;
     run(road, request_of(text(R"("response":"y+z","fixed":"trait","random":")", c.random, "\"", c.residual)));
     EXPECT_FALSE(road.eh.terminate()) << road.eh.EH_PRINT_TEXT();
     if (road.eh.terminate()) continue;
     Table expected;
-    for (const auto& [head, share] : {std::pair{std::string(c.head), c.share}, std::pair{std::string("units.us(trait);US"), c.residual_share}}) {
+    for (const auto& [head, share] : {std::pair{std::string(c.head), c.share},
+                                      std::pair{std::string("units.us(trait);US"), c.residual_share}}) {
       expected.push_back({head + "_V_1_1", "VP", share * v[0]});
       expected.push_back({head + "_C_2_1", "CP", share * v[1]});
       expected.push_back({head + "_V_2_2", "VP", share * v[2]});
@@ -261,7 +343,9 @@ std::vector<double> loadings_product(const VARIANCE_MODEL& m)
     for (std::int64_t j = 0; j <= i; ++j) {
       double sum = 0;
       for (std::int64_t f = 0; f < row.order; ++f) {
-        const auto at = [&](std::int64_t level) { return m.parameters[static_cast<std::size_t>(row.first + levels + f * levels + level)].value; };
+        const auto at = [&](std::int64_t level) {
+          return m.parameters[static_cast<std::size_t>(row.first + levels + f * levels + level)].value;
+        };
         sum += at(i) * at(j);
       }
       out.push_back(sum);
@@ -272,14 +356,17 @@ std::vector<double> loadings_product(const VARIANCE_MODEL& m)
 
 TEST(ParameterTable, LoadingsOfTwoFactorsAreTurned)
 {
-  // Six levels and two factors, specifics first: the pattern that keeps factors apart, by positions in the row.
+  // Six levels and two factors, specifics first: the pattern that keeps factors apart, by positions in the
+  // row.
   const double u = std::sqrt(wide(0.04f) * 0.05);
-  const double plain[] = {0.0447213591, 0.0447213591, 0.00223606799, 0.00223606799, 0.0201246119, -0.0335410198,
-                          -0.0156524759, -0.0111803399, -0.0201246119, 0.00670820396, -0.00223606799, 0.00670820396};
+  const double plain[] = {0.0447213591,  0.0447213591,  0.00223606799,  0.00223606799,
+                          0.0201246119,  -0.0335410198, -0.0156524759,  -0.0111803399,
+                          -0.0201246119, 0.00670820396, -0.00223606799, 0.00670820396};
   EXPECT_NEAR(u, plain[0], 1e-10);
   for (const bool damped : {true, false}) {
     SetupRoad road;
-    run(road, request_of(R"~("response":"y","random":"fa(geno,2):id(env)")~", damped ? R"("aipenalty":20)" : R"("aipenalty":0)"));
+    run(road, request_of(R"~("response":"y","random":"fa(geno,2):id(env)")~",
+                         damped ? R"("aipenalty":20)" : R"("aipenalty":0)"));
     ASSERT_FALSE(road.eh.terminate()) << road.eh.EH_PRINT_TEXT();
     const VARIANCE_MODEL& m = road.model();
     ASSERT_EQ(m.count(), 19);
@@ -287,13 +374,19 @@ TEST(ParameterTable, LoadingsOfTwoFactorsAreTurned)
     const std::vector<double> product = loadings_product(m);
     std::size_t c = 0;
     for (std::size_t i = 0; i < 6; ++i) {
-      for (std::size_t j = 0; j <= i; ++j) EXPECT_NEAR(product[c++], plain[i] * plain[j] + plain[6 + i] * plain[6 + j], 1e-11);
+      for (std::size_t j = 0; j <= i; ++j)
+        EXPECT_NEAR(product[c++], plain[i] * plain[j] + plain[6 + i] * plain[6 + j], 1e-11);
     }
     EXPECT_EQ(constraint_letters[static_cast<std::size_t>(m.parameters[12].constraint)], damped ? 'P' : 'F');
     EXPECT_EQ(m.parameters[12].value == 0.0, !damped);
-    EXPECT_EQ(damped, has_message(road.eh, "the XFA term in fa(geno,2):id(env) appears to have more free parameters (18) than formally expected (17), ignoring any formal user constraints"));
-    EXPECT_EQ(damped, has_message(road.eh, "set aipenalty to zero to avoid the Levenberg type damping modification"));
-    EXPECT_EQ(!damped, has_message(road.eh, "since an aipenalty of zero has been specified, parameter constraints must be applied to avoid AI singularities"));
+    EXPECT_EQ(damped, has_message(road.eh,
+                                  "the XFA term in fa(geno,2):id(env) appears to have more free parameters "
+                                  "(18) than formally expected (17), ignoring any formal user constraints"));
+    EXPECT_EQ(damped,
+              has_message(road.eh, "set aipenalty to zero to avoid the Levenberg type damping modification"));
+    EXPECT_EQ(!damped, has_message(road.eh,
+                                   "since an aipenalty of zero has been specified, parameter constraints "
+                                   "must be applied to avoid AI singularities"));
   }
 }
 
@@ -304,7 +397,9 @@ TEST(ParameterTable, AntedependenceStartsAtACovarianceMatrix)
     SetupRoad road;
     run(road, request_of(text(R"~("response":"y","random":"ante(time,)~", k, R"~():id(subject)")~")));
     ASSERT_FALSE(road.eh.terminate()) << road.eh.EH_PRINT_TEXT();
-    const auto p = [&](int i, int j) { return road.model().parameters[static_cast<std::size_t>(i * (i - 1) / 2 + j - 1)].value; };
+    const auto p = [&](int i, int j) {
+      return road.model().parameters[static_cast<std::size_t>(i * (i - 1) / 2 + j - 1)].value;
+    };
     // V is built level by level from the regressions x_j = sum of -u_ij x_i + e_j.
     double v[5][5] = {};
     for (int j = 1; j <= 4; ++j) {
@@ -325,8 +420,8 @@ TEST(ParameterTable, AntedependenceStartsAtACovarianceMatrix)
 /// A random term that calls a variance function, with qualifiers beside it.
 std::string call(const char* function, const char* factor, const char* more)
 {
-  return text(R"({"function":{"name":")", function, R"(","arguments":[{"name":")", function[0] == 'e' ? "x" : "variable_name",
-              R"(","value":")", factor, R"("}]})", more, "}");
+  return text(R"({"function":{"name":")", function, R"(","arguments":[{"name":")",
+              function[0] == 'e' ? "x" : "variable_name", R"(","value":")", factor, R"("}]})", more, "}");
 }
 
 TEST(ParameterTable, QualifiersOfTerms)
@@ -341,21 +436,48 @@ TEST(ParameterTable, QualifiersOfTerms)
     const char* residual = "";
   };
   const Case cases[] = {
-      {"a series in pieces, where the site changes", call("ar1v", "subject", R"(,"subsection":"site")"), {3}, {}},
-      {"pieces of the residual", "\"geno\"", {2, 4}, {}, "", false,
+      {"a series in pieces, where the site changes",
+       call("ar1v", "subject", R"(,"subsection":"site")"),
+       {3},
+       {}},
+      {"pieces of the residual",
+       "\"geno\"",
+       {2, 4},
+       {},
+       "",
+       false,
        R"(,"residual":{"terms":[{"interaction":[{"function":{"name":"ar1","arguments":[{"name":"variable_name","value":"subject"}]}},"time"],"subsection":"env2"}]})"},
-      {"no such term", call("ar1v", "subject", R"(,"subsection":"nobody")"), {}, {},
-       "the term nobody used when subsection for ar1v(subject) doe not exist in the model", true},
-      {"no series", call("corv", "subject", R"(,"subsection":"site")"), {}, {}, "subsection (site) of corv(subject) without an autoregressive component", true},
+      {"no such term",
+       call("ar1v", "subject", R"(,"subsection":"nobody")"),
+       {},
+       {},
+       "the term nobody used when subsection for ar1v(subject) doe not exist in the model",
+       true},
+      {"no series",
+       call("corv", "subject", R"(,"subsection":"site")"),
+       {},
+       {},
+       "subsection (site) of corv(subject) without an autoregressive component",
+       true},
       {"coordinates of the levels", call("expv", "row", R"(,"coord":[1,2.5,7])"), {}, {1, 2.5, 7}},
-      {"too few coordinates", call("expv", "row", R"(,"coord":[1,2])"), {}, {}, "wrong number of coordinates specified for expv(row)", true},
-      {"a missing coordinate", call("expv", "row", R"(,"coord":[1,2,-1e-37])"), {}, {},
-       "something went wrong whilst processing the coord information for expv(row)", true},
+      {"too few coordinates",
+       call("expv", "row", R"(,"coord":[1,2])"),
+       {},
+       {},
+       "wrong number of coordinates specified for expv(row)",
+       true},
+      {"a missing coordinate",
+       call("expv", "row", R"(,"coord":[1,2,-1e-37])"),
+       {},
+       {},
+       "something went wrong whilst processing the coord information for expv(row)",
+       true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.why);
     SetupRoad road;
-    std::string model = text(R"("response":"y","fixed":"site+env","random":{"terms":[)", c.random, "]}", c.residual);
+    std::string model =
+        text(R"("response":"y","fixed":"site+env","random":{"terms":[)", c.random, "]}", c.residual);
     std::vector<double> a = data_columns();
     if (*c.residual != '\0') {  // env: 1 for subjects 1 and 2, 2 for 3 and 4, 3 for 5 and 6
       for (std::size_t r = 0; r < records; ++r) a[r * 12 + 5] = static_cast<double>(r / 8 + 1);
@@ -365,7 +487,8 @@ TEST(ParameterTable, QualifiersOfTerms)
     EXPECT_EQ(road.eh.terminate(), c.stops) << road.eh.EH_PRINT_TEXT();
     EXPECT_TRUE(*c.message == '\0' || has_message(road.eh, c.message));
     if (c.stops || road.eh.terminate()) continue;
-    const STRUCTURE_ROW& row = *c.residual != '\0' ? road.model().residual.front() : road.model().rows.front();
+    const STRUCTURE_ROW& row =
+        *c.residual != '\0' ? road.model().residual.front() : road.model().rows.front();
     ASSERT_EQ(row.segments >= 0, !c.segments.empty());
     if (row.segments >= 0) {
       EXPECT_EQ(road.model().segments[static_cast<std::size_t>(row.segments)], c.segments);

@@ -54,26 +54,28 @@ TEST(LinearConstraints, LinkParameters)
     const char* request;
     const char* links;
   };
-  for (const Case& c : {
-           Case{R"({"vcc_constraint":["1 3"]})", "3=1*1"},
-           Case{R"({"vcc_constraint":["1 3*0.5 4:-2"]})", "3=0.5*1 4=-2*1"},
-           Case{R"({"vcc_constraint":["1*2, 3*0.5"]})", "3=0.25*1"},
-           Case{R"({"vcc_constraint":["2-4"]})", "3=1*2 4=1*2"},
-           Case{R"({"vcc_constraint":"5 1-3*0.5"})", "1=0.5*5 2=0.5*5 3=0.5*5"},
-           Case{R"({"vcc_constraint":["block 1","2 3"]})", "1=1*9 3=1*2"},
-           Case{R"({"vcc_constraint":["block;IDV_V t;DIAG_V_2*3"]})", "6=3*9"},
-           Case{R"({"vcc_constraint":["1 2","5 1"]})", "1=1*5 2=1*5"},
-           Case{R"({"vcc_constraint":["!OF 4 1 2","!OF -4 1 3"]})", "3=1*1 6=1*5"},
-           Case{R"({"vcc_constraint":["1 5 !BL 3"]})", "5=1*1 6=1*2 7=1*3"},
-           Case{R"({"vcc_constraint":["s t*0.5"]})", "5=0.5*1 6=0.5*2 7=0.5*3 8=0.5*4"},
-           Case{R"({"vcc_constraint":["1 2 !DO 2 !BL 2"]})", "2=1*1 4=1*3"},
-           Case{R"({"vcc_constraint":["1 5 !DO 3"]})", "5=1*1 6=1*2 7=1*3"},
-           Case{R"({"model":{"vcc_constraint":["9 1"]}})", "1=1*9"},
-           Case{R"({"vcc_constraint":[]})", ""},
-           Case{R"({"vcm":[{"term":"s;DIAG_V_1","values":[1,0]},{"term_id":2,"values":[0,2]},{"term":"block","values":[0,1]},{"term_id":3,"values":[0.5,0]}]})",
-                "3=0.5*1 9=0.5*2"},
-           Case{R"({"vcm":{"term_id":1,"values":2}})", ""},
-       }) {
+  for (
+      const Case& c : {
+          Case{R"({"vcc_constraint":["1 3"]})", "3=1*1"},
+          Case{R"({"vcc_constraint":["1 3*0.5 4:-2"]})", "3=0.5*1 4=-2*1"},
+          Case{R"({"vcc_constraint":["1*2, 3*0.5"]})", "3=0.25*1"},
+          Case{R"({"vcc_constraint":["2-4"]})", "3=1*2 4=1*2"},
+          Case{R"({"vcc_constraint":"5 1-3*0.5"})", "1=0.5*5 2=0.5*5 3=0.5*5"},
+          Case{R"({"vcc_constraint":["block 1","2 3"]})", "1=1*9 3=1*2"},
+          Case{R"({"vcc_constraint":["block;IDV_V t;DIAG_V_2*3"]})", "6=3*9"},
+          Case{R"({"vcc_constraint":["1 2","5 1"]})", "1=1*5 2=1*5"},
+          Case{R"({"vcc_constraint":["!OF 4 1 2","!OF -4 1 3"]})", "3=1*1 6=1*5"},
+          Case{R"({"vcc_constraint":["1 5 !BL 3"]})", "5=1*1 6=1*2 7=1*3"},
+          Case{R"({"vcc_constraint":["s t*0.5"]})", "5=0.5*1 6=0.5*2 7=0.5*3 8=0.5*4"},
+          Case{R"({"vcc_constraint":["1 2 !DO 2 !BL 2"]})", "2=1*1 4=1*3"},
+          Case{R"({"vcc_constraint":["1 5 !DO 3"]})", "5=1*1 6=1*2 7=1*3"},
+          Case{R"({"model":{"vcc_constraint":["9 1"]}})", "1=1*9"},
+          Case{R"({"vcc_constraint":[]})", ""},
+          Case{
+              R"({"vcm":[{"term":"s;DIAG_V_1","values":[1,0]},{"term_id":2,"values":[0,2]},{"term":"block","values":[0,1]},{"term_id":3,"values":[0.5,0]}]})",
+              "3=0.5*1 9=0.5*2"},
+          Case{R"({"vcm":{"term_id":1,"values":2}})", ""},
+      }) {
     const Fixture f(c.request);
     EXPECT_FALSE(f.eh.terminate()) << c.request << f.eh.EH_PRINT_TEXT();
     EXPECT_EQ(f.links(), c.links) << c.request;
@@ -94,41 +96,63 @@ TEST(LinearConstraints, TellWhatIsWrong)
     Ecode code = Ecode::invalid_input;
   };
   const Case cases[] = {
-      {R"({"vcc_constraint":["1 3","3 4"]})", {"fault in Gamma constraints for parameter 3, relationships must be defined relative to parameter 1"}},
+      {R"({"vcc_constraint":["1 3","3 4"]})",
+       {"fault in Gamma constraints for parameter 3, relationships must be defined relative to parameter 1"}},
       {R"({"vcc_constraint":["1 3*2","2 3"]})",
-       {"in Variance Parameter Constraint for parameter 3 [    3.0000] and coefficient  [    1.0000], it is already linked to parameter 1 with coefficient     2.0000"}},
+       {"in Variance Parameter Constraint for parameter 3 [    3.0000] and coefficient  [    1.0000], it is "
+        "already linked to parameter 1 with coefficient     2.0000"}},
       {R"({"vcc_constraint":["1 1"]})", {"it is already linked to parameter 1 with coefficient     1.0000"}},
-      {R"({"vcc_constraint":["0 1"]})", {"0 is invalid as the number of a variance parameter to be constrained"}},
-      {R"({"vcc_constraint":["11 1"]})", {"11 is invalid as the number of a variance parameter to be constrained"}},
+      {R"({"vcc_constraint":["0 1"]})",
+       {"0 is invalid as the number of a variance parameter to be constrained"}},
+      {R"({"vcc_constraint":["11 1"]})",
+       {"11 is invalid as the number of a variance parameter to be constrained"}},
       {R"({"vcc_constraint":["1 12"]})",
-       {"in Variance Parameter Constraint, parameter 12 is undefined", "defined parameter numbers are:", "parameter numbered 4 has value       4.0000"}},
-      {R"({"vcc_constraint":["1 5-99"]})", {"99 is invalid as the number of a variance parameter to be constrained"}},
-      {R"({"vcc_constraint":["4-2"]})", {"2 is invalid as the number of a variance parameter to be constrained"}},
-      {R"({"vcc_constraint":["1 10"]})", {"10 is invalid as the number of a variance parameter to be constrained", "it is the residual variance"}, false},
+       {"in Variance Parameter Constraint, parameter 12 is undefined",
+        "defined parameter numbers are:", "parameter numbered 4 has value       4.0000"}},
+      {R"({"vcc_constraint":["1 5-99"]})",
+       {"99 is invalid as the number of a variance parameter to be constrained"}},
+      {R"({"vcc_constraint":["4-2"]})",
+       {"2 is invalid as the number of a variance parameter to be constrained"}},
+      {R"({"vcc_constraint":["1 10"]})",
+       {"10 is invalid as the number of a variance parameter to be constrained",
+        "it is the residual variance"},
+       false},
       {R"({"vcc_constraint":["block nobody"]})", {"constraint term nobody is not in the model"}},
       {R"({"vcc_constraint":["!OF 40 1 2"]})", {"VCC OFFSET too large!"}},
-      {R"({"vcc_constraint":["!OF 4 1 2","7 3"]})", {"VCC parameter numbers adjusted 4 positions", "11 is invalid as the number"}},
+      {R"({"vcc_constraint":["!OF 4 1 2","7 3"]})",
+       {"VCC parameter numbers adjusted 4 positions", "11 is invalid as the number"}},
       {R"({"vcc_constraint":["1 2 !DO"]})", {"issue reading vcc constraints"}},
       {R"({"vcc_constraint":["1 2 !XX 3"]})", {"issue reading vcc constraints"}},
       {R"({"vcc_constraint":["1 2*x"]})", {"issue reading vcc constraints"}},
       {R"({"vcc_constraint":["1*0 2"]})", {"issue reading vcc constraints"}},
-      {R"({"vcc_constraint":["1 2 !DO 99"]})", {"99 is invalid as the number of a variance parameter to be constrained"}},
+      {R"({"vcc_constraint":["1 2 !DO 99"]})",
+       {"99 is invalid as the number of a variance parameter to be constrained"}},
       {R"({"vcc_constraint":[1,2]})", {"issue reading vcc constraints"}},
       {R"({"vcc_constraint":{"a":1}})", {"issue reading vcc constraints"}},
-      {R"({"vcm":[{"term_id":8,"values":[1]}]})", {"VCM constraint not permitted on variance parameter 8"}},  // fixed
-      {R"({"vcm":[{"term_id":10,"values":[1]}]})", {"VCM constraint not permitted on variance parameter 10"}, false},
+      {R"({"vcm":[{"term_id":8,"values":[1]}]})",
+       {"VCM constraint not permitted on variance parameter 8"}},  // fixed
+      {R"({"vcm":[{"term_id":10,"values":[1]}]})",
+       {"VCM constraint not permitted on variance parameter 10"},
+       false},
       {R"({"vcm":[{"term_id":1,"values":[1]},{"term":"s;DIAG_V_1","values":[1]}]})",
        {"at least two sets of VCM information has been supplied for s;DIAG_V_1"}},
       {R"({"vcm":[{"term_id":1,"values":[1,0]},{"term_id":2,"values":[1]}]})",
-       {"the same number of values should be supplied for each of the VCM entries", "1 values supplied for 2, expected 2"}},
-      {R"({"vcm":[{"values":[1]}]})", {"was expecting either a name or ID number in each of the VCM entries"}},
+       {"the same number of values should be supplied for each of the VCM entries",
+        "1 values supplied for 2, expected 2"}},
+      {R"({"vcm":[{"values":[1]}]})",
+       {"was expecting either a name or ID number in each of the VCM entries"}},
       {R"({"vcm":[3]})", {"was expecting either a name or ID number in each of the VCM entries"}},
       {R"({"vcm":[{"term_id":11,"values":[1]}]})",
        {"invalid ID supplied for a VCM entry, value = 11, supplied values must be in the range [1,10]"}},
-      {R"({"vcm":[{"term":"nobody","values":[1]}]})", {"VCM constraint was supplied for the term nobody, but it is not in the model"}},
-      {R"({"vcm":[{"term":"s","values":[1]}]})", {"VCM constraint was supplied for the term s, but it is not in the model", "the term has 4 parameters"}},
+      {R"({"vcm":[{"term":"nobody","values":[1]}]})",
+       {"VCM constraint was supplied for the term nobody, but it is not in the model"}},
+      {R"({"vcm":[{"term":"s","values":[1]}]})",
+       {"VCM constraint was supplied for the term s, but it is not in the model",
+        "the term has 4 parameters"}},
       {R"({"vcm":[{"term_id":1,"values":["a"]}]})", {"a list of finite numbers"}},
-      {R"({"vcm":[{"term_id":1,"values":[1,1]}]})", {"a VCM constraint that makes s;DIAG_V_1 a sum of several parameters is not implemented"}, true,
+      {R"({"vcm":[{"term_id":1,"values":[1,1]}]})",
+       {"a VCM constraint that makes s;DIAG_V_1 a sum of several parameters is not implemented"},
+       true,
        Ecode::not_implemented},
   };
   for (const Case& c : cases) {
@@ -136,7 +160,8 @@ TEST(LinearConstraints, TellWhatIsWrong)
     for (const char* message : c.messages) EXPECT_TRUE(has_message(f.eh, message)) << c.request;
     EXPECT_EQ(f.eh.EH_STATUS(), 4) << c.request;
     const auto& all = f.eh.messages();
-    const auto stop = std::find_if(all.begin(), all.end(), [](const ERROR_MESSAGE& m) { return m.terminate; });
+    const auto stop =
+        std::find_if(all.begin(), all.end(), [](const ERROR_MESSAGE& m) { return m.terminate; });
     ASSERT_NE(stop, all.end()) << c.request;
     EXPECT_EQ(stop->ecode, c.code) << c.request;
   }

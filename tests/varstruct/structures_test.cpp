@@ -151,9 +151,11 @@ TEST(Structures, TellWhatIsWrong)
       {{{"x", 1, "us"}}, "change structure to id() or its argument to a factor", false},
       {{{"x", 3, "ar3v"}}, "check characteristics of ar3v(x), more levels expected", false},
       {{{"x", 9, "sph", {3.0, 0.8}}},
-       "Kriging Model ISP does not have a smooth Likelihood function because of the range parameter", false},
+       "Kriging Model ISP does not have a smooth Likelihood function because of the range parameter",
+       false},
       {{{"x", 9, "cirv", {3.0, 0.8, 1.0}}},
-       "Kriging Model SPH does not have a smooth Likelihood function because of the range parameter", false},
+       "Kriging Model SPH does not have a smooth Likelihood function because of the range parameter",
+       false},
       {{{"x", 3, "vm"}}, "GRM structure not defined for model term vm(x)"},
   };
   for (const Case& c : cases) {
