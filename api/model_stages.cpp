@@ -55,6 +55,7 @@ void parse_model(ERROR_HANDLER& eh, CORE_DATA& core)
 {
   NEW_PARSE_LINEAR_MODEL(eh, core.communication, core.request, core.variables, core.factors, core.terms,
                          core.model_info);
+  if (!eh.terminate()) NAME_PEDIGREE_FACTORS(eh, core.matrices, core.factors, core.variables);
 }
 
 void model_options(ERROR_HANDLER& eh, CORE_DATA& core)

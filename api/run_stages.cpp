@@ -9,6 +9,8 @@
 #include "api/stage_support.h"
 #include "base/text.h"
 #include "model/request.h"
+#include "pedigree/pedigree_file.h"
+#include "relmat/match_levels.h"
 #include "relmat/matrix_keys.h"
 #include "reports/result_tables.h"
 
@@ -36,7 +38,7 @@ void primary_data_description(ERROR_HANDLER& eh, CORE_DATA& core)
   GET_PRIMARY_DATA_DESCRIPTION(eh, core.request, core.datasets, core.primary);
 }
 
-/// Nothing to register as long as pedigrees and relationship matrices are refused where they are read.
+/// Matrices are registered where they are read.
 void register_matrices(ERROR_HANDLER&, CORE_DATA&) {}
 
 void title(ERROR_HANDLER&, CORE_DATA& core)
@@ -83,9 +85,20 @@ void report_files(ERROR_HANDLER& eh, CORE_DATA& core)
 /// The comments of a request go to the log, which is a report file.
 void comments(ERROR_HANDLER&, CORE_DATA&) {}
 
+/// The stage AIPEDA: pedigree factors take the identities of the first pedigree as their levels.
 void pedigrees(ERROR_HANDLER& eh, CORE_DATA& core)
 {
-  refuse_key(eh, core.request, "pedigree_file");
+  std::vector<FIT_PEDIGREE> found;
+  AIPEDA(eh, core.request, found);
+  if (eh.terminate()) return;
+  for (std::size_t k = 0; k < found.size(); ++k) {
+    FIT_PEDIGREE& each = found[k];
+    if (k == 0) TAKE_PEDIGREE_LEVELS(eh, each.labels, core.variables);
+    if (eh.terminate()) return;
+    AMTXS_REGISTER_TO_AINV(eh, core.matrices, each.name, each.inverse.matrix, each.inverse.logdet, each.pedigree.groups,
+                           each.labels, each.inverse.inbreeding);
+    if (eh.terminate()) return;
+  }
 }
 
 void level_tables(ERROR_HANDLER& eh, CORE_DATA& core)

@@ -158,6 +158,19 @@ void L_FOLLOW_LABELS(ERROR_HANDLER& eh, JsonNode& root, const JsonNode& function
   });
 }
 
+/// Whether a source is the name of a pedigree, which is a matrix without an entry of its own.
+bool names_a_pedigree(const JsonNode& root, const std::string& source)
+{
+  const JsonNode* list = root.find("pedigree_file");
+  if (list == nullptr) return false;
+  const auto is_it = [&](const JsonNode& entry) {
+    const JsonNode* name = entry.find("name");
+    return name != nullptr && name->is_text(source);
+  };
+  if (!list->is(JsonType::array)) return is_it(*list);
+  return std::any_of(list->children().begin(), list->children().end(), [&](const auto& entry) { return is_it(*entry); });
+}
+
 /// L_ADD_MATRIX_ENTRY: what the arguments of vm() and ric() tell of their matrix goes to its entry.
 void L_ADD_MATRIX_ENTRY(ERROR_HANDLER& eh, JsonNode& root, const JsonNode& function, const std::string& matrix)
 {
@@ -167,6 +180,7 @@ void L_ADD_MATRIX_ENTRY(ERROR_HANDLER& eh, JsonNode& root, const JsonNode& funct
     eh.error(text("invalid value supplied for singG: ", kind, ", was expecting one of: PD, ND or PSD"));
     return;
   }
+  if (names_a_pedigree(root, matrix)) return;
   JsonNode* entry = L_FIND_MATRIX_ENTRY(eh, root, matrix);
   if (eh.terminate()) return;
   set_key(*entry, "giv", text(matrix, ".vm"));

@@ -246,6 +246,7 @@ void L_HAND_OUT(ERROR_HANDLER& eh, const NAME_CODES& names, PEDIGREE& pedigree, 
 {
   const Frame here{eh, __func__};
   const std::int64_t n = pedigree.rows();
+  std::vector<double>().swap(inverse.variance);
   SPMT_CONVERT(eh, inverse.matrix, SparseKind::sm_linked_list);
   if (eh.terminate()) return;
   out.matrix = std::move(inverse.matrix);

@@ -165,6 +165,7 @@ std::int64_t K4MAIG(ERROR_HANDLER& eh, const PEDIGREE& pedigree, const BREEDING_
   }
   if (rules.group_base <= 0.0) L_TELL_GROUPS(eh, rules, groups, out.matrix);
   out.inbreeding = std::move(f.F);
+  out.variance = std::move(f.D);
   return n;
 }
 

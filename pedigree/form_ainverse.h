@@ -16,6 +16,7 @@ namespace tolvan {
 struct AINVERSE {
   SPARSE_MTX_LLIST matrix;         // compressed by rows
   std::vector<double> inbreeding;  // of each row, 0 for a group
+  std::vector<double> variance;    // within the family, D of each row
   double logdet = 0.0;             // the sum of -ln D: log|A^-1|
 };
 

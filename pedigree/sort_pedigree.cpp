@@ -1,10 +1,7 @@
 // Parents ahead of their progeny: SORTPED.
-#include <algorithm>
-#include <utility>
-
-#include "base/memory.h"
 #include "base/text.h"
 #include "pedigree/check_pedigree.h"
+#include "pedigree/place_rows.h"
 
 namespace tolvan {
 namespace {
@@ -12,104 +9,17 @@ namespace {
 constexpr std::size_t longest_line = 79;
 constexpr int most_lines = 3;
 
-/// Rows wait for those of their parents that do not stand yet; all arrays by row, from 0.
-struct WAITING {
-  std::vector<std::int32_t> first, last;  // of the queue of rows that wait for a row; -1: none
-  std::vector<std::int32_t> next[2];      // in the queue of the row's first and second parent
-  std::vector<char> parents;              // how many a row still waits for
-  std::vector<bool> placed;
-};
-
-std::int32_t& next_of(const PEDIGREE& p, WAITING& w, std::int32_t row, std::int32_t parent)
-{
-  return w.next[p.male[static_cast<std::size_t>(row)] == parent + 1 ? 0 : 1][static_cast<std::size_t>(row)];
-}
-
-/// L_PLACE: lists the rows so that each follows its parents: a row that waits is placed as soon as the last
-/// of them is, and its own progeny directly behind it.  Linear in the rows.  order holds only what could be
-/// placed.
-void L_PLACE(ERROR_HANDLER& eh, const PEDIGREE& p, WAITING& w, std::vector<std::int32_t>& order,
-             std::vector<std::int32_t>& moved)
+/// L_TELL_LOOPS: names the members of loops.
+void L_TELL_LOOPS(ERROR_HANDLER& eh, const NAME_CODES& names, const PEDIGREE& p, const PLACEMENT& placement)
 {
   const Frame here{eh, __func__};
-  const std::int64_t n = p.rows();
-  for (std::vector<std::int32_t>* each : {&w.first, &w.last, &w.next[0], &w.next[1]}) {
-    if (!assign(eh, *each, n, -1)) return;
-  }
-  if (!assign(eh, w.parents, n, '\0') || !reserve(eh, order, n)) return;
-  const bool room = attempt([&] {
-    w.placed.assign(static_cast<std::size_t>(n), false);
-    std::vector<std::int32_t> ready;
-    for (std::int32_t i = 0; i < n; ++i) {
-      const auto row = static_cast<std::size_t>(i);
-      const std::int32_t sides[2] = {p.male[row] - 1, p.female[row] - 1};
-      for (int k = 0; k < 2; ++k) {
-        const std::int32_t parent = sides[k];
-        if (parent < 0 || w.placed[static_cast<std::size_t>(parent)] || (k == 1 && parent == sides[0]))
-          continue;
-        ++w.parents[row];
-        std::int32_t& last = w.last[static_cast<std::size_t>(parent)];
-        (last < 0 ? w.first[static_cast<std::size_t>(parent)] : next_of(p, w, last, parent)) = i;
-        last = i;
-      }
-      if (w.parents[row] > 0) {
-        moved.push_back(i);
-        continue;
-      }
-      ready.push_back(i);
-      while (!ready.empty()) {
-        const std::int32_t at = ready.back();
-        ready.pop_back();
-        order.push_back(at);
-        w.placed[static_cast<std::size_t>(at)] = true;
-        const auto from = static_cast<std::ptrdiff_t>(ready.size());
-        for (std::int32_t child = w.first[static_cast<std::size_t>(at)]; child >= 0;
-             child = next_of(p, w, child, at)) {
-          if (--w.parents[static_cast<std::size_t>(child)] == 0) ready.push_back(child);
-        }
-        std::reverse(ready.begin() + from, ready.end());
-      }
-    }
-  });
-  if (!room) eh.out_of_memory();
-}
-
-/// L_TELL_LOOPS: names the rows that could not be placed, but for those that merely descend from a loop: of
-/// these the youngest, which have no progeny left, are taken off again and again.
-void L_TELL_LOOPS(ERROR_HANDLER& eh, const NAME_CODES& names, const PEDIGREE& p, const WAITING& w)
-{
-  const Frame here{eh, __func__};
+  std::vector<std::int32_t> rows;
+  L_FIND_LOOPS(eh, p, placement, rows);
   eh.error("Unable to sort pedigree so all parents are before their progeny.");
-  const std::size_t n = p.id.size();
-  const bool room = attempt([&] {
-    std::vector<std::int32_t> progeny(n, 0);
-    std::vector<bool> off = w.placed;
-    std::vector<std::int32_t> youngest;
-    const auto each_parent = [&](std::size_t row, auto&& work) {
-      if (p.male[row] > 0) work(static_cast<std::size_t>(p.male[row] - 1));
-      if (p.female[row] > 0 && p.female[row] != p.male[row])
-        work(static_cast<std::size_t>(p.female[row] - 1));
-    };
-    for (std::size_t i = 0; i < n; ++i) {
-      if (!w.placed[i]) each_parent(i, [&](std::size_t parent) { ++progeny[parent]; });
-    }
-    for (std::size_t i = 0; i < n; ++i) {
-      if (!w.placed[i] && progeny[i] == 0) youngest.push_back(static_cast<std::int32_t>(i));
-    }
-    while (!youngest.empty()) {
-      const auto i = static_cast<std::size_t>(youngest.back());
-      youngest.pop_back();
-      off[i] = true;
-      each_parent(i, [&](std::size_t parent) {
-        if (--progeny[parent] == 0 && !w.placed[parent])
-          youngest.push_back(static_cast<std::int32_t>(parent));
-      });
-    }
-    for (std::size_t i = 0; i < n; ++i) {
-      if (!off[i]) eh.continuation(text("Individual ", names.name(p.id[i]), " comes before its parents."));
-    }
-  });
-  if (!room) eh.out_of_memory();
+  for (const std::int32_t row : rows) {
+    eh.continuation(
+        text("Individual ", names.name(p.id[static_cast<std::size_t>(row)]), " comes before its parents."));
+  }
 }
 
 /// L_TELL_MOVES: a note with the names of the rows that moved, as many as three lines take.
@@ -136,53 +46,21 @@ void L_TELL_MOVES(ERROR_HANDLER& eh, const NAME_CODES& names, const PEDIGREE& p,
   if (told < moved.size()) eh.continuation(text("and  ", moved.size() - told, " others"));
 }
 
-/// L_PERMUTE: brings the rows into an order and renumbers the parents.
-void L_PERMUTE(ERROR_HANDLER& eh, const std::vector<std::int32_t>& order, PEDIGREE& p)
-{
-  const Frame here{eh, __func__};
-  const std::int64_t n = p.rows();
-  std::vector<std::int32_t> place, codes;
-  if (!assign(eh, place, n) || !assign(eh, codes, n)) return;
-  for (std::size_t k = 0; k < order.size(); ++k)
-    place[static_cast<std::size_t>(order[k])] = static_cast<std::int32_t>(k) + 1;
-  for (std::vector<std::int32_t>* column : {&p.id, &p.male, &p.female}) {
-    for (std::size_t k = 0; k < order.size(); ++k) {
-      const std::int32_t value = (*column)[static_cast<std::size_t>(order[k])];
-      const bool renumber = column != &p.id && value > 0;
-      codes[k] = renumber ? place[static_cast<std::size_t>(value - 1)] : value;
-    }
-    column->swap(codes);
-  }
-  std::vector<double> values;
-  for (std::vector<double>* column : {&p.sex, &p.level}) {
-    if (column->empty()) continue;
-    if (!assign(eh, values, n)) return;
-    for (std::size_t k = 0; k < order.size(); ++k) values[k] = (*column)[static_cast<std::size_t>(order[k])];
-    column->swap(values);
-  }
-}
-
 }  // namespace
 
 void SORTPED(ERROR_HANDLER& eh, const NAME_CODES& names, PEDIGREE& pedigree)
 {
   const Frame here{eh, __func__};
-  bool in_order = true;
-  for (std::int32_t i = 0; i < pedigree.rows() && in_order; ++i) {
-    const auto row = static_cast<std::size_t>(i);
-    in_order = std::max(pedigree.male[row], pedigree.female[row]) <= i;
-  }
-  if (in_order) return;
-  WAITING waiting;
-  std::vector<std::int32_t> order, moved;
-  L_PLACE(eh, pedigree, waiting, order, moved);
+  if (parents_first(pedigree)) return;
+  PLACEMENT placement;
+  L_PLACE_ROWS(eh, pedigree, placement);
   if (eh.terminate()) return;
-  if (order.size() < pedigree.id.size()) {
-    L_TELL_LOOPS(eh, names, pedigree, waiting);
+  if (!placement.complete()) {
+    L_TELL_LOOPS(eh, names, pedigree, placement);
     return;
   }
-  L_TELL_MOVES(eh, names, pedigree, moved);
-  L_PERMUTE(eh, order, pedigree);
+  L_TELL_MOVES(eh, names, pedigree, placement.moved);
+  L_PERMUTE_ROWS(eh, placement.order, pedigree);
 }
 
 }  // namespace tolvan

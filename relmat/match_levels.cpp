@@ -1,7 +1,9 @@
 #include "relmat/match_levels.h"
 
 #include <algorithm>
+#include <utility>
 
+#include "base/memory.h"
 #include "base/text.h"
 
 namespace tolvan {
@@ -44,7 +46,51 @@ void L_CHECK_LABELS(ERROR_HANDLER& eh, const AINV_MTX& matrix, const VARIABLE& v
   }
 }
 
+/// L_TAKE_LEVELS: makes identities the levels of a variable.
+void L_TAKE_LEVELS(ERROR_HANDLER& eh, const std::vector<std::string>& labels, VARIABLE& variable)
+{
+  const Frame here{eh, __func__};
+  LEVEL_TABLE levels;
+  const bool room = attempt([&] {
+    for (const std::string& each : labels) levels.find_or_add(each);
+  });
+  if (!room) return eh.out_of_memory();
+  variable.labels = std::move(levels);
+  variable.labels_fixed = true;
+  variable.declared_levels = variable.levels = std::ssize(labels);
+  variable.is_pedigree_factor = true;
+}
+
 }  // namespace
+
+void TAKE_PEDIGREE_LEVELS(ERROR_HANDLER& eh, const std::vector<std::string>& labels,
+                          VARIABLE_TABLE& variables)
+{
+  const Frame here{eh, __func__};
+  for (VARIABLE& variable : variables.rows) {
+    if (!variable.is_pedigree_factor) continue;
+    if (!variable.is_factor()) variable.type = FieldType::string_factor;
+    L_TAKE_LEVELS(eh, labels, variable);
+    if (eh.terminate()) return;
+  }
+}
+
+void NAME_PEDIGREE_FACTORS(ERROR_HANDLER& eh, const AINV_MTXS& store, const FACTOR_TABLE& factors,
+                           VARIABLE_TABLE& variables)
+{
+  const Frame here{eh, __func__};
+  for (const FACTOR_ROW& factor : factors.rows) {
+    const AINV_MTX* matrix =
+        factor.matrix.empty() || factor.variable == 0 ? nullptr : store.find(factor.matrix);
+    if (matrix == nullptr || !matrix->pedigree) continue;
+    VARIABLE& variable = variables.row(factor.variable);
+    // Levels that are declared are rows of the pedigree, or must agree with its identities.
+    if (variable.labels_fixed || variable.type == FieldType::integer_factor_1_to_n || !variable.is_factor())
+      continue;
+    L_TAKE_LEVELS(eh, matrix->labels, variable);
+    if (eh.terminate()) return;
+  }
+}
 
 void MATCH_MATRIX_LEVELS(ERROR_HANDLER& eh, const AINV_MTXS& store, const VARIABLE_TABLE& variables,
                          FACTOR_TABLE& factors)

@@ -1,4 +1,5 @@
-// Factors and the known matrices between their levels.  Routine: MATCH_MATRIX_LEVELS.
+// Factors and the known matrices between their levels.  Routines: TAKE_PEDIGREE_LEVELS,
+// NAME_PEDIGREE_FACTORS, MATCH_MATRIX_LEVELS.
 #pragma once
 
 #include "api/error_handler.h"
@@ -7,6 +8,16 @@
 #include "relmat/structure_matrices.h"
 
 namespace tolvan {
+
+/// TAKE_PEDIGREE_LEVELS: gives the identities of a pedigree as levels to the variables that are marked as
+/// pedigree factors.
+void TAKE_PEDIGREE_LEVELS(ERROR_HANDLER& eh, const std::vector<std::string>& labels,
+                          VARIABLE_TABLE& variables);
+
+/// NAME_PEDIGREE_FACTORS: gives them also to variables that a term connects with a pedigree by its name,
+/// ahead of the data.
+void NAME_PEDIGREE_FACTORS(ERROR_HANDLER& eh, const AINV_MTXS& store, const FACTOR_TABLE& factors,
+                           VARIABLE_TABLE& variables);
 
 /// MATCH_MATRIX_LEVELS: gives every factor that names a known matrix as many levels as the matrix has rows,
 /// with those that a singular one adds.

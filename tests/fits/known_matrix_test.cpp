@@ -99,8 +99,9 @@ Matrix inverse_of(Matrix a, int n)
   return b;
 }
 
-/// The inverse of a random pedigree's relationship matrix, as three columns, from the object that makes it.
-std::vector<double> pedigree_inverse(int n)
+/// The inverse of a random pedigree's relationship matrix, as three columns, from the object that makes it;
+/// the file of the pedigree.
+std::vector<double> pedigree_inverse(int n, std::string& file)
 {
   std::mt19937 random(99);
   std::string id, male, female;
@@ -110,6 +111,7 @@ std::vector<double> pedigree_inverse(int n)
     id += (i > 1 ? "," : "") + std::to_string(i);
     male += (i > 1 ? "," : "") + std::to_string(s);
     female += (i > 1 ? "," : "") + std::to_string(d);
+    file += std::to_string(i) + "," + std::to_string(s) + "," + std::to_string(d) + "\n";
   }
   Host host("AINV");
   host.info("{\"id\":[" + id + "],\"male\":[" + male + "],\"female\":[" + female + "]}");
@@ -130,7 +132,8 @@ TEST(KnownMatrix, EveryRoadGivesOneAnswer)
 {
   constexpr int n = 60;
   const Trial trial(n, n, 3);
-  const std::vector<double> triples = pedigree_inverse(n);
+  std::string file;
+  const std::vector<double> triples = pedigree_inverse(n, file);
   const std::size_t elements = triples.size() / 3;
   Matrix inverse(n * n, 0.0);
   for (std::size_t k = 0; k < elements; ++k) {
@@ -171,6 +174,27 @@ TEST(KnownMatrix, EveryRoadGivesOneAnswer)
        by_triples, 1e-8);
   same(fit(trial, "vm(line,dense.dgiv)", ",\"grm_file\":[{\"name\":\"dense.dgiv\",\"type\":\"ft_text\"}]"),
        by_triples, 1e-8);
+  // The pedigree itself, in any order, under its name.
+  std::ofstream("ped.csv") << file;
+  std::ofstream("turned.csv") << file.substr(file.find("\n40,") + 1)
+                              << file.substr(0, file.find("\n40,") + 1);
+  same(fit(trial, "vm(line,ped.csv)", ",\"pedigree_file\":{\"name\":\"ped.csv\",\"type\":\"ft_csv\"}"),
+       by_triples, 1e-9);
+  std::string named = dataset("d", trial.y.size(), {{"line", 0}, {"y", 0}});
+  named.replace(named.find("\"line\""), 6,
+                R"("line","field_type":"vt_integer_factor","is_pedigree_factor":true)");
+  Host host;
+  std::vector<double> values = trial.line;
+  values.insert(values.end(), trial.y.begin(), trial.y.end());
+  host.info("{\"dataset\":" + named + R"(,"pedigree_file":{"name":"turned.csv","type":"ft_csv","sort":1}})");
+  host.matrix("d", values, static_cast<int>(trial.y.size()), 2);
+  EXPECT_LE(
+      host.process(R"({"model":{"response":"y","random":"line"},"options":{"extra":6,"maxiterations":60}})"),
+      0)
+      << host.errors();
+  same({host.real("SCALAR_LOGLIK"), host.reals("TABLE_VARCOMP:SIGMA")[0],
+        host.reals("TABLE_VARCOMP:SIGMA")[1]},
+       by_triples, 1e-9);
   std::filesystem::current_path(back);
   std::filesystem::remove_all(pattern);
 }

@@ -1,0 +1,213 @@
+// What a request says of its pedigrees, and the road from there to their inverses: AIPEDA.
+#include <algorithm>
+#include <cmath>
+
+#include "base/memory.h"
+#include "base/text.h"
+#include "data/request_values.h"
+#include "model/request.h"
+#include "pedigree/pedigree_file.h"
+
+namespace tolvan {
+namespace {
+
+/// A switch: on when it is there with any value but false, 0 and their spellings.
+bool is_on(const JsonNode& entry, std::string_view key)
+{
+  const JsonNode* node = given_value(entry, key);
+  if (node == nullptr) return false;
+  if (node->is(JsonType::string)) {
+    const std::string word = lower(trim(node->text()));
+    return word != "false" && word != "0";
+  }
+  return node->is(JsonType::logical) ? node->logical() : !node->is_number() || node->number() != 0.0;
+}
+
+/// L_NUMBER: the number of a key in a range; the value stays without the key.  Gives whether the key is
+/// there.
+bool L_NUMBER(ERROR_HANDLER& eh, const JsonNode& entry, std::string_view key, bool whole, double low,
+              double high, double& value)
+{
+  const Frame here{eh, __func__};
+  const JsonNode* node = given_value(entry, key);
+  if (node == nullptr) return false;
+  if (node->is(JsonType::logical)) {  // a bare key
+    value = node->logical() ? 1.0 : 0.0;
+    return node->logical();
+  }
+  double x = node->number();
+  const bool number = node->is_number() || (node->is(JsonType::string) && read_real(trim(node->text()), x));
+  if (number && x >= low && x <= high && (!whole || x == std::trunc(x))) {
+    value = x;
+    return true;
+  }
+  REPORT_JSON_ERROR(eh, *node,
+                    {text(whole ? "an integer" : "a real number", " from ", low,
+                          high < 1e9 ? text(" to ", high) : std::string(" on"))});
+  return false;
+}
+
+std::int64_t count_of(ERROR_HANDLER& eh, const JsonNode& entry, std::string_view key)
+{
+  double x = 0.0;
+  L_NUMBER(eh, entry, key, true, 0.0, 1e9, x);
+  return static_cast<std::int64_t>(x);
+}
+
+/// L_READ_SOURCE: the file and how it is laid out.
+void L_READ_SOURCE(ERROR_HANDLER& eh, const JsonNode& entry, PEDIGREE_KEYS& keys)
+{
+  const Frame here{eh, __func__};
+  const JsonNode* name = given_value(entry, "name");
+  if (name == nullptr) return REPORT_JSON_ERROR(eh, entry, "name");
+  if (!name->is(JsonType::string) || is_blank(name->text()))
+    return REPORT_JSON_ERROR(eh, *name, {"the name of a file"});
+  keys.name = name->text();
+  const JsonNode* type = given_value(entry, "type");
+  keys.comma_separated = type != nullptr && type->is_text("ft_csv");
+  if (!keys.comma_separated && (type == nullptr || !type->is_text("ft_text"))) {
+    eh.error("expected either a text or csv file for the pedigree");
+    return;
+  }
+  keys.skip = count_of(eh, entry, "skip");
+  keys.skip_fields = count_of(eh, entry, "cskip");
+  keys.repeat = is_on(entry, "repeat");
+  keys.alpha = count_of(eh, entry, "alpha") > 0;
+  keys.upper_case = is_on(entry, "uppercase");
+  keys.sort = is_on(entry, "sort");
+  if (const JsonNode* trim_by = given_value(entry, "trim")) {
+    if (!trim_by->is(JsonType::string)) return REPORT_JSON_ERROR(eh, *trim_by, {"the name of a data file"});
+    keys.trim = trim_by->text();
+  }
+}
+
+/// L_AIPEDA_SETUP_PEDIGREE_INFO: the breeding system, with a note of what is out of the ordinary.
+void L_AIPEDA_SETUP_PEDIGREE_INFO(ERROR_HANDLER& eh, const JsonNode& entry, PEDIGREE_KEYS& keys)
+{
+  const Frame here{eh, __func__};
+  constexpr double any = 1e9;
+  keys.method = count_of(eh, entry, "method");
+  keys.groups = count_of(eh, entry, "group");
+  L_NUMBER(eh, entry, "goffset", false, -1.0, any, keys.group_offset);
+  keys.sex_linked = is_on(entry, "xlinkr");
+  keys.grandsire = is_on(entry, "mgs");
+  keys.inbred = is_on(entry, "inbred");
+  double x = keys.inbred ? 1.0 : 0.0;
+  if (L_NUMBER(eh, entry, "fgen", false, 0.0, any, x) || keys.inbred) keys.level = x;
+  if (keys.inbred && x > 1.0) eh.error(text("the inbreeding of base lines can not be ", x));
+  L_NUMBER(eh, entry, "bee", false, 0.0, 1.0, keys.bee);
+  L_NUMBER(eh, entry, "self", false, 0.0, 1.0, keys.selfing);
+  if (eh.terminate()) return;
+  if (keys.sex_linked) {
+    eh.note(
+        "for creating the sex linked inverse relationship matrix,the first parent is assumed XY and the "
+        "second assumed XX");
+  }
+  if (keys.inbred) eh.note(text("inbred base lines: Inbreeding coefficent ", x));  // sic
+  if (keys.bee > 0.0) {
+    eh.note(
+        text("Bee breeding path coefficent ", keys.bee, ", second parent is mother queen of drone"));  // sic
+  }
+  if (keys.selfing > 0.0) eh.note(text("Open pollinated selfing proportion ", keys.selfing));
+}
+
+/// L_READ_OUTPUTS: the files to write, and what can not be had.
+void L_READ_OUTPUTS(ERROR_HANDLER& eh, const JsonNode& entry, PEDIGREE_KEYS& keys)
+{
+  const Frame here{eh, __func__};
+  keys.write_diagonal = is_on(entry, "aif");
+  if (const JsonNode* node = given_value(entry, "giv")) {
+    const std::int64_t value = node->is(JsonType::logical) ? (node->logical() ? 1 : 0) : node->integer();
+    const bool integer = node->is(JsonType::logical) || node->is(JsonType::integer);
+    if (!integer || value < 0 || value > 2) {
+      eh.error(text("expected a value of 0, 1, or 2 for, supplied value = ",
+                    node->is(JsonType::string) ? node->text() : json_text(*node)));
+      return;
+    }
+    keys.write_giv = value;
+  }
+  if (count_of(eh, entry, "dom") > 0)
+    eh.not_implemented("dominance matrices of a pedigree (dom) are not implemented");
+  if (is_on(entry, "reduce")) {
+    constexpr std::int64_t verbyla = 3;
+    if (keys.method == verbyla) {
+      eh.note(
+          "reducing the inverse relationship matrix not implemented forthe Verbyla method. No reduction will "
+          "therefore be done");
+    } else {
+      eh.not_implemented(
+          "reducing a pedigree's inverse to the individuals with data (reduce) is not implemented");
+    }
+  }
+}
+
+/// L_PEDIGREE: reads one pedigree and forms its inverse.
+void L_PEDIGREE(ERROR_HANDLER& eh, const JsonNode& entry, FIT_PEDIGREE& out)
+{
+  const Frame here{eh, __func__};
+  PEDIGREE_KEYS keys;
+  L_READ_SOURCE(eh, entry, keys);
+  if (eh.terminate()) return;
+  L_AIPEDA_SETUP_PEDIGREE_INFO(eh, entry, keys);
+  if (eh.terminate()) return;
+  L_READ_OUTPUTS(eh, entry, keys);
+  if (eh.terminate()) return;
+  out.name = keys.name;
+  {
+    PEDIGREE_LINES lines;
+    L_READ_PEDIGREE_LINES(eh, keys, lines);
+    if (eh.terminate()) return;
+    AIPSRT(eh, keys, lines, out.pedigree);
+    if (eh.terminate()) return;
+    const bool room = attempt([&] {
+      out.labels.reserve(out.pedigree.id.size());
+      for (const std::int32_t each : out.pedigree.id) out.labels.push_back(lines.names.name(each));
+    });
+    if (!room) return eh.out_of_memory();
+  }
+  AIPEDM(eh, keys, out.pedigree, out.inverse);
+  if (eh.terminate()) return;
+  L_PEDSTRUCT(eh, out.pedigree);
+  if (keys.sort) L_WRITE_SORTED_PEDIGREE(eh, keys, out.pedigree, out.labels);
+  if (keys.write_diagonal && !eh.terminate()) L_AIPEDA_WRITE_DIAGONAL_AINVERSE(eh, keys, out);
+  if (keys.write_giv > 0 && !eh.terminate()) L_AIPEDA_WRITE_GIV(eh, keys, out);
+}
+
+}  // namespace
+
+BREEDING_RULES breeding_rules(const PEDIGREE_KEYS& keys)
+{
+  BREEDING_RULES rules;
+  rules.grandsire = keys.grandsire || keys.bee > 0.0;
+  rules.grandsire_path = keys.bee;
+  rules.selfing = keys.selfing;
+  rules.inbred_lines = keys.inbred && keys.level == 1.0;
+  rules.base_inbreeding = keys.inbred && !rules.inbred_lines ? keys.level.value_or(0.0) : 0.0;
+  rules.group_base = keys.group_offset;
+  return rules;
+}
+
+std::string root_of_file(std::string_view path)
+{
+  const std::size_t dot = path.find_last_of("./");
+  return std::string(dot == std::string_view::npos || path[dot] == '/' ? path : path.substr(0, dot));
+}
+
+void AIPEDA(ERROR_HANDLER& eh, const JsonNode& request, std::vector<FIT_PEDIGREE>& out)
+{
+  const Frame here{eh, __func__};
+  const JsonNode* list = given_value(request, "pedigree_file");
+  if (list == nullptr) return;
+  if (list->is(JsonType::object)) return L_PEDIGREE(eh, *list, out.emplace_back());
+  if (!list->is(JsonType::array) || (list->packed() && list->size() > 0)) {
+    return REPORT_JSON_ERROR(eh, *list, {"an object", "an array of objects"});
+  }
+  for (const auto& entry : list->children()) {
+    if (!entry->is(JsonType::object))
+      return REPORT_JSON_ERROR(eh, *entry, {"an object that describes a pedigree"});
+    L_PEDIGREE(eh, *entry, out.emplace_back());
+    if (eh.terminate()) return;
+  }
+}
+
+}  // namespace tolvan
