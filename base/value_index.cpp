@@ -27,8 +27,7 @@ std::size_t VALUE_INDEX::slot_of(double x, double y) const
   const std::size_t mask = slot_.size() - 1;
   std::size_t s = static_cast<std::size_t>(mix(x, y)) & mask;
   while (slot_[s] != 0) {
-    const auto k = static_cast<std::size_t>(slot_[s] - 1);
-    if (x_[k] == x && y_[k] == y) return s;
+    if (holds(static_cast<std::size_t>(slot_[s] - 1), x, y)) return s;
     s = (s + 1) & mask;
   }
   return s;
@@ -37,7 +36,7 @@ std::size_t VALUE_INDEX::slot_of(double x, double y) const
 void VALUE_INDEX::rehash(std::size_t slots)
 {
   slot_.assign(slots, 0);
-  for (std::size_t k = 0; k < x_.size(); ++k) slot_[slot_of(x_[k], y_[k])] = static_cast<std::int32_t>(k) + 1;
+  for (std::size_t k = 0; k < x_.size(); ++k) slot_[slot_of(x_[k], y_.empty() ? 0.0 : y_[k])] = static_cast<std::int32_t>(k) + 1;
 }
 
 void VALUE_INDEX::add(double x, double y)
@@ -51,8 +50,9 @@ void VALUE_INDEX::add(double x, double y)
     rehash(2 * slot_.size());
     s = slot_of(x, y);
   }
+  if (y != 0.0 && y_.empty()) y_.resize(x_.size(), 0.0);
   x_.push_back(x);
-  y_.push_back(y);
+  if (y != 0.0 || !y_.empty()) y_.resize(x_.size(), y);
   slot_[s] = static_cast<std::int32_t>(x_.size());
 }
 
@@ -62,10 +62,11 @@ void VALUE_INDEX::sort()
   std::iota(order.begin(), order.end(), 0);
   std::sort(order.begin(), order.end(), [this](std::int32_t a, std::int32_t b) {
     const auto i = static_cast<std::size_t>(a), j = static_cast<std::size_t>(b);
-    return x_[i] < x_[j] || (x_[i] == x_[j] && y_[i] < y_[j]);
+    return x_[i] < x_[j] || (x_[i] == x_[j] && !y_.empty() && y_[i] < y_[j]);
   });
   std::vector<double> sorted(x_.size());
   for (std::vector<double>* values : {&x_, &y_}) {
+    if (values->empty()) continue;
     for (std::size_t k = 0; k < order.size(); ++k) sorted[k] = (*values)[static_cast<std::size_t>(order[k])];
     values->swap(sorted);
   }

@@ -19,14 +19,16 @@ class VALUE_INDEX {
 
   std::int64_t size() const { return static_cast<std::int64_t>(x_.size()); }
   double x(std::int64_t place) const { return x_[static_cast<std::size_t>(place - 1)]; }
-  double y(std::int64_t place) const { return y_[static_cast<std::size_t>(place - 1)]; }
+  double y(std::int64_t place) const { return y_.empty() ? 0.0 : y_[static_cast<std::size_t>(place - 1)]; }
   const std::vector<double>& values() const { return x_; }
   void clear() { *this = {}; }
 
  private:
   std::size_t slot_of(double x, double y) const;
   void rehash(std::size_t slots);
-  std::vector<double> x_, y_;       // as added, after sort() rising
+  bool holds(std::size_t k, double x, double y) const { return x_[k] == x && (y_.empty() ? 0.0 : y_[k]) == y; }
+  std::vector<double> x_;           // as added, after sort() rising
+  std::vector<double> y_;           // the same; empty as long as all are 0
   std::vector<std::int32_t> slot_;  // open addressing: place of the pair, 0 for none; a power of two of them
 };
 

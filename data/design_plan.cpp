@@ -1,6 +1,7 @@
 #include "data/design_plan.h"
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 
 #include "base/text.h"
@@ -46,6 +47,7 @@ void L_PLAN_MEMBERS(ERROR_HANDLER& eh, Planner& p, const FACTOR_ROW& factor, DES
     component.shape = p.factors.row(row).is_factor ? Shape::overlaid : Shape::side_by_side;
   }
   component.most = std::ssize(component.members);
+  component.typical = static_cast<double>(component.most);
 }
 
 /// L_PLAN_COMPONENT: one factor row of a term.
@@ -113,6 +115,14 @@ void L_PLAN_COMPONENT(ERROR_HANDLER& eh, Planner& p, const TERM_ROW& term, std::
   L_NEED_BASIS(eh, factor);
   if (eh.terminate()) return;
   component.basis = factor.basis.get();
+  if (component.shape == Shape::file_row) {
+    const auto& table = component.basis->table;
+    const auto zeros = std::count(table.begin(), table.end(), 0.0);
+    const double rows = static_cast<double>(table.size()) / static_cast<double>(std::max<std::int64_t>(component.levels, 1));
+    component.typical = rows > 0.0 ? static_cast<double>(std::ssize(table) - zeros) / rows : 0.0;
+  } else {
+    component.typical = component.shape == Shape::contrast ? 2.0 : static_cast<double>(component.most);
+  }
   component.source = source_of(eh, p, factor.source, as_number);
 }
 
@@ -139,7 +149,8 @@ void L_PLAN_TERM(ERROR_HANDLER& eh, Planner& p, const TERM_ROW& term, std::int64
   planned.name = term.name;
   planned.first = term.first;
   planned.joins = joined_equations > 0;
-  std::int64_t equations = 1, pairs = 1;
+  std::int64_t equations = 1;
+  double typical = 1.0;
   const auto [from, to] = term.components();
   for (std::int64_t row = from; row <= to; ++row) {
     DESIGN_COMPONENT component;
@@ -149,7 +160,7 @@ void L_PLAN_TERM(ERROR_HANDLER& eh, Planner& p, const TERM_ROW& term, std::int64
       eh.error(text("model term ", term.name, " has too many equations"));
       return;
     }
-    pairs = std::min(pairs * component.most, most_equations);
+    typical *= component.typical;
     planned.components.push_back(std::move(component));
   }
   const std::int64_t set_up = planned.joins ? joined_equations : term.equations;
@@ -158,9 +169,7 @@ void L_PLAN_TERM(ERROR_HANDLER& eh, Planner& p, const TERM_ROW& term, std::int64
                      " are needed"));
     return;
   }
-  planned.single = pairs == 1;
-  p.plan.elements += pairs;
-  p.plan.most_pairs = std::max(p.plan.most_pairs, pairs);
+  p.plan.elements += static_cast<std::int64_t>(std::ceil(std::min(typical, static_cast<double>(most_equations))));
   note_columns(planned, p.plan);
   p.plan.terms.push_back(std::move(planned));
 }

@@ -34,6 +34,7 @@ struct DESIGN_COMPONENT {
   const DESIGN_BASIS* basis = nullptr;
   std::int64_t levels = 1;   // places that it has in the term
   std::int64_t most = 1;     // pairs that it can have in a record
+  double typical = 1.0;      // and has, roughly, on average
   std::int64_t first_degree = 0, degrees = 1;
   bool by_level = false;     // file_row: the source is a level, not a key
   bool condition = false;    // a comparison: where it is 0 the term is not there, whatever else is missing
@@ -47,7 +48,6 @@ struct DESIGN_TERM {
   std::int64_t first = 0;
   std::vector<DESIGN_COMPONENT> components;
   bool joins = false;  // and(): adds to the equations of the terms before it
-  bool single = true;  // at most one pair in a record
 };
 
 /// Columns whose missing values count where all of some conditions hold.
@@ -67,7 +67,6 @@ struct DESIGN_PLAN {
   std::size_t weight = 0;        // column of the weights
   TERM_ROW* mv = nullptr;        // null without mv
   std::int64_t elements = 0;     // that a row has, roughly, for reserving
-  std::int64_t most_pairs = 1;   // that one term can have in a record
 };
 
 /// L_PLAN_DESIGN: resolves the terms to columns of the data store and functions of them; refuses what has no design.
