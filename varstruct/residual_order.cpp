@@ -7,10 +7,7 @@
 #include "base/memory.h"
 #include "base/numbers.h"
 #include "base/text.h"
-#include "varstruct/coordinates.h"
-#include "varstruct/distance_setup.h"
-#include "varstruct/labels.h"
-#include "varstruct/model_catalogue.h"
+#include "varstruct/residual_levels.h"
 #include "varstruct/residual_sections.h"
 
 namespace tolvan {
@@ -18,75 +15,6 @@ namespace tolvan {
 namespace {
 
 using Rows = std::vector<std::int64_t>;  // of the design, from 0
-
-/// What tells the level of a record in one component: a value, or a pair of them.
-struct KEY {
-  double x = 0.0, y = 0.0;
-  friend bool operator<(const KEY& a, const KEY& b) { return a.x < b.x || (a.x == b.x && a.y < b.y); }
-  friend bool operator==(const KEY& a, const KEY& b) { return a.x == b.x && a.y == b.y; }
-};
-
-/// How the levels of a component are found in the data.
-struct PLAN {
-  enum class Reads { units, trait, column };
-  Reads reads = Reads::units;
-  std::size_t column = 0, second = 0;  // of the data store
-  bool pair = false;
-  bool metric = false;      // a model with distances
-  bool coded = false;       // the value is a level of a factor
-  bool known = true;        // false: no column of the data tells its levels
-  std::int64_t levels = 0;  // of the factor
-};
-
-bool is_metric(const std::string& function)
-{
-  const MODEL_REQUEST asked = model_request(function);
-  return asked.model != nullptr && asked.model->code == 6;
-}
-
-PLAN plan_of(const FACTOR_TABLE& factors, const RESIDUAL_COMPONENT& component)
-{
-  PLAN plan;
-  plan.metric = is_metric(component.function);
-  if (is_units(factors, component.factor)) return plan;
-  if (is_trait(factors, component.factor)) {
-    plan.reads = PLAN::Reads::trait;
-    plan.levels = factors.row(component.factor).levels;
-    return plan;
-  }
-  plan.reads = PLAN::Reads::column;
-  const FACTOR_ROW& f = factors.row(component.factor);
-  const std::int64_t x = data_row(factors, component.factor);
-  plan.known = x > 0;
-  plan.levels = f.levels;
-  if (x == 0) return plan;
-  plan.column = static_cast<std::size_t>(factors.row(x).variable - 1);
-  const std::int64_t y = f.second > 0 ? data_row(factors, f.second) : 0;
-  plan.pair = y > 0;
-  if (plan.pair) plan.second = static_cast<std::size_t>(factors.row(y).variable - 1);
-  plan.coded = !plan.pair && factors.row(x).is_factor;
-  if (plan.coded) plan.levels = factors.row(x).levels;
-  return plan;
-}
-
-/// The key of one record; no_value where a value is missing.
-KEY key_of(const PLAN& plan, const DATA_STORE& store, const DESIGN_MTX& design, std::int64_t row)
-{
-  const auto r = static_cast<std::size_t>(row);
-  switch (plan.reads) {
-    case PLAN::Reads::units:
-      return {static_cast<double>(design.record[r]), 0.0};
-    case PLAN::Reads::trait:
-      return {design.trait.empty() ? 1.0 : static_cast<double>(design.trait[r]), 0.0};
-    case PLAN::Reads::column: {
-      const auto data = store.row(design.record[r] - 1);
-      KEY key{data[plan.column], plan.pair ? data[plan.second] : 0.0};
-      if (is_no_value(key.x) || is_no_value(key.y)) key.x = no_value;
-      return key;
-    }
-  }
-  return {};
-}
 
 /// The level of a record in the factor that tells sections apart.
 double level_of(const DATA_STORE& store, const DESIGN_MTX& design, std::int64_t condition, std::int64_t row)
@@ -129,71 +57,6 @@ void L_FIND_SECTIONS(ERROR_HANDLER& eh, const DATA_STORE& store, const DESIGN_MT
     eh.error("R structures do not match records in data.");
     eh.continuation(text("number of sections: ", sections.size(), ", total size of sections: ",
                          design.rows() - outside, ", number of rows in design matrix: ", design.rows()));
-  }
-}
-
-/// L_FIND_LEVELS: the level of each record of a section in one component, from 0, with the component's size
-/// and coordinates.
-///   points       of a model with distances: the number of points that the other components leave to it, as
-///   many as records
-///                where it is alone; 0: as many as there are
-///   all_levels   the section has all levels of a factor; else those that its records have
-void L_FIND_LEVELS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
-                   const DATA_STORE& store, const DESIGN_MTX& design, const Rows& rows, const PLAN& plan,
-                   std::int64_t points, bool all_levels, RESIDUAL_COMPONENT& component,
-                   std::vector<std::int64_t>& level)
-{
-  const Frame here{eh, __func__};
-  const std::size_t n = rows.size();
-  std::vector<KEY> keys(n);
-  for (std::size_t i = 0; i < n; ++i) {
-    keys[i] = key_of(plan, store, design, rows[i]);
-    if (!is_no_value(keys[i].x)) continue;
-    eh.error("R structures do not match records in data.");
-    eh.continuation(text("data record ", design.record[static_cast<std::size_t>(rows[i])],
-                         " has no level in ", component_label(factors.row(component.factor))));
-    return;
-  }
-  if (plan.metric && points > 0) {
-    PLACES places;
-    std::vector<double> x(n), y(plan.pair ? n : 0);
-    for (std::size_t i = 0; i < n; ++i) {
-      x[i] = keys[i].x;
-      if (plan.pair) y[i] = keys[i].y;
-    }
-    AIDPOW(eh, x, y, points, places);
-    if (eh.terminate()) {
-      eh.continuation("failed while setting up the power model");
-      return;
-    }
-    component.size = points;
-    component.coordinates = std::move(places.at);
-    level = std::move(places.level);
-    LEVEL_COORDINATES(eh, variables, factors, component.factor, component.coordinates);
-    return;
-  }
-  level.assign(n, 0);
-  std::vector<KEY> found;  // of the levels
-  if (plan.reads == PLAN::Reads::trait || (plan.coded && all_levels)) {
-    for (std::size_t i = 0; i < n; ++i) level[i] = static_cast<std::int64_t>(keys[i].x) - 1;
-    for (std::int64_t l = 1; l <= plan.levels; ++l) found.push_back({static_cast<double>(l), 0.0});
-  } else {
-    found = keys;
-    std::sort(found.begin(), found.end());
-    found.erase(std::unique(found.begin(), found.end()), found.end());
-    for (std::size_t i = 0; i < n; ++i) {
-      level[i] = std::lower_bound(found.begin(), found.end(), keys[i]) - found.begin();
-    }
-  }
-  component.size = static_cast<std::int64_t>(found.size());
-  component.coordinates = {};
-  if (!plan.metric) return;
-  for (const KEY& point : found) {
-    component.coordinates.x.push_back(point.x);
-    if (plan.pair) component.coordinates.y.push_back(point.y);
-  }
-  if (plan.known && plan.reads == PLAN::Reads::column) {
-    LEVEL_COORDINATES(eh, variables, factors, component.factor, component.coordinates);
   }
 }
 
@@ -260,9 +123,16 @@ void L_PLACE_SECTION(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const F
   place.assign(rows.size(), 0);
   const bool all_levels = residual.sections.size() == 1;
   const std::size_t n = section.components.size();
-  std::vector<PLAN> plans;
+  const RESIDUAL_COMPONENT& first = section.components.front();
+  if (n == 1 && is_units(factors, first.factor) && !is_metric(first.function) && info.responses.size() == 1) {
+    section.components.front().size = records;  // in whatever order
+    std::iota(place.begin(), place.end(), std::int64_t{0});
+    return;
+  }
+  std::vector<LEVEL_PLAN> plans;
   for (const RESIDUAL_COMPONENT& component : section.components) plans.push_back(plan_of(factors, component));
-  const auto metrics = std::count_if(plans.begin(), plans.end(), [](const PLAN& p) { return p.metric; });
+  const auto metrics =
+      std::count_if(plans.begin(), plans.end(), [](const LEVEL_PLAN& p) { return p.metric; });
 
   // What has no distances comes first: it leaves a number of points to the one component that has.
   std::vector<std::vector<std::int64_t>> level(n);
