@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "app/ainv.h"
 #include "app/check.h"
 #include "app/fit.h"
 #include "app/json_value.h"
@@ -84,7 +85,8 @@ int run(int argc, char** argv)
     command->footer(exit_codes);
   }
   fit_command->add_flag("--json", a.json, "Print all results as one JSON document");
-  CLI::Option* const as_json = check_command->add_flag("--json", a.json, "Print everything as one JSON document");
+  CLI::Option* const as_json =
+      check_command->add_flag("--json", a.json, "Print everything as one JSON document");
   check_command
       ->add_flag("--standard-json", standard_json,
                  "Print the request in its standard form, with all calls and lists written out")
@@ -92,11 +94,49 @@ int run(int argc, char** argv)
   fit_command->add_option("-o", a.folder, "Write the report files into this folder")->type_name("DIR");
   for (CLI::App* const command : {fit_command, check_command}) {
     CLI::Option* const q = command->add_flag("-q", quiet, "No progress and no notes")->option_text(" ");
-    command->add_flag("-v", verbose, "Tell more about data, messages and time")->excludes(q)->option_text(" ");
+    command->add_flag("-v", verbose, "Tell more about data, messages and time")
+        ->excludes(q)
+        ->option_text(" ");
   }
   fit_command->add_option("--threads", a.threads, "Use at most N threads (the results do not depend on it)")
       ->option_text("N")
       ->check(CLI::Range(1, 1024));
+  AinvArguments p;
+  CLI::App* const ainv_command = app.add_subcommand(
+      "ainv", "Form the inverse of a pedigree's relationship matrix and print what it is like");
+  ainv_command
+      ->add_option("pedigree", p.pedigree,
+                   "A CSV file with a header: identity, male parent, female parent; 0, NA, na, *, . and\n"
+                   "nothing are missing ('-' for standard input)")
+      ->required()
+      ->option_text(" ");
+  const std::pair<const char*, std::pair<std::string*, const char*>> columns[] = {
+      {"--id", {&p.id, "The column of the identities (1)"}},
+      {"--male", {&p.male, "The column of the male parents (2)"}},
+      {"--female", {&p.female, "The column of the female parents (3)"}},
+      {"--sex", {&p.sex, "The column of the sexes, 0 male and 1 female: the inverse for an X-linked locus"}},
+      {"--fgen", {&p.fgen, "The column of generations of selfing (1 and more) or inbreeding (below 1)"}}};
+  for (const auto& [option, target] : columns) {
+    ainv_command->add_option(option, *target.first, target.second)->option_text("NAME|N");
+  }
+  ainv_command->add_flag("--no-header", p.no_header, "The first line is an individual");
+  ainv_command->add_option("--missing", p.missing, "A further text for a missing parent")
+      ->option_text("TEXT");
+  ainv_command->add_flag("--mgs", p.grandsire, "The female column holds maternal grandsires");
+  ainv_command->add_option("--selfing", p.selfing, "The rate of selfing where the female parent is missing")
+      ->option_text("RATE");
+  ainv_command->add_option("--inbreeding", p.inbreeding, "Inbreeding of the base; 1: all are inbred lines")
+      ->option_text("F");
+  ainv_command->add_option("--groups", p.groups, "The first N individuals are genetic groups")
+      ->option_text("N")
+      ->check(CLI::NonNegativeNumber);
+  ainv_command->add_option("--group-offset", p.group_offset, "The diagonal of the groups")->option_text("B");
+  ainv_command
+      ->add_option("-o", p.output, "Write the inverse as lines of row, column, value; identities to FILE.ids")
+      ->type_name("FILE");
+  ainv_command->add_flag("--json", p.json, "Print all tables as one JSON document");
+  ainv_command->add_flag("-q", quiet, "No notes")->option_text(" ");
+  ainv_command->footer(exit_codes);
   CLI::App* const version_command = app.add_subcommand("version", "Print the version");
 
   try {
@@ -107,6 +147,10 @@ int run(int argc, char** argv)
   a.talk = quiet ? Talk::quiet : verbose ? Talk::verbose : Talk::normal;
   if (*fit_command) return fit(a);
   if (*check_command) return check(a, standard_json);
+  if (*ainv_command) {
+    p.talk = a.talk;
+    return ainv(p);
+  }
   if (*version_command) return print_version();
   std::fputs(app.help().c_str(), stderr);
   return static_cast<int>(Exit::usage);

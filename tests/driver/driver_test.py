@@ -241,6 +241,54 @@ class Check(InAFolder):
             self.assertEqual(tolvan(*arguments, cwd=self.folder).returncode, 2)
 
 
+class Ainv(InAFolder):
+    ROWS = "kid,dad,mum,generation\nx,s1,d1,2\ns1,,,1\ny,s1,NA,2\n"
+
+    def test_report_and_files(self):
+        pedigree = self.write("pedigree.csv", self.ROWS)
+        output = self.folder / "a.giv"
+        run = tolvan("ainv", pedigree, "-q", "-o", output)
+        self.assertEqual(run.returncode, 0, run.stderr)
+        self.assertEqual(run.stderr, "")
+        report = dict(re.findall(r"^ *(\S.*?) {2,}(\S+)$", run.stdout, re.M))
+        # d1 has no line of its own: it stands ahead of all; x has both parents, y one.
+        self.assertEqual(report["Individuals"], "4")
+        self.assertEqual([report["with two parents"], report["with one parent"], report["with none"], report["inbred"]],
+                         ["1", "1", "2", "0"])
+        self.assertAlmostEqual(float(report["log|A^-1|"]), 0.980829, 6)  # -ln 0.5 - ln 0.75
+        self.assertEqual((self.folder / "a.giv.ids").read_text(), "1 d1 0\n2 s1 0\n3 x 0\n4 y 0\n")
+        elements = {(int(i), int(j)): float(v) for i, j, v in map(str.split, output.read_text().splitlines())}
+        expected = {(1, 1): 1.5, (2, 1): 0.5, (2, 2): 1 + 0.5 + 1 / 3, (3, 1): -1, (3, 2): -1, (3, 3): 2, (4, 2): -2 / 3, (4, 4): 4 / 3}
+        self.assertEqual(elements.keys(), expected.keys())
+        for place, value in expected.items():
+            self.assertAlmostEqual(elements[place], value, 12)
+
+    def test_columns_and_options(self):
+        by_name = self.write("turned.csv", "mum,kid,sex,dad\nd1,x,1,s1\n,s1,0,\n,d1,1,\n")
+        run = tolvan("ainv", by_name, "--id", "kid", "--male", "4", "--female", "mum", "--json")
+        self.assertEqual(run.returncode, 0, run.stderr)
+        document = json.loads(run.stdout)
+        self.assertEqual(document["scalars"]["SCALAR_INVERTED"], 1)
+        names = [column["values"] for column in document["tables"]["TABLE_AINV_UID"]["column_info"]["columns"]]
+        self.assertEqual(names, [["s1", "d1", "x"]])
+        linked = tolvan("ainv", by_name, "--id", "kid", "--male", "dad", "--female", "mum", "--sex", "sex", "-q")
+        self.assertEqual(linked.returncode, 0, linked.stderr)
+        bare = self.write("bare.csv", "1,0,0\n2,0,0\n3,1,2\n")
+        self.assertIn("Individuals                           3", tolvan("ainv", bare, "--no-header").stdout)
+
+    def test_faults(self):
+        loop = self.write("loop.csv", "id,s,d\na,b,0\nb,a,0\n")
+        run = tolvan("ainv", loop)
+        self.assertEqual((run.returncode, run.stdout), (3, ""))
+        self.assertIn("Unable to sort pedigree so all parents are before their progeny.", run.stderr)
+        for arguments in (["ainv", loop, "--id", "name"], ["ainv", loop, "--male", "4"], ["ainv", loop, "--sex", "s"],
+                          ["ainv", self.folder / "none.csv"]):
+            run = tolvan(*arguments)
+            self.assertEqual((run.returncode, run.stdout), (3, ""), arguments)
+            self.assertNotEqual(run.stderr, "")
+        self.assertEqual(tolvan("ainv").returncode, 2)
+
+
 class Failures(InAFolder):
     def refused(self, code, *arguments, says=""):
         run = tolvan("fit", *arguments)
