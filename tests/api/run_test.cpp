@@ -94,7 +94,6 @@ TEST(Stages, RefuseWhatIsNotBuiltByName)
     const char* told;
   };
   const Row rows[] = {
-      {R"("pedigree_file":{"name":"p.csv"})", "the key pedigree_file is not implemented"},
       {R"("marker_file":{"name":"m.txt"})", "the key marker_file is not implemented"},
       {R"("spline":{"name":"s"})", "the key spline is not implemented"},
       {R"("mbf":{"name":"s"})", "the key mbf is not implemented"},
