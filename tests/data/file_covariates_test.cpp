@@ -9,8 +9,15 @@ namespace tolvan {
 namespace {
 
 /// Variables f (labels b, a, c, d), n (numbers 7 and 3), x, y of a matrix by rows.
+/// A folder of the running test's own, since tests run side by side.
+std::string scratch_folder()
+{
+  const std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
+  return (std::filesystem::temp_directory_path() / ("tolvan_covariates_" + name)).string();
+}
+
 struct Covariates {
-  std::string folder = (std::filesystem::temp_directory_path() / "tolvan_covariates").string();
+  std::string folder = scratch_folder();
   std::string file = folder + "/marks.txt";
   DataRoad road;
 
@@ -32,7 +39,7 @@ struct Covariates {
 
 std::string defined(std::string_view variable, std::string_view more)
 {
-  const std::string file = (std::filesystem::temp_directory_path() / "tolvan_covariates" / "marks.txt").string();
+  const std::string file = scratch_folder() + "/marks.txt";
   return text(R"({"name":"m1","variable":")", variable, R"(","file":")", file, "\"", more, "}");
 }
 
