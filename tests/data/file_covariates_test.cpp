@@ -8,7 +8,6 @@
 namespace tolvan {
 namespace {
 
-/// Variables f (labels b, a, c, d), n (numbers 7 and 3), x, y of a matrix by rows.
 /// A folder of the running test's own, since tests run side by side.
 std::string scratch_folder()
 {
@@ -16,6 +15,7 @@ std::string scratch_folder()
   return (std::filesystem::temp_directory_path() / ("tolvan_covariates_" + name)).string();
 }
 
+/// Variables f (labels b, a, c, d), n (numbers 7 and 3), x, y of a matrix by rows.
 struct Covariates {
   std::string folder = scratch_folder();
   std::string file = folder + "/marks.txt";
