@@ -157,7 +157,7 @@ STRUCTURES = {
     "exp": (repeated("exp(time)", 1.4 * ar1(6, 0.7)), [0.7, 1.4], {}),
     "ar1xar1": (trial(False), [0.5, 0.4, 0.7, 1.0], {}),
     "ar1xar1 and nugget": (trial(True), [0.5, 0.4, 0.4, 0.7, 1.0], {}),
-    "sections": (sections, [1.0, 0.3, 0.6, 1.5, 0.4, 0.6, 2.0, 0.5, 0.6], {}),
+    "sections": (sections, [0.3, 1.0, 0.6, 0.4, 1.5, 0.6, 0.5, 2.0, 0.6], {}),
     "us environments": (environments("us(env)", US3), packed(US3) + [1.0], {}),
     "diag environments": (environments("diag(env)", np.diag([0.5, 1.0, 1.5])), [0.5, 1.0, 1.5, 1.0], {}),
     "corh environments": (environments("corh(env)", scaled(0.5 * np.ones((3, 3)) + 0.5 * np.eye(3), [0.5, 1.0, 1.5])),
