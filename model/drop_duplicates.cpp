@@ -8,6 +8,28 @@
 
 namespace tolvan {
 
+namespace {
+
+/// True for a term with at() or sat(), which may stand for several terms: what it drops is seen once these are told apart.
+bool may_stand_for_several(const JsonNode& term)
+{
+  if (const JsonNode* function = term.find("function")) {
+    const std::string_view name = function_name(*function);
+    if (name == "at" || name == "sat") return true;
+    const JsonNode* arguments = function->find("arguments");
+    if (arguments == nullptr || arguments->size() == 0) return false;
+    const JsonNode* first = arguments->children().front()->find("value");
+    return first != nullptr && may_stand_for_several(*first);
+  }
+  const JsonNode* factors = term.find("interaction");
+  if (factors == nullptr) return false;
+  for (const auto& factor : factors->children())
+    if (may_stand_for_several(*factor)) return true;
+  return false;
+}
+
+}  // namespace
+
 void API_DROP_DUPLICATE_TERMS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& list,
                               std::string_view part)
 {
@@ -20,8 +42,9 @@ void API_DROP_DUPLICATE_TERMS(ERROR_HANDLER& eh, const COMMUNICATION& communicat
     const JsonNode& term = *list.children()[k];
     names[k] = GET_FACNAME_FROM_JPTR(eh, communication, term);
     if (has_flag(term, "drop")) {
-      stays[k] = false;
-      if (const auto earlier = standing.find(names[k]); earlier != standing.end()) {
+      const auto earlier = standing.find(names[k]);
+      stays[k] = earlier == standing.end() && part != "predict" && may_stand_for_several(term);
+      if (earlier != standing.end()) {
         stays[earlier->second] = false;
         standing.erase(earlier);
       }
@@ -40,11 +63,15 @@ void API_DROP_DUPLICATE_TERMS(ERROR_HANDLER& eh, const COMMUNICATION& communicat
       gone.push_back(names[k]);
     }
   }
-  if (gone.empty()) return;
+  if (gone.empty() && !standing.empty()) return;
+  if (gone.empty()) {  // nothing but terms to drop
+    eh.error("should not have been able to remove all the terms");
+    return;
+  }
   eh.note(part == "predict" ? std::string("duplicate terms were dropped from the predict statement")
                             : text("duplicate terms were dropped from the ", part, " part of the model"));
   eh.continuation(text("terms dropped: ", join(gone, ", ")));
-  if (kept->size() == 0) {
+  if (standing.empty()) {
     eh.error("should not have been able to remove all the terms");
     return;
   }

@@ -60,13 +60,19 @@ void PARSE_RESIDUAL_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const Jso
     } else {
       sections.push_back({ADD_SPECIAL_TERM_FROM_JPTR(eh, parser, *node)});
     }
+    const std::size_t added = parser.terms.rows.size();
     for (const std::vector<COMPONENT>& components : sections) {
       if (eh.terminate()) return;
       L_ADD_SECTION(eh, parser, *node, components);
     }
+    if (!eh.terminate() && has_flag(*node, "drop")) DROP_TERMS(eh, parser, first, added);
     if (eh.terminate()) return;
   }
 
+  if (parser.terms.rows.size() == first) {
+    eh.error("should not have been able to remove all the terms");
+    return;
+  }
   // A record belongs to one section alone.
   std::set<std::pair<std::int64_t, double>> conditions;  // factor and level
   for (std::size_t t = first; t < parser.terms.rows.size(); ++t) {

@@ -280,13 +280,15 @@ void ADD_TERM_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode&
 void LOOP_OVER_TERMS_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& list, Block block)
 {
   const Frame here{eh, __func__};
+  const std::size_t part = parser.terms.rows.size();
   for (const auto& node : list.children()) {
-    if (has_flag(*node, "drop")) continue;  // the terms that it drops have gone before
+    const std::size_t first = parser.terms.rows.size();
     if (node->find("linked") != nullptr) {
       ADD_LINKED_TERMS_FROM_JPTR(eh, parser, *node, block);
     } else {
       ADD_TERM_FROM_JPTR(eh, parser, *node, block);
     }
+    if (!eh.terminate() && has_flag(*node, "drop")) DROP_TERMS(eh, parser, part, first);
     if (eh.terminate()) return;
   }
 }

@@ -1,6 +1,6 @@
 // Reading the terms of the standard form into the factor and term tables.  Used by the parser of the model and by the design
 // functions alone.  Routines: PARSE_MODEL_FORMULA_FROM_JPTR, PARSE_RESIDUAL_FROM_JPTR, LOOP_OVER_TERMS_FROM_JPTR, ADD_,
-// AS_PICKDS, AS_NEXTFACT, FLATTEN_INTERACTION.
+// DROP_TERMS, AS_PICKDS, AS_NEXTFACT, FLATTEN_INTERACTION.
 #pragma once
 
 #include <cstdint>
@@ -59,6 +59,10 @@ void PARSE_MODEL_FORMULA_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, cons
 void PARSE_RESIDUAL_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& part);
 /// LOOP_OVER_TERMS_FROM_JPTR: reads the terms of a list.
 void LOOP_OVER_TERMS_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& list, Block block);
+/// DROP_TERMS: takes the terms that a dropped one stands for out of the table again.
+///   part    index of the first term of its part
+///   first   index of the first row that was read for the dropped term; these rows go as well
+void DROP_TERMS(ERROR_HANDLER& eh, MODEL_PARSER& parser, std::size_t part, std::size_t first);
 /// ADD_TERM_FROM_JPTR: reads one element of a list into a term row, or into several where it expands.
 void ADD_TERM_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& node, Block block);
 /// ADD_LINKED_TERMS_FROM_JPTR: reads the terms of str(), which share its structure.
