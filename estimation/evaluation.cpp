@@ -315,10 +315,10 @@ void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int 
   log_likelihood(model, ev);
 }
 
-/// Whether LogL fell so far that the evaluation is repeated nearer to the saved parameters; moves them there.
+/// Whether LogL fell so far that the evaluation is repeated nearer to the best parameters; moves them there.
 bool damp_again(std::int64_t iteration, int repeats, double& second, VARIANCE_MODEL& model, FIT_WORK& work, const EVALUATION& ev)
 {
-  if (iteration < 2 || !work.has_saved || repeats >= repeats_of_damping) return false;
+  if (iteration < 2 || work.best.empty() || repeats >= repeats_of_damping) return false;
   const double p = static_cast<double>(model.parameters.size());
   const bool listed = repeats > 0;
   if (!(listed || work.best_logl < ev.logl + 2.0 * p + 10.0)) return false;
@@ -326,7 +326,7 @@ bool damp_again(std::int64_t iteration, int repeats, double& second, VARIANCE_MO
   work.update.step *= 0.25;
   if (!(work.best_logl > ev.logl + 1.0)) return false;
   for (std::size_t i = 0; i < model.parameters.size(); ++i) {
-    const double saved = work.saved[i].value;
+    const double saved = work.best[i];
     double& value = model.parameters[i].value;
     if (value != saved) value = wide(0.9f) * saved + wide(0.1f) * value;
   }

@@ -20,7 +20,7 @@ constexpr double base_unit = 100000.0;     // LogL beyond 120000 is reported rel
 constexpr double base_needed = 120000.0;
 constexpr std::int64_t last_retry_marker = 4;
 constexpr std::int64_t retries = 3;
-constexpr std::int64_t many_iterations = 3;
+constexpr std::int64_t many_iterations = 2;
 constexpr double last_fall = 0.002;        // of LogL from the best evaluation to the last, which is still convergence
 
 /// The state of the iteration that only the driver sees.
@@ -245,7 +245,9 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
       return;
     }
     L_ACCEPT(eh, call, ev, work, it);
-    if (it.n >= many_iterations && work.best_logl - ev.logl > last_fall) halve_towards_best(ev, call.model, work);
+    const bool fell = it.n >= many_iterations && work.best_logl - ev.logl > last_fall;
+    damp_steps(fell, work.update);
+    if (fell) halve_towards_best(ev, call.model, work);
     L_TRACE(eh, call, work, ev, it, fit);
     const bool repeated = it.repeats > 0;
     it.repeats = 0;

@@ -11,6 +11,10 @@
 namespace tolvan {
 namespace {
 
+constexpr double loading_growth = 3.0;    // the most that a loading may grow in one step, in loadings and units
+constexpr double loading_fall = 0.9;      // the most that it may shrink by, besides one unit
+constexpr double least_damping = 0.01;
+constexpr double most_damping = 1e6;
 constexpr std::size_t many = 48;  // parameters from which the work is done by blocks
 
 /// L_PENALTY: the damping number by the change of LogL, and the multiplier of the information's diagonal it gives.
@@ -128,7 +132,39 @@ void solve_step(const INFORMATION& information, const std::vector<std::uint8_t>&
   for (std::size_t i = 0; i < n; ++i) delta[o[i]] = b[i];
 }
 
+/// Whether a loading wants to go further than its information can be trusted: more than a few times its own size up, or far through
+/// zero.  Values and steps in units, where a loading of 1 gives a record as much variance as the residual.
+bool loadings_run_away(const INFORMATION& information, const VARIANCE_MODEL& model, const std::vector<std::uint8_t>& open,
+                       const std::vector<double>& delta)
+{
+  for (std::size_t i = 0; i < delta.size(); ++i) {
+    const VARIANCE_PARAMETER& v = model.parameters[static_cast<std::size_t>(information.active[i])];
+    if (!open[i] || v.type != ParamType::L) continue;
+    const double x = v.value / information.unit[i];
+    const double up = x < 0.0 ? -delta[i] : delta[i];
+    if (up > loading_growth * (std::fabs(x) + 1.0) || -up > loading_fall * std::fabs(x) + 1.0) return true;
+  }
+  return false;
+}
+
+/// Adds the share `damping` to the diagonal of the information, the profiled residual variance left out.
+void add_to_diagonal(double damping, INFORMATION& information)
+{
+  for (std::int64_t i = 0; i < information.count(); ++i) {
+    if (i != information.held_out) information.at(i, i) *= 1.0 + damping;
+  }
+}
+
 }  // namespace
+
+void damp_steps(bool fell, UPDATE_STATE& state)
+{
+  if (fell) {
+    state.damping = std::min(std::max(10.0 * state.damping, least_damping), most_damping);
+  } else {
+    state.damping = state.damping > least_damping ? 0.1 * state.damping : 0.0;
+  }
+}
 
 void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION information, VARIANCE_MODEL& model, AIOPT& aiopt,
             UPDATE_STATE& state)
@@ -175,6 +211,16 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
   };
   for (std::size_t i = 0; i < k; ++i) {
     if (!is_free(parameter(i).constraint)) open[i] = 0;
+  }
+  // Far from the optimum, or where factors can be rotated, the information of loadings asks for steps of any size: its diagonal
+  // is raised until they are of the loadings' own (Levenberg 1944; Marquardt 1963).  Unlike cutting single steps this leaves the
+  // step as a whole uphill.
+  double damping = state.damping;
+  for (const INFORMATION plain = information;; damping = std::max(10.0 * damping, least_damping)) {
+    information = plain;
+    if (damping > 0.0) add_to_diagonal(damping, information);
+    solve_step(information, open, taken, delta);
+    if (damping >= most_damping || !loadings_run_away(information, model, open, delta)) break;
   }
   const auto hold = [&](std::size_t i) {
     restrained[i] = 1;

@@ -132,6 +132,38 @@ void L_SET_PARAMETERS(ERROR_HANDLER& eh, const IVALUE_DATA& data, const std::str
   if (!data.eq_constraints.empty()) L_EQUATE(eh, data.eq_constraints, term, range, model);
 }
 
+/// The largest variance that the residual starts with.
+double largest_residual_variance(const VARIANCE_MODEL& model)
+{
+  double largest = 0.0;
+  const auto take = [&](std::int64_t from, std::int64_t count) {
+    for (std::int64_t i = from; i < from + count; ++i) {
+      const VARIANCE_PARAMETER& p = model.parameters[static_cast<std::size_t>(i)];
+      if (p.role == ParamRole::variance) largest = std::max(largest, std::fabs(p.value));
+      if (p.role == ParamRole::precision && p.value != 0.0) largest = std::max(largest, std::fabs(1.0 / p.value));
+    }
+  };
+  for (const STRUCTURE_ROW& row : model.residual) take(row.first, row.parameters);
+  for (const RESIDUAL_SECTION& section : model.sections) {
+    if (section.scale >= 0) take(section.scale, 1);
+  }
+  return largest > 0.0 ? largest : 1.0;
+}
+
+/// What a parameter of this role is counted in where variances are counted in `variance`.
+double unit_of(ParamRole role, double variance)
+{
+  switch (role) {
+    case ParamRole::variance:
+    case ParamRole::covariance: return variance;
+    case ParamRole::loading: return std::sqrt(variance);
+    case ParamRole::precision: return 1.0 / variance;
+    case ParamRole::correlation:
+    case ParamRole::other: break;
+  }
+  return 1.0;
+}
+
 /// L_CHECK_VALUES: complains of starting values that no iteration can begin with.
 void L_CHECK_VALUES(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, double unit)
 {
@@ -142,7 +174,7 @@ void L_CHECK_VALUES(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, double unit)
         p.constraint == Constraint::P || p.constraint == Constraint::Z || p.constraint == Constraint::none;
     if (!std::isfinite(p.value)) {
       eh.error(text(given, " is not a finite number"));
-    } else if (std::fabs(p.value) > largest_ratio * unit) {
+    } else if (std::fabs(p.value) > largest_ratio * unit_of(p.role, unit)) {
       eh.error(text(given, " is too large: against it the residual variance would be lost in rounding"));
     } else if ((p.role == ParamRole::variance || p.role == ParamRole::precision) && positive &&
                p.value < 0.0) {
@@ -205,10 +237,7 @@ void FORCE_GAMMA_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& request, cons
 {
   const Frame here{eh, __func__};
   // Absolute values are as large as the response makes them; ratios have no unit.
-  const double unit =
-      model.gamma || model.residual_parameter < 0
-          ? 1.0
-          : std::fabs(model.parameters[static_cast<std::size_t>(model.residual_parameter)].value);
+  const double unit = model.gamma ? 1.0 : largest_residual_variance(model);
   GET_INITIAL_VALUES_FROM_JSON(eh, request, factors, terms, model);
   if (eh.terminate()) return;
 

@@ -12,6 +12,7 @@ namespace tolvan {
 namespace {
 
 constexpr double least_variance = 1e-5;
+constexpr double least_share = 1e-24;  // of a response's mean square: a smaller variance is rounding
 constexpr double filled_mark = -0.000919191;  // by which later code knows that the array was filled here
 
 std::size_t packed(std::size_t i, std::size_t j)
@@ -39,6 +40,18 @@ double covariance(const std::vector<double>& a, const std::vector<double>& b)
     products += (a[k] - mean_a) * (b[k] - mean_b);
   }
   return products / m;
+}
+
+/// The mean square of the values present.
+double mean_square(const std::vector<double>& y)
+{
+  double sum = 0.0, m = 0.0;
+  for (const double v : y) {
+    if (is_no_value(v)) continue;
+    sum += v * v;
+    m += 1.0;
+  }
+  return m > 0.0 ? sum / m : 0.0;
 }
 
 /// L_CHECK_PIVOTS: sweeps the covariance matrix from the last trait upward and warns of traits that the
@@ -90,7 +103,8 @@ void STARTE(ERROR_HANDLER& eh, double residual_fraction, double term_fraction,
     if (const double variance = plain[packed(i, i)]; variance <= least_variance) {
       eh.warning(text("variance of ", names[i], " is ", edit_g(variance, 15, 6),
                       ", the analysis is likely to fail"));
-      plain[packed(i, i)] = starting[packed(i, i)] = least_variance;
+      // A response in small units has a small variance and fits as well as any other; only what is lost in rounding is replaced.
+      if (!(variance > least_share * mean_square(traits[i]))) plain[packed(i, i)] = starting[packed(i, i)] = least_variance;
     }
   }
   if (t > 1) L_CHECK_PIVOTS(eh, plain, names);

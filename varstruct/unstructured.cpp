@@ -151,6 +151,11 @@ UNSTRUCTURED::Way UNSTRUCTURED::ADJUST(FORM_CONTEXT& context, std::int64_t minor
   if (eh.terminate()) return Way::none;
   if (status == Mended::yes) minor = consider(Way::weakened);
   std::copy(v_.begin(), v_.end(), weakened.begin());
+  if (context.iteration == 1) {
+    // A starting matrix at the edge of its space is no place to begin from: covariances are weakened until it is well inside.
+    if (taken == Way::weakened) return try_values(pivot_tolerance) == 0 ? taken : Way::none;
+    return L_REPEAT(eh, model, context.row, marked, minor);
+  }
   if (accepted_.size() == v_.size()) {
     for (std::size_t k = 0; k < v_.size(); ++k) v_[k] = 0.5 * (accepted_[k] + proposed_[k]);
     consider(Way::halved);

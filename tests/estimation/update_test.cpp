@@ -145,6 +145,28 @@ TEST(Update, DampingFollowsTheChangeOfLogL)
   }
 }
 
+TEST(Update, LoadingsStayInReachAndTheStepUphill)
+{
+  // One loading is asked for a step of 600, the other for one of 1.
+  for (const double score : {60.0, -60.0}) {
+    ERROR_HANDLER eh;
+    VARIANCE_MODEL model = variances({2.0, 1.0});
+    for (VARIANCE_PARAMETER& v : model.parameters) {
+      v.type = ParamType::L;
+      v.role = ParamRole::loading;
+    }
+    AIOPT aiopt;
+    aiopt(Ai::penalty) = -1;
+    UPDATE_STATE state;
+    INFORMATION asked = information({score, 2.0}, {0.1, 0.0, 2.0}, false);
+    K4MUPD(eh, 2, 1.0, asked, model, aiopt, state);
+    const double first = model.parameters[0].value - 2.0;
+    EXPECT_GT(score * first, 0.0);
+    EXPECT_LE(std::fabs(first), score > 0.0 ? 9.0 : 2.8);
+    EXPECT_GT(model.parameters[1].value, 1.0);
+  }
+}
+
 TEST(Update, ParametersWithoutInformationLeaveTheStep)
 {
   struct Case {
