@@ -16,10 +16,11 @@
 namespace tolvan::stages {
 namespace {
 
-/// The responses by trait in the order of the records, with missing marks where mv estimates them.
+/// The responses beside the offset, by trait in the order of the records, with missing marks where mv estimates them.
 std::vector<std::vector<double>> observed_responses(const DESIGN_MTX& design, std::size_t traits)
 {
   std::vector<double> response = design.response;
+  for (std::size_t r = 0; r < response.size(); ++r) response[r] = design.beside_offset(r);
   for (const std::int64_t row : design.mv) response[static_cast<std::size_t>(row)] = no_value;
   if (design.trait.empty()) return {std::move(response)};
   // A trait's values stand at the data records, so that those of one record meet.
@@ -63,12 +64,8 @@ void model_options(ERROR_HANDLER& eh, CORE_DATA& core)
   refuse_key(eh, core.request, "fown");
 }
 
-void check_model(ERROR_HANDLER& eh, CORE_DATA& core)
+void check_model(ERROR_HANDLER&, CORE_DATA& core)
 {
-  if (core.model_info.offset > 0) {
-    eh.not_implemented(text("the offset ", core.factors.row(core.model_info.offset).name, " is not implemented"));
-    return;
-  }
   CHECK_FOR_INTERACTION_NO_MAIN(core.factors, core.terms);
 }
 

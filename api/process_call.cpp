@@ -4,6 +4,7 @@
 #include "api/run_stages.h"
 #include "api/stage_support.h"
 #include "base/lapack.h"
+#include "base/text.h"
 #include "model/request.h"
 #include "reports/clean_up.h"
 #include "reports/result_tables.h"
@@ -51,6 +52,28 @@ void L_EXIT_TAIL(ERROR_HANDLER& eh, CORE_DATA& core, bool terminated, std::strin
   }
 }
 
+/// L_CHOOSE_MODEL: where a request has several models, a copy with the one that this run fits, the first or that of the number
+/// under dopart; null for a request with one model.
+std::unique_ptr<JsonNode> L_CHOOSE_MODEL(ERROR_HANDLER& eh, const JsonNode& request)
+{
+  const Frame here{eh, __func__};
+  const JsonNode* models = request.find("model");
+  if (models == nullptr || !models->is(JsonType::array) || models->size() < 2) return nullptr;
+  const JsonNode* part = request.find("dopart");
+  std::int64_t chosen = 1;
+  if (part == nullptr || stages::asks_for_nothing(*part)) {
+    eh.warning(text("the request has ", models->size(), " models, the first is fitted"));
+    eh.continuation("the key dopart gives the number of another");
+  } else if (!read_integer(stages::scalar_text(*part), chosen) || chosen < 1 || chosen > models->size()) {
+    REPORT_JSON_ERROR(eh, *part, {text("the number of a model, 1 to ", models->size())});
+    return nullptr;
+  }
+  auto single = request.clone();
+  JsonNode* model = single->find("model");
+  model->replace_with(model->detach(model->children()[static_cast<std::size_t>(chosen - 1)].get()));
+  return single;
+}
+
 }  // namespace
 
 void AIDATA_BODY(ERROR_HANDLER& eh, CORE_DATA& core)
@@ -83,7 +106,10 @@ void TLV_PROCESS(ERROR_HANDLER& eh, TLV_OBJECT& object, std::string_view json)
   OTST_CLEAR(eh, object.tables);
   if (eh.terminate()) return;
 
-  CORE_DATA core(*object.request, object.options, object.communication, object.datasets, object.tables);
+  const std::unique_ptr<JsonNode> single = L_CHOOSE_MODEL(eh, *object.request);
+  if (eh.terminate()) return;
+
+  CORE_DATA core(single != nullptr ? *single : *object.request, object.options, object.communication, object.datasets, object.tables);
   AIDATA_BODY(eh, core);
   if (object.options.clean_up_asked) CLEAN_TMP_FILES(eh, object.options.tmp_file_root);
 }

@@ -8,6 +8,7 @@
 #include "api/model_stages.h"
 #include "api/stage_support.h"
 #include "base/text.h"
+#include "model/named_definitions.h"
 #include "model/request.h"
 #include "pedigree/pedigree_file.h"
 #include "relmat/match_levels.h"
@@ -20,17 +21,11 @@ using namespace stages;
 
 namespace {
 
-/// The stage "read keys": the request must have a model, and one alone; options must be an object.
+/// The stage "read keys": the request must have a model.
 void read_keys(ERROR_HANDLER& eh, CORE_DATA& core)
 {
   const JsonNode* model = core.request.find("model");
-  if (model == nullptr) {
-    REPORT_JSON_ERROR(eh, core.request, "model");
-    return;
-  }
-  if (model->is(JsonType::array) && model->size() > 1) {
-    eh.not_implemented("a model of several alternatives is not implemented");
-  }
+  if (model == nullptr || model->is(JsonType::null)) REPORT_JSON_ERROR(eh, core.request, "model");
 }
 
 void primary_data_description(ERROR_HANDLER& eh, CORE_DATA& core)
@@ -115,8 +110,11 @@ void relationship_files(ERROR_HANDLER& eh, CORE_DATA& core)
 
 void term_support(ERROR_HANDLER& eh, CORE_DATA& core)
 {
-  for (const char* key : {"spline", "mbf", "fam", "gindex", "pval", "contrast"})
-    refuse_key(eh, core.request, key);
+  HANDLE_SPLINE(eh, core.request, core.variables);
+  if (eh.terminate()) return;
+  HANDLE_CONTRAST_SUBGROUP_GROUP(eh, core.request, core.variables);
+  if (eh.terminate()) return;
+  for (const char* key : {"mbf", "fam", "gindex", "pval"}) refuse_key(eh, core.request, key);
 }
 
 /// L_MACRO_NOTE: tells the value of one macro variable.

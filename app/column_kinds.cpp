@@ -59,15 +59,19 @@ void factors_of_part(const Json& part, std::set<std::string>& out)
   for (const Json& item : part.items) factors_of_part(item, out);
 }
 
-/// The names that some parts of the model use.
+/// The names that some parts of the model use, of all models where the request has several.
 std::set<std::string> names_in_model(const Json& request, std::initializer_list<const char*> parts)
 {
   std::set<std::string> names;
   const Json* model = request.find("model");
-  if (model && model->is(JsonKind::array) && !model->items.empty()) model = &model->items.front();
   if (!model) return names;
-  for (const char* part : parts)
-    if (const Json* terms = model->find(part)) factors_of_part(*terms, names);
+  const auto read = [&](const Json& each) {
+    for (const char* part : parts)
+      if (const Json* terms = each.find(part)) factors_of_part(*terms, names);
+  };
+  if (!model->is(JsonKind::array)) read(*model);
+  if (model->is(JsonKind::array))
+    for (const Json& each : model->items) read(each);
   return names;
 }
 

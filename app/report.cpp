@@ -124,7 +124,11 @@ std::set<std::string> fixed_terms(Engine& engine)
   std::set<std::string> names;
   const auto request = read_json(engine.json("INPUT_JSON").value_or(""));
   const Json* model = request ? request->find("model") : nullptr;
-  if (model && model->is(JsonKind::array) && !model->items.empty()) model = &model->items.front();
+  if (model && model->is(JsonKind::array) && !model->items.empty()) {  // several: the one that was fitted
+    const Json* part = request->find("dopart");
+    const auto k = static_cast<std::size_t>(part ? part->integer(1) : 1);
+    model = &model->items[k >= 1 && k <= model->items.size() ? k - 1 : 0];
+  }
   const Json* fixed = model ? model->find("fixed") : nullptr;
   const Json* terms = fixed ? fixed->find("terms") : nullptr;
   if (!terms) return names;

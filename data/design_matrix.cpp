@@ -58,6 +58,7 @@ void DMT_RESIZE_TO(ERROR_HANDLER& eh, DESIGN_MTX& design)
   shrink(design.equation);
   shrink(design.value);
   shrink(design.response);
+  shrink(design.offset);
   shrink(design.weight);
   shrink(design.record);
 }

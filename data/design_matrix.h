@@ -24,6 +24,7 @@ struct DESIGN_MTX {
   std::vector<double> value;
 
   std::vector<double> response;      // one an analysis record; 0 where mv estimates it
+  std::vector<double> offset;        // known part of the linear predictor, as long as the response; empty: none
   std::vector<double> weight;        // empty: all 1
   std::vector<std::int64_t> record;  // data record of each analysis record, from 1
   std::vector<std::int32_t> trait;   // trait of each analysis record, from 1; empty with one response
@@ -33,6 +34,8 @@ struct DESIGN_MTX {
   std::int64_t zero_weights = 0;      // records whose weight was 0 as it came
 
   std::int64_t rows() const { return static_cast<std::int64_t>(start.size()) - 1; }
+  /// What the terms of a linear model have to explain of a response: what is left of it beside the offset.
+  double beside_offset(std::size_t row) const { return offset.empty() ? response[row] : response[row] - offset[row]; }
   std::span<const std::int32_t> equations(std::int64_t row) const
   {
     const auto i = static_cast<std::size_t>(row);

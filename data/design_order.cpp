@@ -53,6 +53,7 @@ void L_SORT_BY_TRAIT(ERROR_HANDLER& eh, std::int64_t traits, std::int64_t mv, DE
   design.equation.swap(sorted.equation);
   design.value.swap(sorted.value);
   reorder(eh, order, design.response);
+  reorder(eh, order, design.offset);
   reorder(eh, order, design.weight);
   reorder(eh, order, design.record);
   reorder(eh, order, design.trait);

@@ -174,8 +174,8 @@ void L_PLAN_TERM(ERROR_HANDLER& eh, Planner& p, const TERM_ROW& term, std::int64
   p.plan.terms.push_back(std::move(planned));
 }
 
-/// L_FIND_COLUMN: the column of the data store behind the response or the weights.
-void L_FIND_COLUMN(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, std::int64_t row, std::size_t& column)
+/// L_FIND_COLUMN: the column of the data store behind the weights or the offset; missing values count there.
+void L_FIND_COLUMN(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, std::int64_t row, DESIGN_PLAN& plan, std::size_t& column)
 {
   const Frame here{eh, __func__};
   const bool is_row = row >= 1 && row <= factors.count();
@@ -185,6 +185,7 @@ void L_FIND_COLUMN(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, std::int64_t 
     return;
   }
   column = static_cast<std::size_t>(variable - 1);
+  plan.design_columns.push_back(column);
 }
 
 /// True if the residual's product has the trait before the records.
@@ -224,17 +225,16 @@ void L_PLAN_DESIGN(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FAC
     return;
   }
   for (const std::int64_t response : info.responses) {
-    plan.responses.push_back(0);
-    L_FIND_COLUMN(eh, factors, response, plan.responses.back());
+    plan.responses.push_back(L_ADD_SOURCE(eh, variables, factors, response, false, plan.sources));
     if (eh.terminate()) return;
   }
   plan.trait_slow = info.responses.size() > 1 && trait_comes_first(factors, terms);
   plan.weighted = info.weights != 0;
-  if (plan.weighted) {
-    L_FIND_COLUMN(eh, factors, info.weights, plan.weight);
-    if (eh.terminate()) return;
-    plan.design_columns.push_back(plan.weight);
-  }
+  if (plan.weighted) L_FIND_COLUMN(eh, factors, info.weights, plan, plan.weight);
+  if (eh.terminate()) return;
+  plan.has_offset = info.offset != 0;
+  if (plan.has_offset) L_FIND_COLUMN(eh, factors, info.offset, plan, plan.offset);
+  if (eh.terminate()) return;
   Planner planner{.variables = variables, .factors = factors, .plan = plan};
   std::int64_t before = 0;  // equations of the last term that has its own
   for (TERM_ROW& term : terms.rows) {

@@ -61,10 +61,12 @@ struct DESIGN_PLAN {
   std::vector<DESIGN_TERM> terms;           // in rising order of their equations, mv left out
   std::vector<std::size_t> design_columns;  // of the data store, each once: where a value may be missing
   std::vector<CONDITIONAL_COLUMNS> conditional;
-  std::vector<std::size_t> responses;       // columns of the responses, one a trait
+  std::vector<std::int32_t> responses;      // sources of the responses, one a trait
   bool trait_slow = false;                  // all records of a trait together, as the residual's product has it
   bool weighted = false;
   std::size_t weight = 0;        // column of the weights
+  bool has_offset = false;
+  std::size_t offset = 0;        // column of the offset
   TERM_ROW* mv = nullptr;        // null without mv
   std::int64_t elements = 0;     // that a row has, roughly, for reserving
 };

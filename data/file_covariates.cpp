@@ -267,8 +267,9 @@ void L_TAKE_DATASET(ERROR_HANDLER& eh, const JsonNode& request, const USER_DATAS
   }
   table.basis.columns = table.columns > 0 ? table.columns : view.info.number_of_variables - 1;
   if (table.basis.columns < 1 || table.basis.columns > view.info.number_of_variables - 1) {
-    eh.error(text("dataset ", table.dataset, " has ", view.info.number_of_variables, " columns, a key and ",
-                  std::max<std::int64_t>(table.basis.columns, 1), " covariates were expected"));
+    const std::int64_t covariates = std::max<std::int64_t>(table.basis.columns, 1);
+    eh.error(text(table.dataset, " does not contain ", covariates + 1, " variables"));
+    eh.continuation(text("a key and ", covariates, " covariates were expected, the dataset has ", view.info.number_of_variables, " columns"));
     return;
   }
   for (std::int64_t j = 1; j <= table.basis.columns && j < std::ssize(view.info.variables); ++j)

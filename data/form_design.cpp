@@ -115,7 +115,7 @@ void AIDSGN(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TABLE&
     std::int64_t lost = 0;
     for (std::int64_t t = 0; t < traits; ++t) {
       row.state.trait = t + 1;
-      const double response = data[plan.responses[static_cast<std::size_t>(t)]];
+      const double response = read_source(plan.sources, plan.responses[static_cast<std::size_t>(t)], row.state);
       const bool lacks = lacks_design_values(plan, is_no_value(response), row.state, missing);
       const RecordFate fate = fate_of_record(is_no_value(response), lacks, has_mv, counts);
       if (fate == RecordFate::dropped) {
@@ -139,6 +139,7 @@ void AIDSGN(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TABLE&
         ++observed;
       }
       design.response.push_back(fate == RecordFate::estimated ? 0.0 : response);
+      if (plan.has_offset) design.offset.push_back(is_no_value(data[plan.offset]) ? 0.0 : data[plan.offset]);
       design.record.push_back(r + 1);
       if (traits > 1) design.trait.push_back(static_cast<std::int32_t>(t) + 1);
       DMT_ADD_ROWS(eh, design, row.equation, row.value);

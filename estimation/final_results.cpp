@@ -18,22 +18,24 @@ void effects(const FIT_MODEL& in, const MIXED_EQUATIONS& q, const EVALUATION& ev
     fit.solution[e] = q.factor.reciprocal[p] != 0.0 ? ev.solution[p] : 0.0;  // a singular one is 0, not -0
     fit.se[e] = std::sqrt(std::max(0.0, ev.sigma2 * ev.inverse_diagonal[p]));
   }
+  // An estimated response has the offset of its record, and the constant that was taken off the others.
+  for (const TERM_ROW& term : in.terms.rows) {
+    for (std::int64_t k = 0; term.is_mv && k < term.equations; ++k) {
+      const std::int64_t e = term.first + k;
+      if (q.factor.reciprocal[static_cast<std::size_t>(q.position_of(e))] == 0.0) continue;
+      const auto record = static_cast<std::size_t>(in.design.mv[static_cast<std::size_t>(k)]);
+      fit.solution[static_cast<std::size_t>(e)] += q.shift + (in.design.offset.empty() ? 0.0 : in.design.offset[record]);
+    }
+  }
   if (q.mu < 0) return;
 
-  // y = shift + ..., x b = shift_x b + (x - shift_x) b: the constants belong to mu, and those of y to the missing values.
+  // y = shift + ..., x b = shift_x b + (x - shift_x) b: the constants belong to mu.
   double constant = q.shift;
   for (const CENTRED& x : q.centred) constant -= x.shift * fit.solution[static_cast<std::size_t>(x.equation)];
   if (ev.constant.empty()) {
     fit.solution[static_cast<std::size_t>(q.mu)] += constant;
   } else {
     for (std::size_t e = 0; e < n; ++e) fit.solution[e] += constant * ev.constant[static_cast<std::size_t>(q.position[e])];
-  }
-  for (const TERM_ROW& term : in.terms.rows) {
-    if (!term.is_mv) continue;
-    for (std::int64_t e = term.first; e < term.first + term.equations; ++e) {
-      const bool estimated = q.factor.reciprocal[static_cast<std::size_t>(q.position_of(e))] != 0.0;
-      fit.solution[static_cast<std::size_t>(e)] += estimated ? q.shift : 0.0;
-    }
   }
   if (q.centred.empty() || !ev.constant.empty()) return;
   // var(mu) = c' C^-1 c with c = 1 for mu and -shift_x for each centred covariate.
@@ -69,8 +71,9 @@ void fitted_values(const FIT_MODEL& in, const MIXED_EQUATIONS& q, const EVALUATI
   // The residual is formed on the shifted scale, where no digits are lost.
   fit.residual.resize(rows);
   for (std::size_t r = 0; r < rows; ++r) {
-    fit.residual[r] = (in.design.response[r] - q.shift) - fit.fitted[r];
+    fit.residual[r] = (in.design.beside_offset(r) - q.shift) - fit.fitted[r];
     fit.fitted[r] += q.shift;
+    if (!in.design.offset.empty()) fit.fitted[r] += in.design.offset[r];
   }
   for (const std::int64_t r : in.design.mv) fit.residual[static_cast<std::size_t>(r)] = no_value;
 }

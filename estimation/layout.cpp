@@ -86,7 +86,7 @@ void choose_shifts(const TERM_TABLE& terms, const DESIGN_MTX& design, std::int64
   for (std::size_t r = 0; r < static_cast<std::size_t>(rows); ++r) {
     if (estimated[r] || (!design.weight.empty() && design.weight[r] <= 0.0)) continue;
     count += 1.0;
-    mean += (design.response[r] - mean) / count;
+    mean += (design.beside_offset(r) - mean) / count;
   }
   q.shift = mean;
 
@@ -401,7 +401,7 @@ void response_products(const DESIGN_MTX& design, MIXED_EQUATIONS& q)
   q.log_weights = 0.0;
   for (std::size_t r = 0; r < rows; ++r) {
     const double w = weight_of(design, r);
-    const double shifted = estimated[r] ? 0.0 : design.response[r] - q.shift;
+    const double shifted = estimated[r] ? 0.0 : design.beside_offset(r) - q.shift;
     q.y0 += w * shifted * shifted;
     y[r] = w * shifted;
     q.y[r] = shifted;

@@ -37,21 +37,20 @@ inline int read_as_case(std::string_view name, const unsigned char* bytes, std::
 /// Lets the run begin with the whole file of a case, besides what the folders of the command line hold.
 inline int begin_with_case(std::string_view name, int* argc, char*** argv)
 {
-  static std::string option;
-  static std::vector<char*> arguments;
   const READ_CASE& as = read_case(name);
   const std::string seed = fuzz_path("seed");
   std::ofstream(seed, std::ios::binary) << as.whole;
-  option = "-seed_inputs=" + seed;
-  arguments.assign(*argv, *argv + *argc);
-  arguments.push_back(option.data());
-  arguments.push_back(nullptr);
+  // The fuzzer reads its arguments as long as it runs: they are never given back.
+  auto* option = new std::string("-seed_inputs=" + seed);
+  auto* arguments = new std::vector<char*>(*argv, *argv + *argc);
+  arguments->push_back(option->data());
+  arguments->push_back(nullptr);
   std::atexit([] {  // not after a fault: then the file is of use
     for (const READ_CASE& one : read_cases()) std::filesystem::remove(fuzz_path(one.name));
     std::filesystem::remove(fuzz_path("seed"));
   });
   *argc += 1;
-  *argv = arguments.data();
+  *argv = arguments->data();
   return 0;
 }
 

@@ -26,7 +26,7 @@ const JsonNode* find_variable(const JsonNode& root, std::string_view name, bool&
     }
   };
   look_in(root.find("variables"));
-  if (const JsonNode* model = root.find("model")) look_in(model->find("variables"));
+  for (const JsonNode* model : models_of(root)) look_in(model->find("variables"));
   if (const JsonNode* file = root.find("data_file")) look_in(file->find("variables"));
   if (const JsonNode* datasets = root.find("dataset"))
     for (const auto& dataset : datasets->children()) look_in(dataset->find("variables"));
@@ -103,9 +103,9 @@ void L_ADJUST_AT(ERROR_HANDLER& eh, const COMMUNICATION& communication, const Js
   if (argument == nullptr || !is_supplied(*argument) || plain_name(*variable).empty()) return;
   const std::string name(plain_name(*variable));
   const std::string shown = GET_FACNAME_FROM_JPTR(eh, communication, term);
-  // The traits are no variable of the data: their names are told where the responses are read.
-  const bool traits = name == communication.VARIABLE_NAME_TRAIT;
-  const VariableLevels levels = traits ? VariableLevels{} : L_FIND_VAR_LEVELS(eh, root, name);
+  // Traits and records are no variables of the data: their levels are told where the model is read.
+  const bool reserved = name == communication.VARIABLE_NAME_TRAIT || name == communication.VARIABLE_NAME_UNITS;
+  const VariableLevels levels = reserved ? VariableLevels{} : L_FIND_VAR_LEVELS(eh, root, name);
   if (eh.terminate()) return;
   JsonNode& value = *argument->find("value");
   if (value.is(JsonType::array)) {
@@ -163,8 +163,8 @@ bool L_ADJUST_STR(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNod
   return false;
 }
 
-/// L_ADJUST_OFFSET: takes an offset out of the terms to a place of its own in the model.
-void L_ADJUST_OFFSET(ERROR_HANDLER& eh, JsonNode& root, std::unique_ptr<JsonNode> term)
+/// L_ADJUST_OFFSET: takes an offset out of the terms to a place of its own in their model.
+void L_ADJUST_OFFSET(ERROR_HANDLER& eh, JsonNode& model, std::unique_ptr<JsonNode> term)
 {
   const Frame here{eh, __func__};
   const JsonNode* arguments = term->find("function")->find("arguments");
@@ -172,7 +172,6 @@ void L_ADJUST_OFFSET(ERROR_HANDLER& eh, JsonNode& root, std::unique_ptr<JsonNode
     eh.error("was expecting at least one argument");
     return;
   }
-  JsonNode& model = *root.find("model");
   if (model.find("offset") != nullptr) {
     eh.error("multiple offsets have been supplied in the model, was only expecting one");
     return;
@@ -235,7 +234,7 @@ void API_ADJUST_TERMS(ERROR_HANDLER& eh, const COMMUNICATION& communication, Jso
   for (std::size_t k = 0; k < list.children().size();) {
     JsonNode& term = *list.children()[k];
     if (is_call_of(term, "offset") && !has_flag(term, "drop")) {
-      L_ADJUST_OFFSET(eh, root, list.detach(&term));
+      L_ADJUST_OFFSET(eh, *list.parent()->parent(), list.detach(&term));  // the part of the list, its model
       if (eh.terminate()) return;
       continue;
     }

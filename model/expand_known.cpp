@@ -64,7 +64,7 @@ void each_variable(JsonNode& root, Visit visit)
     for (const auto& variable : variables->children()) visit(*variable, in_file);
   };
   look_in(&root, true);
-  look_in(root.find("model"), true);
+  for (JsonNode* model : models_of(root)) look_in(model, true);
   look_in(root.find("data_file"), true);
   if (JsonNode* datasets = root.find("dataset"); datasets != nullptr && datasets->is(JsonType::array))
     for (const auto& dataset : datasets->children()) look_in(dataset.get(), false);

@@ -149,41 +149,30 @@ void API_EXPAND_MODEL_PARTS(ERROR_HANDLER& eh, const COMMUNICATION& communicatio
   API_DROP_DUPLICATE_TERMS(eh, communication, terms, part);
 }
 
-void API_EXPAND_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, bool& present)
+namespace {
+
+/// L_EXPAND_ONE_MODEL: brings the parts of one model into the standard form.
+void L_EXPAND_ONE_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, JsonNode& model)
 {
   const Frame here{eh, __func__};
-  present = false;
-  REPORT_IF_JSON_KEY_DUPLICATED(eh, root, "model");
-  JsonNode* model = root.find("model");
-  if (eh.terminate() || model == nullptr || model->is(JsonType::null)) return;
-  if (model->is(JsonType::array) && model->size() > 0) {
-    if (model->size() > 1) {
-      eh.not_implemented("more than one model in a request is not implemented yet");
-      return;
-    }
-    model->unpack();
-    model->replace_with(model->detach(model->children().front().get()));
-  }
-  if (!model->is(JsonType::object)) {
-    REPORT_JSON_ERROR(eh, *model, {"an object"});
+  if (!model.is(JsonType::object)) {
+    REPORT_JSON_ERROR(eh, model, {"an object"});
     return;
   }
-  present = true;
-
   for (std::string_view part : term_parts) {
-    REPORT_IF_JSON_KEY_DUPLICATED(eh, *model, part);
-    if (JsonNode* node = model->find(part); node != nullptr && node->is(JsonType::null)) model->detach(node);
+    REPORT_IF_JSON_KEY_DUPLICATED(eh, model, part);
+    if (JsonNode* node = model.find(part); node != nullptr && node->is(JsonType::null)) model.detach(node);
   }
-  for (std::string_view key : other_keys) REPORT_IF_JSON_KEY_DUPLICATED(eh, *model, key);
+  for (std::string_view key : other_keys) REPORT_IF_JSON_KEY_DUPLICATED(eh, model, key);
   if (eh.terminate()) return;
-  JsonNode* response = model->find("response");
+  JsonNode* response = model.find("response");
   if (response == nullptr || response->is(JsonType::null)) {
-    REPORT_JSON_ERROR(eh, *model, "response");
+    REPORT_JSON_ERROR(eh, model, "response");
     return;
   }
-  if (model->find("fixed") == nullptr) model->add_value("fixed", communication.VARIABLE_NAME_MU);
+  if (model.find("fixed") == nullptr) model.add_value("fixed", communication.VARIABLE_NAME_MU);
 
-  for (const auto& child : model->children()) {
+  for (const auto& child : model.children()) {
     const std::string& key = child->name;
     if (std::find(std::begin(term_parts), std::end(term_parts), key) != std::end(term_parts)) {
       API_EXPAND_MODEL_PART(eh, communication, *child, key);
@@ -207,9 +196,32 @@ void API_EXPAND_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communication, Jso
     if (eh.terminate()) return;
   }
   for (std::string_view part : term_parts) {
-    JsonNode* node = model->find(part);
+    JsonNode* node = model.find(part);
     if (node == nullptr) continue;
     API_EXPAND_MODEL_PARTS(eh, communication, root, *node, part);
+    if (eh.terminate()) return;
+  }
+}
+
+}  // namespace
+
+void API_EXPAND_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, bool& present)
+{
+  const Frame here{eh, __func__};
+  present = false;
+  REPORT_IF_JSON_KEY_DUPLICATED(eh, root, "model");
+  JsonNode* model = root.find("model");
+  if (eh.terminate() || model == nullptr || model->is(JsonType::null)) return;
+  if (model->is(JsonType::array)) model->unpack();
+  if (model->is(JsonType::array) && model->size() == 1)
+    model->replace_with(model->detach(model->children().front().get()));
+  present = model->size() > 0;
+  if (!model->is(JsonType::array) || !present) {
+    L_EXPAND_ONE_MODEL(eh, communication, root, *model);
+    return;
+  }
+  for (const auto& each : model->children()) {
+    L_EXPAND_ONE_MODEL(eh, communication, root, *each);
     if (eh.terminate()) return;
   }
 }

@@ -12,7 +12,7 @@
 
 namespace tolvan {
 
-/// API_EXPAND_MODEL: brings every part of the model into the standard form; present tells whether there is a
+/// API_EXPAND_MODEL: brings every part of the model, or of each of several, into the standard form; present tells whether there is a
 /// model.
 void API_EXPAND_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, bool& present);
 /// API_EXPAND_MODEL_PART: gives one part, a formula or an object, its list of terms, with the intercept in

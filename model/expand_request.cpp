@@ -145,10 +145,13 @@ void API_EXPAND_NA_ACTION(ERROR_HANDLER& eh, const COMMUNICATION& communication,
   const int y = word_of(eh, *policy, "y", {"omit", "include", "fail"});
   if (eh.terminate()) return;
   if (y == 2) set_key(options, "y_missing_values", "mv_fail");
-  if (y == 1) {
-    JsonNode& model = *root.find("model");
-    JsonNode* sparse = model.find("sparse");
-    if (sparse == nullptr) sparse = &model.add("sparse", JsonType::object);
+  if (y != 1) {
+    root.detach(policy);
+    return;
+  }
+  for (JsonNode* model : models_of(root)) {
+    JsonNode* sparse = model->find("sparse");
+    if (sparse == nullptr) sparse = &model->add("sparse", JsonType::object);
     JsonNode* terms = sparse->find("terms");
     if (terms == nullptr) terms = &sparse->add("terms", JsonType::array);
     bool present = false;

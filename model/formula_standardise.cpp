@@ -133,7 +133,8 @@ std::string STANDARDISE_FORMULA_STRING(ERROR_HANDLER& eh, const COMMUNICATION& c
   if (formula.empty()) return {};
   const std::string joined_blanks =
       symbols.blank_adds() ? single_blanks(formula, symbols) : blank_to_plus(formula);
-  if (is_incomplete(joined_blanks, symbols)) {
+  // Brackets that don't balance are told by the expansion.
+  if (bracket_fault(joined_blanks).empty() && is_incomplete(joined_blanks, symbols)) {
     eh.error("incomplete term in the model statement");
     return {};
   }

@@ -1,9 +1,11 @@
-// Names that the request defines beside the model.  Routines: ADD_GROUP, ADD_DEFINED_FACTOR, READ_KNOTS.
+// Names that the request defines beside the model.  Routines: ADD_GROUP, ADD_DEFINED_FACTOR, READ_KNOTS, HANDLE_SPLINE,
+// HANDLE_CONTRAST_SUBGROUP_GROUP.
 #include "model/named_definitions.h"
 
 #include "base/text.h"
 #include "data/request_values.h"
 #include "model/design_functions.h"
+#include "model/request.h"
 #include "model/request_nodes.h"
 
 namespace tolvan {
@@ -65,7 +67,53 @@ std::int64_t L_ADD_CONTRAST(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonN
                          .arguments = std::move(values)});
 }
 
+/// L_CHECK_ENTRIES: checks the definitions under a key: objects with a variable that there is and a list of numbers.
+///   numbers   the key of the list;  least   how many numbers there must be
+void L_CHECK_ENTRIES(ERROR_HANDLER& eh, const JsonNode& request, const VARIABLE_TABLE& variables, std::string_view key,
+                     std::string_view numbers, std::int64_t least)
+{
+  const Frame here{eh, __func__};
+  const JsonNode* list = given_value(request, key);
+  if (list == nullptr) return;
+  const std::vector<const JsonNode*> found = entries(list);
+  if (!list->is(JsonType::object) && std::ssize(found) != list->size()) {
+    REPORT_JSON_ERROR(eh, *list, {"an object", "an array of objects"});
+    return;
+  }
+  for (const JsonNode* entry : found) {
+    for (const auto& child : entry->children())
+      if (child->name != "name" && child->name != "variable" && child->name != numbers)
+        eh.warning(text(json_path(*child), " is not a recognised key"));
+    const std::string variable = GET_VALUE_FROM_JPTR_STRING(eh, *entry, "variable", true).value_or("");
+    const std::vector<double> values = GET_VALUE_FROM_JPTR_REALS(eh, *entry, numbers);
+    if (eh.terminate()) return;
+    if (variables.find(variable) == 0) {
+      REPORT_JSON_ERROR(eh, *entry->find("variable"), {"the name of a variable"});
+    } else if (std::ssize(values) < least) {
+      eh.error(text(json_path(*entry), " needs at least ", least, " ", numbers, ", it has ", values.size()));
+    }
+    if (eh.terminate()) return;
+  }
+}
+
 }  // namespace
+
+void HANDLE_SPLINE(ERROR_HANDLER& eh, const JsonNode& request, const VARIABLE_TABLE& variables)
+{
+  const Frame here{eh, __func__};
+  L_CHECK_ENTRIES(eh, request, variables, "spline", "points", 3);
+}
+
+void HANDLE_CONTRAST_SUBGROUP_GROUP(ERROR_HANDLER& eh, const JsonNode& request, const VARIABLE_TABLE& variables)
+{
+  const Frame here{eh, __func__};
+  L_CHECK_ENTRIES(eh, request, variables, "contrast", "values", 1);
+  if (eh.terminate()) return;
+  for (const JsonNode* entry : entries(given_value(request, "contrast"))) {
+    GET_VALUE_FROM_JPTR_STRING(eh, *entry, "name", true);
+    if (eh.terminate()) return;
+  }
+}
 
 const JsonNode* find_definition(const JsonNode& request, std::string_view key, std::string_view name)
 {

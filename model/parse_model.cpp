@@ -60,6 +60,14 @@ std::vector<const JsonNode*> L_FIND_RESPONSES(ERROR_HANDLER& eh, const JsonNode&
   return nodes;
 }
 
+/// The traits that a response node stands for: at() with several levels is one for each.
+std::int64_t count_traits(const JsonNode& response)
+{
+  const JsonNode* function = response.find("function");
+  const JsonNode* levels = function == nullptr ? nullptr : supplied_value(*function, "lvls");
+  return levels != nullptr && levels->is(JsonType::array) ? levels->size() : 1;
+}
+
 /// L_SET_FACTORS: the rows that every model has: the variables in request order, then the reserved factors.
 void L_SET_FACTORS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& model,
                    const std::vector<const JsonNode*>& responses)
@@ -85,10 +93,10 @@ void L_SET_FACTORS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& mode
   parser.mu = factors.count();
   factors.rows.push_back({.name = words.VARIABLE_NAME_UNITS, .reserved = Reserved::units, .is_factor = true});
   parser.units = factors.count();
-  if (responses.size() > 1) {
-    FACTOR_ROW trait{.name = words.VARIABLE_NAME_TRAIT, .reserved = Reserved::trait, .is_factor = true, .levels = std::ssize(responses)};
-    for (const JsonNode* response : responses) trait.labels.push_back(GET_FACNAME_FROM_JPTR(eh, words, *response));
-    factors.rows.push_back(std::move(trait));
+  std::int64_t traits = 0;
+  for (const JsonNode* response : responses) traits += count_traits(*response);
+  if (traits > 1) {
+    factors.rows.push_back({.name = words.VARIABLE_NAME_TRAIT, .reserved = Reserved::trait, .is_factor = true, .levels = traits});
     parser.info.trait = factors.count();
   }
   if (holds_term(model, words.VARIABLE_NAME_MV)) {
@@ -97,68 +105,114 @@ void L_SET_FACTORS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& mode
   }
 }
 
-/// L_READ_RESPONSE: the response variables, as terms without equations.
+/// L_ADD_RESPONSE: the term of one response, without equations.
+///   row   of the factor table, 0 where there is none of that name
+void L_ADD_RESPONSE(ERROR_HANDLER& eh, MODEL_PARSER& parser, std::int64_t row, const std::string& name)
+{
+  const Frame here{eh, __func__};
+  if (row == 0 || parser.factors.row(row).variable == 0) {
+    eh.error(text("the response variable, ", name, ", is unknown"));
+    return;
+  }
+  std::vector<std::int64_t>& seen = parser.info.responses;
+  if (std::find(seen.begin(), seen.end(), row) != seen.end()) {
+    eh.error(text("the response variable, ", name, ", was supplied more than once"));
+    return;
+  }
+  seen.push_back(row);
+  if (parser.info.trait > 0) parser.factors.row(parser.info.trait).labels.push_back(name);
+  TERM_ROW term{.code = static_cast<std::int32_t>(row), .block = Block::response, .name = name};
+  parser.terms.rows.push_back(std::move(term));
+}
+
+/// L_READ_RESPONSE: the response variables, and at() as a response of 0 and 1, as terms without equations.
 void L_READ_RESPONSE(ERROR_HANDLER& eh, MODEL_PARSER& parser, const std::vector<const JsonNode*>& nodes)
 {
   const Frame here{eh, __func__};
   for (const JsonNode* node : nodes) {
-    const std::string name = GET_FACNAME_FROM_JPTR(eh, parser.communication, *node);
-    if (const JsonNode* function = node->find("function")) {
-      eh.not_implemented(text("the model function ", function_name(*function), "() in the response ", name,
-                              " is not implemented yet"));
-      return;
+    const JsonNode* function = node->find("function");
+    if (function != nullptr && supplied_value(*function, "lvls") == nullptr) {
+      const std::string name = GET_FACNAME_FROM_JPTR(eh, parser.communication, *node);
+      eh.error(text("Unrecognised argument in ", name));
+      eh.continuation("the levels that it is at have to be named");
+    } else if (function != nullptr) {
+      for (const COMPONENT& level : ADD_CONDITION_FROM_JPTR(eh, parser, *node, Block::response)) {
+        L_ADD_RESPONSE(eh, parser, level.row, level.name);
+        if (eh.terminate()) return;
+      }
+    } else {
+      const std::string name = GET_FACNAME_FROM_JPTR(eh, parser.communication, *node);
+      const std::int64_t row = parser.variables.find(name);
+      if (row > 0 && parser.variables.row(row).is_factor() && !parser.data_read)
+        eh.note("the response variable is typically a variate.");
+      L_ADD_RESPONSE(eh, parser, row, name);
     }
-    const std::int64_t row = parser.variables.find(name);
-    if (row == 0) {
-      eh.error(text("the response variable, ", name, ", is unknown"));
-      return;
-    }
-    const auto& seen = parser.info.responses;
-    if (std::find(seen.begin(), seen.end(), row) != seen.end()) {
-      eh.error(text("the response variable, ", name, ", was supplied more than once"));
-      return;
-    }
-    if (parser.variables.row(row).is_factor() && !parser.data_read)
-      eh.note("the response variable is typically a variate.");
-    parser.info.responses.push_back(row);
-    TERM_ROW term{.code = static_cast<std::int32_t>(row), .block = Block::response, .name = name};
-    parser.terms.rows.push_back(std::move(term));
+    if (eh.terminate()) return;
   }
-  const auto count = std::ssize(nodes);
+  const auto count = std::ssize(parser.info.responses);
   const std::int64_t distributions = parser.info.family != nullptr ? parser.info.family->size() : 1;
   if (distributions > 1 && distributions != count)
     eh.error(text(count, " response variables were supplied, but ", distributions, " distributions"));
 }
 
+/// L_CHECK_FAMILY: whether a family and its link are among those that there are; gives its name.
+std::string L_CHECK_FAMILY(ERROR_HANDLER& eh, const JsonNode& entry)
+{
+  const Frame here{eh, __func__};
+  const JsonNode* function = entry.find("function");
+  if (function == nullptr) {
+    REPORT_JSON_ERROR(eh, entry, "function");
+    return {};
+  }
+  std::string name(function_name(*function));
+  if (!among(name, families)) {
+    eh.error(text(name, " is not a recogised family name"));  // sic
+    eh.continuation(text("valid values are ", join({std::begin(families), std::end(families)}, ", ")));
+    return {};
+  }
+  const JsonNode* link = supplied_value(*function, "link");
+  if (link != nullptr && !(link->is(JsonType::string) && among(link->text(), links))) {
+    REPORT_JSON_ERROR(eh, *link,
+                      {"identity", "logit", "probit", "cloglog", "log", "sqrt", "inverse", "LNR", "INR"});
+  }
+  return name;
+}
+
+/// L_CHECK_RESPONSE_LEVELS: a response that is a factor has no more levels than its family admits.
+void L_CHECK_RESPONSE_LEVELS(ERROR_HANDLER& eh, const MODEL_PARSER& parser, const std::string& family, std::size_t first,
+                             std::size_t last)
+{
+  const Frame here{eh, __func__};
+  constexpr std::int64_t of_binomial = 2;
+  for (std::size_t t = first; t < last && t < parser.info.responses.size(); ++t) {
+    const FACTOR_ROW& response = parser.factors.row(parser.info.responses[t]);
+    if (family != "binomial" || !response.is_factor || response.levels <= of_binomial) continue;
+    eh.error(text(response.shown(), " has too many levels."));
+    return;
+  }
+}
+
 /// L_READ_FAMILY: lets the normal family with the identity link pass.
-void L_READ_FAMILY(ERROR_HANDLER& eh, const MODEL_PARSER& parser)
+void L_READ_FAMILY(ERROR_HANDLER& eh, const MODEL_PARSER& parser, const JsonNode& model)
 {
   const Frame here{eh, __func__};
   if (parser.info.family == nullptr) return;
-  for (const auto& entry : parser.info.family->children()) {
-    const JsonNode* function = entry->find("function");
-    if (function == nullptr) {
-      REPORT_JSON_ERROR(eh, *entry, "function");
-      return;
-    }
-    const std::string name(function_name(*function));
-    if (!among(name, families)) {
-      eh.error(text(name, " is not a recogised family name"));  // sic
-      eh.continuation(text("valid values are ", join({std::begin(families), std::end(families)}, ", ")));
-      return;
-    }
-    const JsonNode* link = supplied_value(*function, "link");
-    if (link != nullptr && !(link->is(JsonType::string) && among(link->text(), links))) {
-      REPORT_JSON_ERROR(eh, *link,
-                        {"identity", "logit", "probit", "cloglog", "log", "sqrt", "inverse", "LNR", "INR"});
-      return;
-    }
+  const auto& entries = parser.info.family->children();
+  for (std::size_t k = 0; k < entries.size(); ++k) {
+    const std::string name = L_CHECK_FAMILY(eh, *entries[k]);
+    if (eh.terminate()) return;
+    // One family serves all responses, several serve one each.
+    L_CHECK_RESPONSE_LEVELS(eh, parser, name, entries.size() == 1 ? 0 : k, entries.size() == 1 ? parser.info.responses.size() : k + 1);
+    if (eh.terminate()) return;
+    const JsonNode& function = *entries[k]->find("function");
+    const JsonNode* link = supplied_value(function, "link");
     if (name != "gaussian" || (link != nullptr && !link->is_text("identity"))) {
+      if (model.find("residual") != nullptr) eh.warning("Ensure residual variance is fitted for normal traits in GLM models.");
       eh.not_implemented(text("the family ", name, link != nullptr ? " with the link " + link->text() : "",
                               " is not implemented yet"));
       return;
     }
-    for (const auto& argument : function->find("arguments")->children()) {
+    for (const auto& argument : function.find("arguments")->children()) {
       const JsonNode* key = argument->find("name");
       if (key == nullptr || key->is_text("link")) continue;
       eh.not_implemented(
@@ -262,7 +316,7 @@ void L_PARSE(ERROR_HANDLER& eh, MODEL_PARSER& parser)
   if (eh.terminate()) return;
   L_READ_RESPONSE(eh, parser, responses);
   if (eh.terminate()) return;
-  L_READ_FAMILY(eh, parser);
+  L_READ_FAMILY(eh, parser, *model);
   if (eh.terminate()) return;
   L_READ_WEIGHTS(eh, parser, *model);
   if (eh.terminate()) return;

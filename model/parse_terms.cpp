@@ -174,6 +174,13 @@ void AS_PICKDS(ERROR_HANDLER& eh, const MODEL_PARSER& parser, const std::string&
       eh.error(text(name, " not successfully parsed"));
       return;
     }
+    const std::size_t open = name.find('(') + 1;
+    const std::string inside(trim(std::string_view(name).substr(open, name.find(')') - open)));
+    const std::int64_t row = parser.variables.find(inside);
+    if (call == "nrm" && row > 0 && !parser.variables.row(row).is_pedigree_factor) {
+      eh.error(text("nrm() may only be used on a factor defined with  !P; not ", inside));  // sic
+      return;
+    }
     eh.error(text("unrecognised function in model term ", name));
     if (!GET_MODEL_FUNCTION_INFO(eh, lower(call)).NAME.empty()) eh.continuation("model functions are all lower case!");
   } else if (!CHECK_VARIABLE_NAME_VALIDITY(eh, parser.communication, name, true, true)) {

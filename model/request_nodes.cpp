@@ -165,6 +165,18 @@ std::vector<double> GET_VALUE_FROM_JPTR_REALS(ERROR_HANDLER& eh, const JsonNode&
   return out;
 }
 
+std::vector<JsonNode*> models_of(const JsonNode& request)
+{
+  std::vector<JsonNode*> models;
+  JsonNode* model = request.find("model");
+  if (model == nullptr) return models;
+  if (model->is(JsonType::object)) models.push_back(model);
+  if (model->is(JsonType::array))
+    for (const auto& each : model->children())
+      if (each->is(JsonType::object)) models.push_back(each.get());
+  return models;
+}
+
 JsonNode* MOVE_JSON_NODE(ERROR_HANDLER& eh, JsonNode* node, JsonNode& new_parent, std::string_view new_name)
 {
   const Frame here{eh, __func__};

@@ -29,6 +29,9 @@ std::vector<std::string> GET_VALUE_FROM_JPTR_STRINGS(ERROR_HANDLER& eh, const Js
 std::vector<double> GET_VALUE_FROM_JPTR_REALS(ERROR_HANDLER& eh, const JsonNode& parent,
                                               std::string_view key);
 
+/// The models of a request, one or several; none where the key is missing or holds something else.
+std::vector<JsonNode*> models_of(const JsonNode& request);
+
 /// MOVE_JSON_NODE: detaches a node and puts it under a new parent, with a new name if one is given.
 JsonNode* MOVE_JSON_NODE(ERROR_HANDLER& eh, JsonNode* node, JsonNode& new_parent,
                          std::string_view new_name = {});

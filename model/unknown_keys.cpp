@@ -4,6 +4,7 @@
 
 #include "base/text.h"
 #include "model/expand_model.h"
+#include "model/request_nodes.h"
 
 namespace tolvan {
 
@@ -111,7 +112,7 @@ void WARN_OF_UNKNOWN_KEYS(ERROR_HANDLER& eh, const JsonNode& root)
   });
   teller.list(root, "variables", of_variable);
   teller.list(root, "initial_values", of_initial_value);
-  if (const JsonNode* model = root.find("model")) {
+  for (const JsonNode* model : models_of(root)) {
     teller.list(*model, "variables", of_variable);
     teller.list(*model, "initial_values", of_initial_value);
     for (const char* key : {"response", "fixed", "random", "sparse", "residual"})

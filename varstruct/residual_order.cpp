@@ -232,6 +232,7 @@ void L_REORDER(ERROR_HANDLER& eh, const Rows& from, DESIGN_MTX& design)
   design.equation = std::move(equation);
   design.value = std::move(value);
   permute(design.response, from);
+  permute(design.offset, from);
   permute(design.weight, from);
   permute(design.record, from);
   permute(design.trait, from);
