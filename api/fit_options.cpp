@@ -73,6 +73,17 @@ FileOption& file_option(FIT_OPTIONS& options, std::string_view key)
   return key == "tsv" ? options.tsv : options.msv;
 }
 
+/// L_CHECK_BLUP: complains of a mode that there is not.  Over-relaxation by a factor of 2 never converges.
+void L_CHECK_BLUP(ERROR_HANDLER& eh, std::int64_t mode)
+{
+  const Frame here{eh, __func__};
+  constexpr std::int64_t most = 19;
+  if (mode <= most) return;
+  eh.error(text("invalid value supplied, was expecting 0 (the variance parameters are estimated), 1 to 3 (solutions at the given "
+                "ones), 4 (solutions by conjugate gradients) or 5 to ",
+                most, " (solutions by Gauss-Seidel iteration with relaxation factor 0.5 to 1.9), supplied value = ", mode));
+}
+
 /// L_READ_OPTION: reads one option into its slot.
 void L_READ_OPTION(ERROR_HANDLER& eh, const OptionRow& row, const JsonNode& node, FIT_OPTIONS& options)
 {
@@ -83,6 +94,7 @@ void L_READ_OPTION(ERROR_HANDLER& eh, const OptionRow& row, const JsonNode& node
     case OptionReader::integer:
       GET_VALUE_FROM_JPTR_INTEGER(eh, node, bare, options(static_cast<Slot>(row.slot)));
       options.given[static_cast<std::size_t>(row.slot)] = true;
+      if (row.key == "blup" && !eh.terminate()) L_CHECK_BLUP(eh, options(Slot::blup));
       break;
     case OptionReader::real:
       GET_VALUE_FROM_JPTR_REAL(eh, node, row.bare, options(static_cast<RealSlot>(row.slot)));

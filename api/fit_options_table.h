@@ -73,7 +73,7 @@ inline constexpr auto option_table = [] {
       integer_option("asmv",            Slot::asmv,             1, built),
       integer_option("asuv",            Slot::asuv,             1, built),
       integer_option("bend",            Slot::bend,             1, harmless),  // unstructured matrices
-      integer_option("blup",            Slot::blup,             2, unbuilt),
+      integer_option("blup",            Slot::blup,             2, built),
       integer_option("brief",           Slot::brief,            1, harmless),
       integer_option("ddf",             Slot::ddf,              6, unbuilt),
       integer_option("debug",           Slot::debug,         1023, harmless),
@@ -136,7 +136,7 @@ inline constexpr auto option_table = [] {
       flag_option("k4mxxail_tol_42",     Flag::k4mxxail_tol_42,     built),
 
       one_option("fcon",    Slot::fcon,    unbuilt),
-      one_option("outlier", Slot::outlier, unbuilt),
+      one_option("outlier", Slot::outlier, built),
       one_option("wvr",     Slot::wvr,     harmless),
       one_option("cmat",    Slot::cmat,    unbuilt),
       one_option("camat",   Slot::camat,   unbuilt),

@@ -1,4 +1,4 @@
-// SMIFWD and SMIBCK: the sweeps of right-hand sides through the factor.
+// SMIFWD and SMIBCK, the sweeps of right-hand sides through the factor, and those of sparse ones.
 #include <algorithm>
 
 #include "base/lapack.h"
@@ -81,12 +81,18 @@ void backward(const FACTOR& factor, const SNODE& node, double* b, int64_t column
   dtrsm('L', 'L', 'T', 'U', width, columns, 1.0, l, ld, top, n);
 }
 
+int64_t longest_node(const FACTOR& factor)
+{
+  int64_t longest = 0;
+  for (const SNODE& node : factor.nodes) longest = std::max(longest, node.rows);
+  return longest;
+}
+
 // Takes tiles of columns through the nodes; `step` works one node.
 template <class Nodes>
 void sweep(const FACTOR& factor, double* b, int64_t columns, int threads, Nodes&& through_nodes)
 {
-  int64_t longest = 0;
-  for (const SNODE& node : factor.nodes) longest = std::max(longest, node.rows);
+  const int64_t longest = longest_node(factor);
   const int64_t tiles = (columns + tile_columns - 1) / tile_columns;
   threads = static_cast<int>(std::clamp<int64_t>(threads, 1, std::max<int64_t>(tiles, 1)));
   std::vector<std::vector<double>> gathered(static_cast<std::size_t>(threads));
@@ -98,7 +104,64 @@ void sweep(const FACTOR& factor, double* b, int64_t columns, int threads, Nodes&
   });
 }
 
+constexpr int64_t block_bytes = int64_t{64} << 20;  // of a thread's block of sparse columns
+constexpr int64_t fewest_columns = 8;
+constexpr int64_t most_columns = 64;
+
 }  // namespace
+
+SQUARE_SWEEPS::SQUARE_SWEEPS(const FACTOR& factor, int threads)
+    : factor_(factor),
+      tile_(std::clamp(block_bytes / (8 * std::max<int64_t>(factor.n, 1)), fewest_columns, most_columns)),
+      work_(static_cast<std::size_t>(useful_threads(factor, threads)))
+{
+  for (WORK& work : work_) {
+    work.block.assign(static_cast<std::size_t>(factor.n * tile_), 0.0);
+    work.gathered.resize(static_cast<std::size_t>(longest_node(factor) * tile_));
+    work.marked.assign(factor.nodes.size(), 0);
+    work.path.reserve(factor.nodes.size());
+  }
+}
+
+void SQUARE_SWEEPS::sweep(const SPARSE_COLUMNS& z, int64_t from, int64_t to, WORK& work, double* out) const
+{
+  const int64_t n = factor_.n;
+  work.path.clear();
+  for (int64_t c = from; c < to; ++c) {
+    for (int64_t k = z.start[c]; k < z.start[c + 1]; ++k) {
+      work.block[z.position[k] + (c - from) * n] += z.value[k];
+      for (int32_t s = factor_.node_of[z.position[k]]; s >= 0 && work.marked[s] == 0; s = factor_.nodes[s].parent) {
+        work.marked[s] = 1;
+        work.path.push_back(s);
+      }
+    }
+  }
+  std::sort(work.path.begin(), work.path.end());
+  for (const int32_t s : work.path) forward(factor_, factor_.nodes[s], work.block.data(), to - from, work.gathered);
+  std::fill(out, out + (to - from), 0.0);
+  for (const int32_t s : work.path) {
+    work.marked[s] = 0;
+    const SNODE& node = factor_.nodes[s];
+    for (int64_t c = 0; c < to - from; ++c) {
+      for (int32_t p = node.first; p <= node.last; ++p) {
+        double& t = work.block[p + c * n];
+        out[c] += t * t * factor_.reciprocal[p];
+        t = 0.0;
+      }
+    }
+  }
+}
+
+void SQUARE_SWEEPS::squares(const SPARSE_COLUMNS& z, std::vector<double>& out)
+{
+  out.resize(static_cast<std::size_t>(z.count()));
+  single_blas_thread();
+  const int64_t tiles = (z.count() + tile_ - 1) / tile_;
+  share(static_cast<int>(work_.size()), tiles, [&](int64_t k, int t) {
+    const int64_t from = k * tile_;
+    sweep(z, from, std::min(from + tile_, z.count()), work_[t], out.data() + from);
+  });
+}
 
 void SMIFWD(const FACTOR& factor, double* b, int64_t columns, int threads)
 {

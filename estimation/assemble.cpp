@@ -98,7 +98,7 @@ void K4MXXS(ERROR_HANDLER& eh, const FORMED& formed, MIXED_EQUATIONS& q)
   } else {
     q.ri = 1.0;
     fill_residual(formed, q.residual);
-    residual_cross_products(q);
+    if (q.solving != Solving::by_products) residual_cross_products(q);
     residual_right_hand_side(q);
   }
   const double scale = q.ri;
@@ -121,9 +121,10 @@ void K4MXXG(ERROR_HANDLER& eh, const TERM_TABLE& terms, const VARIANCE_MODEL& mo
       continue;
     }
     log_det_g += formed.terms[t].log_determinant;
+    if (q.solving == Solving::by_products) continue;
     add_inverse(first, formed.terms[t].components, q.random[t], q, place);
   }
-  if (emptied.empty()) return;
+  if (emptied.empty() || q.solving == Solving::by_products) return;
   for (std::size_t j = 0; j < static_cast<std::size_t>(q.n); ++j) {
     for (std::size_t k = at(q.c.start, j); k < at(q.c.start, j + 1); ++k) {
       if (emptied[j] || emptied[static_cast<std::size_t>(q.c.row[k])]) q.c.value[k] = 0.0;

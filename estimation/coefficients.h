@@ -1,4 +1,4 @@
-// The coefficient matrix of the mixed-model equations and its pattern.  Plain records; no routines.
+// The coefficient matrix of the mixed-model equations and its pattern.
 //
 // Three numberings are in use.  Model order: terms as the model lists them.  Inner order: the sparse
 // equations first, in model order among themselves, then the dense ones (fixed effects), in model order.
@@ -32,6 +32,11 @@ struct COEFFICIENTS {
     return value[static_cast<std::size_t>(start[static_cast<std::size_t>(p)])];
   }
 };
+
+/// The pattern of the strictly lower triangle, the dense block left implied.
+PATTERN pattern_of(const COEFFICIENTS& c, std::int64_t dense);
+/// C renumbered by `position`, rows rising in each column.
+COEFFICIENTS permute(const COEFFICIENTS& c, const std::vector<std::int32_t>& position);
 
 /// A poll for a user's wish to stop, asked at most every 100 ms from the calling thread; true stops the work.
 struct CANCEL {

@@ -9,7 +9,7 @@ namespace tolvan {
 enum class Ai : int {
   first_run = 1,              // set once before the loop
   final_required = 3,         // below zero: a final pass is required after convergence
-  mode = 5,                   // evaluation mode: 0 normal
+  mode = 5,                   // evaluation mode: 0 normal, else solutions at the given parameters
   us_modified = 10,           // unstructured matrices modified by the update
   restrained = 23,            // restrained updates in this step; halved in the convergence test
   boundary = 25,              // parameters noted at a boundary
@@ -17,6 +17,7 @@ enum class Ai : int {
   step_thousandths = 37,      // 1000 times the multiplier applied to the step
   penalty = 39,               // damping number of the information matrix, -1 for none
   held_out = 48,              // parameter held out of the update, 1-based, 0 for none
+  outliers = 51,              // level of outlier statistics: above 1 they are formed
   final_pass = 52,            // 1 during the final iteration
   falls = 55,                 // consecutive iterations in which LogL fell
   threads = 57,

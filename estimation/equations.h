@@ -1,6 +1,10 @@
 // The mixed-model equations C b = r of a fit: layout, pattern, fixed cross-products and their refilling.
 // Routines: SETUP_EQUATIONS, K4MXXS, K4MXXG.
 //
+// Solved by iteration there is no ordering and no factor: elimination order is inner order.  Where design and structures take
+// less memory than C would, C is not formed either; c is then empty, and products of C go through `rows`, `columns` and the
+// structures.
+//
 // W holds all design columns, fixed and random.  C = W'R^-1 W + G^-1 and r = W'R^-1 y.
 // Where R = v diag(1/weight) the products C0 = W'R0^-1 W, W'R0^-1 y and y'R0^-1 y with R0 = diag(1/weight) never change during a
 // fit: they are formed once and only scaled by 1/v.  For any other R they are formed anew in each evaluation, as G^-1 is added.
@@ -36,8 +40,13 @@ struct CENTRED {
   double shift;
 };
 
+/// How the equations are solved.
+enum class Solving { by_factor, by_sweeps, by_products };
+
 struct MIXED_EQUATIONS {
   std::int64_t n = 0;                    // equations
+  std::int64_t dense = 0;                // of them at the end, in model order
+  Solving solving = Solving::by_factor;  // by_products is asked for; where C is smaller it becomes by_sweeps
   std::int64_t records = 0;              // analysis records with a weight above zero
   std::vector<std::int32_t> inner;       // model order to inner order
   std::vector<std::int32_t> position;    // model order to elimination order
@@ -46,7 +55,7 @@ struct MIXED_EQUATIONS {
   FACTOR factor;
   DESIGN_COLUMNS columns;                // by elimination position
   COEFFICIENTS c;                        // refilled in each evaluation
-  DESIGN_COLUMNS rows;                   // the same by records: `record` holds elimination positions; kept when R is not simple
+  DESIGN_COLUMNS rows;                   // the same by records: `record` holds elimination positions; not with a factor and simple R
   std::vector<double> c0;                // the residual part of C over ri, aligned with c.value
   std::vector<double> r0;                // W'R^-1 y over ri, elimination order, of the shifted response
   double y0 = 0.0;                       // y'R^-1 y over ri, of the shifted response

@@ -5,6 +5,8 @@
 #include <cmath>
 
 #include "base/text.h"
+#include "estimation/iterative_mme.h"
+#include "estimation/outliers.h"
 
 namespace tolvan {
 namespace {
@@ -154,53 +156,7 @@ bool is_positive_definite(const FIT_MODEL& in, const VARIANCE_MODEL& model, cons
   return negative == 0 || ev.negative == 0;
 }
 
-/// Residuals e = y - W b, record by record, and e'R^-1 e.
-void form_residuals(const FIT_MODEL& in, const MIXED_EQUATIONS& q, EVALUATION& ev)
-{
-  const std::size_t rows = q.y.size();
-  ev.residual = q.y;
-  for (std::size_t p = 0; p < static_cast<std::size_t>(q.n); ++p) {
-    const double b = ev.solution[p];
-    if (b == 0.0) continue;
-    for (auto k = static_cast<std::size_t>(q.columns.start[p]); k < static_cast<std::size_t>(q.columns.start[p + 1]); ++k) {
-      ev.residual[static_cast<std::size_t>(q.columns.record[k])] -= b * q.columns.value[k];
-    }
-  }
-  double sum = 0.0;
-  if (q.residual.empty()) {
-    for (std::size_t r = 0; r < rows; ++r) {
-      sum += (in.design.weight.empty() ? 1.0 : std::max(in.design.weight[r], 0.0)) * ev.residual[r] * ev.residual[r];
-    }
-    sum *= q.ri;
-  } else {
-    std::vector<double> re(rows);
-    multiply_residual_inverse(q.residual, ev.residual.data(), re.data());
-    for (std::size_t r = 0; r < rows; ++r) sum += ev.residual[r] * re[r];
-  }
-  ev.residual_square = sum;
-}
-
-/// Adds by * G^-1 x to y, both over all equations in elimination order.
-void add_random_part(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, const EVALUATION& ev, double by,
-                     const double* x, double* y)
-{
-  std::vector<double> u;
-  std::vector<double> gu;
-  std::vector<double> work;
-  for (std::size_t t = 0; t < model.terms.size(); ++t) {
-    if (model.terms[t].dropped) continue;
-    const std::int64_t first = first_equation(in.terms, model.terms[t]);
-    u.resize(static_cast<std::size_t>(q.random[t].size()));
-    gu.resize(u.size());
-    gather_effects(q, first, x, u);
-    apply_inverse(ev.formed.terms[t].components, u.data(), gu.data(), work);
-    for (double& g : gu) g *= by;
-    scatter_effects(q, first, gu, y);
-  }
-}
-
-/// The solutions and y'Py = e'R^-1 e + u'G^-1 u.  The absorbed corner y'R^-1 y - b'W'R^-1 y is the same number, but with large
-/// effects it is a small difference of large ones; here an error of the solutions enters squared.
+/// The solutions and what follows from them; the effects of a constant where mu was left out; nu.
 void solve(const FIT_MODEL& in, const VARIANCE_MODEL& model, int threads, FIT_WORK& work, EVALUATION& ev)
 {
   const Timed timed{in.timing, "SMIFWD", "K4MITR"};
@@ -211,11 +167,7 @@ void solve(const FIT_MODEL& in, const VARIANCE_MODEL& model, int threads, FIT_WO
   std::transform(q.r0.begin(), q.r0.end(), ev.solution.begin(), [ri](double x) { return ri * x; });
   SMIFWD(q.factor, ev.solution.data(), 1, threads);
   SMIBCK(q.factor, ev.solution.data(), 1, threads);
-  form_residuals(in, q, ev);
-  ev.random_part.assign(n, 0.0);
-  add_random_part(in, model, q, ev, 1.0, ev.solution.data(), ev.random_part.data());
-  ev.quadratic = ev.residual_square;
-  for (std::size_t p = 0; p < n; ++p) ev.quadratic += ev.solution[p] * ev.random_part[p];
+  follow_solutions(in, model, q, ev);
 
   // mu was left out as singular: what was taken off the response goes to the effects that span it.
   ev.constant.clear();
@@ -224,10 +176,11 @@ void solve(const FIT_MODEL& in, const VARIANCE_MODEL& model, int threads, FIT_WO
     std::vector<double> left(n, 0.0);
     left[static_cast<std::size_t>(q.position_of(q.mu))] = 1.0;
     std::vector<double> step(left.size());
+    EFFECTS_SCRATCH scratch;
     ev.constant.assign(left.size(), 0.0);
     for (int round = 0; round < 2; ++round) {
       multiply_residual_part(q, left.data(), step.data(), 1);
-      if (round > 0) add_random_part(in, model, q, ev, -1.0, ev.constant.data(), step.data());
+      if (round > 0) add_random_part(in, model, q, ev, -1.0, ev.constant.data(), step.data(), scratch);
       SMIFWD(q.factor, step.data(), 1, threads);
       SMIBCK(q.factor, step.data(), 1, threads);
       for (std::size_t p = 0; p < left.size(); ++p) {
@@ -259,6 +212,13 @@ void log_likelihood(const VARIANCE_MODEL& model, EVALUATION& ev)
   ev.logl = -0.5 * (nu * std::log(std::fabs(ev.sigma2)) + l + nu);
 }
 
+/// LogL where it is not formed: 0, with the residual variance at the given parameters.
+void without_likelihood(const VARIANCE_MODEL& model, EVALUATION& ev)
+{
+  ev.logl = 0.0;
+  ev.sigma2 = model.profiled && ev.nu > 0 ? ev.quadratic / static_cast<double>(ev.nu) : 1.0;
+}
+
 /// L_FORM: forms the structures and the equations, absorbs them and gives the log-likelihood.
 void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int threads, VARIANCE_MODEL& model, FIT_WORK& work,
             EVALUATION& ev)
@@ -273,6 +233,7 @@ void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int 
   if (eh.terminate() || ev.fault > 0) return;
   if (q.n == 0 && in.terms.equations > 0) {  // the first evaluation: the structures' patterns are known now
     const Timed timed{in.timing, "REORDER_MATRIX"};
+    q.solving = solving_of_mode(work.aiopt(Ai::mode));
     SETUP_EQUATIONS(eh, in.options, in.terms, in.design, model, ev.formed, q);
     if (eh.terminate()) return;
   }
@@ -296,6 +257,12 @@ void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int 
     const double used = simple ? static_cast<double>(q.records) / static_cast<double>(section.records) : 1.0;
     ev.log_det_r += used * section.log_determinant;
   }
+  if (q.solving != Solving::by_factor) {
+    ITERATIVE_MME(eh, in, model, work.aiopt(Ai::mode), work, ev);
+    if (eh.terminate() || ev.fault > 0 || ev.absorbed.cancelled) return;
+    without_likelihood(model, ev);
+    return;
+  }
   L_ABSORB(eh, in, threads, work, ev);
   if (eh.terminate() || ev.absorbed.cancelled) return;
   if (!is_positive_definite(in, model, q, ev)) {
@@ -312,7 +279,11 @@ void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int 
     ev.fault = 2130;
     return;
   }
-  log_likelihood(model, ev);
+  if (work.aiopt(Ai::mode) == 1) {
+    without_likelihood(model, ev);
+  } else {
+    log_likelihood(model, ev);
+  }
 }
 
 /// Whether LogL fell so far that the evaluation is repeated nearer to the best parameters; moves them there.
@@ -351,17 +322,27 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
     if (!damp_again(iteration, repeats, second, model, work, ev)) break;
   }
 
-  list_active(model, ev);
-  set_units(model, q, ev);
-  WORKING_VARIABLES working;
-  {
-    const Timed part{in.timing, "K4MWVG", "K4MITR"};
-    K4MWVG(eh, in, model, q, ev, working);
-    K4MWVR(eh, model, q, ev, working);
+  const std::int64_t mode = work.aiopt(Ai::mode);
+  ev.information = {};
+  ev.inverse_diagonal.clear();
+  ev.outliers = {};
+  if (mode == 1 || mode > last_mode_by_factor) return;
+  if (mode == 0) {
+    list_active(model, ev);
+    set_units(model, q, ev);
+    WORKING_VARIABLES working;
+    {
+      const Timed part{in.timing, "K4MWVG", "K4MITR"};
+      K4MWVG(eh, in, model, q, ev, working);
+      K4MWVR(eh, model, q, ev, working);
+    }
+    K4MWVA(eh, in, q, working, threads, ev);
+    if (eh.terminate()) return;
   }
-  K4MWVA(eh, in, q, working, threads, ev);
-  if (eh.terminate()) return;
-  working = {};
+  if (work.aiopt(Ai::outliers) > 1 && work.aiopt(Ai::final_pass) > 0) {
+    K4MGIUA(eh, in, model, q, threads, ev);
+    if (eh.terminate()) return;
+  }
   {
     const Timed part{in.timing, "K4MSMI", "K4MITR"};
     SMIREV(eh, q.factor, threads, work.cancel);
@@ -374,6 +355,7 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
     for (std::int64_t p = 0; p < q.n; ++p) {
       ev.inverse_diagonal[static_cast<std::size_t>(p)] = inverse[static_cast<std::size_t>(q.c.start[static_cast<std::size_t>(p)])];
     }
+    if (mode > 0) return;
     K4MSCG(eh, in, model, q, inverse, ev);
     K4MSCR(eh, in, model, q, inverse, ev);
   }

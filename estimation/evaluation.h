@@ -21,6 +21,13 @@
 
 namespace tolvan {
 
+/// z'C^-1 z of the records and effects whose outlier statistics need it, -1 for all others.
+struct OUTLIER_SQUARES {
+  bool formed = false;
+  std::vector<double> record;  // z = W'R^-1 e_r; a design row each
+  std::vector<double> effect;  // z = G^-1 e_i; elimination order
+};
+
 /// What one evaluation found, at the parameter values `evaluated`.
 struct EVALUATION {
   std::vector<double> evaluated;
@@ -38,7 +45,9 @@ struct EVALUATION {
   std::vector<double> random_part;       // G^-1 u, elimination order; 0 for fixed effects
   std::vector<double> residual;          // e = y - W b, an analysis record each
   std::vector<double> constant;          // the effects that stand for a constant of 1 when mu itself is singular; else empty
-  std::vector<double> inverse_diagonal;  // of C-inverse, elimination order
+  std::vector<double> inverse_diagonal;  // of C-inverse, elimination order; empty where C-inverse was not formed
+  bool iterated = false;                 // the equations were solved by iteration and the solutions have converged
+  OUTLIER_SQUARES outliers;              // of a final pass that is asked for them
   INFORMATION information;               // before any damping
 };
 
@@ -68,7 +77,23 @@ struct FIT_MODEL {
 };
 
 /// K4MITR: evaluates likelihood, score and information at the present parameters and updates them.
+///
+/// Ai::mode above 0 leaves earlier, with the parameters as they are: 1 has the solutions, but neither LogL nor C-inverse; 2 and 3
+/// have both, but neither scores nor information; above 3 the equations are solved by iteration, with what 1 gives.
 void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARIANCE_MODEL& model, FIT_WORK& work, EVALUATION& ev);
+
+/// Buffers of the products below, grown as needed.
+struct EFFECTS_SCRATCH {
+  std::vector<double> u, gu, work;
+};
+
+/// Adds by * G^-1 x to y, both over all equations in elimination order.
+void add_random_part(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations, const EVALUATION& ev,
+                     double by, const double* x, double* y, EFFECTS_SCRATCH& scratch);
+
+/// From the solutions: the residuals, G^-1 u and y'Py = e'R^-1 e + u'G^-1 u.  The absorbed corner y'R^-1 y - b'W'R^-1 y is the same
+/// number, but with large effects it is a small difference of large ones; here an error of the solutions enters squared.
+void follow_solutions(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations, EVALUATION& ev);
 
 /// K4MWVG: the working variables of the active parameters as alpha_i e + W a_i + f_i, e = y - W b being the residuals.
 ///

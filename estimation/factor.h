@@ -104,6 +104,45 @@ void SMIFWD(const FACTOR& factor, double* b, std::int64_t columns, int threads);
 /// SMIBCK: b becomes L'^-1 D^-1 b; behind SMIFWD this solves C x = b, with 0 for singular equations.
 void SMIBCK(const FACTOR& factor, double* b, std::int64_t columns, int threads);
 
+/// Sparse columns in elimination order, one after the other.
+struct SPARSE_COLUMNS {
+  std::vector<std::int64_t> start{0};
+  std::vector<std::int32_t> position;
+  std::vector<double> value;
+
+  std::int64_t count() const { return static_cast<std::int64_t>(start.size()) - 1; }
+  void clear()
+  {
+    start.assign(1, 0);
+    position.clear();
+    value.clear();
+  }
+  /// Ends the column that was being put together.
+  void close() { start.push_back(static_cast<std::int64_t>(position.size())); }
+};
+
+/// z'C^-1 z for sparse columns z, by forward sweeps that touch only the nodes on the paths from their elements to the root
+/// (Gilbert & Peierls 1988).  Throws bad_alloc.
+class SQUARE_SWEEPS {
+ public:
+  SQUARE_SWEEPS(const FACTOR& factor, int threads);
+  /// Columns worth handing over at once.
+  std::int64_t batch() const { return tile_ * static_cast<std::int64_t>(work_.size()); }
+  void squares(const SPARSE_COLUMNS& z, std::vector<double>& out);
+
+ private:
+  struct WORK {
+    std::vector<double> block;        // n by columns of a tile; zero between sweeps
+    std::vector<double> gathered;
+    std::vector<std::uint8_t> marked; // by node; 0 between sweeps
+    std::vector<std::int32_t> path;   // the nodes to go through
+  };
+  void sweep(const SPARSE_COLUMNS& z, std::int64_t from, std::int64_t to, WORK& work, double* out) const;
+  const FACTOR& factor_;
+  std::int64_t tile_;
+  std::vector<WORK> work_;  // one a thread
+};
+
 /// SMIREV: replaces L by the elements of C-inverse on its pattern (Takahashi, Fagan & Chen 1973), zero for
 /// singular ones. Stopped by `cancel` it leaves holds_inverse false, and a factor of no use.
 void SMIREV(ERROR_HANDLER& eh, FACTOR& factor, int threads, CANCEL cancel);

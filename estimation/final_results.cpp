@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "estimation/outliers.h"
+
 namespace tolvan {
 namespace {
 
@@ -13,10 +15,11 @@ void effects(const FIT_MODEL& in, const MIXED_EQUATIONS& q, const EVALUATION& ev
   const auto n = static_cast<std::size_t>(q.n);
   fit.solution.assign(n, 0.0);
   fit.se.assign(n, 0.0);
+  const bool with_inverse = !ev.inverse_diagonal.empty();
   for (std::size_t e = 0; e < n; ++e) {
     const auto p = static_cast<std::size_t>(q.position[e]);
     fit.solution[e] = q.factor.reciprocal[p] != 0.0 ? ev.solution[p] : 0.0;  // a singular one is 0, not -0
-    fit.se[e] = std::sqrt(std::max(0.0, ev.sigma2 * ev.inverse_diagonal[p]));
+    fit.se[e] = with_inverse ? std::sqrt(std::max(0.0, ev.sigma2 * ev.inverse_diagonal[p])) : no_value;
   }
   // An estimated response has the offset of its record, and the constant that was taken off the others.
   for (const TERM_ROW& term : in.terms.rows) {
@@ -37,7 +40,7 @@ void effects(const FIT_MODEL& in, const MIXED_EQUATIONS& q, const EVALUATION& ev
   } else {
     for (std::size_t e = 0; e < n; ++e) fit.solution[e] += constant * ev.constant[static_cast<std::size_t>(q.position[e])];
   }
-  if (q.centred.empty() || !ev.constant.empty()) return;
+  if (q.centred.empty() || !ev.constant.empty() || !with_inverse) return;
   // var(mu) = c' C^-1 c with c = 1 for mu and -shift_x for each centred covariate.
   std::vector<CENTRED> c = q.centred;
   for (CENTRED& x : c) x.shift = -x.shift;
@@ -300,7 +303,10 @@ void K4MFIN(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
   fit.tolerance = work.tolerance;
   effects(in, work.equations, ev, fit);
   fitted_values(in, work.equations, ev, fit);
-  AIRHAT(eh, in, work.equations, static_cast<int>(std::max<std::int64_t>(1, work.aiopt(Ai::threads))), fit.hat);
+  if (!ev.inverse_diagonal.empty()) {
+    AIRHAT(eh, in, work.equations, static_cast<int>(std::max<std::int64_t>(1, work.aiopt(Ai::threads))), fit.hat);
+    K4MRIE(eh, in, model, work.equations, ev, fit);
+  }
   if (eh.terminate()) return;
   bound_letters(model, work, ev, fit);
   dropped_letters(model, fit);

@@ -10,6 +10,7 @@
 #include "estimation/evaluation.h"
 #include "estimation/fault_texts.h"
 #include "estimation/final_results.h"
+#include "estimation/iterative_mme.h"
 #include "reports/result_tables.h"
 #include "reports/user_abort.h"
 
@@ -40,7 +41,7 @@ struct ITERATION {
 };
 
 /// L_OPEN: the messages and settings before the loop.
-void L_OPEN(ERROR_HANDLER& eh, const FIT_CALL& call, FIT_WORK& work, ITERATION& it)
+void L_OPEN(ERROR_HANDLER& eh, const FIT_CALL& call, FIT_WORK& work, ITERATION& it, FIT_STATE& fit)
 {
   const Frame here{eh, __func__};
   const FIT_OPTIONS& options = call.options;
@@ -56,6 +57,12 @@ void L_OPEN(ERROR_HANDLER& eh, const FIT_CALL& call, FIT_WORK& work, ITERATION& 
   if (!(work.update.step > 0.0)) work.update.step = it.reset_step;
   work.update.saved_step = work.update.step;
   work.aiopt(Ai::penalty) = options(Slot::aipenalty);
+  work.aiopt(Ai::mode) = std::max<std::int64_t>(0, options(Slot::blup));
+  fit.mode = work.aiopt(Ai::mode);
+  work.aiopt(Ai::outliers) = options(Slot::outlier) > 0 ? 2 : 0;
+  if (work.aiopt(Ai::outliers) > 1 && (fit.mode == 1 || fit.mode > last_mode_by_factor)) {
+    eh.warning(text("there are no outlier statistics with !BLUP ", fit.mode, " because C-inverse is not formed"));
+  }
   const std::int64_t present = processor_threads();
   const std::int64_t threads = std::clamp<std::int64_t>(options(Slot::maximum_number_of_threads), 1, std::max<std::int64_t>(1, present));
   work.aiopt(Ai::threads) = threads;
@@ -198,6 +205,12 @@ void halve_towards_best(const EVALUATION& ev, VARIANCE_MODEL& model, const FIT_W
   }
 }
 
+/// Whether something is wanted that only a final pass forms.
+bool final_pass_due(const FIT_WORK& work)
+{
+  return work.aiopt(Ai::final_required) < 0 || work.aiopt(Ai::outliers) > 1;
+}
+
 /// L_ITERATE: the loop; leaves the fit's status and end set.
 void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& work, EVALUATION& ev, ITERATION& it, FIT_STATE& fit)
 {
@@ -206,14 +219,18 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
   for (;;) {
     ++it.n;
     if (it.extra > 0) it.final_pass = false;
-    if (it.n >= it.limit) it.final_pass = true;
+    if (it.n >= it.limit || fit.mode > 0) it.final_pass = true;
     work.aiopt(Ai::final_pass) = it.final_pass ? 1 : 0;
 
     K4MITR(eh, in, it.n, call.model, work, ev);
-    if (eh.terminate()) return;
     if (ev.absorbed.cancelled) {
       L_USER_STOP(eh, work, it, fit);
       fit.end = FitEnd::aborted;
+      return;
+    }
+    if (eh.terminate()) {
+      if (ev.fault > 0) fit.end = FitEnd::failed;
+      if (ev.fault > 0) fit.status = fault_text(ev.fault);
       return;
     }
     if (it.n <= 2) TMG_LOG(call.timing, " Iteration complete");
@@ -232,7 +249,7 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
     }
 
     const double fall = work.has_saved ? work.previous_logl - ev.logl : 0.0;
-    L_SET_BASE(eh, ev.logl, fit);
+    if (fit.mode == 0) L_SET_BASE(eh, ev.logl, fit);
     if (it.n >= 2 && fall >= 2.0 * p + 10.0) {
       ++it.failed;
       L_TRACE(eh, call, work, ev, it, fit);
@@ -252,6 +269,12 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
     const bool repeated = it.repeats > 0;
     it.repeats = 0;
     it.failed = 0;
+    if (fit.mode > 0) {
+      fit.status = "BLUP run done";
+      fit.end = fit.mode > last_mode_by_factor && !ev.iterated ? FitEnd::not_converged : FitEnd::converged;
+      if (fit.end == FitEnd::not_converged) fit.status = "Warning: BLUP run done; Solutions Not Converged";
+      return;
+    }
 
     const std::int64_t singular = work.aiopt(Ai::ai_singularities);
     if (singular > 0 && call.options(Slot::aisingularities) == 0) {
@@ -290,7 +313,11 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
     }
     if (it.final_pass) return;
     if (!converged) continue;
-    if (it.extra <= 0) return;
+    if (it.extra <= 0) {
+      if (!final_pass_due(work)) return;
+      it.limit = it.n + 1;
+      continue;
+    }
     if (--it.extra == 0) it.final_pass = true;
   }
 }
@@ -341,7 +368,8 @@ void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& 
   const bool evaluated = work.has_saved && fit.end != FitEnd::aborted;
   const bool failed = fit.fault > 0 || it.go_back;
   const bool better_before = !failed && work.best_logl - ev.logl > 0.1 * last_fall;
-  if (evaluated && (failed || better_before)) {
+  const bool unfinished = fit.mode == 0 && final_pass_due(work) && work.aiopt(Ai::final_pass) == 0;
+  if (evaluated && (failed || better_before || unfinished)) {
     // The failed or rejected evaluation is nothing to report from: evaluate once more at the last good parameters.  A likelihood
     // with kinks, as ranges of spherical models have, keeps stepping over its top: there the best parameters met are reported.
     for (std::size_t i = 0; i < work.saved.size(); ++i) {
@@ -349,6 +377,7 @@ void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& 
       if (better_before) call.model.parameters[i].value = work.best[i];
     }
     if (better_before) own.note("the parameters of an earlier iteration are reported, its LogL was the best");
+    work.aiopt(Ai::final_pass) = 1;
     K4MITR(own, in, 1, call.model, work, ev);
   }
   if (evaluated && !own.terminate() && ev.fault == 0 && !ev.absorbed.cancelled) {
@@ -356,7 +385,13 @@ void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& 
     if (!own.terminate()) {
       fit.logl = ev.logl - fit.base;
       L_JUDGE(own, call, work, ev, it, fit);
-      L_CRITERIA(own, fit);
+      if (fit.mode > 0) {
+        own.note("variance parameters were not estimated because the !BLUP qualifier was specified");
+        own.continuation("the Standard Errors of variance components (and solutions?) and derived quantities are wrong");
+        own.continuation("use !MAXIT 1 instead of !BLUP to get correct standard errors");
+      } else {
+        L_CRITERIA(own, fit);
+      }
       STORE_FIT_SCALARS(own, call.model, fit, call.tables);
       AIDRPT(own, call.variables, call.factors, call.terms, call.design, call.model, fit, call.tables);
       TMG_LOG(call.timing, " TLV/SLN/YHT written");
@@ -396,7 +431,7 @@ void AIWORK(ERROR_HANDLER& eh, FIT_CALL& call, FIT_STATE& fit)
   ITERATION it;
   EVALUATION ev;
   const FIT_MODEL in{call.options, call.variables, call.factors, call.terms, call.design, call.timing};
-  L_OPEN(eh, call, work, it);
+  L_OPEN(eh, call, work, it, fit);
   if (eh.terminate()) return;
   L_ITERATE(eh, call, in, work, ev, it, fit);
   TMG_LOG(call.timing, " EndingResiduals");

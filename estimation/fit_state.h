@@ -30,6 +30,7 @@ struct FIT_STATE {
   std::string status = " Warning: LogL not converged";
   FitEnd end = FitEnd::not_converged;
   std::int64_t fault = 0;
+  std::int64_t mode = 0;              // of the option blup: above 0 the parameters were not estimated
   bool usable = false;                // an evaluation was completed: tables can be formed from it
 
   // Of the last completed evaluation.
@@ -42,10 +43,14 @@ struct FIT_STATE {
   double tolerance = 1e-8;
   std::vector<double> evaluated;      // the parameter values of that evaluation, in table order
   std::vector<double> solution;       // model order, on the scale of the response as given
-  std::vector<double> se;             // model order; 0 for a singular equation
+  std::vector<double> se;             // model order; 0 for a singular equation; missing mark where C-inverse was not formed
   std::vector<double> fitted;         // an analysis record each, response as given
   std::vector<double> residual;       // missing mark where the response was missing
   std::vector<double> hat;            // diagonal of W C^-1 W' R^-1; empty where it was not formed
+  std::vector<double> rinv_residual;  // outlier statistics; empty where they were not formed.  R^-1 e, an analysis record each,
+  std::vector<double> record_outlier; // and that over its standard deviation; missing mark where the response was missing
+  std::vector<double> ginv_effect;    // G^-1 u, model order; missing mark for fixed effects
+  std::vector<double> effect_outlier;
   std::vector<double> covariance;     // of the parameters on the reported (Sigma) scale, lower triangle by rows;
                                       // 0 for parameters that were not estimated
   std::vector<double> sigma;          // parameters on the Sigma scale, in table order

@@ -196,8 +196,9 @@ STRUCTURE_OF structures_of(const TERM_TABLE& terms, const VARIANCE_MODEL& model,
 /// Column j gathers the rows of its records, and of the records that R^-1 joins to them, into a dense work vector (Gustavson
 /// 1978), so that no element is searched for; the elements of G^-1 join it as zeros.  Values are right where R is one scaled
 /// identity; else they are formed in each evaluation.
+///   most  elements that C may have, or below 0 for any number; with more it stays unfinished, its n being 0
 COEFFICIENTS cross_products(const TERM_TABLE& terms, const VARIANCE_MODEL& model, const INNER_DESIGN& d, const DESIGN_COLUMNS& columns,
-                            std::int64_t dense, MIXED_EQUATIONS& q)
+                            std::int64_t dense, std::int64_t most, MIXED_EQUATIONS& q)
 {
   const std::int64_t n = q.n;
   const STRUCTURE_OF of = structures_of(terms, model, q);
@@ -258,6 +259,7 @@ COEFFICIENTS cross_products(const TERM_TABLE& terms, const VARIANCE_MODEL& model
       c.value.push_back(work[static_cast<std::size_t>(i)]);
     }
     c.start[static_cast<std::size_t>(j) + 1] = static_cast<std::int64_t>(c.row.size());
+    if (most >= 0 && c.start[static_cast<std::size_t>(j) + 1] > most) return {};
   }
   return c;
 }
@@ -280,77 +282,6 @@ DESIGN_COLUMNS by_records(const DESIGN_COLUMNS& columns, std::int64_t records)
     }
   }
   return rows;
-}
-
-/// The pattern of the strictly lower triangle, the dense block left implied.
-PATTERN pattern_of(const COEFFICIENTS& c, std::int64_t dense)
-{
-  PATTERN p;
-  p.n = c.n;
-  p.dense = dense;
-  p.start.assign(static_cast<std::size_t>(c.n) + 1, 0);
-  p.row.reserve(c.row.size());
-  for (std::int64_t j = 0; j < c.n; ++j) {
-    if (j < c.n - dense) {
-      const auto from = static_cast<std::size_t>(c.start[static_cast<std::size_t>(j)]) + 1;  // past the diagonal
-      const auto to = static_cast<std::size_t>(c.start[static_cast<std::size_t>(j) + 1]);
-      p.row.insert(p.row.end(), c.row.begin() + static_cast<std::ptrdiff_t>(from), c.row.begin() + static_cast<std::ptrdiff_t>(to));
-    }
-    p.start[static_cast<std::size_t>(j) + 1] = static_cast<std::int64_t>(p.row.size());
-  }
-  return p;
-}
-
-/// A symmetric lower triangle renumbered; rows rise again because columns are filled in row order (two transpositions).
-COEFFICIENTS permute(const COEFFICIENTS& c, const std::vector<std::int32_t>& position)
-{
-  const auto n = static_cast<std::size_t>(c.n);
-  // First by rows: row max(p, q) receives (min, value); then by columns in rising row order.
-  std::vector<std::int64_t> count(n + 1, 0);
-  const auto ends = [&](std::size_t j, std::size_t k, std::int32_t& low, std::int32_t& high) {
-    const std::int32_t a = position[j];
-    const std::int32_t b = position[static_cast<std::size_t>(c.row[k])];
-    low = std::min(a, b);
-    high = std::max(a, b);
-  };
-  std::int32_t low = 0;
-  std::int32_t high = 0;
-  COEFFICIENTS out;
-  out.n = c.n;
-  out.start.assign(n + 1, 0);
-  for (std::size_t j = 0; j < n; ++j) {
-    for (auto k = static_cast<std::size_t>(c.start[j]); k < static_cast<std::size_t>(c.start[j + 1]); ++k) {
-      ends(j, k, low, high);
-      ++count[static_cast<std::size_t>(high) + 1];
-      ++out.start[static_cast<std::size_t>(low) + 1];
-    }
-  }
-  for (std::size_t j = 0; j < n; ++j) {
-    count[j + 1] += count[j];
-    out.start[j + 1] += out.start[j];
-  }
-  std::vector<std::int32_t> column(c.row.size());
-  std::vector<double> value(c.row.size());
-  std::vector<std::int64_t> next(count.begin(), count.end() - 1);
-  for (std::size_t j = 0; j < n; ++j) {
-    for (auto k = static_cast<std::size_t>(c.start[j]); k < static_cast<std::size_t>(c.start[j + 1]); ++k) {
-      ends(j, k, low, high);
-      const auto at = static_cast<std::size_t>(next[static_cast<std::size_t>(high)]++);
-      column[at] = low;
-      value[at] = c.value[k];
-    }
-  }
-  out.row.resize(c.row.size());
-  out.value.resize(c.row.size());
-  next.assign(out.start.begin(), out.start.end() - 1);
-  for (std::size_t i = 0; i < n; ++i) {
-    for (auto k = static_cast<std::size_t>(count[i]); k < static_cast<std::size_t>(count[i + 1]); ++k) {
-      const auto at = static_cast<std::size_t>(next[static_cast<std::size_t>(column[k])]++);
-      out.row[at] = static_cast<std::int32_t>(i);
-      out.value[at] = value[k];
-    }
-  }
-  return out;
 }
 
 /// Moves every Lagrangian equation behind the one that it binds, by exchanging the two where the order has them the other way.
@@ -443,6 +374,26 @@ void design_sizes(const TERM_TABLE& terms, MIXED_EQUATIONS& q)
   }
 }
 
+/// Whether design and structures together take less memory than C can: known before C is formed where G^-1 alone decides it.
+bool products_are_smaller(const FORMED& formed, const DESIGN_MTX& design, std::int64_t n, std::int64_t& most)
+{
+  constexpr std::int64_t bytes_of_element = 20;  // of C: its value, that of its residual part, its row
+  constexpr std::int64_t bytes_by_record = 12;   // of a design value: itself and its equation
+  most = bytes_by_record * static_cast<std::int64_t>(design.equation.size()) / bytes_of_element;
+  double elements = 0.0;  // of C at least: those of G^-1 and the diagonal
+  double structured = 0.0;
+  for (const FORMED_TERM& term : formed.terms) {
+    double all = 1.0;
+    for (const auto& component : term.components) {
+      const SYMMETRIC& m = component->inverse();
+      all *= m.shape == Shape::identity ? static_cast<double>(m.n) : static_cast<double>(m.stored());
+    }
+    elements += all;
+    structured += static_cast<double>(term.size);
+  }
+  return elements + std::max(0.0, static_cast<double>(n) - structured) > static_cast<double>(most);
+}
+
 }  // namespace
 
 void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TABLE& terms, const DESIGN_MTX& design,
@@ -453,34 +404,47 @@ void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_T
   std::int64_t dense = 0;
   L_PLACE_TERMS(eh, options, terms, q, dense);
   if (eh.terminate()) return;
+  q.dense = dense;
   choose_shifts(terms, design, dense, q);
   lay_out_residual(design, formed, q.residual);
-  q.random.reserve(formed.terms.size());
-  for (const FORMED_TERM& term : formed.terms) q.random.emplace_back(term.components).keep_zeros(true);
-
   const INNER_DESIGN d = inner_design(design, q);
-  q.columns = by_columns(d, q.n, nullptr);
-  COEFFICIENTS inner = cross_products(terms, model, d, q.columns, dense, q);
-  q.columns = {};
-  {
-    const PATTERN pattern = pattern_of(inner, dense);
-    std::vector<std::int32_t> order;
-    REORDER_MATRIX(eh, pattern, 0, order);
-    if (eh.terminate()) return;
-    bind_after(terms, model, formed, q, order);
-    SYMBOLICABS2(eh, pattern, order, q.factor);
-    if (eh.terminate()) return;
+  std::int64_t most = -1;
+  if (q.solving != Solving::by_products || !products_are_smaller(formed, design, q.n, most)) {
+    q.random.reserve(formed.terms.size());
+    for (const FORMED_TERM& term : formed.terms) q.random.emplace_back(term.components).keep_zeros(true);
+    q.columns = by_columns(d, q.n, nullptr);
+    COEFFICIENTS inner = cross_products(terms, model, d, q.columns, dense, most, q);
+    for (PRODUCT_ROWS& rows : q.random) rows.keep_zeros(false);
+    if (q.solving == Solving::by_factor) {
+      q.columns = {};
+      {
+        const PATTERN pattern = pattern_of(inner, dense);
+        std::vector<std::int32_t> order;
+        REORDER_MATRIX(eh, pattern, 0, order);
+        if (eh.terminate()) return;
+        bind_after(terms, model, formed, q, order);
+        SYMBOLICABS2(eh, pattern, order, q.factor);
+        if (eh.terminate()) return;
+      }
+      q.c = permute(inner, q.factor.position);
+      inner = {};
+      q.columns = by_columns(d, q.n, &q.factor.position);
+      q.position.resize(static_cast<std::size_t>(q.n));
+      for (std::size_t e = 0; e < q.position.size(); ++e) {
+        q.position[e] = q.factor.position[static_cast<std::size_t>(q.inner[e])];
+      }
+    } else if (inner.n > 0 || q.n == 0) {
+      q.solving = Solving::by_sweeps;
+      q.c = std::move(inner);
+    }
+    q.c0 = q.c.value;
   }
-  q.c = permute(inner, q.factor.position);
-  inner = {};
-  q.c0 = q.c.value;
-  q.columns = by_columns(d, q.n, &q.factor.position);
-  if (!q.residual.empty()) q.rows = by_records(q.columns, design.rows());
-  q.position.resize(static_cast<std::size_t>(q.n));
-  for (std::size_t e = 0; e < q.position.size(); ++e) {
-    q.position[e] = q.factor.position[static_cast<std::size_t>(q.inner[e])];
+  if (q.solving != Solving::by_factor) {
+    q.position = q.inner;
+    if (q.solving == Solving::by_products) q.random = {};
+    if (q.columns.start.empty()) q.columns = by_columns(d, q.n, nullptr);
   }
-  for (PRODUCT_ROWS& rows : q.random) rows.keep_zeros(false);
+  if (!q.residual.empty() || q.solving != Solving::by_factor) q.rows = by_records(q.columns, design.rows());
   response_products(design, q);
   design_sizes(terms, q);
 }

@@ -31,6 +31,11 @@ void TABLE_SLN(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_
                   .justify = Justify::left});
   OTT_ADD_COLUMN(eh, t, {.name = "EFFECT", .heading = "Effect", .format = "G12.4"});
   OTT_ADD_COLUMN(eh, t, {.name = "SE", .heading = "seEffect", .format = "G12.4"});
+  const bool outliers = !fit.effect_outlier.empty();
+  if (outliers) {
+    OTT_ADD_COLUMN(eh, t, {.name = "GISE", .heading = "GiEffect", .format = "G12.4"});
+    OTT_ADD_COLUMN(eh, t, {.name = "AOM", .heading = "AOMstat", .format = "G12.4"});
+  }
   // Equations that only bind others are no effects.
   std::vector<std::uint8_t> binding(terms.rows.size(), 0);
   std::int64_t effects = 0;
@@ -49,7 +54,7 @@ void TABLE_SLN(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_
   std::vector<std::string>& label = t.string_col[0];
   std::vector<std::string>& level = t.string_col[1];
   std::size_t rows = 0;
-  std::vector<double> effect, se;
+  std::vector<double> effect, se, gi_effect, outlier;
   effect.reserve(static_cast<std::size_t>(terms.equations));
   se.reserve(static_cast<std::size_t>(terms.equations));
   for (const TERM_ROW& term : terms.rows) {
@@ -61,12 +66,19 @@ void TABLE_SLN(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_
       level[rows] = level_name(eh, variables, factors, term, k + 1);
       effect.push_back(fit.solution[e]);
       se.push_back(e < fit.se.size() ? fit.se[e] : no_value);
+      if (outliers) {
+        gi_effect.push_back(fit.ginv_effect[e]);
+        outlier.push_back(fit.effect_outlier[e]);
+      }
       ++rows;
     }
     if (eh.terminate()) return;
   }
   OTT_SET_COLUMN_REAL_WP(eh, t, 3, effect);
   OTT_SET_COLUMN_REAL_WP(eh, t, 4, se);
+  if (!outliers) return;
+  OTT_SET_COLUMN_REAL_WP(eh, t, 5, gi_effect);
+  OTT_SET_COLUMN_REAL_WP(eh, t, 6, outlier);
 }
 
 void AIDRST(ERROR_HANDLER& eh, const DESIGN_MTX& design, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store)
@@ -84,6 +96,8 @@ void AIDRST(ERROR_HANDLER& eh, const DESIGN_MTX& design, const FIT_STATE& fit, O
   std::vector<std::int64_t> number(records);
   for (std::size_t r = 0; r < records; ++r) number[r] = static_cast<std::int64_t>(r / traits) + 1;
   std::vector<double> fitted(records, no_value), residual(records, no_value), hat(records, no_value);
+  const bool outliers = !fit.record_outlier.empty();
+  std::vector<double> rinv(outliers ? records : 0, no_value), outlier(outliers ? records : 0, no_value);
   for (std::size_t i = 0; i < analysed; ++i) {
     const std::int64_t record = design.record[i];
     if (record < 1 || record > design.data_records) {
@@ -95,6 +109,10 @@ void AIDRST(ERROR_HANDLER& eh, const DESIGN_MTX& design, const FIT_STATE& fit, O
     fitted[r] = fit.fitted[i];
     residual[r] = fit.residual[i];
     if (i < fit.hat.size()) hat[r] = fit.hat[i];
+    if (outliers) {
+      rinv[r] = fit.rinv_residual[i];
+      outlier[r] = fit.record_outlier[i];
+    }
   }
 
   const std::int64_t id = OTST_REGISTER_TABLE(eh, store, "TABLE_YHT");
@@ -104,12 +122,19 @@ void AIDRST(ERROR_HANDLER& eh, const DESIGN_MTX& design, const FIT_STATE& fit, O
   OTT_ADD_COLUMN(eh, t, {.name = "YHAT", .heading = "Yhat", .format = "G12.5"});
   OTT_ADD_COLUMN(eh, t, {.name = "RESID", .heading = "Residual", .format = "G11.4"});
   OTT_ADD_COLUMN(eh, t, {.name = "HAT", .heading = "Hat", .format = "G11.4"});
+  if (outliers) {
+    OTT_ADD_COLUMN(eh, t, {.name = "RINV", .heading = "RinvRes", .format = "G11.4"});
+    OTT_ADD_COLUMN(eh, t, {.name = "AOM", .heading = "AOMstat", .format = "G11.4"});
+  }
   OTT_ALLOC_DATA_STORES(eh, t, static_cast<std::int64_t>(records));
   if (eh.terminate()) return;
   OTT_SET_COLUMN_INTEGER(eh, t, 1, number);
   OTT_SET_COLUMN_REAL_WP(eh, t, 2, fitted);
   OTT_SET_COLUMN_REAL_WP(eh, t, 3, residual);
   OTT_SET_COLUMN_REAL_WP(eh, t, 4, hat);
+  if (!outliers) return;
+  OTT_SET_COLUMN_REAL_WP(eh, t, 5, rinv);
+  OTT_SET_COLUMN_REAL_WP(eh, t, 6, outlier);
 }
 
 }  // namespace tolvan

@@ -20,6 +20,7 @@ void STORE_FIT_SCALARS(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT
   OTST_SAVE_SCALAR_REAL_WP(eh, store, "SCALAR_LOGLIK", fit.logl);
   OTST_SAVE_SCALAR_REAL_WP(eh, store, "SCALAR_SIGMA2", sigma2);
   OTST_SAVE_SCALAR_INTEGER(eh, store, "SCALAR_DF", fit.df);
+  if (fit.mode > 0) return;  // nothing was estimated that criteria could judge
   OTST_SAVE_SCALAR_REAL_WP(eh, store, "SCALAR_AIC", fit.aic);
   OTST_SAVE_SCALAR_INTEGER(eh, store, "SCALAR_AIC_NPARAM", fit.parameters_estimated);
   OTST_SAVE_SCALAR_REAL_WP(eh, store, "SCALAR_BIC", fit.bic);
