@@ -1,5 +1,7 @@
 // Refilling the coefficient matrix in each evaluation.  Routines: K4MXXS, K4MXXG.
 #include <algorithm>
+#include <array>
+#include <type_traits>
 
 #include "estimation/equations.h"
 
@@ -134,27 +136,38 @@ void K4MXXG(ERROR_HANDLER& eh, const TERM_TABLE& terms, const VARIANCE_MODEL& mo
 
 void multiply_residual_part(const MIXED_EQUATIONS& q, const double* a, double* b, std::int64_t columns)
 {
+  // The matrix is read once for a few columns at a time.
+  constexpr std::size_t together = 8;
   const auto n = static_cast<std::size_t>(q.n);
-  for (std::size_t m = 0; m < static_cast<std::size_t>(columns); ++m) {
-    const double* x = a + m * n;
-    double* y = b + m * n;
-    std::fill(y, y + n, 0.0);
+  const auto all = static_cast<std::size_t>(columns);
+  std::fill(b, b + all * n, 0.0);
+  const auto multiply = [&]<std::size_t width>(std::integral_constant<std::size_t, width>, const double* x, double* y) {
     for (std::size_t j = 0; j < n; ++j) {
       const std::size_t from = at(q.c.start, j);
       const std::size_t to = at(q.c.start, j + 1);
-      const double xj = x[j];
-      double sum = q.c0[from] * xj;
-      for (std::size_t k = from + 1; k < to; ++k) {
-        const auto i = static_cast<std::size_t>(q.c.row[k]);
-        sum += q.c0[k] * x[i];
-        y[i] += q.c0[k] * xj;
+      std::array<double, width> xj, sum;
+      for (std::size_t m = 0; m < width; ++m) {
+        xj[m] = x[j + m * n];
+        sum[m] = q.c0[from] * xj[m];
       }
-      y[j] += sum;
+      for (std::size_t k = from + 1; k < to; ++k) {
+        const double c = q.c0[k];
+        if (c == 0.0) continue;  // it is of a random term alone
+        const auto i = static_cast<std::size_t>(q.c.row[k]);
+        for (std::size_t m = 0; m < width; ++m) {
+          sum[m] += c * x[i + m * n];
+          y[i + m * n] += c * xj[m];
+        }
+      }
+      for (std::size_t m = 0; m < width; ++m) y[j + m * n] += sum[m];
     }
-    if (q.ri != 1.0) {
-      for (std::size_t j = 0; j < n; ++j) y[j] *= q.ri;
-    }
-  }
+  };
+  std::size_t done = 0;
+  for (; done + together <= all; done += together)
+    multiply(std::integral_constant<std::size_t, together>{}, a + done * n, b + done * n);
+  for (; done < all; ++done) multiply(std::integral_constant<std::size_t, 1>{}, a + done * n, b + done * n);
+  if (q.ri == 1.0) return;
+  std::transform(b, b + all * n, b, [ri = q.ri](double x) { return x * ri; });
 }
 
 }  // namespace tolvan

@@ -106,12 +106,13 @@ struct WORKING_VARIABLES {
   std::vector<double> alpha;          // one an active parameter
   std::vector<double> a;              // n by active, elimination order
   std::vector<std::uint8_t> has_a;    // one an active parameter: whether its a is not all zero
-  struct DATA_PART {                  // f_i, zero outside its section
-    std::int64_t parameter;           // position among the active ones
-    std::int64_t first;               // row of the design
-    std::vector<double> f;
+  struct DATA_BLOCK {                 // the f_i of one section, zero outside it
+    std::int64_t first = 0;           // row of the design
+    std::size_t records = 0;
+    std::vector<std::int64_t> parameter;  // positions among the active ones
+    std::vector<double> f;            // records by parameters
   };
-  std::vector<DATA_PART> data;
+  std::vector<DATA_BLOCK> data;
 };
 void K4MWVG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations,
             const EVALUATION& ev, WORKING_VARIABLES& working);
@@ -119,8 +120,9 @@ void K4MWVG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
 void K4MWVR(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations, const EVALUATION& ev,
             WORKING_VARIABLES& working);
 
-/// K4MWVA: the average-information matrix 0.5 w_i'P w_j / s2 of all active parameters, by absorbing their working variables.
-void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& equations, const WORKING_VARIABLES& working, int threads,
+/// K4MWVA: the average-information matrix 0.5 w_i'P w_j / s2 of all active parameters, by absorbing their working variables, whose
+/// a it uses up.
+void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& equations, WORKING_VARIABLES& working, int threads,
             EVALUATION& ev);
 
 /// K4MSCG: the scores of the parameters of random terms; the factor holds C-inverse.

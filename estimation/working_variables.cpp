@@ -16,33 +16,65 @@ std::ptrdiff_t column_of(const INFORMATION& information, std::int64_t parameter)
   return at != active.end() && *at == parameter ? at - active.begin() : std::ptrdiff_t{-1};
 }
 
-double dot(std::size_t n, const double* x, const double* y)
+constexpr std::size_t tile = 64;       // columns that are worked on at a time
+constexpr std::size_t stretch = 2048;  // rows, where a scaled copy is made
+
+double dot(std::size_t n, const double* x, const double* y) { return ddot(static_cast<std::int64_t>(n), x, 1, y, 1); }
+
+/// Takes B'DB off the lower triangle by rows, B n x k: by tiles of columns, and by stretches of rows so that a copy of D B stays
+/// small.
+void subtract_weighted_products(std::size_t n, std::size_t k, const std::vector<double>& b, const std::vector<double>& d,
+                                std::vector<double>& packed)
 {
-  double sum = 0.0;
-  for (std::size_t i = 0; i < n; ++i) sum += x[i] * y[i];
-  return sum;
+  std::vector<double> product;
+  std::vector<double> db(std::min(stretch, n) * std::min(tile, k));
+  for (std::size_t j0 = 0; j0 < k; j0 += tile) {
+    const std::size_t width = std::min(tile, k - j0);
+    const std::size_t height = k - j0;
+    product.assign(height * width, 0.0);
+    for (std::size_t from = 0; from < n; from += stretch) {
+      const std::size_t rows = std::min(stretch, n - from);
+      for (std::size_t j = 0; j < width; ++j) {
+        for (std::size_t i = 0; i < rows; ++i) db[j * rows + i] = d[from + i] * b[(j0 + j) * n + from + i];
+      }
+      dgemm('T', 'N', static_cast<std::int64_t>(height), static_cast<std::int64_t>(width), static_cast<std::int64_t>(rows), 1.0,
+            b.data() + j0 * n + from, static_cast<std::int64_t>(n), db.data(), static_cast<std::int64_t>(rows), 1.0, product.data(),
+            static_cast<std::int64_t>(height));
+    }
+    for (std::size_t j = 0; j < width; ++j) {
+      for (std::size_t i = j0 + j; i < k; ++i) packed[i * (i + 1) / 2 + j0 + j] -= product[(i - j0) + j * height];
+    }
+  }
 }
 
-/// The lower triangle of B'DB by rows, B n x k: by stretches of rows, so that a copy of D B stays small.
-std::vector<double> weighted_products(std::size_t n, std::size_t k, const std::vector<double>& b, const std::vector<double>& d)
+/// R^-1 f for every column of a block of data parts, within its section.
+void times_residual_inverse(const MIXED_EQUATIONS& q, const WORKING_VARIABLES::DATA_BLOCK& block, std::vector<double>& rf)
 {
-  constexpr std::size_t stretch = 2048;
-  std::vector<double> product(k * k, 0.0);
-  std::vector<double> db(std::min(stretch, n) * k);
-  for (std::size_t from = 0; from < n; from += stretch) {
-    const std::size_t rows = std::min(stretch, n - from);
-    for (std::size_t j = 0; j < k; ++j) {
-      for (std::size_t i = 0; i < rows; ++i) db[j * rows + i] = d[from + i] * b[j * n + from + i];
+  const auto first = static_cast<std::size_t>(block.first);
+  rf.resize(block.f.size());
+  for (std::size_t p = 0; p < block.parameter.size(); ++p) {
+    const double* f = block.f.data() + p * block.records;
+    double* to = rf.data() + p * block.records;
+    for (std::size_t m = 0; m < block.records; ++m) {
+      double sum = 0.0;
+      const auto end = static_cast<std::size_t>(q.residual.start[first + m + 1]);
+      for (auto at = static_cast<std::size_t>(q.residual.start[first + m]); at < end; ++at) {
+        sum += q.residual.value[at] * f[static_cast<std::size_t>(q.residual.record[at]) - first];
+      }
+      to[m] = sum;
     }
-    const auto m = static_cast<std::int64_t>(rows);
-    const auto c = static_cast<std::int64_t>(k);
-    dgemm('T', 'N', c, c, m, 1.0, b.data() + from, static_cast<std::int64_t>(n), db.data(), m, 1.0, product.data(), c);
   }
-  std::vector<double> packed(k * (k + 1) / 2);
-  for (std::size_t i = 0; i < k; ++i) {
-    for (std::size_t j = 0; j <= i; ++j) packed[i * (i + 1) / 2 + j] = product[i + j * k];
+}
+
+/// Adds W'x to y, x the records of a section from `first` on.
+void add_to_equations(const MIXED_EQUATIONS& q, std::size_t first, std::size_t records, const double* x, double* y)
+{
+  for (std::size_t m = 0; m < records; ++m) {
+    const auto end = static_cast<std::size_t>(q.rows.start[first + m + 1]);
+    for (auto at = static_cast<std::size_t>(q.rows.start[first + m]); at < end; ++at) {
+      y[static_cast<std::size_t>(q.rows.record[at])] += x[m] * q.rows.value[at];
+    }
   }
-  return packed;
 }
 
 }  // namespace
@@ -102,10 +134,13 @@ void K4MWVR(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const MIXED_EQUATION
   std::vector<double> e;
   std::vector<double> w;
   const auto take = [&](std::ptrdiff_t column, const RESIDUAL_SECTION& section, const std::vector<double>& part) {
-    WORKING_VARIABLES::DATA_PART& data = working.data.emplace_back(WORKING_VARIABLES::DATA_PART{column, section.first_record, part});
+    if (working.data.empty() || working.data.back().first != section.first_record)
+      working.data.push_back({.first = section.first_record, .records = part.size(), .parameter = {}, .f = {}});
+    WORKING_VARIABLES::DATA_BLOCK& data = working.data.back();
+    data.parameter.push_back(column);
     for (std::size_t i = 0; i < part.size(); ++i) {
       const double rw = root_weight(static_cast<std::size_t>(section.first_record) + i);
-      data.f[i] = rw > 0.0 ? part[i] / rw : 0.0;
+      data.f.push_back(rw > 0.0 ? part[i] / rw : 0.0);
     }
   };
   for (std::size_t s = 0; s < model.sections.size(); ++s) {
@@ -138,8 +173,7 @@ void K4MWVR(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const MIXED_EQUATION
   }
 }
 
-void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, const WORKING_VARIABLES& working, int threads,
-            EVALUATION& ev)
+void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, WORKING_VARIABLES& working, int threads, EVALUATION& ev)
 {
   const Frame here{eh, __func__};
   const Timed timed{in.timing, "K4MWVA", "K4MITR"};
@@ -151,60 +185,83 @@ void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, co
     return ev.information.ai[i >= j ? i * (i + 1) / 2 + j : j * (j + 1) / 2 + i];
   };
 
-  // b_i = W'R^-1 w_i = alpha_i g + C_R a_i + W'R^-1 f_i and the corner w_i'R^-1 w_j.
-  std::vector<double> b(n * k, 0.0);
+  // The corner w_i'R^-1 w_j: what is made of alpha and of f, first.
   std::vector<double> ga(k, 0.0);  // e'R^-1 W a_i
+  std::size_t a_end = 0;           // behind the last parameter with an a
   for (std::size_t i = 0; i < k; ++i) {
     if (!working.has_a[i]) continue;
-    multiply_residual_part(q, working.a.data() + i * n, b.data() + i * n, 1);
+    a_end = i + 1;
     ga[i] = dot(n, g, working.a.data() + i * n);
   }
   for (std::size_t i = 0; i < k; ++i) {
     for (std::size_t j = 0; j <= i; ++j) {
       ai(i, j) = working.alpha[i] * working.alpha[j] * ev.residual_square + working.alpha[i] * ga[j] + working.alpha[j] * ga[i];
-      if (working.has_a[i] && working.has_a[j]) ai(i, j) += dot(n, working.a.data() + i * n, b.data() + j * n);
     }
   }
-  std::vector<double> rf;      // R^-1 f_i, within its section as f_i is
-  std::vector<double> wrf(n);  // W'R^-1 f_i
+  std::vector<std::pair<const WORKING_VARIABLES::DATA_BLOCK*, std::size_t>> part_of(k, {nullptr, 0});
+  std::vector<std::vector<double>> rf(working.data.size());  // R^-1 f
   for (std::size_t d = 0; d < working.data.size(); ++d) {
-    const WORKING_VARIABLES::DATA_PART& part = working.data[d];
-    const auto i = static_cast<std::size_t>(part.parameter);
-    const auto first = static_cast<std::size_t>(part.first);
-    rf.resize(part.f.size());
-    std::fill(wrf.begin(), wrf.end(), 0.0);
-    double ef = 0.0;
-    for (std::size_t m = 0; m < rf.size(); ++m) {
-      const std::size_t r = first + m;
-      double sum = 0.0;
-      for (auto at = static_cast<std::size_t>(q.residual.start[r]); at < static_cast<std::size_t>(q.residual.start[r + 1]); ++at) {
-        sum += q.residual.value[at] * part.f[static_cast<std::size_t>(q.residual.record[at]) - first];
-      }
-      rf[m] = sum;
-      ef += ev.residual[r] * sum;
-      for (auto at = static_cast<std::size_t>(q.rows.start[r]); at < static_cast<std::size_t>(q.rows.start[r + 1]); ++at) {
-        wrf[static_cast<std::size_t>(q.rows.record[at])] += sum * q.rows.value[at];
-      }
-    }
-    daxpy(q.n, 1.0, wrf.data(), 1, b.data() + i * n, 1);
-    for (std::size_t j = 0; j < k; ++j) {
-      double cross = working.alpha[j] * ef;
-      if (working.has_a[j]) cross += dot(n, wrf.data(), working.a.data() + j * n);
-      ai(i, j) += i == j ? 2.0 * cross : cross;
-    }
-    for (std::size_t o = 0; o <= d; ++o) {
-      const WORKING_VARIABLES::DATA_PART& other = working.data[o];
-      if (other.first == part.first) ai(i, static_cast<std::size_t>(other.parameter)) += dot(rf.size(), rf.data(), other.f.data());
+    const WORKING_VARIABLES::DATA_BLOCK& block = working.data[d];
+    const auto parts = static_cast<std::int64_t>(block.parameter.size());
+    const auto records = static_cast<std::int64_t>(block.records);
+    times_residual_inverse(q, block, rf[d]);
+    std::vector<double> product(static_cast<std::size_t>(parts * parts));
+    dgemm('T', 'N', parts, parts, records, 1.0, rf[d].data(), records, block.f.data(), records, 0.0, product.data(), parts);
+    for (std::int64_t p = 0; p < parts; ++p) {
+      const auto i = static_cast<std::size_t>(block.parameter[static_cast<std::size_t>(p)]);
+      part_of[i] = {&block, static_cast<std::size_t>(p)};
+      const double ef = dot(block.records, ev.residual.data() + block.first, rf[d].data() + p * records);
+      for (std::size_t j = 0; j < k; ++j) ai(i, j) += (i == j ? 2.0 : 1.0) * working.alpha[j] * ef;
+      for (std::int64_t o = 0; o <= p; ++o)
+        ai(i, static_cast<std::size_t>(block.parameter[static_cast<std::size_t>(o)])) += product[static_cast<std::size_t>(p + o * parts)];
     }
   }
-  for (std::size_t i = 0; i < k; ++i) {
-    if (working.alpha[i] != 0.0) daxpy(q.n, working.alpha[i], g, 1, b.data() + i * n, 1);
+  // c_i = C_R a_i + W'R^-1 f_i for a tile of parameters.  None has both an a and an f.
+  const auto form_tile = [&](std::size_t j0, std::size_t width, double* c) {
+    if (j0 < a_end) {
+      multiply_residual_part(q, working.a.data() + j0 * n, c, static_cast<std::int64_t>(std::min(width, a_end - j0)));
+    }
+    if (j0 + width > a_end) std::fill(c + (std::max(j0, a_end) - j0) * n, c + width * n, 0.0);
+    for (std::size_t j = j0; j < j0 + width; ++j) {
+      const auto& [block, p] = part_of[j];
+      if (block == nullptr) continue;
+      const std::vector<double>& values = rf[static_cast<std::size_t>(block - working.data.data())];
+      add_to_equations(q, static_cast<std::size_t>(block->first), block->records, values.data() + p * block->records, c + (j - j0) * n);
+    }
+  };
+  // The rest of the corner is c_j'a_i.  The tiles are formed again for b_i = W'R^-1 w_i = alpha_i g + c_i, in the place of a_i, so
+  // that there never are two matrices of equations by parameters.
+  std::vector<double> c(n * std::min(tile, k));
+  std::vector<double> product;
+  for (std::size_t j0 = 0; j0 < k && a_end > 0; j0 += tile) {
+    const std::size_t width = std::min(tile, k - j0);
+    const bool random_only = std::all_of(working.has_a.begin() + static_cast<std::ptrdiff_t>(j0),
+                                         working.has_a.begin() + static_cast<std::ptrdiff_t>(j0 + width), [](auto h) { return h != 0; });
+    const std::size_t height = random_only ? j0 + width : a_end;
+    form_tile(j0, width, c.data());
+    product.resize(height * width);
+    dgemm('T', 'N', static_cast<std::int64_t>(height), static_cast<std::int64_t>(width), q.n, 1.0, working.a.data(), q.n, c.data(), q.n,
+          0.0, product.data(), static_cast<std::int64_t>(height));
+    for (std::size_t j = j0; j < j0 + width; ++j) {
+      // A pair of two with an a once, at the later of them.
+      for (std::size_t i = 0; i < height; ++i) {
+        if (working.has_a[i] && (i <= j || !working.has_a[j])) ai(i, j) += product[i + (j - j0) * height];
+      }
+    }
   }
-
+  std::vector<double>& b = working.a;
+  for (std::size_t j0 = 0; j0 < k; j0 += tile) {
+    const std::size_t width = std::min(tile, k - j0);
+    form_tile(j0, width, c.data());
+    std::copy_n(c.data(), width * n, b.data() + j0 * n);
+    for (std::size_t j = j0; j < j0 + width; ++j) {
+      if (working.alpha[j] != 0.0) daxpy(q.n, working.alpha[j], g, 1, b.data() + j * n, 1);
+    }
+  }
   // w_i'P w_j = w_i'R^-1 w_j - (L^-1 b_i)' D^-1 (L^-1 b_j): the forward sweep alone.
   SMIFWD(q.factor, b.data(), static_cast<std::int64_t>(k), threads);
-  const std::vector<double> absorbed = weighted_products(n, k, b, q.factor.reciprocal);
-  for (std::size_t i = 0; i < absorbed.size(); ++i) ev.information.ai[i] = 0.5 * (ev.information.ai[i] - absorbed[i]) / ev.sigma2;
+  subtract_weighted_products(n, k, b, q.factor.reciprocal, ev.information.ai);
+  for (double& x : ev.information.ai) x *= 0.5 / ev.sigma2;
 
   // The profiled residual variance: its derivative of V is H = V / s2, on the scale of the ratios y; so its row is
   // divided by s2, its diagonal twice.  Then AI(s2, s2) = nu / (2 s2^2).
