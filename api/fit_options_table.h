@@ -92,13 +92,13 @@ inline constexpr auto option_table = [] {
       integer_option("kenward",         Slot::kenward,          3, harmless),  // denominator df
       integer_option("maxiterations",   Slot::maxiterations,    1, built),
       integer_option("nocheck",         Slot::nocheck,          1, harmless),
-      integer_option("oscillate",       Slot::oscillate,        1, unbuilt),
+      integer_option("oscillate",       Slot::oscillate,        1, built),
       integer_option("ppoints",         Slot::ppoints,         21, harmless),  // predictions
       integer_option("pvsform",         Slot::pvsform,          1, harmless),
       integer_option("rename",          Slot::rename,           1, harmless),
       integer_option("report",          Slot::report,           1, harmless),
       integer_option("residuals",       Slot::residuals,        1, harmless),
-      integer_option("s2limit",         Slot::s2limit,          1, harmless),  // residual sections
+      integer_option("s2limit",         Slot::s2limit,          1, built),
       integer_option("score",           Slot::score,            1, harmless),
       integer_option("screen",          Slot::screen,           1, unbuilt),
       integer_option("slnform",         Slot::slnform,          1, harmless),
@@ -145,8 +145,8 @@ inline constexpr auto option_table = [] {
       own_option("final",            file,             unbuilt),
       own_option("tsv",              file,             unbuilt),
       own_option("msv",              file,             unbuilt),
-      own_option("emflag",           em,               unbuilt),
-      own_option("pxem",             em,               unbuilt, 2.0),
+      own_option("emflag",           em,               built),
+      own_option("pxem",             em,               built, 2.0),
       own_option("hold",             hold,             unbuilt),
       own_option("tolerance",        tolerance,        built, 2.0),
       own_option("missing_values",   missing_values,   built),

@@ -5,8 +5,10 @@
 #include <cmath>
 
 #include "base/text.h"
+#include "estimation/em_updates.h"
 #include "estimation/iterative_mme.h"
 #include "estimation/outliers.h"
+#include "estimation/section_variances.h"
 
 namespace tolvan {
 namespace {
@@ -317,6 +319,7 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
   double second = work.best_logl;
   L_DROP_SMALL(eh, in, iteration, model);
   for (int repeats = 0;; ++repeats) {
+    raise_small_sections(eh, in.options, model);
     L_FORM(eh, in, iteration, threads, model, work, ev);
     if (eh.terminate() || ev.fault > 0 || ev.absorbed.cancelled) return;
     if (!damp_again(iteration, repeats, second, model, work, ev)) break;
@@ -328,6 +331,10 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
   ev.outliers = {};
   if (mode == 1 || mode > last_mode_by_factor) return;
   if (mode == 0) {
+    if (iteration == 1) {
+      judge_starting_variances(eh, model, ev);
+      K4MEMV(eh, in.options, model, ev.formed, work.em);
+    }
     list_active(model, ev);
     set_units(model, q, ev);
     WORKING_VARIABLES working;
@@ -364,6 +371,7 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
     const Timed part{in.timing, "K4MUPD", "K4MITR"};
     fold_followers(model, ev.information);
     K4MUPD(eh, iteration, iteration > 1 ? ev.logl - work.previous_logl : 0.0, ev.information, model, work.aiopt, work.update);
+    if (!work.em.rows.empty()) K4MEMM(eh, in, q, ev, model, work.update, work.em);
   }
   for (VARIANCE_PARAMETER& v : model.parameters) {
     if (v.master >= 0) v.value = v.coefficient * model.parameters[static_cast<std::size_t>(v.master)].value;

@@ -12,6 +12,7 @@
 #include "api/fit_options.h"
 #include "data/design_matrix.h"
 #include "estimation/control_slots.h"
+#include "estimation/em_state.h"
 #include "estimation/equations.h"
 #include "estimation/update_parameters.h"
 #include "model/term_table.h"
@@ -51,13 +52,22 @@ struct EVALUATION {
   INFORMATION information;               // before any damping
 };
 
+/// An accepted iteration, as the watch for oscillation keeps it.
+struct KEPT_ROW {
+  std::vector<double> values;
+  double logl = 0.0;
+  std::int64_t step = 0;  // thousandths of a full step that were taken from it
+};
+
 /// What evaluations share with the fit driver.
 struct FIT_WORK {
   AIOPT aiopt;
   MIXED_EQUATIONS equations;
   UPDATE_STATE update;
+  EM_STATE em;
   std::vector<VARIANCE_PARAMETER> saved;  // the parameters of the last accepted evaluation
   bool has_saved = false;
+  std::vector<KEPT_ROW> history;          // the last accepted evaluations; kept when oscillation is watched for
   std::vector<double> best;               // the parameter values of the accepted evaluation with the best LogL
   double best_logl = -1e62;               // over accepted evaluations, without base
   double previous_logl = 0.0;

@@ -7,10 +7,12 @@
 #include "base/clock.h"
 #include "base/text.h"
 #include "estimation/convergence.h"
+#include "estimation/em_updates.h"
 #include "estimation/evaluation.h"
 #include "estimation/fault_texts.h"
 #include "estimation/final_results.h"
 #include "estimation/iterative_mme.h"
+#include "estimation/keep_parameters.h"
 #include "reports/result_tables.h"
 #include "reports/user_abort.h"
 
@@ -22,6 +24,7 @@ constexpr double base_needed = 120000.0;
 constexpr std::int64_t last_retry_marker = 4;
 constexpr std::int64_t retries = 3;
 constexpr std::int64_t many_iterations = 2;
+constexpr std::int64_t most_modified_notes = 10;
 constexpr double last_fall = 0.002;        // of LogL from the best evaluation to the last, which is still convergence
 
 /// The state of the iteration that only the driver sees.
@@ -34,6 +37,7 @@ struct ITERATION {
   std::int64_t singular_at_first = -1;
   double reset_step = 1.0;
   double started = 0.0;
+  std::int64_t modified = 0;         // unstructured matrices made positive definite so far
   bool final_pass = false;
   bool interrupted = false;          // a finish code was acted on
   bool go_back = false;              // report from the last accepted parameters, not from the rejected ones
@@ -171,15 +175,16 @@ bool L_USER_STOP(ERROR_HANDLER& eh, FIT_WORK& work, ITERATION& it, FIT_STATE& fi
 }
 
 /// L_ACCEPT: records an evaluation without fault: best LogL, falls in a row, the parameters to go back to.
-void L_ACCEPT(ERROR_HANDLER& eh, const FIT_CALL& call, const EVALUATION& ev, FIT_WORK& work, ITERATION& it)
+void L_ACCEPT(ERROR_HANDLER& eh, FIT_CALL& call, const EVALUATION& ev, FIT_WORK& work, ITERATION& it)
 {
   const Frame here{eh, __func__};
   work.aiopt(Ai::falls) = work.has_saved && work.previous_logl - wide(0.001f) > ev.logl ? work.aiopt(Ai::falls) + 1 : 0;
-  if (ev.logl > work.best_logl || work.best.empty()) work.best = ev.evaluated;
-  work.best_logl = std::max(work.best_logl, ev.logl);
-  work.saved = call.model.parameters;
-  for (std::size_t i = 0; i < work.saved.size(); ++i) work.saved[i].value = ev.evaluated[i];
-  work.has_saved = true;
+  KEEPGM_SAVE_AND_ADJUST(eh, it.n, call.options(Slot::oscillate) != 0, ev, call.model, work);
+  const std::int64_t modified = call.model.modified - it.modified;
+  it.modified = call.model.modified;
+  if (modified > 0 && it.modified < most_modified_notes) {
+    eh.note(text("US matrix updates modified ", it.modified, " time(s)"));
+  }
   if (ev.negative > 0) {
     eh.EH_ADD_MESSAGE({.text = text(ev.negative, " negative pivot(s) in MME treated as singular"),
                        .etype = Etype::note,
@@ -346,10 +351,18 @@ void L_JUDGE(ERROR_HANDLER& eh, const FIT_CALL& call, const FIT_WORK& work, cons
   }
 }
 
-/// L_CRITERIA: the notes on singularities and the information criteria.
-void L_CRITERIA(ERROR_HANDLER& eh, const FIT_STATE& fit)
+/// L_CRITERIA: the notes on singularities and mended matrices, and the information criteria.
+void L_CRITERIA(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const EM_STATE& em, const FIT_STATE& fit)
 {
   const Frame here{eh, __func__};
+  if (model.modified > 0) {
+    eh.note(text("US structures were modified ", model.modified, " times to make them positive definite"));
+  }
+  if (em.used > 0) {
+    eh.note(em.expanded ? text("used ", em_description(em), " you could try negative definite US or XFA instead")
+                        : text("used !EMFLAG ", em.asked, " ", em_description(em),
+                               " you could try !GU (negative definite US) or use XFA instead"));
+  }
   if (fit.negative > 0) {
     eh.note(text("the singularity count includes ", fit.negative, " equation(s) with negative pivot(s)"));
   }
@@ -390,7 +403,7 @@ void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& 
         own.continuation("the Standard Errors of variance components (and solutions?) and derived quantities are wrong");
         own.continuation("use !MAXIT 1 instead of !BLUP to get correct standard errors");
       } else {
-        L_CRITERIA(own, fit);
+        L_CRITERIA(own, call.model, work.em, fit);
       }
       STORE_FIT_SCALARS(own, call.model, fit, call.tables);
       AIDRPT(own, call.variables, call.factors, call.terms, call.design, call.model, fit, call.tables);

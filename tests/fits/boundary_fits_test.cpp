@@ -1,0 +1,80 @@
+// Fits whose best LogL lies at the boundary of the space of covariance matrices.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "fits/host.h"
+
+namespace {
+
+using tolvan_test::dataset;
+using tolvan_test::Host;
+
+constexpr int sites = 4;
+constexpr int lines = 8;
+constexpr int plots = 3;
+
+/// Lines that behave nearly alike at all sites: the best covariance matrix of sites is singular or nearly so.
+std::vector<double> one_factor_trial(unsigned seed)
+{
+  std::mt19937 random(seed);
+  std::normal_distribution<double> normal;
+  constexpr double loading[sites] = {1.0, 0.8, 1.2, 0.9};
+  std::vector<double> site, line, y;
+  double effect[sites][lines];
+  for (int k = 0; k < lines; ++k) {
+    const double u = normal(random);
+    for (int s = 0; s < sites; ++s) effect[s][k] = loading[s] * u + 0.15 * normal(random);
+  }
+  for (int s = 0; s < sites; ++s) {
+    for (int r = 0; r < lines * plots; ++r) {
+      site.push_back(s + 1);
+      line.push_back(r % lines + 1);
+      y.push_back(10.0 + effect[s][r % lines] + 0.7 * normal(random));
+    }
+  }
+  site.insert(site.end(), line.begin(), line.end());
+  site.insert(site.end(), y.begin(), y.end());
+  return site;
+}
+
+/// The LogL of every iteration.
+std::vector<double> trace(const std::vector<double>& data, const std::string& random, const std::string& options)
+{
+  Host host;
+  const auto records = data.size() / 3;
+  host.info("{\"dataset\":" + dataset("d", records, {{"site", sites}, {"line", lines}, {"y", 0}}) + "}");
+  host.matrix("d", data, static_cast<int>(records), 3);
+  host.process(R"({"model":{"response":"y","fixed":"site","random":")" + random + R"("},"options":{"maxiterations":60)" + options + "}}");
+  return host.reals("TABLE_TRACE:LOGL");
+}
+
+TEST(BoundaryFits, UnstructuredReachesWhatItsSubmodelsReach)
+{
+  int mended_below = 0;
+  for (unsigned seed = 1; seed <= 6; ++seed) {
+    const std::vector<double> data = one_factor_trial(seed);
+    const std::vector<double> best = trace(data, "us(site):id(line)", "");
+    ASSERT_FALSE(best.empty());
+    for (const char* submodel : {"fa(site,1):id(line)", "corh(site):id(line)", "rr(site,1):id(line)"}) {
+      const std::vector<double> sub = trace(data, submodel, ",\"extra\":3");
+      ASSERT_FALSE(sub.empty()) << submodel;
+      EXPECT_GE(best.back(), sub.back() - 0.02) << "seed " << seed << " " << submodel;
+    }
+    // Neither kind of EM update ever lowers LogL.
+    for (const char* option : {",\"pxem\":1", ",\"emflag\":1", ",\"emflag\":3"}) {
+      const std::vector<double> steps = trace(data, "us(site):id(line)", option);
+      ASSERT_FALSE(steps.empty());
+      EXPECT_TRUE(std::is_sorted(steps.begin(), steps.end(), [](double a, double b) { return a < b - 1e-6; })) << option;
+      EXPECT_NEAR(steps.back(), best.back(), 0.6) << option;
+    }
+    const std::vector<double> mended = trace(data, "us(site):id(line)", ",\"emflag\":0");
+    mended_below += !mended.empty() && mended.back() < best.back() - 1.0 ? 1 : 0;
+  }
+  EXPECT_GT(mended_below, 0) << "these trials no longer show what the EM updates are for";
+}
+
+}  // namespace
