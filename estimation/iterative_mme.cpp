@@ -226,7 +226,7 @@ void invert_diagonal(const FIT_MODEL& in, const VARIANCE_MODEL& model, std::int6
   for (std::size_t p = 0; p < d.size(); ++p) q.factor.reciprocal[p] = d[p] == 0.0 || left_out[p] ? 0.0 : 1.0 / d[p];
 }
 
-/// Solves C x = b, and again for what the solutions leave of b until the correction is small: the rule that ends an iteration
+/// L_SOLVE: solves C x = b, and again for what the solutions leave of b until the correction is small: the rule that ends an iteration
 /// looks at its last step, which may be much smaller than what is still missing.  For Gauss-Seidel that is the same as going on.
 SolverEnd L_SOLVE(ERROR_HANDLER& eh, const EQUATION_STORE& store, std::int64_t mode, std::vector<double> b, bool told,
                   const std::function<void(const double*, double*)>& multiply, std::vector<double>& x)
