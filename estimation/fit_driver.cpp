@@ -6,8 +6,8 @@
 
 #include "base/clock.h"
 #include "base/text.h"
+#include "estimation/closing_notes.h"
 #include "estimation/convergence.h"
-#include "estimation/em_updates.h"
 #include "estimation/evaluation.h"
 #include "estimation/fault_texts.h"
 #include "estimation/final_results.h"
@@ -316,7 +316,10 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
       fit.status = "LogL Converged; ";
       fit.end = FitEnd::converged;
     }
-    if (it.final_pass) return;
+    if (it.final_pass) {
+      if (!converged && singular > 0) fit.status = "Warning: iteration aborted because of singularities in AI matrix";
+      return;
+    }
     if (!converged) continue;
     if (it.extra <= 0) {
       if (!final_pass_due(work)) return;
@@ -325,50 +328,6 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
     }
     if (--it.extra == 0) it.final_pass = true;
   }
-}
-
-/// L_JUDGE: completes the status text by what the end of the iteration shows.
-void L_JUDGE(ERROR_HANDLER& eh, const FIT_CALL& call, const FIT_WORK& work, const EVALUATION& ev, const ITERATION& it, FIT_STATE& fit)
-{
-  const Frame here{eh, __func__};
-  if (fit.usable && work.has_saved && work.best_logl - 0.1 > ev.logl) {
-    eh.warning(text("it appears we may have finished at a local maximum LogL, rather than at the true maximum since an interim "
-                    "LogL was ",
-                    edit_f(work.best_logl - ev.logl, 18, 2), " better, adjust the step size or use SLOW"));
-    fit.status += "; Possibly a local maxima";
-  }
-  if (fit.end != FitEnd::converged) return;
-  for (std::size_t i = 0; i < work.update.change.size(); ++i) {
-    const bool held = static_cast<std::int64_t>(i) == call.model.residual_parameter && call.model.profiled;
-    if (held || !is_free(call.model.parameters[i].constraint) || (i < fit.bound.size() && fit.bound[i] == 'B')) continue;
-    if (std::fabs(work.update.change[i]) > 0.01) {
-      fit.status = text("Warning: ", fit.status, "; Parameters Not Converged");
-      break;
-    }
-  }
-  if (it.limit == 1 && fit.status.find("performed") != std::string::npos && work.aiopt(Ai::restrained) == 0) {
-    fit.status += " Parameters unchanged after one iteration.";
-  }
-}
-
-/// L_CRITERIA: the notes on singularities and mended matrices, and the information criteria.
-void L_CRITERIA(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const EM_STATE& em, const FIT_STATE& fit)
-{
-  const Frame here{eh, __func__};
-  if (model.modified > 0) {
-    eh.note(text("US structures were modified ", model.modified, " times to make them positive definite"));
-  }
-  if (em.used > 0) {
-    eh.note(em.expanded ? text("used ", em_description(em), " you could try negative definite US or XFA instead")
-                        : text("used !EMFLAG ", em.asked, " ", em_description(em),
-                               " you could try !GU (negative definite US) or use XFA instead"));
-  }
-  if (fit.negative > 0) {
-    eh.note(text("the singularity count includes ", fit.negative, " equation(s) with negative pivot(s)"));
-  }
-  const int width = std::fabs(fit.aic) > 1000000.0 ? 16 : 10;
-  eh.note(text("Akaike Information Criterion ", edit_f(fit.aic, width, 2), " (assuming ", fit.parameters_estimated, " parameters)."));
-  eh.note(text("Bayesian Information Criterion ", edit_f(fit.bic, width, 2), " (assuming ", fit.df, " degrees of freedom)."));
 }
 
 /// L_REPORT: fills tables and scalars from the last completed evaluation, whatever the handler of the fit already holds.
@@ -387,23 +346,23 @@ void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& 
     // with kinks, as ranges of spherical models have, keeps stepping over its top: there the best parameters met are reported.
     for (std::size_t i = 0; i < work.saved.size(); ++i) {
       call.model.parameters[i] = work.saved[i];
-      if (better_before) call.model.parameters[i].value = work.best[i];
+      if (better_before || failed) call.model.parameters[i].value = work.best[i];
     }
     if (better_before) own.note("the parameters of an earlier iteration are reported, its LogL was the best");
     work.aiopt(Ai::final_pass) = 1;
-    K4MITR(own, in, 1, call.model, work, ev);
+    K4MITR(own, in, std::max<std::int64_t>(it.n, 2), call.model, work, ev);
   }
   if (evaluated && !own.terminate() && ev.fault == 0 && !ev.absorbed.cancelled) {
     K4MFIN(own, in, call.model, work, ev, fit);
     if (!own.terminate()) {
       fit.logl = ev.logl - fit.base;
-      L_JUDGE(own, call, work, ev, it, fit);
+      judge_status(own, call.model, work, ev, it.limit == 1, fit);
       if (fit.mode > 0) {
         own.note("variance parameters were not estimated because the !BLUP qualifier was specified");
         own.continuation("the Standard Errors of variance components (and solutions?) and derived quantities are wrong");
         own.continuation("use !MAXIT 1 instead of !BLUP to get correct standard errors");
       } else {
-        L_CRITERIA(own, call.model, work.em, fit);
+        note_criteria(own, in, call.model, work, fit);
       }
       STORE_FIT_SCALARS(own, call.model, fit, call.tables);
       AIDRPT(own, call.variables, call.factors, call.terms, call.design, call.model, fit, call.tables);
@@ -411,28 +370,6 @@ void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& 
     }
   }
   eh.EH_ADD_ALL(aside);
-}
-
-/// L_FAILURE: the terminating words of a fit that failed.
-void L_FAILURE(ERROR_HANDLER& eh, const FIT_STATE& fit, std::int64_t singular)
-{
-  const Frame here{eh, __func__};
-  if (fit.fault < 0) {
-    eh.error("iteration aborted because of singularities in AI matrix");
-    eh.continuation(text(singular, " singularities appeared in Average Information matrix, this could be a problem of scale or a "
-                                   "problem with the model"));
-    eh.continuation(
-        "it is preferable to revise the model to remove the singularity, you can specify !AISING to force the job to continue");
-    return;
-  }
-  eh.error(fit.usable ? "the estimation was ABORTED because a fault occurred"
-                      : "the estimation was ABORTED because a fault occurred, no further output possible");
-  eh.continuation(text("likelihood evaluation failed with fault ", fit.fault, " ", fault_text(fit.fault)));
-  if (fit.usable) {
-    eh.continuation(
-        "the standard errors of variance components, solutions, derived quantities and other results are probably partly wrong, "
-        "but are output to help you locate possible problems");
-  }
 }
 
 }  // namespace
@@ -450,7 +387,7 @@ void AIWORK(ERROR_HANDLER& eh, FIT_CALL& call, FIT_STATE& fit)
   TMG_LOG(call.timing, " EndingResiduals");
   const std::int64_t singular = work.aiopt(Ai::ai_singularities);
   L_REPORT(eh, call, in, work, ev, it, fit);
-  if (fit.end == FitEnd::failed && !eh.terminate()) L_FAILURE(eh, fit, singular);
+  if (fit.end == FitEnd::failed && !eh.terminate()) tell_failure(eh, fit, singular);
   const std::int64_t flag = fit.end == FitEnd::converged ? 0 : (fit.end == FitEnd::not_converged ? 2 : 1);
   ERROR_HANDLER aside;
   WARNING(eh.terminate() ? aside : eh, fit.status, flag, call.tables);

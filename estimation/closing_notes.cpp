@@ -1,0 +1,110 @@
+// What is told at the end of a fit.
+#include "estimation/closing_notes.h"
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+
+#include "base/text.h"
+#include "estimation/em_updates.h"
+#include "estimation/fault_texts.h"
+
+namespace tolvan {
+namespace {
+
+constexpr std::int64_t factor_effects = 15;  // internal code of factor models with equations of their own
+
+/// Whether a pedigree with genetic groups has singular equations.
+bool groups_are_singular(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q)
+{
+  for (const TERM_STRUCTURE& structure : model.terms) {
+    const auto rows = model.rows.begin() + structure.first_row;
+    const bool groups = std::any_of(rows, rows + structure.rows,
+                                    [](const STRUCTURE_ROW& row) { return row.matrix != nullptr && row.matrix->groups > 0; });
+    if (!groups || structure.dropped) continue;
+    const std::int64_t first = first_equation(in.terms, structure);
+    for (std::int64_t e = first; e < first + structure_size(model, structure); ++e) {
+      if (q.factor.reciprocal[static_cast<std::size_t>(q.position_of(e))] == 0.0) return true;
+    }
+  }
+  return false;
+}
+
+bool has_factor_effects(const VARIANCE_MODEL& model)
+{
+  return std::any_of(model.rows.begin(), model.rows.end(), [](const STRUCTURE_ROW& row) { return row.model == factor_effects; });
+}
+
+}  // namespace
+
+void judge_status(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_WORK& work, const EVALUATION& ev, bool one_pass,
+                  FIT_STATE& fit)
+{
+  const Frame here{eh, __func__};
+  if (fit.usable && work.has_saved && work.best_logl - 0.1 > ev.logl) {
+    eh.warning(text("it appears we may have finished at a local maximum LogL, rather than at the true maximum since an interim "
+                    "LogL was ",
+                    edit_f(work.best_logl - ev.logl, 18, 2), " better, adjust the step size or use SLOW"));
+    fit.status += "; Possibly a local maxima";
+  }
+  if (fit.end != FitEnd::converged) return;
+  for (std::size_t i = 0; i < work.update.change.size(); ++i) {
+    const bool held = static_cast<std::int64_t>(i) == model.residual_parameter && model.profiled;
+    if (held || !is_free(model.parameters[i].constraint) || (i < fit.bound.size() && fit.bound[i] == 'B')) continue;
+    if (std::fabs(work.update.change[i]) > 0.01) {
+      fit.status = text("Warning: ", fit.status, "; Parameters Not Converged");
+      break;
+    }
+  }
+  if (one_pass && fit.status.find("performed") != std::string::npos && work.aiopt(Ai::restrained) == 0) {
+    fit.status += " Parameters unchanged after one iteration.";
+  }
+}
+
+void note_criteria(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, const FIT_WORK& work, const FIT_STATE& fit)
+{
+  const Frame here{eh, __func__};
+  const EM_STATE& em = work.em;
+  if (groups_are_singular(in, model, work.equations)) {
+    eh.note("the reported LogL may be incorrectly calculated if Genetic groups are not properly defined so that singularities "
+            "appear among the genetic effects");
+  }
+  if (in.options(Slot::ailoadings) != 0 && has_factor_effects(model)) eh.note("XFA model; all loadings now updated each iteration.");
+  if (model.modified > 0) {
+    eh.note(text("US structures were modified ", model.modified, " times to make them positive definite"));
+  }
+  if (em.used > 0) {
+    eh.note(em.expanded ? text("used ", em_description(em), " you could try negative definite US or XFA instead")
+                        : text("used !EMFLAG ", em.asked, " ", em_description(em),
+                               " you could try !GU (negative definite US) or use XFA instead"));
+  }
+  if (fit.negative > 0) {
+    eh.note(text("the singularity count includes ", fit.negative, " equation(s) with negative pivot(s)"));
+  }
+  const int width = std::fabs(fit.aic) > 1000000.0 ? 16 : 10;
+  eh.note(text("Akaike Information Criterion ", edit_f(fit.aic, width, 2), " (assuming ", fit.parameters_estimated, " parameters)."));
+  eh.note(text("Bayesian Information Criterion ", edit_f(fit.bic, width, 2), " (assuming ", fit.df, " degrees of freedom)."));
+}
+
+void tell_failure(ERROR_HANDLER& eh, const FIT_STATE& fit, std::int64_t singular)
+{
+  const Frame here{eh, __func__};
+  if (fit.fault < 0) {
+    eh.error("iteration aborted because of singularities in AI matrix");
+    eh.continuation(text(singular, " singularities appeared in Average Information matrix, this could be a problem of scale or a "
+                                   "problem with the model"));
+    eh.continuation(
+        "it is preferable to revise the model to remove the singularity, you can specify !AISING to force the job to continue");
+    return;
+  }
+  eh.error(fit.usable ? "the estimation was ABORTED because a fault occurred"
+                      : "the estimation was ABORTED because a fault occurred, no further output possible");
+  eh.continuation(text("likelihood evaluation failed with fault ", fit.fault, " ", fault_text(fit.fault)));
+  if (fit.usable) {
+    eh.continuation(
+        "the standard errors of variance components, solutions, derived quantities and other results are probably partly wrong, "
+        "but are output to help you locate possible problems");
+  }
+}
+
+}  // namespace tolvan
