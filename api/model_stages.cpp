@@ -79,7 +79,10 @@ void read_data(ERROR_HANDLER& eh, CORE_DATA& core)
   if (core.data.records() == 1) eh.error("only one data record retained; analysis aborted");
   if (eh.terminate()) return;
   COMPLETE_LINEAR_MODEL(eh, core.communication, core.request, core.variables, core.factors, core.terms, core.model_info);
-  if (!eh.terminate()) MATCH_MATRIX_LEVELS(eh, core.matrices, core.variables, core.factors);
+  if (eh.terminate()) return;
+  MATCH_MATRIX_LEVELS(eh, core.matrices, core.variables, core.factors);
+  if (eh.terminate()) return;
+  COMPLETE_SPATIAL_GRID(eh, core.options, core.request, core.variables, core.factors, core.terms, core.model_info, core.data);
 }
 
 void count_data(ERROR_HANDLER& eh, CORE_DATA& core)
@@ -91,7 +94,7 @@ void count_data(ERROR_HANDLER& eh, CORE_DATA& core)
     ADJUST_DATA_SUMMARY(eh, core.variables, core.summary, of_data ? core.factors.row(row).variable : 0);
   }
   if (!core.preprocess_only()) return;
-  STORE_DATA_SUMMARY_TABLES(eh, core.variables, core.summary, core.data.records(), core.tables);
+  STORE_DATA_SUMMARY_TABLES(eh, core.variables, core.summary, core.data.records() - core.data.filled(), core.tables);
 }
 
 void print_data_summary(ERROR_HANDLER& eh, CORE_DATA& core)
@@ -195,6 +198,7 @@ void adjust_parameters(ERROR_HANDLER& eh, CORE_DATA& core)
   if (eh.terminate()) return;
   HANDLE_VCC_CONSTRAINTS(eh, core.request, core.factors, core.terms, core.variances);
   if (eh.terminate()) return;
+  FIX_NULL_STRUCTURES(eh, core.terms, core.design, core.variances);
   STRUCTURECHECK(eh, core.options, core.terms, core.design, core.variances);
   if (eh.terminate()) return;
   STORE_INITIAL_VALUES_TABLE(eh, core.variances, core.tables);

@@ -30,6 +30,9 @@ class DATA_STORE {
   std::int64_t records() const { return records_; }
   const STORE_RULES& rules() const { return rules_; }
   bool on_scratch() const { return scratch_.is_open(); }
+  /// The last records, which are not in the data: plots that complete a grid.
+  std::int64_t filled() const { return filled_; }
+  void set_filled(std::int64_t records) { filled_ = records; }
   /// A row, from 0.  The view holds until another row is asked for.  A row that can't be read back from the
   /// scratch file comes as missing values; DST_CHECK tells so after the pass.
   std::span<const double> row(std::int64_t i) const
@@ -62,6 +65,7 @@ class DATA_STORE {
 
   std::int64_t width_ = 0;
   std::int64_t records_ = 0;
+  std::int64_t filled_ = 0;
   int shift_ = 0;  // a block holds 2^shift rows
   STORE_RULES rules_;
   std::vector<std::vector<double>> blocks_;  // those in memory

@@ -47,7 +47,7 @@ void AIDSUM(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_STORE
       summary[v].level_counts.assign(static_cast<std::size_t>(variable.levels), 0);
     }
   }
-  for (std::int64_t r = 0; r < store.records(); ++r) {
+  for (std::int64_t r = 0; r < store.records() - store.filled(); ++r) {
     std::span<const double> row;
     if (!DST_READ_ROW(eh, store, r, row)) return;
     for (std::size_t v = 0; v < summary.size(); ++v)

@@ -12,11 +12,18 @@ namespace tolvan {
 
 namespace {
 
+/// Tells which of several descriptions a complaint is about.
+void tell_dataset(ERROR_HANDLER& eh, const USER_DATASET_INFO& info)
+{
+  if (!info.name.empty()) eh.continuation(text("in the description of dataset ", info.name));
+}
+
 void read_observations(ERROR_HANDLER& eh, const JsonNode& dataset, USER_DATASET_INFO& info)
 {
   const JsonNode* node = given_value(dataset, "number_of_observations");
   if (node == nullptr) {
     eh.error("number of observations not specified");
+    tell_dataset(eh, info);
     return;
   }
   if (!node->is(JsonType::integer)) {
@@ -27,6 +34,7 @@ void read_observations(ERROR_HANDLER& eh, const JsonNode& dataset, USER_DATASET_
   if (info.number_of_observations < 1) {
     eh.error(text("invalid number of observations (nobs = ", info.number_of_observations,
                   ") specified, nobs >= 1"));
+    tell_dataset(eh, info);
   }
 }
 
@@ -41,11 +49,16 @@ void read_storage_order(ERROR_HANDLER& eh, const JsonNode& dataset, USER_DATASET
   } else {
     eh.error(text("invalid value (", node->is(JsonType::string) ? node->text() : json_text(*node),
                   ") supplied for storage_order. Valid values = so_column_major or so_row_major"));
+    tell_dataset(eh, info);
   }
 }
 
 void read_tags(ERROR_HANDLER& eh, JsonNode& tags, USER_DATASET_INFO& info)
 {
+  if (tags.packed() && tags.size() > 0) {
+    REPORT_JSON_ERROR(eh, tags, {"an array of strings"});
+    return;
+  }
   for (const JsonNode* tag : list_entries(tags)) {
     if (!tag->is(JsonType::string)) {
       REPORT_JSON_ERROR(eh, *tag, {"a string"});
@@ -73,6 +86,7 @@ void L_READ_VARIABLE_NAMES(ERROR_HANDLER& eh, JsonNode& variables, USER_DATASET_
     }
     if (!names.insert(name->text()).second) {
       eh.error(text("multiple variables have the name ", name->text()));
+      tell_dataset(eh, info);
       return;
     }
     info.variables.push_back(name->text());

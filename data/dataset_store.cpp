@@ -22,6 +22,7 @@ void L_CHECK_SIZE(ERROR_HANDLER& eh, const USER_DATASET_INFO& info, std::int64_t
   if (rows >= info.number_of_observations && columns >= info.number_of_columns) return;
   eh.error(text("supplied data is too small, it is (", rows, " x ", columns, "), was expecting at least (",
                 info.number_of_observations, " x ", info.number_of_columns, ")"));
+  if (!info.name.empty()) eh.continuation(text("dataset ", info.name));
 }
 
 /// The column of a variable in a description, from 0, -1 for none; user_column_number moves it, and variables of

@@ -79,6 +79,9 @@ void AIDSGN(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TABLE&
 void CHECK_AND_CONFORMITY(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::int64_t records, FACTOR_TABLE& factors,
                           const TERM_TABLE& terms);
 
+/// Which of so many equations any record has.
+std::vector<bool> equations_met(const DESIGN_MTX& design, std::int64_t equations);
+
 /// MORE_AIDATA_SETUP: tells of terms that have a variance but no design in any record.
 ///   gammas   by row of the term table the variance, as it stands, or a first parameter; 0 for terms that have none
 void MORE_AIDATA_SETUP(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_TABLE& terms, const DESIGN_MTX& design,

@@ -94,7 +94,7 @@ struct Grid {
 };
 
 /// L_MEASURE_GRID: the extent of each section.
-void L_MEASURE_GRID(ERROR_HANDLER& eh, const DATA_STORE& store, Grid& grid)
+void L_MEASURE_GRID(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_STORE& store, Grid& grid)
 {
   const Frame here{eh, __func__};
   std::span<const double> record;
@@ -115,6 +115,11 @@ void L_MEASURE_GRID(ERROR_HANDLER& eh, const DATA_STORE& store, Grid& grid)
     section.first_column = std::min(section.first_column, j);
     section.last_column = std::max(section.last_column, j);
   }
+  if (grid.sections.size() != 1) return;
+  Section& whole = grid.sections.begin()->second;
+  whole.first_row = whole.first_column = 1;
+  whole.last_row = std::max(whole.last_row, variables.rows[grid.row.variable].levels);
+  whole.last_column = std::max(whole.last_column, variables.rows[grid.column.variable].levels);
 }
 
 /// L_LAY_OUT_SECTIONS: numbers the plots of all sections; a hundred for each record are taken for an error.
@@ -127,18 +132,23 @@ void L_LAY_OUT_SECTIONS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, cons
     section.begin = grid.plots;
     grid.plots += std::min(section.plots(), most + 1);
     if (grid.plots <= most) continue;
+    std::int64_t farthest = 0, reach = -1;  // the record of the section that lies farthest out
     for (std::int64_t r = 0; r < store.records(); ++r) {
       const auto record = store.row(r);
-      const std::int64_t i = grid.row.position(record);
-      const std::int64_t j = grid.column.position(record);
-      if (grid.section_of(record) != number || (i != section.last_row && j != section.last_column)) continue;
-      eh.error(
-          text("at record ", r + 1,
-               " Either Section, Row or Column is too large for Filling out the Grid of plots, Section = ",
-               grid.section_name(variables, number), ", Row = ", grid.row.name(variables, i),
-               ", Column = ", grid.column.name(variables, j)));
-      return;
+      if (grid.section_of(record) != number) continue;
+      const std::int64_t out = std::max(grid.row.position(record), grid.column.position(record));
+      if (out > reach) farthest = r;
+      reach = std::max(reach, out);
     }
+    const auto record = store.row(farthest);
+    eh.error(text("at record ", farthest + 1,
+                  " Either Section, Row or Column is too large for Filling out the Grid of plots, Section = ",
+                  grid.section_name(variables, number), ", Row = ",
+                  grid.row.name(variables, grid.row.position(record)), ", Column = ",
+                  grid.column.name(variables, grid.column.position(record))));
+    eh.continuation(text("the grid has ", section.last_row - section.first_row + 1, " rows and ", section.columns(),
+                         " columns"));
+    return;
   }
 }
 
@@ -194,7 +204,7 @@ void L_ADD_PLOTS(ERROR_HANDLER& eh, const Grid& grid, const std::vector<bool>& m
 
 }  // namespace
 
-void FILLGRID(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const GRID_FACTORS& factors,
+void FILLGRID(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const GRID_FACTORS& factors, bool has_mv,
               DATA_STORE& store)
 {
   const Frame here{eh, __func__};
@@ -202,7 +212,7 @@ void FILLGRID(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const GRID_FAC
       .row = side_of(variables, factors.row), .column = side_of(variables, factors.column), .section = {}};
   grid.sectioned = factors.section > 0;
   if (grid.sectioned) grid.section = side_of(variables, factors.section);
-  L_MEASURE_GRID(eh, store, grid);
+  L_MEASURE_GRID(eh, variables, store, grid);
   if (eh.terminate()) return;
   L_LAY_OUT_SECTIONS(eh, variables, store, grid);
   if (eh.terminate()) return;
@@ -211,9 +221,15 @@ void FILLGRID(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const GRID_FAC
   if (eh.terminate()) return;
   eh.note(text(store.records(), " records obtained from the data file"));
   eh.continuation(text(grid.plots, " records required to complete the spatial grid"));
-  if (grid.plots == store.records()) return;
-  eh.continuation(text(grid.plots - store.records(), " records being inserted to complete the grid"));
+  const std::int64_t added = grid.plots - store.records();
+  if (added == 0) return;
+  if (!has_mv) {
+    eh.error("you must include mv in the linear model if you want to fill-out the spatial grid");
+    return;
+  }
+  eh.continuation(text(added, " records being inserted to complete the grid"));
   L_ADD_PLOTS(eh, grid, met, store);
+  store.set_filled(added);
 }
 
 }  // namespace tolvan

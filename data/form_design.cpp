@@ -112,19 +112,21 @@ void AIDSGN(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TABLE&
   for (std::int64_t r = 0; r < records; ++r) {
     const std::span<const double> data = store.row(r);
     next_record(plan.sources, data, r + 1, row.state);
+    const bool filled = r >= records - store.filled();  // a plot that mv estimates; nothing is known of it
     std::int64_t lost = 0;
     for (std::int64_t t = 0; t < traits; ++t) {
       row.state.trait = t + 1;
       const double response = read_source(plan.sources, plan.responses[static_cast<std::size_t>(t)], row.state);
-      const bool lacks = lacks_design_values(plan, is_no_value(response), row.state, missing);
-      const RecordFate fate = fate_of_record(is_no_value(response), lacks, has_mv, counts);
+      const bool lacks = !filled && lacks_design_values(plan, is_no_value(response), row.state, missing);
+      const RecordFate fate =
+          filled ? RecordFate::estimated : fate_of_record(is_no_value(response), lacks, has_mv, counts);
       if (fate == RecordFate::dropped) {
         ++lost;
         continue;
       }
       L_FORM_ROW(eh, plan, records, row);
       if (eh.terminate()) return;
-      const double weight = plan.weighted ? weight_of(data[plan.weight], design) : 1.0;
+      const double weight = plan.weighted && !filled ? weight_of(data[plan.weight], design) : 1.0;
       if (plan.weighted) design.weight.push_back(weight);
       if (fate == RecordFate::estimated) {
         const std::int64_t equation = plan.mv->first + static_cast<std::int64_t>(design.mv.size());

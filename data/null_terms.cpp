@@ -1,4 +1,4 @@
-// Terms that no record has a design for.  Routine: MORE_AIDATA_SETUP.
+// Terms and equations that no record has a design for.  Routine: MORE_AIDATA_SETUP.
 #include "base/text.h"
 #include "data/design_matrix.h"
 
@@ -17,14 +17,20 @@ bool is_null_by_intent(const FACTOR_TABLE& factors, const TERM_ROW& term)
 
 }  // namespace
 
+std::vector<bool> equations_met(const DESIGN_MTX& design, std::int64_t equations)
+{
+  std::vector<bool> met(static_cast<std::size_t>(equations), false);
+  for (const std::int32_t equation : design.equation) {
+    if (equation < equations) met[static_cast<std::size_t>(equation)] = true;
+  }
+  return met;
+}
+
 void MORE_AIDATA_SETUP(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_TABLE& terms, const DESIGN_MTX& design,
                        std::span<const double> gammas)
 {
   const Frame here{eh, __func__};
-  std::vector<bool> met(static_cast<std::size_t>(terms.equations), false);
-  for (const std::int32_t equation : design.equation) {
-    if (equation < terms.equations) met[static_cast<std::size_t>(equation)] = true;
-  }
+  const std::vector<bool> met = equations_met(design, terms.equations);
   for (std::size_t t = 0; t < terms.rows.size(); ++t) {
     const TERM_ROW& term = terms.rows[t];
     if (!has_equations(term) || term.dropped || term.joins || term.is_mv) continue;
@@ -33,6 +39,7 @@ void MORE_AIDATA_SETUP(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TER
     for (std::int64_t e = term.first; e < term.first + term.equations && !present; ++e) present = met[static_cast<std::size_t>(e)];
     if (present) continue;
     eh.warning(text(term.name, " is null model term, with a non zero gamma, gamma = ", gammas[t]));
+    eh.continuation("no record has any of its equations");
   }
 }
 

@@ -23,9 +23,11 @@ void scale_to_unit_range(double least, double most, DESIGN_BASIS& basis);
 ///
 /// In exact arithmetic u p_j needs p_j and p_(j-1) alone to become p_(j+1); with all earlier ones it stays orthogonal in
 /// rounded arithmetic too, at the points and, by the same recursion, off them (Brubeck, Nakatsukasa and Trefethen, 2021,
-/// "Vandermonde with Arnoldi", SIAM Review 63).  Degrees near the number of points, from about 20 on, lose digits.
+/// "Vandermonde with Arnoldi", SIAM Review 63).  Near the degree of the number of points the recursion multiplies what was
+/// rounded, from about degree 20 on: where it misses the points by more than 1e-12, their polynomials are kept beside it.
 void orthogonal_recursion(std::span<const double> points, std::int64_t degree, DESIGN_BASIS& basis);
-/// p_0(x), ..., p_degree(x) into p, degree being p.size() - 1.
+/// p_0(x), ..., p_degree(x) into p, degree being p.size() - 1; at a point as accurate as on all of them together, off the
+/// points, where a polynomial of such a degree swings wildly, by the recursion.
 void orthogonal_polynomials(const DESIGN_BASIS& basis, double x, std::span<double> p);
 
 /// sqrt((2 j + 1) / 2) P_j(u), j = 0, ..., degree, P_j the Legendre polynomials (Kirkpatrick, Lofsvold and Bulmer, 1990,

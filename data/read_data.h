@@ -41,7 +41,7 @@ struct VARIABLE_SUMMARY {
 };
 using DATA_SUMMARY = std::vector<VARIABLE_SUMMARY>;
 
-/// AIDSUM: counts records, missing values, zeros and levels of every variable.
+/// AIDSUM: counts records, missing values, zeros and levels of every variable; plots that were filled in don't count.
 void AIDSUM(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_STORE& store,
             DATA_SUMMARY& summary);
 /// AIDDIS: the data summary as text: a line a variable, and the level counts of factors.

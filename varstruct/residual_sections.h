@@ -1,5 +1,5 @@
 // The residual of a model: its sections, their components and their place among the analysis records.
-// Routines: NEW_GETRCOV, HAVE_RCOV, NOT_AUTOAR, SETRCOV, SORTRCOV, NOT_AUTOAR_MODEL_CHECKS.
+// Routines: NEW_GETRCOV, HAVE_RCOV, NOT_AUTOAR, COMPLETE_SPATIAL_GRID, SETRCOV, SORTRCOV, NOT_AUTOAR_MODEL_CHECKS.
 #pragma once
 
 #include <cstdint>
@@ -61,6 +61,12 @@ void HAVE_RCOV(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TAB
 /// unstructured matrix between the traits.
 void NOT_AUTOAR(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const MODEL_INFO& info,
                 RESIDUAL_MODEL& residual);
+
+/// COMPLETE_SPATIAL_GRID: adds the plots that the data lack (FILLGRID) where the options rowfactor and columnfactor name two
+/// factors that the residual's sections have as components; mv must be in the model to estimate them.
+void COMPLETE_SPATIAL_GRID(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const JsonNode& request,
+                           const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
+                           const MODEL_INFO& info, DATA_STORE& store);
 
 /// SETRCOV: checks the factors that the options name against the components of every section.
 void SETRCOV(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,

@@ -1,5 +1,6 @@
 // Setting the parameter table up: starting variances, one structure a random term, the user's initial values,
-// checks. Routines: STARTE, SETSTR, NEWSTR, VARIABLE_TABLE_GUTS, FORCE_GAMMA_INITIAL_VALUES, STRUCTURECHECK.
+// checks. Routines: STARTE, SETSTR, NEWSTR, VARIABLE_TABLE_GUTS, FORCE_GAMMA_INITIAL_VALUES, FIX_NULL_STRUCTURES,
+// STRUCTURECHECK.
 #pragma once
 
 #include <cstdint>
@@ -43,6 +44,10 @@ void VARIABLE_TABLE_GUTS(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const T
 void FORCE_GAMMA_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& request, const FACTOR_TABLE& factors,
                                 const TERM_TABLE& terms, const DATA_STORE& store, const DESIGN_MTX& design,
                                 VARIANCE_MODEL& model);
+
+/// FIX_NULL_STRUCTURES: fixes the parameters that only structures have of which no record has an equation, such as that of
+/// zero(): the likelihood does not depend on them.
+void FIX_NULL_STRUCTURES(ERROR_HANDLER& eh, const TERM_TABLE& terms, const DESIGN_MTX& design, VARIANCE_MODEL& model);
 
 /// STRUCTURECHECK: the last check of the table before the fit.  Where the information matrix is not damped,
 /// the loadings of several factors are turned so that some are zero and fixed.

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <numeric>
 #include <random>
+#include <set>
 
 #include "api/plots_data.h"
 
@@ -291,6 +292,47 @@ TEST(ResidualLayout, TellsWhatIsWrong)
     for (const char* message : c.messages) EXPECT_TRUE(has_message(road.eh, message));
     EXPECT_EQ(road.eh.EH_STATUS(), c.stops ? 4 : -3);
     EXPECT_TRUE(road.eh.stack().entries.empty());
+  }
+}
+
+// Plots that the file does not have and plots given as missing make the same design, but for the records' numbers.
+TEST(ResidualLayout, PlotsAreFilledInByOption)
+{
+  for (const char* missing : {"include", "remove"}) {
+    SCOPED_TRACE(missing);
+    const std::string model =
+        R"j("response":"y","random":"geno","sparse":"mv","weights":"v","residual":"dsum(ar1(column):ar1(row)|site)")j";
+    const std::string options = text(R"("rowfactor":"row","columnfactor":"column","missing_values":")", missing, "\"");
+    const std::set<std::size_t> lost{4, 5, 17};
+    std::vector<double> given = data_columns(), left;
+    for (std::size_t r = 0; r < records; ++r) {
+      const auto at = given.begin() + static_cast<std::ptrdiff_t>(r * columns);
+      if (!lost.contains(r)) left.insert(left.end(), at, at + columns);
+      if (lost.contains(r)) cell(given, r, y) = no_value;
+    }
+    SetupRoad whole, filled;
+    run(whole, request_of(model), given);
+    std::string request = request_of(model, options);
+    request.replace(request.find(R"("number_of_observations":24)"), 27, R"("number_of_observations":21)");
+    run(filled, request, left);
+    ASSERT_FALSE(whole.eh.terminate() || filled.eh.terminate()) << filled.eh.EH_PRINT_TEXT();
+    EXPECT_TRUE(has_message(filled.eh, "3 records being inserted to complete the grid"));
+    const DESIGN_MTX &a = whole.core->design, &b = filled.core->design;
+    ASSERT_EQ(b.rows(), records);
+    EXPECT_EQ(a.response, b.response);
+    EXPECT_EQ(a.mv, b.mv);
+    EXPECT_EQ(filled.core->terms.equations, whole.core->terms.equations);
+    for (std::int64_t r = 0; r < records; ++r) {
+      const auto at = static_cast<std::size_t>(r);
+      const bool made = b.record[at] > 21;
+      EXPECT_EQ(made, lost.contains(static_cast<std::size_t>(a.record[at] - 1)));
+      if (made) {
+        EXPECT_EQ(b.equations(r).size(), 2u);  // mu and its own missing value; nothing is known of the variety
+        EXPECT_EQ(b.weight[at], 1.0);
+      } else {
+        EXPECT_TRUE(std::ranges::equal(a.equations(r), b.equations(r)));
+      }
+    }
   }
 }
 

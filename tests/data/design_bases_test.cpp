@@ -1,4 +1,5 @@
 // Polynomials, splines and other functions of one number, from their definitions.
+#include <algorithm>
 #include <boost/math/special_functions/legendre.hpp>
 #include <cmath>
 #include <random>
@@ -71,6 +72,45 @@ TEST(PolynomialBasis, OrthonormalOnThePointsAndOfItsDegreeOffThem)
         EXPECT_NEAR(interpolated(t, v, middle), between[j], 1e-8) << kind << ' ' << m << ' ' << j;
         EXPECT_GT(P[m - 1][j], 0.0);
       }
+    }
+  }
+}
+
+TEST(PolynomialBasis, KeepsItsDigitsUpToTheDegreeThatThePointsAllow)
+{
+  for (int kind = 0; kind < 4; ++kind) {
+    for (const std::size_t m : {2U, 20U, 30U, 60U}) {
+      const std::vector<double> x = points(kind, m);
+      DESIGN_BASIS basis;
+      scale_to_unit_range(x.front(), x.back(), basis);
+      orthogonal_recursion(x, static_cast<std::int64_t>(m) - 1, basis);
+      Matrix P(m, std::vector<double>(m));
+      for (std::size_t i = 0; i < m; ++i) orthogonal_polynomials(basis, x[i], P[i]);
+      double worst = 0.0;
+      for (std::size_t j = 0; j < m; ++j)
+        for (std::size_t k = 0; k <= j; ++k) {
+          const double sum = ddot(static_cast<std::int64_t>(m), P[j].data(), 1, P[k].data(), 1);
+          worst = std::max(worst, std::abs(sum - (j == k ? 1.0 : 0.0)));
+        }
+      EXPECT_LT(worst, 1e-12) << kind << ' ' << m;  // the rows of a square matrix with orthonormal columns are so, too
+      // The last one is orthogonal to all polynomials of lower degree: it is 1 / prod_k (x_i - x_k) but for a factor, since
+      // these weights give the divided difference of order m - 1.
+      std::vector<double> last(m);
+      double squares = 0.0;
+      for (std::size_t i = 0; i < m; ++i) {
+        double product = 1.0;
+        for (std::size_t k = 0; k < m; ++k)
+          if (k != i) product *= (x[i] - x[k]) / (x.back() - x.front()) * 4.0;
+        last[i] = 1.0 / product;
+      }
+      double largest = 0.0;
+      for (const double v : last) largest = std::max(largest, std::abs(v));
+      for (double& v : last) {
+        v /= largest;
+        squares += v * v;
+      }
+      for (std::size_t i = 0; i < m; ++i)
+        EXPECT_NEAR(P[i][m - 1], last[i] / std::sqrt(squares), 1e-9) << kind << ' ' << m << ' ' << i;
     }
   }
 }

@@ -379,7 +379,9 @@ TEST(DesignFunctions, NullTerms)
   ERROR_HANDLER eh;
   const std::vector<double> gammas{0, 0, 0, 0.5, 0.1, 0};  // y, mu, f, g:z, zero(2), f:z
   MORE_AIDATA_SETUP(eh, road.factors, road.terms, road.design, gammas);
-  EXPECT_EQ(messages_text(eh), "3/- g:z is null model term, with a non zero gamma, gamma = 0.5\n");
+  EXPECT_EQ(messages_text(eh),
+            "3/- g:z is null model term, with a non zero gamma, gamma = 0.5\n"
+            "9999/- no record has any of its equations\n");
 }
 
 TEST(DesignFunctions, FactorsOfAStructureHaveNoDesign)

@@ -243,7 +243,7 @@ TEST(Transform, VariablesThatAreNoColumnsOfTheData)
                     {"name":"z","transformations":[{"-":1}]})"),
             "5 NA 24\n6 2 35\n");
   EXPECT_EQ(with(R"({"name":"a"},{"name":"b"},{"name":"z","transformations":[{"-":1}]})"),
-            "!4/3 supplied data is too small, it is (2 x 2), was expecting at least (2 x 3)\n");
+            "!4/3 supplied data is too small, it is (2 x 2), was expecting at least (2 x 3)\n9999/3 dataset d\n");
   EXPECT_EQ(with(R"({"name":"a","transformations":[{"name":"+","arguments":"z"},{"name":"ABS","TARGET":"z"}]},
                     {"name":"b"},{"name":"z"})"),
             "!4/3 variable z is said to be column 3 of dataset d, which has 2 columns\n");

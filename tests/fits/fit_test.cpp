@@ -460,6 +460,25 @@ TEST(Fit, HardModelsEndWithTheirWords)
   }
 }
 
+// The likelihood does not depend on terms that no record has a design for; their variance stays where it starts.
+TEST(Fit, TermsWithoutADesignChangeNothing)
+{
+  const auto run = [](Host& host, const std::string& random) {
+    hand_in(host, {{{"group", 3}, {"f", 3}, {"y", 0}}, {{1, 1, 1, 2, 2, 3, 3}, {1, 2, 1, 2, 1, 2, 1}, {10, 12, 9, 15, 14, 20, 18}}});
+    return host.process(R"({"model":{"response":"y","random":")" + random + R"("},"options":{"extra":5,"maxiterations":50}})");
+  };
+  Host alone;
+  ASSERT_LE(run(alone, "group"), 0) << alone.errors();
+  for (const char* term : {"zero(4)", "f:zero(2)", "idv(zero(3))", "at(f,3):f", "diag(f):zero(2)"}) {
+    Host host;
+    ASSERT_LE(run(host, std::string("group+") + term), 0) << term << host.errors();
+    EXPECT_NEAR(host.real("SCALAR_LOGLIK"), alone.real("SCALAR_LOGLIK"), 1e-10) << term;
+    const std::vector<double> sigma = host.reals("TABLE_VARCOMP:SIGMA");
+    EXPECT_NEAR(sigma.front(), alone.reals("TABLE_VARCOMP:SIGMA").front(), 1e-8) << term;
+    EXPECT_NEAR(sigma.back(), alone.reals("TABLE_VARCOMP:SIGMA").back(), 1e-8) << term;
+  }
+}
+
 TEST(Fit, ReportsRelativeToABaseWhenLogLIsLarge)
 {
   Data data = crossed(20000, 200, 50, 5, 23);
