@@ -464,7 +464,8 @@ TEST(Fit, HardModelsEndWithTheirWords)
 TEST(Fit, TermsWithoutADesignChangeNothing)
 {
   const auto run = [](Host& host, const std::string& random) {
-    hand_in(host, {{{"group", 3}, {"f", 3}, {"y", 0}}, {{1, 1, 1, 2, 2, 3, 3}, {1, 2, 1, 2, 1, 2, 1}, {10, 12, 9, 15, 14, 20, 18}}});
+    hand_in(host, {{{"group", 3}, {"f", 3}, {"y", 0}},
+                   {{1, 1, 1, 2, 2, 3, 3}, {1, 2, 1, 2, 1, 2, 1}, {10, 12, 9, 15, 14, 20, 18}}});
     return host.process(R"({"model":{"response":"y","random":")" + random + R"("},"options":{"extra":5,"maxiterations":50}})");
   };
   Host alone;
