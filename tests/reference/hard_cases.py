@@ -4,8 +4,8 @@
     hard_cases.py LIB CASES_DIR [--only NAME]
 
 Each case of the tables below is fitted with its response in units a million times smaller and larger, with its records
-shuffled, and from starting values a hundred times too large and too small, one parameter at a time (correlations: 0.95 and
-0.01).  LogL in the response's own units must be the plain fit's.  Standard library only.
+shuffled, its levels renumbered, and from starting values a hundred times too large and too small, one parameter at a time
+(correlations: 0.95 and 0.01).  LogL in the response's own units must be the plain fit's.  Standard library only.
 """
 import argparse
 import copy
@@ -28,6 +28,8 @@ SAME = 1e-7       # of the same fit with its records in another order
 UNITS = ["oats/case.json", "unbalanced/weights.json", "repeated/us.json", "repeated/ar1h.json", "repeated/corh.json",
          "repeated/ante1.json", "repeated/chol1.json", "repeated/facv1.json", "repeated/idh.json", "sections/case.json",
          "met/fa.json", "met/sections.json", "field/case.json", "animal_ainv/case.json", "sire_h2/case.json"]
+# cases whose factors may be numbered in any way
+LEVELS = ["oats/case.json", "sire_h2/case.json", "unbalanced/weights.json", "met/us.json", "met/diag.json"]
 # Left out: loadings a hundred times too large that lead to a second optimum; coefficients of ante() whose first LogL is so low
 # that all of the fit is reported relative to a base.
 STARTS = {"oats/case.json": (), "sire_h2/case.json": (), "animal_ainv/case.json": (),
@@ -105,6 +107,23 @@ def in_other_units(lib, case, matrices, plain, bad):
         judge("records shuffled", Fit(lib, request_of(case), {**matrices, name: rows}), plain.logl, SAME, lambda df: 0.0, bad)
 
 
+def with_other_codes(lib, case, matrices, plain, bad):
+    request = request_of(case)
+    entries = request["dataset"] if isinstance(request["dataset"], list) else [request["dataset"]]
+    for name, info in case["matrices"].items():
+        described = {v["name"]: v for e in entries if e["name"] == name for v in e.get("variables", [])}
+        rows = [list(row) for row in matrices[name]]
+        for at, column_name in enumerate(info["columns"]):
+            levels = described.get(column_name, {}).get("number_of_levels")
+            if not levels:
+                continue
+            codes = list(range(1, levels + 1))
+            random.Random(levels).shuffle(codes)
+            for row in rows:
+                row[at] = None if row[at] is None else codes[int(row[at]) - 1]
+        judge("levels renumbered", Fit(lib, request, {**matrices, name: rows}), plain.logl, SAME, lambda df: 0.0, bad)
+
+
 def from_bad_starts(lib, case, matrices, plain, left_out, bad):
     if not plain.labels or len(plain.labels) != len(plain.sigma):
         bad.append("no labels to start from")
@@ -128,7 +147,7 @@ def main():
     a.add_argument("--only", default="")
     o = a.parse_args()
     lib, failed = os.path.abspath(o.lib), 0
-    for name in sorted(set(UNITS) | set(STARTS)):
+    for name in sorted(set(UNITS) | set(LEVELS) | set(STARTS)):
         if o.only not in name:
             continue
         folder = os.path.join(o.cases, os.path.dirname(name))
@@ -139,6 +158,8 @@ def main():
         judge("as given", plain, case["expected"]["loglik"], LOGL, lambda df: 0.0, bad)
         if not bad and name in UNITS:
             in_other_units(lib, case, matrices, plain, bad)
+        if not bad and name in LEVELS:
+            with_other_codes(lib, case, matrices, plain, bad)
         if not bad and name in STARTS:
             from_bad_starts(lib, case, matrices, plain, STARTS[name], bad)
         failed += bool(bad)
