@@ -4,6 +4,13 @@
 #include <cstdlib>
 
 namespace tolvan {
+namespace {
+
+constexpr double no_change = 1e-4;   // of LogL
+constexpr double no_move = 0.01;     // of a parameter, relative
+constexpr int still_enough = 3;
+
+}  // namespace
 
 bool has_converged(std::int64_t n, double logl, double reset_step, FIT_WORK& work, CONVERGENCE& state)
 {
@@ -16,6 +23,8 @@ bool has_converged(std::int64_t n, double logl, double reset_step, FIT_WORK& wor
   state.previous = logl;
   state.previous_stable = stable;
   state.has_previous = true;
+  // However many parameters their rules hold at a boundary: where nothing moves any more the fit is where it can go.
+  state.still = comparable && d < no_change && work.update.largest_change < no_move ? state.still + 1 : 0;
   if (!comparable) return false;
 
   if (state.trivial) return true;
@@ -25,7 +34,7 @@ bool has_converged(std::int64_t n, double logl, double reset_step, FIT_WORK& wor
                         aiopt(Ai::restrained) <= 2 && aiopt(Ai::boundary) == 0;
   const bool simple = d_stable < wide(0.001f) && aiopt(Ai::restrained) <= 1 && std::llabs(thousandths - 1000) < 501;
   if (m <= 1) work.update.step = reset_step;
-  return (standard || simple) && !work.update.growth_capped;
+  return (standard || simple || state.still >= still_enough) && !work.update.growth_capped;
 }
 
 double damp_towards_saved(const std::vector<double>& failed, VARIANCE_MODEL& model, FIT_WORK& work)

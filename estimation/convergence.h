@@ -12,6 +12,7 @@ struct CONVERGENCE {
   double previous = 0.0;       // LogL of the last accepted evaluation, without base
   double previous_stable = 0;  // LogL plus the boundary count, of the simple test
   bool has_previous = false;
+  int still = 0;               // accepted evaluations in a row that neither changed LogL nor moved a parameter
   bool simple = false;         // a parameter of type d exists: the simple test alone counts
   bool trivial = false;        // one parameter, one structure, one section: converged at once
 };

@@ -181,7 +181,8 @@ void L_COVARIANCE(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, FIT_WORK& work
   }
 }
 
-/// The letters of the column C: the constraint code, B for a variance that two updates in a row pulled to nothing, ? after one.
+/// The letters of the column C: the constraint code, B for a variance that two updates in a row pulled to nothing or a correlation
+/// that they held near one, ? after one.
 void bound_letters(const VARIANCE_MODEL& model, const FIT_WORK& work, const EVALUATION& ev, FIT_STATE& fit)
 {
   fit.bound.resize(model.parameters.size());
@@ -193,7 +194,7 @@ void bound_letters(const VARIANCE_MODEL& model, const FIT_WORK& work, const EVAL
     const auto at = std::lower_bound(active.begin(), active.end(), static_cast<std::int64_t>(i));
     if (at == active.end() || *at != static_cast<std::int64_t>(i)) continue;
     const double small = 1e-4 * ev.information.unit[static_cast<std::size_t>(at - active.begin())];
-    if (work.update.pulled[i] >= 2 && std::fabs(ev.evaluated[i]) < small) {
+    if (work.update.pulled[i] >= 2 && (v.type == ParamType::R || std::fabs(ev.evaluated[i]) < small)) {
       fit.bound[i] = 'B';
     } else if (work.update.pulled[i] >= 1) {
       fit.bound[i] = '?';
@@ -223,7 +224,7 @@ std::int64_t parameters_counted(const VARIANCE_MODEL& model, const EVALUATION& e
     if (v.constraint == Constraint::C || x == 0.0 || is_no_value(x)) continue;
     if (v.constraint == Constraint::F && (v.type == ParamType::L || x == 1.0)) continue;
     if (!is_free(v.constraint) && std::fabs(x) < 1e-6) continue;
-    if (is_free(v.constraint) && fit.bound[i] == 'B') continue;  // pulled to nothing, though not settled yet
+    if (is_free(v.constraint) && v.type != ParamType::R && fit.bound[i] == 'B') continue;  // pulled to nothing, though not settled yet
     ++t;
   }
   return t;

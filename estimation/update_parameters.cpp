@@ -13,6 +13,7 @@ namespace {
 
 constexpr double loading_growth = 3.0;    // the most that a loading may grow in one step, in loadings and units
 constexpr double loading_fall = 0.9;      // the most that it may shrink by, besides one unit
+constexpr double near_one = 0.99;          // a correlation held beyond this is at its bound
 constexpr double least_damping = 0.01;
 constexpr double most_damping = 1e6;
 constexpr std::size_t many = 48;  // parameters from which the work is done by blocks
@@ -284,7 +285,9 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     if (taken_by.reset_step) state.step = state.saved_step;
     if (restrained[i] && std::fabs(taken_by.value) > 10.0 * std::fabs(v.value)) state.growth_capped = true;
     largest_loading = std::max(largest_loading, taken_by.loading_change);
-    const bool pulled = restrained[i] && v.role == ParamRole::variance && std::fabs(taken_by.value) < std::fabs(v.value);
+    const bool to_zero = v.role == ParamRole::variance && std::fabs(taken_by.value) < std::fabs(v.value);
+    const bool to_one = v.type == ParamType::R && std::fabs(taken_by.value) > near_one;
+    const bool pulled = restrained[i] && (to_zero || to_one);
     state.pulled[at] = pulled ? state.pulled[at] + 1 : 0;
     if (v.value != 0.0) state.change[at] = (taken_by.value - v.value) / v.value;
     state.largest_change = std::max(state.largest_change, std::fabs(state.change[at]));

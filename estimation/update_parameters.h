@@ -43,7 +43,7 @@ struct UPDATE_STATE {
   double damping = 0.0;            // share added to the diagonal since steps lowered the LogL, see damp_steps
   std::vector<double> reference;   // a reference value a parameter
   std::vector<double> last;        // the values before the present ones
-  std::vector<int> pulled;         // consecutive updates in which the rules pulled a scale parameter towards zero
+  std::vector<int> pulled;         // consecutive updates in which the rules pulled a variance towards zero or held a correlation near one
   std::vector<double> change;      // relative change that the last step would make
   double largest_change = 0.0;
   bool growth_capped = false;      // a parameter wanted to grow by more than a step may: not at its optimum

@@ -222,6 +222,20 @@ TEST(Convergence, ToleranceWidensWithTheIterations)
   }
 }
 
+TEST(Convergence, StandingStillEndsTheFitWhateverIsHeld)
+{
+  for (const double move : {0.0, 0.05}) {
+    FIT_WORK work;
+    work.update.largest_change = move;
+    CONVERGENCE state;
+    for (std::int64_t n = 1; n <= 4; ++n) {
+      work.aiopt(Ai::step_thousandths) = 1000;
+      work.aiopt(Ai::restrained) = 40;
+      EXPECT_EQ(has_converged(n, -50.0, 1.0, work, state), n == 4 && move == 0.0) << n;
+    }
+  }
+}
+
 TEST(Convergence, ADampedRetryGoesNineTenthsOfTheWayBack)
 {
   VARIANCE_MODEL model = variances({9.0, 1.0});
