@@ -226,6 +226,12 @@ void invert_diagonal(const FIT_MODEL& in, const VARIANCE_MODEL& model, std::int6
   for (std::size_t p = 0; p < d.size(); ++p) q.factor.reciprocal[p] = d[p] == 0.0 || left_out[p] ? 0.0 : 1.0 / d[p];
 }
 
+/// Whether a structure has rows that only bind others: they have no diagonal, and C is indefinite with them.
+bool binds(const FORMED_TERM& term)
+{
+  return std::any_of(term.components.begin(), term.components.end(), [](const auto& c) { return !c->lagrangian().empty(); });
+}
+
 /// L_SOLVE: solves C x = b, and again for what the solutions leave of b until the correction is small: the rule that ends an iteration
 /// looks at its last step, which may be much smaller than what is still missing.  For Gauss-Seidel that is the same as going on.
 SolverEnd L_SOLVE(ERROR_HANDLER& eh, const EQUATION_STORE& store, std::int64_t mode, std::vector<double> b, bool told,
@@ -276,6 +282,12 @@ void ITERATIVE_MME(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL&
   const auto n = static_cast<std::size_t>(q.n);
   const int threads = static_cast<int>(std::max<std::int64_t>(1, work.aiopt(Ai::threads)));
   ev.absorbed = {};
+  for (std::size_t t = 0; t < model.terms.size(); ++t) {
+    if (model.terms[t].dropped || !binds(ev.formed.terms[t])) continue;
+    const std::string& name = in.terms.rows[static_cast<std::size_t>(model.terms[t].term)].name;
+    eh.not_implemented(text("solving by iteration with the singular variance structure of ", name, " is not implemented, use !BLUP 2"));
+    return;
+  }
   std::vector<std::uint8_t> left_out(n, 0);
   absorb_fixed(eh, in, q, threads, work, left_out, ev.absorbed);
   if (eh.terminate() || ev.absorbed.cancelled) return;

@@ -187,6 +187,8 @@ DenseVariance dense_variance(const Matrix& full, const std::vector<double>& resp
     out.score.push_back(0.5 * ((transpose(py) * w[i])(0, 0) - trace_of_product(proj, vdot[i])));
     for (std::size_t j = 0; j <= i; ++j) out.ai.push_back(0.5 * (transpose(w[i]) * (proj * w[j]))(0, 0));
   }
+  out.py = py.a;
+  out.p = std::move(proj);
   return out;
 }
 

@@ -57,6 +57,8 @@ struct DenseVariance {
   std::vector<double> ai;     // 0.5 y'P V_i P V_j P y, lower triangle by rows
   double quadratic = 0.0;     // y'Py
   double nu = 0.0;
+  Matrix p;                   // P
+  std::vector<double> py;     // P y
 };
 /// Evaluates y ~ (X b, V) with the derivatives of V.
 DenseVariance dense_variance(const Matrix& x, const std::vector<double>& y, const Matrix& v, const std::vector<Matrix>& vdot);
