@@ -98,6 +98,9 @@ void UDST_BIND(ERROR_HANDLER& eh, const USER_DATASET_STORE& store, const JsonNod
   view.data = store.find(view.info.name);
   if (view.data == nullptr) {
     eh.error(text("no data were supplied for dataset ", shown(view.info.name)));
+    std::string names;
+    for (const USER_DATASET& data : store.datasets) names += text(names.empty() ? "" : ", ", shown(data.name));
+    eh.continuation(names.empty() ? "no matrix was handed in" : text("matrices were handed in for ", names));
     return;
   }
   L_CHECK_SIZE(eh, view.info, view.data->rows, view.data->columns);

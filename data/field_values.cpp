@@ -91,11 +91,15 @@ std::int64_t L_LABEL_LEVEL(ERROR_HANDLER& eh, FIELD_VALUES& values, std::size_t 
   if (embedded && owner.labels.find(field) == 0) {  // a declared label may hold blanks
     std::replace_if(
         label.begin(), label.end(), [](char c) { return c == ' ' || c == '\t'; }, '_');
-    if (!values.blanks_told) eh.note("Embedded blanks in data fields are converted to UNDERSCORE");
+    if (!values.blanks_told) {
+      eh.note("Embedded blanks in data fields are converted to UNDERSCORE");
+      eh.continuation(text("the first is \"", excerpt(field), "\" of variable ", variable.name));
+    }
     values.blanks_told = true;
   }
   if (too_long && values.cut_labels.size() < most_cut_labels_told && values.cut_labels.insert(label).second) {
     eh.note(text("Truncating label \"", label, ". Reset label length with !LL"));  // sic
+    eh.continuation(text("of variable ", variable.name, ", its label_length is ", variable.label_length));
     if (values.cut_labels.size() == most_cut_labels_told)
       eh.continuation("further labels are cut without a note");
   }

@@ -61,15 +61,12 @@ void L_INCLUDE(ERROR_HANDLER& eh, DATA_LINES& lines, std::string_view rest)
   const Frame here{eh, __func__};
   std::string name(trim(rest));
   if (name.size() > 1 && name.front() == '"' && name.back() == '"') name = name.substr(1, name.size() - 2);
-  if (lines.sources.size() >= most_sources) {
-    eh.error(text("failed to open !INCLUDE file ", name), Ecode::io_error);
-    eh.continuation(text("files include each other ", most_sources, " deep, at ", lines.place()));
-    return;
-  }
   LINE_SOURCE source;
   source.name = name;
   source.file.limit_lines(longest_data_line);
-  if (const std::string reason = why_not_opened(name, source.file); !reason.empty()) {
+  const std::string reason = lines.sources.size() >= most_sources ? text("files include each other ", most_sources, " deep")
+                                                                  : why_not_opened(name, source.file);
+  if (!reason.empty()) {
     eh.error(text("failed to open !INCLUDE file ", name), Ecode::io_error);
     eh.continuation(text(reason, ", at ", lines.place()));
     return;

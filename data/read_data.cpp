@@ -1,6 +1,7 @@
 // Reading the primary data.  Routine: READ_DATA_FILE.
 #include "data/read_data.h"
 
+#include "base/text.h"
 #include "data/finish_levels.h"
 #include "data/read_binary.h"
 #include "data/read_matrix.h"
@@ -38,6 +39,16 @@ void L_STORE_RULES(ERROR_HANDLER& eh, const PRIMARY_DATA& primary, STORE_RULES& 
   rules.scratch = places[bare ? 1 : noscratch->integer()];
 }
 
+/// L_TELL_SELECTION: how many records the filter has left.
+void L_TELL_SELECTION(ERROR_HANDLER& eh, const RECORD_INTAKE& intake)
+{
+  const Frame here{eh, __func__};
+  const DATA_FILE_KEYS& keys = intake.keys;
+  const std::int64_t offered = intake.records - intake.values.variables.transformations.dropped;
+  const std::string by = keys.filter_column > 0 ? text("field ", keys.filter_column) : keys.filter_name;
+  eh.note(text(intake.store.records(), " of ", offered, " records were kept by the filter on ", by));
+}
+
 }  // namespace
 
 void READ_DATA_FILE(ERROR_HANDLER& eh, const PRIMARY_DATA& primary, VARIABLE_TABLE& variables,
@@ -71,6 +82,7 @@ void READ_DATA_FILE(ERROR_HANDLER& eh, const PRIMARY_DATA& primary, VARIABLE_TAB
     } else {
       L_READ_TEXT_FILE(eh, intake);
     }
+    if (keys.filters() && !eh.terminate()) L_TELL_SELECTION(eh, intake);
   } else {
     L_READ_MATRIX(eh, primary.matrix, variables, coding, store);
   }

@@ -22,6 +22,13 @@ bool looks_like_label(std::string_view field)
   return !field.empty() && ((field[0] >= 'a' && field[0] <= 'z') || (field[0] >= 'A' && field[0] <= 'Z'));
 }
 
+/// Words that other programs write for a missing value.
+bool means_missing(std::string_view field)
+{
+  constexpr std::string_view words[] = {"nan", "n/a", "na", "#n/a", "null", "none", "missing", "-", "?"};
+  return std::any_of(std::begin(words), std::end(words), [field](std::string_view word) { return equal_nocase(field, word); });
+}
+
 /// The last values of the record before the field of the fault; empty without any.
 std::string values_before(const READ_FAULT& fault, const FIELD_MAP& fields, std::span<const double> row)
 {
@@ -61,8 +68,15 @@ void L_TELL_FAULT(ERROR_HANDLER& eh, const READ_FAULT& fault, const VARIABLE_TAB
     eh.continuation(
         text("increase the number of levels declared for factor ", name, " and any other large factors"));
   }
-  if ((fault.kind == Fault::no_number || fault.kind == Fault::no_level) && looks_like_label(fault.content)) {
+  const bool unreadable = fault.kind == Fault::no_number || fault.kind == Fault::no_level;
+  if (unreadable && looks_like_label(fault.content)) {
     eh.continuation(text("Maybe you want !A !L qualifiers for this factor: ", name));
+  }
+  if ((unreadable || fault.kind == Fault::not_finite) && means_missing(fault.content)) {
+    eh.continuation("a missing value is NA, na, * or .");
+  }
+  if (fault.content.find('\r') != std::string::npos) {
+    eh.continuation("the line holds a carriage return; lines must end in line feeds");
   }
 }
 
@@ -79,6 +93,7 @@ std::string fault_words(const READ_FAULT& fault, const VARIABLE_TABLE& variables
     case Fault::not_finite:
       return field + "is not a finite number";
     case Fault::no_level:
+      if (variable.type == FieldType::integer_factor) return field + "is not a level, levels are whole numbers";
       return text(field, "is not a level, levels are whole numbers from ", variable.indexed_from);
     case Fault::level_too_large:
       return text(field, "is too large for a level, at most ", most_levels);

@@ -111,7 +111,9 @@ void L_SKIP_LINES(ERROR_HANDLER& eh, const DATA_FILE_KEYS& keys, FileReader& fil
       L_READ_FAILED(eh, lines);
       if (!eh.terminate()) {
         eh.error(text("failed to find  ", keys.skip_text));  // sic
-        eh.continuation(text("in the ", file.line_number(), " lines of ", keys.name));
+        const std::int64_t found = keys.skip_instance - wanted;
+        eh.continuation(text("in the ", file.line_number(), " lines of ", keys.name,
+                             found > 0 ? text(", instance ", keys.skip_instance, " of ", found) : std::string()));
       }
       return;
     }

@@ -198,6 +198,7 @@ void L_GET_TRANS_ARRAY(ERROR_HANDLER& eh, const Item& item, const TRANSFORM_ENTR
     }
     if (entry.arguments == Arguments::rising_values && i > 0 && !(given.number > values.back())) {
       eh.error(text("values supplied to transformation ", item.name, " must be strictly increasing"));
+      eh.continuation(text("for variable ", item.variable, ", ", given.written, " follows ", item.arguments[i - 1].written));
       return;
     }
     values.push_back(given.number);

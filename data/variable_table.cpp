@@ -138,6 +138,7 @@ void add_label(ERROR_HANDLER& eh, VARIABLE& variable, std::string_view label)
   const std::string_view kept = cut_label(label, variable.label_length);
   if (kept.size() < label.size()) {
     eh.note(text("Truncating label \"", label, ". Reset label length with !LL"));  // sic
+    eh.continuation(text("of variable ", variable.name, ", its label_length is ", variable.label_length));
   }
   if (variable.labels.find(kept) != 0) {
     eh.error(text("the factor label ", kept, " of variable ", variable.name, " is not unique"));

@@ -3,27 +3,18 @@
 // Seconds are of the processor: reading the JSON, and all that follows up to the tables.  The last figures
 // are the peak of the memory above the text, the elements of the lower triangle, the log determinant and the
 // inbreeding.
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <numeric>
 #include <string>
 
-#include "base/clock.h"
 #include "base/files.h"
+#include "bench/measure.h"
 #include "pedigree/ainverse_object.h"
 
 using namespace tolvan;
 
 namespace {
-
-double resident_megabytes()
-{
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return static_cast<double>(usage.ru_maxrss) / 1024.0;
-}
 
 bool run(const char* path)
 {
@@ -33,7 +24,7 @@ bool run(const char* path)
     std::printf("%s: %s\n", path, fault.c_str());
     return false;
   }
-  const double before = resident_megabytes();
+  const double before = peak_megabytes();
   ERROR_HANDLER eh;
   JsonError error;
   double start = cpu_seconds();
@@ -58,7 +49,7 @@ bool run(const char* path)
   std::printf(
       "%s: read %.3f s, work %.3f s, %.0f MB above the text; %lld elements, logdet %.6f, F at most %.6f, "
       "mean %.8f\n",
-      path, read, work, resident_megabytes() - before,
+      path, read, work, peak_megabytes() - before,
       static_cast<long long>(tables.find_table("TABLE_AINV_A")->nrows),
       tables.find_scalar("SCALAR_LOGDET")->rval, *std::max_element(F.begin(), F.end()),
       std::accumulate(F.begin(), F.end(), 0.0) / static_cast<double>(F.size()));

@@ -3,8 +3,6 @@
 //
 // The values are of no fit: off the diagonal -1, on it the row's count and a half, so that C is positive
 // definite. Seconds are the least of the rounds: of the processor on one thread, of the wall clock on more.
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -12,8 +10,8 @@
 #include <set>
 #include <string>
 
-#include "base/clock.h"
 #include "base/lapack.h"
+#include "bench/measure.h"
 #include "bench_patterns.h"
 #include "estimation/factor.h"
 #include "estimation/order_equations.h"
@@ -26,26 +24,6 @@
 using namespace tolvan;
 
 namespace {
-
-template <class Work>
-double least_seconds(int rounds, int threads, Work&& work)
-{
-  const auto now = [threads] { return threads == 1 ? cpu_seconds() : wall_seconds(); };
-  double least = std::numeric_limits<double>::max();
-  for (int k = 0; k < rounds; ++k) {
-    const double start = now();
-    work();
-    least = std::min(least, now() - start);
-  }
-  return least;
-}
-
-double resident_megabytes()
-{
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return static_cast<double>(usage.ru_maxrss) / 1024.0;
-}
 
 // Every pair of the dense equations is listed, as C holds it.
 void complete(PATTERN& pattern)
@@ -215,7 +193,7 @@ int main(int argc, char** argv)
       "  ordering %.4f  symbolic %.4f  factor %.4f (%.1f Gflop/s)  solve 4 %.4f  inverse %.4f  gather %.4f\n",
       ordering, symbolic, numeric, exact.flops / numeric / 1e9, solve, inverse, gather);
   std::printf("  log determinant %.10g, peak memory %.0f MB\n", absorbed.log_determinant,
-              resident_megabytes());
+              peak_megabytes());
 #ifdef TOLVAN_HAVE_CHOLMOD
   run_cholmod(pattern, exact, rounds, ordering, numeric, inverse);
 #endif

@@ -4,19 +4,16 @@
 // for the scores. working: one working variable.  Seconds of the processor, the least of the rounds; the
 // exponent is that of the growth from the row above, against the levels.  Peak memory is that of the process
 // so far.
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <limits>
 #include <string>
 #include <vector>
 
-#include "base/clock.h"
 #include "base/lapack.h"
 #include "base/numbers.h"
+#include "bench/measure.h"
 #include "varstruct/make_component.h"
 #include "varstruct/model_catalogue.h"
 
@@ -74,25 +71,6 @@ constexpr WORKLOAD workloads[] = {
 
 constexpr std::size_t extended =
     31;  // the selector that counts the parameters of both factor models with effects
-
-template <class Work>
-double least_seconds(int rounds, Work&& work)
-{
-  double least = std::numeric_limits<double>::max();
-  for (int k = 0; k < rounds; ++k) {
-    const double start = cpu_seconds();
-    work();
-    least = std::min(least, cpu_seconds() - start);
-  }
-  return least;
-}
-
-double peak_megabytes()
-{
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return static_cast<double>(usage.ru_maxrss) / 1024.0;
-}
 
 void set_up(const WORKLOAD& w, STRUCTURE_ROW& row, VARIANCE_MODEL& model)
 {

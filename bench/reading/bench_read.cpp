@@ -3,42 +3,20 @@
 // Beside it the plain loop: fread in chunks, strtod at the start of every field, a step to the next
 // separator. Seconds are processor seconds, the least of the rounds; memory is what a round added to the
 // process at most.
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <limits>
 #include <string>
 #include <vector>
 
 #include "api/communication.h"
-#include "base/clock.h"
 #include "base/files.h"
+#include "bench/measure.h"
 #include "data/read_data.h"
 
 using namespace tolvan;
 
 namespace {
-
-template <class Work>
-double least_seconds(int rounds, Work&& work)
-{
-  double least = std::numeric_limits<double>::max();
-  for (int k = 0; k < rounds; ++k) {
-    const double start = cpu_seconds();
-    work();
-    least = std::min(least, cpu_seconds() - start);
-  }
-  return least;
-}
-
-double peak_megabytes()
-{
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return static_cast<double>(usage.ru_maxrss) / 1024.0;
-}
 
 /// The yardstick; gives the number of fields so that the loop is not idle.
 std::int64_t plain_loop(const std::string& path, double& sum)

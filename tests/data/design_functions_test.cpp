@@ -195,6 +195,21 @@ TEST(DesignFunctions, AgainstTheirFormulas)
          return out;
        }},
       {"vect(v)", [](const Row& r) { return Row{r[v1], r[v2]}; }},
+      {"grp(v)", [](const Row& r) { return Row{r[v1], r[v2]}; }},
+      {"grp(w)", [](const Row& r) { Row out = unit(3, r[w1]); out[static_cast<std::size_t>(r[w2]) - 1] += 1; return out; }},
+      {"str(f+f:x,us(2):id(f))", [](const Row& r) {
+         Row out = unit(3, r[f]);
+         const Row slopes = unit(3, r[f]) * Row{r[x]};
+         out.insert(out.end(), slopes.begin(), slopes.end());
+         return out;
+       }},
+      {"str(w1+and(w2)+zero(3),diag(2):id(3))", [](const Row& r) {
+         Row out = unit(3, r[w1]);
+         out[static_cast<std::size_t>(r[w2]) - 1] += 1;
+         out.resize(6, 0.0);
+         return out;
+       }},
+      {"units:x", [&](const Row& r) { return unit(data.size(), static_cast<double>(&r - data.data()) + 1.0) * Row{r[x]}; }},
       {"f:v", [](const Row& r) { return unit(3, r[f]) * Row{r[v1], r[v2]}; }},
       {"w", [](const Row& r) { Row out = unit(3, r[w1]); out[static_cast<std::size_t>(r[w2]) - 1] += 1; return out; }},
       {"w:g", [](const Row& r) { Row out = unit(3, r[w1]); out[static_cast<std::size_t>(r[w2]) - 1] += 1; return out * unit(2, r[g]); }},
@@ -217,7 +232,9 @@ TEST(DesignFunctions, AgainstTheirFormulas)
     DataRoad road;
     std::string escaped;
     for (const char* p = c.terms; *p != '\0'; ++p) escaped += *p == '"' ? std::string("\\\"") : std::string(1, *p);
-    ASSERT_TRUE(form(road, data, text(R"("fixed":"mu","sparse":")", escaped, "\""), more)) << c.terms << '\n' << messages_text(road.eh);
+    const char* part = escaped.starts_with("str(") ? "random" : "sparse";
+    ASSERT_TRUE(form(road, data, text(R"("fixed":"mu",")", part, R"(":")", escaped, "\""), more))
+        << c.terms << '\n' << messages_text(road.eh);
     ASSERT_EQ(road.design.rows(), std::ssize(data)) << c.terms;
     for (std::size_t r = 0; r < data.size(); ++r) {
       const Row expected = c.design(data[r]);

@@ -34,10 +34,10 @@ TEST(ReadText, Fields)
     std::string_view contents;  // behind a header line
     std::string_view rows;
     std::string_view labels;  // of gen
-    std::string_view told = "";
+    std::string told = "";
   };
-  const std::string_view blanks = "1/- Embedded blanks in data fields are converted to UNDERSCORE\n";
-  const std::string_view remarks =
+  const std::string blanks = "1/- Embedded blanks in data fields are converted to UNDERSCORE\n9999/- the first is \"";
+  const std::string remarks =
       "1/- # is honoured as a special white-out character in data file\n"
       "9999/- Use !SPECIALCHAR to treat # as normal character in data file\n";
   const Row table[] = {
@@ -47,8 +47,9 @@ TEST(ReadText, Fields)
       {"A,NA,na\n*,.,\n,,\nNa,1,2\n", "1 NA NA\nNA NA NA\nNA NA NA\n2 1 2\n", "A Na"},
       {"A,1,-.5e1\nA,+1,+5.\nA,1.0,1d2\nA,1,1e-400\n", "1 1 -5\n1 1 5\n1 1 100\n1 1 0\n", "A"},
       {"\"A,1\",1,5\n\"say \"\"B\"\"\",2,\"6\"\n\"\",1,7\n", "1 1 5\n2 2 6\nNA 1 7\n", "A,1 say_\"B\"",
-       blanks},
-      {"New York,1,5\n\"New  York\",1,5\n", "1 1 5\n2 1 5\n", "New_York New__York", blanks},
+       blanks + "say \"B\"\" of variable gen\n"},
+      {"New York,1,5\n\"New  York\",1,5\n", "1 1 5\n2 1 5\n", "New_York New__York",
+       blanks + "New York\" of variable gen\n"},
       {"A,1,5 # remark\n# a whole line\n\"B#\",1,6\n", "1 1 5\n2 1 6\n", "A B#", remarks},
       {"!SPECIALCHAR\nA#1,1,5\n", "1 1 5\n", "A#1",
        "1/- # is treated as a normal alpha character in data file\n"},
@@ -86,7 +87,9 @@ TEST(ReadText, LevelsAndColumns)
   EXPECT_EQ(declared.labels("i"), "9 10");
   EXPECT_EQ(declared.told(),
             "1/- Truncating label \"zeta-long. Reset label length with !LL\n"
-            "1/- Truncating label \"zeta-lost. Reset label length with !LL\n");
+            "9999/- of variable s, its label_length is 6\n"
+            "1/- Truncating label \"zeta-lost. Reset label length with !LL\n"
+            "9999/- of variable s, its label_length is 6\n");
   EXPECT_EQ(declared.variables.longest_label, 6);
 
   FileRoad numbered;  // by column; one column as factor and as covariate; gaps
@@ -120,7 +123,8 @@ TEST(ReadText, Skipping)
       {R"("skip":"dat:2")", "2\n",
        "1/- reading f.csv as FREE FORMAT skipping 0 lines\n9999/- and all lines up to and including 2 "
        "instance of \"dat\n"},
-      {R"("skip":"none")", "", "!4/3 failed to find  none\n"},
+      {R"("skip":"none")", "", "!4/3 failed to find  none\n9999/3 in the 5 lines of f.csv\n"},
+      {R"("skip":"data:3")", "", "!4/3 failed to find  data\n9999/3 in the 5 lines of f.csv, instance 3 of 2\n"},
       {R"("skip":-2)", "",
        "!4/3 invalid value supplied for data_file.skip, was expecting one of: a number of lines or a text, "
        "supplied value = -2\n"},
@@ -159,7 +163,7 @@ TEST(ReadText, Complaints)
        "!4/3 data input was aborted after reading 1 records, 2 lines remain in the data file\n"},
       {"gen,rep,yield\n",
        "!4/3 error at field [2] of record 1 [line 2\n"
-       "9999/3 of f.csv, variable rep: \"rep\" is not a level, levels are whole numbers from 1\n"
+       "9999/3 of f.csv, variable rep: \"rep\" is not a level, levels are whole numbers\n"
        "9999/3 Maybe you want !A !L qualifiers for this factor: rep\n"
        "9999/3 since this is the first data record you may need to skip some header lines\n"
        "9999/3 values read before read error:\n"
@@ -181,7 +185,9 @@ TEST(ReadText, Complaints)
        "!4/3 error at field [3] of record 2 [line 3\n9999/3 of f.csv, variable yield: \"-Infinity\" is not a "
        "finite "
        "number\n"},
-      {"A,1,nan\n", ", variable yield: \"nan\" is not a finite number\n"},
+      {"A,1,nan\n", ", variable yield: \"nan\" is not a finite number\n9999/3 a missing value is NA, na, * or .\n"},
+      {"A,N/A,1\n", "9999/3 a missing value is NA, na, * or .\n"},
+      {"A,1,5\rB,2,6\r", "9999/3 the line holds a carriage return; lines must end in line feeds\n"},
       {"A,1,1e999\n", ", variable yield: \"1e999\" is not a finite number\n"},
       {"A,1,0.001e312\n", ", variable yield: \"0.001e312\" is not a finite number\n"},
       {"A,1,-1d999999999999999999999\n", "is not a finite number\n"},

@@ -8,7 +8,9 @@
 namespace tolvan {
 namespace {
 
-constexpr std::string_view blanks = "1/- Embedded blanks in data fields are converted to UNDERSCORE\n";
+constexpr std::string_view blanks =
+    "1/- Embedded blanks in data fields are converted to UNDERSCORE\n"
+    "9999/- the first is \"New York\" of variable gen\n";
 
 TEST(FreeFormat, Fields)
 {
@@ -194,6 +196,7 @@ TEST(Format, Records)
       {"(A3,I2,F6.2)", "A  01  1234\nB b 2 12.34\n#\n*  NA     .\nC\n",
        "1 1 12.34\n2 2 12.34\nNA NA NA\n3 NA NA\n",
        "1/- Embedded blanks in data fields are converted to UNDERSCORE\n"
+       "9999/- the first is \"B b\" of variable gen\n"
        "1/- # is honoured as a special white-out character in data file\n"
        "9999/- Use !SPECIALCHAR to treat # as normal character in data file\n"},
       {"(A1,I1,E7.3)", "A1-12.5e2\nA1  125e1\nA1  125+1\n", "1 1 -1250\n1 1 1.25\n",
@@ -328,6 +331,7 @@ TEST(Selection, KeepsAndDrops)
       "1\n2\n3\n", R"("variables":[{"name":"x","transformations":[{"name":"*","arguments":10}]}])",
       R"("filter":"x","select":20)"));
   EXPECT_EQ(transformed.rows(), "20\n");
+  EXPECT_TRUE(has_message(transformed.eh, "1 of 3 records were kept by the filter on x"));
 }
 
 TEST(Selection, LabelsWithBlanks)
