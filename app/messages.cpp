@@ -1,6 +1,8 @@
 #include "app/messages.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 #include "app/terminal.h"
 
@@ -107,6 +109,26 @@ void Messages::add_error(const std::string& text)
   if (!information_.find("messages")) information_.set("messages", json_array());
   information_.find("messages")->items.push_back(std::move(message));
   information_.set("terminate", json_boolean(true));
+}
+
+void Messages::add_place(const std::string& name, std::string_view document)
+{
+  Json* messages = information_.find("messages");
+  if (!messages || messages->items.empty()) return;
+  constexpr std::string_view before = " at position ";
+  const std::string fault = text_at(messages->items.back(), "message");
+  const std::size_t at = fault.rfind(before);
+  if (!fault.starts_with("invalid JSON") || at == std::string::npos) return;
+  const auto position = std::strtoull(fault.c_str() + at + before.size(), nullptr, 10);
+  if (position == 0) return;
+  const std::string_view read = document.substr(0, position - 1);
+  const auto line = std::count(read.begin(), read.end(), '\n') + 1;
+  const std::size_t column = position - (read.rfind('\n') + 1);  // npos + 1 is 0
+  Json place = messages->items.back();
+  place.set("etype", json_integer(continuation));
+  place.set("message",
+            json_string("line " + std::to_string(line) + ", column " + std::to_string(column) + " of " + name));
+  messages->items.push_back(std::move(place));
 }
 
 bool Messages::terminated() const

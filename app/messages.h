@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "app/engine.h"
@@ -18,6 +19,8 @@ class Messages {
   void collect(Engine& engine);
   /// A message of the driver's own, as the engine would hold it.
   void add_error(const std::string& text);
+  /// Tells the line and column of a document's file where the last message gives the position of a fault in it.
+  void add_place(const std::string& name, std::string_view document);
 
   bool terminated() const;
   std::size_t warnings() const;

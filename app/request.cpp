@@ -89,6 +89,7 @@ Problem prepare_request(const FitArguments& arguments, Request& out)
 {
   std::vector<char> text;
   if (Problem p = read_file(arguments.request, text)) return p;
+  out.name = arguments.request == "-" ? "standard input" : arguments.request;
   // Some editors begin a file with a mark of its encoding, which is no JSON.
   constexpr std::string_view mark = "\xEF\xBB\xBF";
   out.document.assign(text.begin(), text.end());

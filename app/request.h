@@ -10,6 +10,7 @@
 namespace tolvan::driver {
 
 struct Request {
+  std::string name;  // of its file
   std::string document;
   std::string title;
   std::vector<Matrix> matrices;

@@ -17,7 +17,10 @@ std::int32_t run_request(Engine& engine, const Request& request, std::string_vie
     if (failed()) return status;
   }
   engine.input_info(request.document);
-  if (failed()) return status;
+  if (failed()) {
+    messages.add_place(request.name, request.document);
+    return status;
+  }
   for (const Matrix& m : request.matrices) {
     engine.input_real_2d(m.name, m.values, m.rows, m.columns);
     if (failed()) return status;

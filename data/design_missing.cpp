@@ -21,13 +21,15 @@ std::string family_name(const JsonNode* family)
   return "gaussian";
 }
 
-/// The lines that follow when some or all of the records concerned have no response either.
-void tell_of_missing_responses(ERROR_HANDLER& eh, const MISSING_COUNTS& counts)
+/// The lines that follow when some or all of the records concerned have no response either, and which variables those are.
+void tell_the_rest(ERROR_HANDLER& eh, const MISSING_COUNTS& counts)
 {
-  if (counts.design_without_y == 0) return;
-  eh.continuation(counts.design_values > 0
-                      ? "not counting instances where the response (Y) was also missing"
-                      : "they were all associated with missing values in the response variable");
+  if (counts.design_without_y > 0) {
+    eh.continuation(counts.design_values > 0
+                        ? "not counting instances where the response (Y) was also missing"
+                        : "they were all associated with missing values in the response variable");
+  }
+  eh.continuation(text("missing values by variable: ", counts.variables));
 }
 
 std::string count_line(const MISSING_COUNTS& counts)
@@ -47,10 +49,24 @@ MissingTreatment missing_treatment(const FIT_OPTIONS& options)
 void MISSING_VALUES::close_record(MISSING_COUNTS& counts)
 {
   for (const std::size_t column : columns_) {
-    ++(met_[column] == Met::with_y ? counts.design_values : counts.design_without_y);
+    const bool with_y = met_[column] == Met::with_y;
+    ++(with_y ? counts.design_values : counts.design_without_y);
+    ++(with_y ? with_y_ : without_y_)[column];
     met_[column] = Met::no;
   }
   columns_.clear();
+}
+
+void MISSING_VALUES::name_variables(const VARIABLE_TABLE& variables, MISSING_COUNTS& counts) const
+{
+  constexpr int most_named = 20;
+  const std::vector<std::int64_t>& found = counts.design_values > 0 ? with_y_ : without_y_;
+  int named = 0;
+  for (std::size_t v = 0; v < found.size(); ++v) {
+    if (found[v] == 0) continue;
+    if (++named <= most_named) counts.variables += text(named > 1 ? ", " : "", variables.rows[v].name, " ", found[v]);
+  }
+  if (named > most_named) counts.variables += text(" and ", named - most_named, " more variables");
 }
 
 RecordFate fate_of_record(bool response_missing, bool missing, bool has_mv, MISSING_COUNTS& counts)
@@ -93,7 +109,7 @@ void REPORT_MISSING_VALUES(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const 
       eh.note(count_line(counts));
       eh.continuation(
           "they were treated as zeros, this may be reasonable if all covariates involved are centred");
-      tell_of_missing_responses(eh, counts);
+      tell_the_rest(eh, counts);
       return;
     case MissingTreatment::remove:
       if (const std::string family = family_name(info.family); family != "gaussian" && family != "normal") {
@@ -107,7 +123,7 @@ void REPORT_MISSING_VALUES(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const 
       } else {
         eh.note(count_line(counts));
       }
-      tell_of_missing_responses(eh, counts);
+      tell_the_rest(eh, counts);
       if (counts.removed > 0 && info.responses.size() > 1) {
         eh.warning(
             "it is not safe to remove missing values with a multivariate analysis because the residual structure "
@@ -125,7 +141,7 @@ void REPORT_MISSING_VALUES(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const 
             "you should set the missing value options if you wish missing values handled differently");
         eh.continuation("full records with missing values in the design variables should be dropped");
       }
-      tell_of_missing_responses(eh, counts);
+      tell_the_rest(eh, counts);
       return;
   }
 }

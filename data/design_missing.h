@@ -2,10 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "api/error_handler.h"
 #include "api/fit_options.h"
+#include "data/variable_table.h"
 #include "model/term_table.h"
 
 namespace tolvan {
@@ -21,6 +23,7 @@ struct MISSING_COUNTS {
   std::int64_t design_values = 0;     // missing design values of data records with a response
   std::int64_t design_without_y = 0;  // missing design values of data records without any
   bool uneven = false;                // some data record lost some of its traits and kept others
+  std::string variables;              // that lack design values, with how many: "x 2, a 1"
 };
 
 /// What becomes of a record: part of the analysis, with its response estimated by mv, or no part of it.
@@ -36,18 +39,26 @@ RecordFate fate_of_record(bool response_missing, bool missing, bool has_mv, MISS
 /// these traits has its response.
 class MISSING_VALUES {
  public:
-  explicit MISSING_VALUES(std::int64_t columns) : met_(static_cast<std::size_t>(columns), Met::no) {}
+  explicit MISSING_VALUES(std::int64_t columns)
+      : met_(static_cast<std::size_t>(columns), Met::no),
+        with_y_(static_cast<std::size_t>(columns), 0),
+        without_y_(static_cast<std::size_t>(columns), 0)
+  {
+  }
   void note(std::size_t column, bool response_missing)
   {
     if (met_[column] == Met::no) columns_.push_back(column);
     if (met_[column] != Met::with_y) met_[column] = response_missing ? Met::without_y : Met::with_y;
   }
   void close_record(MISSING_COUNTS& counts);
+  /// Names the variables of the values counted: of those with a response, if there are any.
+  void name_variables(const VARIABLE_TABLE& variables, MISSING_COUNTS& counts) const;
 
  private:
   enum class Met : std::uint8_t { no, without_y, with_y };
   std::vector<Met> met_;              // by column, in this record
   std::vector<std::size_t> columns_;  // those met
+  std::vector<std::int64_t> with_y_, without_y_;  // by column, in all records
 };
 
 /// REPORT_MISSING_VALUES: tells how missing values were treated, and fails where the options or the family

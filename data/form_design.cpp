@@ -151,6 +151,7 @@ void AIDSGN(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TABLE&
   }
   DST_CHECK(eh, store);
   if (eh.terminate()) return;
+  missing.name_variables(variables, counts);
   if (has_mv) L_CLOSE_MV(eh, factors, terms, design, *plan.mv);
   L_REPORT_DESIGN(eh, options, info, counts, row, observed);
   if (eh.terminate()) return;

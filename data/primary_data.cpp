@@ -98,6 +98,7 @@ void L_DESCRIBE_MATRIX(ERROR_HANDLER& eh, const JsonNode& request, const USER_DA
   if (eh.terminate()) return;
   if (descriptions.empty()) {
     REPORT_JSON_ERROR(eh, request, "dataset");
+    eh.continuation("the data of a model are described by dataset, or by data_file and variables");
     return;
   }
   const std::string response = response_name(request);

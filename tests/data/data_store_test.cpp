@@ -126,28 +126,42 @@ TEST(DataStore, ScratchGivesTheSameDesign)
                 ",", text(random() % 1000), "\n");
   }
   TempFolder folder;
-  const std::string json =
+  const std::string described =
       text(R"({"data_file":{"name":")", folder.file("a.csv", csv), R"(","type":"ft_csv"},"variables":[
       {"name":"f","field_type":"vt_string_factor","sort":true},
       {"name":"g","field_type":"vt_integer_factor","sort":true,"transformations":[{"M":1995}]},
-      {"name":"x"},{"name":"y","transformations":[{"Dv":77},{"^":0.5}]}],
-      "model":{"response":"y","fixed":"x+g","random":"f/g"},"options":{"missing_values":"mv_include"}})");
-  DataRoad plain;
-  ASSERT_TRUE(plain.form(json)) << messages_text(plain.eh);
-  EXPECT_FALSE(plain.store.on_scratch());
-  for (const std::int64_t most : {0, 1000, 6000}) {
-    DataRoad road;
-    road.store = DATA_STORE(0, {.most_memory = most});
-    ASSERT_TRUE(road.form(json)) << messages_text(road.eh);
-    EXPECT_TRUE(road.store.on_scratch());
-    EXPECT_EQ(road.rows(), plain.rows());
-    EXPECT_EQ(road.design_rows(), plain.design_rows());
-    EXPECT_EQ(messages_text(road.eh), messages_text(plain.eh));
-    EXPECT_EQ(road.labels("f"), "apple fig kiwi plum");
-    DATA_SUMMARY one, other;
-    AIDSUM(road.eh, road.variables, road.store, one);
-    AIDSUM(plain.eh, plain.variables, plain.store, other);
-    EXPECT_EQ(AIDDIS(road.eh, road.variables, one), AIDDIS(plain.eh, plain.variables, other));
+      {"name":"x"},{"name":"y","transformations":[{"Dv":77},{"^":0.5}]},
+      {"name":"w","user_column_number":0,"transformations":[{"+":"y"},{"ABS":[]}]},
+      {"name":"z","user_column_number":0,"transformations":[{"+":"x"},{"*":"y"}]}],
+      "mbf":{"name":"fruit","variable":"f","file":")",
+           folder.file("fruit.txt", "apple 1 2\nplum 0 3\nkiwi 4 1\nfig 2 2\n"), R"("},)");
+  for (const char* model : {
+           R"("model":{"response":"y","fixed":"x+g","random":"f/g"},"options":{"missing_values":"mv_include"}})",
+           // several traits, weights, rows of a file, functions that search all the records first
+           R"j("model":{"response":["y","z"],"weights":"w","fixed":"trait+trait:pol(x,2)","random":"fac(g,f):trait+spl(x,6)",
+              "sparse":"fruit+uni(g,2):x+mv"},"options":{"missing_values":"mv_include"}})j",
+       }) {
+    const std::string json = described + model;
+    DataRoad plain;
+    ASSERT_TRUE(plain.form(json)) << messages_text(plain.eh);
+    EXPECT_FALSE(plain.store.on_scratch());
+    for (const std::int64_t most : {0, 1000, 6000}) {
+      DataRoad road;
+      road.store = DATA_STORE(0, {.most_memory = most});
+      ASSERT_TRUE(road.form(json)) << messages_text(road.eh);
+      EXPECT_TRUE(road.store.on_scratch());
+      EXPECT_EQ(road.rows(), plain.rows());
+      EXPECT_EQ(road.design_rows(), plain.design_rows());
+      EXPECT_EQ(road.design.weight, plain.design.weight);
+      EXPECT_EQ(road.design.trait, plain.design.trait);
+      EXPECT_EQ(road.design.mv, plain.design.mv);
+      EXPECT_EQ(messages_text(road.eh), messages_text(plain.eh));
+      EXPECT_EQ(road.labels("f"), "apple fig kiwi plum");
+      DATA_SUMMARY one, other;
+      AIDSUM(road.eh, road.variables, road.store, one);
+      AIDSUM(plain.eh, plain.variables, plain.store, other);
+      EXPECT_EQ(AIDDIS(road.eh, road.variables, one), AIDDIS(plain.eh, plain.variables, other));
+    }
   }
 }
 

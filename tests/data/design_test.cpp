@@ -108,9 +108,11 @@ constexpr std::string_view removed_text =
     " records were dropped because of missing values in design variables\n"
     "9999/- the analysis records involved have been excluded from analysis\n";
 constexpr std::string_view not_counting_text =
-    "9999/- not counting instances where the response (Y) was also missing\n";
+    "9999/- not counting instances where the response (Y) was also missing\n"
+    "9999/- missing values by variable: f 2, x 2\n";
 constexpr std::string_view all_text =
-    "9999/- they were all associated with missing values in the response variable\n";
+    "9999/- they were all associated with missing values in the response variable\n"
+    "9999/- missing values by variable: x 1\n";
 
 TEST(Design, MissingValues)
 {

@@ -313,6 +313,8 @@ class Failures(InAFolder):
         for number, text in enumerate(("", "{", "[1,2", "{\"model\":}", "nonsense", "\x00", "[" * 100000, "[]", "3")):
             self.refused(3, self.write(f"r{number}.json", text))
         self.refused(3, self.write("empty.json", {}), says="model")
+        lines = self.write("lines.json", '{"model": {\n  "response": "y"\n  "fixed": "mu"}}')
+        self.refused(3, lines, says=f"line 3, column 3 of {lines}")
 
     def test_data_under_another_name(self):
         request = self.write("r.json", {"model": {"response": "y"}, "dataset": {"name": "d", "variables": [{"name": "y"}]}})
