@@ -163,6 +163,11 @@ void L_PLAN_TERM(ERROR_HANDLER& eh, Planner& p, const TERM_ROW& term, std::int64
     typical *= component.typical;
     planned.components.push_back(std::move(component));
   }
+  if (planned.joins && equations != joined_equations) {
+    eh.error(text("invalid model term: ", term.name));
+    eh.continuation(text("it has ", equations, " levels, the term that it adds to has ", joined_equations, " equations"));
+    return;
+  }
   const std::int64_t set_up = planned.joins ? joined_equations : term.equations;
   if (equations != set_up) {
     eh.internal(text("issue forming the design matrix (", term.name, "), ", set_up, " equations were set up, ", equations,

@@ -89,13 +89,18 @@ bool is_variable_argument(const MODEL_ARG_INFO& argument)
          (argument.NAME == "variable_name" || argument.NAME == "x" || argument.NAME == "y");
 }
 
-/// L_CHECK_TERM_FORM: complains of a term that is given in two forms, or whose drop is no logical.
-void L_CHECK_TERM_FORM(ERROR_HANDLER& eh, const JsonNode& term)
+/// L_CHECK_TERM_FORM: complains of a term that is given in two forms, whose drop is no logical, or of which a part is dropped.
+///   part   whether it stands within another term
+void L_CHECK_TERM_FORM(ERROR_HANDLER& eh, const JsonNode& term, bool part)
 {
   const Frame here{eh, __func__};
   if (const JsonNode* drop = term.find("drop");
       drop != nullptr && !drop->is(JsonType::logical) && !drop->is(JsonType::null)) {
     REPORT_JSON_ERROR(eh, *drop, {"true", "false"});
+    return;
+  }
+  if (part && has_flag(term, "drop")) {
+    eh.error(text(json_path(term), " is part of a term, it can not be dropped by itself"));
     return;
   }
   std::vector<std::string> forms;
@@ -104,6 +109,14 @@ void L_CHECK_TERM_FORM(ERROR_HANDLER& eh, const JsonNode& term)
   const bool linked_by_function = forms.size() == 2 && forms[0] == "function" && forms[1] == "linked";
   if (forms.size() > 1 && !linked_by_function)
     eh.error(text(json_path(term), " has more than one form of a term: ", join(forms, ", ")));
+}
+
+/// True if a value is a call of fac(), whose levels are places in one or two dimensions.
+bool is_fac(const JsonNode& value)
+{
+  if (value.is(JsonType::string)) return trim(value.text()).starts_with("fac(") && is_call(trim(value.text()));
+  const JsonNode* function = value.find("function");
+  return function != nullptr && function_name(*function) == "fac";
 }
 
 /// L_HANDLE_FUNCTION_ARGUMENTS: puts the arguments in declared order and completes them.
@@ -137,6 +150,8 @@ void L_HANDLE_FUNCTION_ARGUMENTS(ERROR_HANDLER& eh, JsonNode& function, const MO
     const bool given = supplied[k] != nullptr && is_supplied(*supplied[k]);
     if (given) {
       argument.add(supplied[k]->find("value")->clone());
+    } else if (!declared.PAIRED.empty() && supplied[0] != nullptr && is_fac(*supplied[0]->find("value"))) {
+      MAT_DEFAULT(eh, declared, argument);  // fac(x,y) has both coordinates
     } else if (declared.REQUIRED && !declared.HAS_DEFAULT) {
       eh.error(text("argument ", declared.NAME, " is required"));
       return;
@@ -172,14 +187,15 @@ void L_STANDARDISE_FUNCTION(ERROR_HANDLER& eh, const COMMUNICATION& communicatio
     JsonNode& value = *arguments[k]->find("value");
     if (!is_supplied(*arguments[k])) continue;
     const bool node = value.is(JsonType::object);
-    if (!node) {
+    const ArgType type = info.ARGS[k].TYPE;
+    if (!node || type == ArgType::string || type == ArgType::logical) {
       MAT_VALIDATE(eh, communication, info.ARGS[k], value, *name);
       if (eh.terminate()) return;
       if (!is_variable_argument(info.ARGS[k]) || !value.is(JsonType::string)) continue;
       set_term_value(eh, communication, value);
       if (eh.terminate()) return;
     }
-    L_CHECK_TERM_FORM(eh, value);
+    L_CHECK_TERM_FORM(eh, value, true);
     if (eh.terminate()) return;
     const TermPlace within{.part = place.part, .in_function = true, .depth = place.depth + 1};
     if (value.find("function") != nullptr) {
@@ -229,7 +245,7 @@ void API_PROCESS_MODEL_FUNCTIONS(ERROR_HANDLER& eh, const COMMUNICATION& communi
   if (list.packed()) list.unpack();
   for (const auto& term : list.children()) {
     if (term->is(JsonType::string)) continue;
-    L_CHECK_TERM_FORM(eh, *term);
+    L_CHECK_TERM_FORM(eh, *term, place.in_interaction || place.in_function);
     if (eh.terminate()) return;
     bool known = !plain_name(*term).empty() || term->find("function") != nullptr;
     for (std::string_view key : {"interaction", "linked"}) {

@@ -4,6 +4,7 @@
 
 #include "base/text.h"
 #include "model/expand_model.h"
+#include "model/function_catalogue.h"
 #include "model/request_nodes.h"
 
 namespace tolvan {
@@ -186,7 +187,11 @@ void L_ADD_MATRIX_ENTRY(ERROR_HANDLER& eh, JsonNode& root, const JsonNode& funct
   set_key(*entry, "giv", text(matrix, ".vm"));
   if (equal_nocase(kind, "ND")) set_key(*entry, "nsd", true);
   if (equal_nocase(kind, "PSD")) set_key(*entry, "psd", true);
-  if (const JsonNode* ldet = supplied_value(function, "ldet")) set_key(*entry, "ldet", ldet->number());
+  if (double value = 0.0; supplied_value(function, "ldet") != nullptr) {
+    GET_FUNCTION_ARGUMENT_FROM_JPTR(eh, function, "ldet", value);
+    if (eh.terminate()) return;
+    set_key(*entry, "ldet", value);
+  }
   if (const JsonNode* invert = supplied_value(function, "invert")) set_key(*entry, "invert", invert->logical());
 }
 

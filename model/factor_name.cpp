@@ -12,6 +12,7 @@ namespace {
 struct NameWriter {
   const COMMUNICATION& symbols;
   bool all_names = false;  // every argument that has a name is written with it
+  bool as_shown = false;   // calls that have a name for output are written by it
   std::string out = {};
 
   void term(const JsonNode& node, std::int64_t depth);
@@ -32,8 +33,11 @@ void NameWriter::list(const JsonNode& nodes, std::string_view separator, std::in
 
 void NameWriter::term(const JsonNode& node, std::int64_t depth)
 {
+  const JsonNode* shown = as_shown ? node.find("user_facing_factor_name") : nullptr;
   if (depth > 2 * deepest_call) {  // refused before anyone sees this name
     out += "...";
+  } else if (shown != nullptr && shown->is(JsonType::string)) {
+    out += shown->text();
   } else if (const JsonNode* factors = node.find("interaction")) {
     list(*factors, symbols.INTERACTION_SYMBOL, depth + 1);
   } else if (const JsonNode* function = node.find("function")) {
@@ -54,7 +58,8 @@ void NameWriter::call(const JsonNode& function, std::int64_t depth)
   bool gap = false, first = true;
   if (const JsonNode* arguments = function.find("arguments")) {
     for (const auto& argument : arguments->children()) {
-      const JsonNode* v = argument->find("value");
+      const bool framed = argument->is(JsonType::object) && (argument->find("value") != nullptr || argument->find("name") != nullptr);
+      const JsonNode* v = framed ? argument->find("value") : argument.get();  // a caller may write the bare value
       if (v == nullptr || !is_supplied(*argument) || has_flag(*argument, "drop_from_facname")) {
         gap = true;
         continue;
@@ -117,6 +122,13 @@ std::string GET_FACNAME_FROM_JPTR(ERROR_HANDLER& eh, const COMMUNICATION& commun
 {
   const Frame here{eh, __func__};
   NameWriter name{.symbols = communication};
+  name.term(term, 0);
+  return std::move(name.out);
+}
+
+std::string user_facing_name(const COMMUNICATION& communication, const JsonNode& term)
+{
+  NameWriter name{.symbols = communication, .as_shown = true};
   name.term(term, 0);
   return std::move(name.out);
 }

@@ -71,7 +71,7 @@ ALTERNATIVES ADD_CONDITION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, co
 {
   const Frame here{eh, __func__};
   const JsonNode& function = *node.find("function");
-  const std::string shown = shown_name(eh, parser, node);
+  const std::string shown = shown_name(parser, node);
   const JsonNode* arguments = function.find("arguments");
   if (arguments->size() > 2) {
     eh.error(text(arguments->size(), " arguments were supplied, we were expecting at most 2"));

@@ -110,7 +110,7 @@ void L_READ_PARAMETERS(ERROR_HANDLER& eh, const JsonNode& function, const MODEL_
     } else if (matern) {
       const auto* const at = std::find(std::begin(matern_arguments), std::end(matern_arguments), argument.NAME);
       if (at != std::end(matern_arguments))
-        component.arguments[static_cast<std::size_t>(at - std::begin(matern_arguments))] = value->number();
+        GET_FUNCTION_ARGUMENT_FROM_JPTR(eh, function, argument.NAME, component.arguments[static_cast<std::size_t>(at - std::begin(matern_arguments))]);
     }
     if (eh.terminate()) return;
   }
@@ -180,7 +180,7 @@ ALTERNATIVES ADD_VARIANCE_FUNCTION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& pa
   const Frame here{eh, __func__};
   const JsonNode& function = *node.find("function");
   const std::string name(function_name(function));
-  const std::string shown = shown_name(eh, parser, node);
+  const std::string shown = shown_name(parser, node);
   const MODEL_FUN_INFO info = GET_MODEL_FUNCTION_INFO(eh, name);
   const auto has = [&info](std::string_view argument) {
     return std::any_of(info.ARGS.begin(), info.ARGS.end(), [&](const MODEL_ARG_INFO& a) { return a.NAME == argument; });
@@ -192,7 +192,8 @@ ALTERNATIVES ADD_VARIANCE_FUNCTION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& pa
   ALTERNATIVES read = L_READ_FACTOR(eh, parser, function, info.ARGS.front().NAME, shown, block);
   if (eh.terminate()) return {};
   std::int64_t second = 0;
-  if (has("y")) {
+  const bool by_fac = has("y") && supplied_value(function, "y") == nullptr;  // fac(x,y) has both coordinates
+  if (has("y") && !by_fac) {
     second = ADD_ARGUMENT_FROM_JPTR(eh, parser, function, "y", shown, block).row;
     if (eh.terminate()) return {};
   }
@@ -209,7 +210,13 @@ ALTERNATIVES ADD_VARIANCE_FUNCTION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& pa
     component.name = read.size() == 1 ? shown
                                       : text(name, parser.communication.FUN_OPEN_BRACE, factor.name,
                                              parser.communication.FUN_CLOSE_BRACE);
-    if (has("y") || has("dist")) L_DISTINCT(eh, parser, second, component);
+    if (by_fac) component.second = parser.factors.row(component.row).second;
+    if (by_fac && component.second == 0) {
+      eh.error("argument y is required");
+      eh.continuation(text("when processing ", shown));
+    } else if ((has("y") && !by_fac) || has("dist")) {
+      L_DISTINCT(eh, parser, second, component);
+    }
     if (has("source") && !eh.terminate()) L_CHECK_MATRIX_FACTOR(eh, parser, component);
     if (eh.terminate()) return {};
     if (in_terms) component.structure.clear();
@@ -222,7 +229,7 @@ ALTERNATIVES ADD_FUNCTION_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, con
   const Frame here{eh, __func__};
   const JsonNode& function = *node.find("function");
   const std::string_view name = function_name(function);
-  const std::string shown = shown_name(eh, parser, node);
+  const std::string shown = shown_name(parser, node);
   const JsonNode* arguments = function.find("arguments");
   if (arguments == nullptr || arguments->size() == 0) {
     eh.error(text("invalid function call in model (", shown, "), no arguments supplied"));

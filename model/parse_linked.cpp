@@ -93,7 +93,7 @@ void ADD_LINKED_TERMS_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const J
 {
   const Frame here{eh, __func__};
   const JsonNode* linked = node.find("linked");
-  const std::string shown = shown_name(eh, parser, node);
+  const std::string shown = shown_name(parser, node);
   if (!linked->is(JsonType::array) || linked->size() == 0) {
     REPORT_JSON_ERROR(eh, node, "linked");
     return;

@@ -48,7 +48,7 @@ void PARSE_RESIDUAL_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const Jso
   const std::size_t first = parser.terms.rows.size();
   for (const auto& node : terms->children()) {
     if (node->find("linked") != nullptr || plain_name(*node) == parser.communication.VARIABLE_NAME_MV) {
-      eh.error(text("unacceptable residual term: ", shown_name(eh, parser, *node)));
+      eh.error(text("unacceptable residual term: ", shown_name(parser, *node)));
       return;
     }
     std::vector<std::vector<COMPONENT>> sections;

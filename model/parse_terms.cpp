@@ -83,7 +83,7 @@ ALTERNATIVES L_READ_ELEMENT(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonN
 {
   const Frame here{eh, __func__};
   if (node.find("linked") != nullptr) {
-    eh.error(text("check definition for model term ", shown_name(eh, parser, node)));
+    eh.error(text("check definition for model term ", shown_name(parser, node)));
     eh.continuation(text(parser.communication.LINK_FUN_NAME, "() is a term by itself, not part of another"));
     return {};
   }
@@ -115,11 +115,9 @@ void L_CHECK_EXPANSION(ERROR_HANDLER& eh, const MODEL_PARSER& parser, const std:
 
 }  // namespace
 
-std::string shown_name(ERROR_HANDLER& eh, const MODEL_PARSER& parser, const JsonNode& node)
+std::string shown_name(const MODEL_PARSER& parser, const JsonNode& node)
 {
-  const JsonNode* given = node.find("user_facing_factor_name");
-  if (given != nullptr && given->is(JsonType::string)) return given->text();
-  return GET_FACNAME_FROM_JPTR(eh, parser.communication, node);
+  return user_facing_name(parser.communication, node);
 }
 
 std::string joined_name(const MODEL_PARSER& parser, const std::vector<COMPONENT>& components)

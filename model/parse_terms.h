@@ -86,7 +86,7 @@ void FLATTEN_INTERACTION(ERROR_HANDLER& eh, const JsonNode& interaction, std::ve
 void AS_PICKDS(ERROR_HANDLER& eh, const MODEL_PARSER& parser, const std::string& name);
 
 /// The name that output shows for a term node.
-std::string shown_name(ERROR_HANDLER& eh, const MODEL_PARSER& parser, const JsonNode& node);
+std::string shown_name(const MODEL_PARSER& parser, const JsonNode& node);
 /// The names of components joined by the interaction symbol.
 std::string joined_name(const MODEL_PARSER& parser, const std::vector<COMPONENT>& components);
 

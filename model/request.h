@@ -31,7 +31,10 @@ void REPORT_IF_JSON_KEY_DUPLICATED(ERROR_HANDLER& eh, const JsonNode& object, st
 /// REPORT_DUPLICATED_JSON_KEYS: complains of a key that stands twice in any object below the root.
 void REPORT_DUPLICATED_JSON_KEYS(ERROR_HANDLER& eh, const JsonNode& root);
 
-/// GET_FACNAME_FROM_JPTR: the text of a term node as a factor name ("a", "a:b", "idv(a)").
+/// The name of a term node as the user wrote it, for output: at(site,east), where the factor name has the level's number.
+std::string user_facing_name(const COMMUNICATION& communication, const JsonNode& term);
+
+/// GET_FACNAME_FROM_JPTR: the text of a term node as a factor name ("a", "a:b", "idv(a)"), by which terms are compared.
 std::string GET_FACNAME_FROM_JPTR(ERROR_HANDLER& eh, const COMMUNICATION& communication,
                                   const JsonNode& term);
 

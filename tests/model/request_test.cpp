@@ -132,6 +132,18 @@ TEST(Request, PartsOfTheModel)
       {R"j("residual":"dsum(a:b+c|site,levels=[[1,2],[3]])")j", "residual",
        R"j({"terms":[{"interaction":[{"function":{"name":"sat","arguments":[{"name":"variable_name","value":{"term_name":"site"}},{"name":"lvls","value":[1,2]}],"already_processed":true},"user_facing_factor_name":"sat(site,[1,2])"},"a","b"]},)j"
        R"j({"interaction":[{"function":{"name":"sat","arguments":[{"name":"variable_name","value":{"term_name":"site"}},{"name":"lvls","value":[3]}],"already_processed":true},"user_facing_factor_name":"sat(site,[3])"},"c"]}]})j"},
+      {R"j("random":"iexp(fac(x,z),init=[0.1])")j", "random",
+       R"j({"terms":[{"function":{"name":"iexp","arguments":[{"name":"x","value":{"function":{"name":"fac","arguments":[{"name":"x","value":{"term_name":"x"}},{"name":"y","value":{"term_name":"z"}}],"already_processed":true}}},)j"
+       R"j({"name":"y","value":"NoValueSupplied","supplied":false},{"name":"init","value":[0.1]}],"already_processed":true}}]})j"},
+      {R"j("random":"iexp(x)")j", "random", "argument y is required | in the function call iexp(x)"},
+      {R"j("random":{"terms":[{"function":{"name":"lin","arguments":["9 a"]}}]})j", "random",
+       "an invalid variable name was supplied for argument \"variable_name | in the function call lin(9 a)"},
+      {R"j("random":{"terms":[{"function":{"name":"vm","arguments":["a","G",{"name":"invert","value":{"term_name":"b"}}]}}]})j", "random",
+       "expected a logical scalar for argument \"invert | in the function call vm(a,G,invert=b)"},
+      {R"j("random":{"terms":[{"function":{"name":"vm","arguments":["a","G",{"name":"ldet","value":{"term_name":"b"}}]}}]})j", "random",
+       "invalid ldet argument supplied, was expecting a numeric value | in the function call vm(a,G,ldet=b)"},
+      {R"j("random":{"terms":[{"interaction":["a",{"term_name":"b","drop":true}]}]})j", "random",
+       "model.random.terms[1].interaction[2] is part of a term, it can not be dropped by itself"},
       {R"j("random":"AR1(x)")j", "random",
        "AR1 is not a recognised model function | model functions are all lower case! | in the function call AR1(x)"},
       {R"j("residual":"dsum(a-b|site)")j", "residual", "invalid argument to dsum"},
