@@ -18,7 +18,9 @@
 #include "estimation/fit_state.h"
 #include "model/factor_table.h"
 #include "model/term_table.h"
+#include "reports/report_files.h"
 #include "reports/timing.h"
+#include "varstruct/parameter_files.h"
 #include "varstruct/parameter_table.h"
 #include "varstruct/residual_sections.h"
 
@@ -34,6 +36,7 @@ struct CORE_DATA {
 
   // The run's own.
   std::string title, part_id;
+  std::vector<std::string> comments;  // a line each
   std::string file_root;
   FIT_OPTIONS options;
   PRIMARY_DATA primary;
@@ -49,6 +52,8 @@ struct CORE_DATA {
   VARIANCE_MODEL variances;
   FIT_STATE fit;
   TIMING_STORE timing;
+  REPORT_FILES report_files;
+  PARAMETER_FILES parameter_files;
 
   CORE_DATA(JsonNode& request_, const TLV_OPTIONS& api_options_, COMMUNICATION& communication_,
             const USER_DATASET_STORE& datasets_, OUTPUT_TABLE_STORE& tables_)

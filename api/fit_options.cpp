@@ -29,7 +29,7 @@ std::int64_t machine_threads()
 void read_file_option(ERROR_HANDLER& eh, const JsonNode& node, FileOption& option)
 {
   if (node.is(JsonType::string)) {
-    option.asked = true;
+    option.asked = !is_blank(node.text());
     if (node.text() != no_value_supplied && !is_blank(node.text())) option.file = node.text();
     return;
   }

@@ -56,6 +56,10 @@ void parse_model(ERROR_HANDLER& eh, CORE_DATA& core)
 {
   NEW_PARSE_LINEAR_MODEL(eh, core.communication, core.request, core.variables, core.factors, core.terms,
                          core.model_info);
+  if (eh.terminate()) return;
+  for (const std::int64_t row : core.model_info.responses) {
+    core.parameter_files.response += text(core.parameter_files.response.empty() ? "" : " ", core.factors.row(row).shown());
+  }
   if (!eh.terminate()) NAME_PEDIGREE_FACTORS(eh, core.matrices, core.factors, core.variables);
 }
 
@@ -103,7 +107,7 @@ void print_data_summary(ERROR_HANDLER& eh, CORE_DATA& core)
     print_block("DATA SUMMARY", AIDDIS(eh, core.variables, core.summary));
   }
   if (core.communication.OUTPUT_TO_FILE) {
-    WRITE_DATA_SUMMARY(eh, core.file_root + ".tvs", core.variables, core.summary);
+    WRITE_DATA_SUMMARY(eh, core.report_files.stem + ".tvs", core.variables, core.summary);
   }
 }
 
@@ -198,6 +202,10 @@ void adjust_parameters(ERROR_HANDLER& eh, CORE_DATA& core)
   if (eh.terminate()) return;
   HANDLE_VCC_CONSTRAINTS(eh, core.request, core.factors, core.terms, core.variances);
   if (eh.terminate()) return;
+  HANDLE_RSV_FILE(eh, core.options, core.terms, core.parameter_files, core.variances);
+  if (eh.terminate()) return;
+  HOLD_PARAMETERS(eh, core.options, core.variances);
+  if (eh.terminate()) return;
   FIX_NULL_STRUCTURES(eh, core.terms, core.design, core.variances);
   STRUCTURECHECK(eh, core.options, core.terms, core.design, core.variances);
   if (eh.terminate()) return;
@@ -224,7 +232,8 @@ void fit(ERROR_HANDLER& eh, CORE_DATA& core)
                 .design = core.design,
                 .model = core.variances,
                 .timing = core.timing,
-                .tables = core.tables};
+                .tables = core.tables,
+                .files = &core.parameter_files};
   AIWORK(eh, call, core.fit);
 }
 

@@ -34,16 +34,32 @@ void L_RUN_STAGES(ERROR_HANDLER& eh, CORE_DATA& core, std::string_view& stage)
   }
 }
 
-/// L_EXIT_TAIL: the end of every run, however it went: its final message, the timing table, the debug prints.
-void L_EXIT_TAIL(ERROR_HANDLER& eh, CORE_DATA& core, bool terminated, std::string_view stage)
+/// L_EXIT_TAIL: the end of every run, however it went: its final message, the report files, the timing table, the debug
+/// prints.
+///   messages  of the run
+void L_EXIT_TAIL(ERROR_HANDLER& eh, const ERROR_HANDLER& messages, CORE_DATA& core, std::string_view stage)
 {
   const Frame here{eh, __func__};
-  if (terminated)
+  if (messages.terminate())
     WARNING(eh, stopped_in(stage), 1, core.tables);
   else if (core.preprocess_only())
     WARNING(eh, "Warning: Finished Preprocessing", 1, core.tables);
 
   TMG_STOP(core.timing, whole_run, whole_run);
+  TMG_LOG(core.timing, "Finished");
+  const RUN_REPORT report{.title = core.title,
+                          .comments = core.comments,
+                          .messages = messages,
+                          .options = core.options,
+                          .variables = core.variables,
+                          .summary = core.summary,
+                          .terms = core.terms,
+                          .model = core.variances,
+                          .fit = core.fit,
+                          .store = core.tables,
+                          .timing = core.timing,
+                          .order = core.parameter_files.order};
+  WRITE_REPORT_FILES(eh, report, core.report_files);
   if (core.prints(DebugPrint::timings)) stages::print_block("", TMG_TABLE(core.timing, "END OF AIDATA_BODY"));
   if (core.prints(DebugPrint::all_output_full)) {
     stages::print_block("ALL OUTPUT", OTST_TO_JSTR(eh, core.tables));
@@ -79,13 +95,14 @@ std::unique_ptr<JsonNode> L_CHOOSE_MODEL(ERROR_HANDLER& eh, const JsonNode& requ
 void AIDATA_BODY(ERROR_HANDLER& eh, CORE_DATA& core)
 {
   const Frame here{eh, __func__};
+  TMG_LOG(core.timing, "Tolvan Started");
   TMG_START(core.timing, whole_run, "RUN");  // a group of its own: it covers all others
   std::string_view stage;
   guarded(eh, [&] { L_RUN_STAGES(eh, core, stage); });
 
   // The tail works with a handler of its own: routines leave at once when theirs has terminated.
   ERROR_HANDLER tail;
-  guarded(tail, [&] { L_EXIT_TAIL(tail, core, eh.terminate(), stage); });
+  guarded(tail, [&] { L_EXIT_TAIL(tail, eh, core, stage); });
   eh.EH_ADD_ALL(tail);
 }
 
@@ -111,7 +128,8 @@ void TLV_PROCESS(ERROR_HANDLER& eh, TLV_OBJECT& object, std::string_view json)
 
   CORE_DATA core(single != nullptr ? *single : *object.request, object.options, object.communication, object.datasets, object.tables);
   AIDATA_BODY(eh, core);
-  if (object.options.clean_up_asked) CLEAN_TMP_FILES(eh, object.options.tmp_file_root);
+  if (!object.options.clean_up_asked) return;
+  CLEAN_TMP_FILES(eh, core.report_files.stem.empty() ? object.options.tmp_file_root : core.report_files.stem);
 }
 
 }  // namespace tolvan

@@ -69,16 +69,30 @@ void variable_table(ERROR_HANDLER& eh, CORE_DATA& core)
   PROCESS_DATA_TRANSFORMATIONS_FROM_JPTR(eh, core.request.find("transformations"), 0, core.variables);
 }
 
-/// The stage AIOPEN: report files are not built, so that a request that wants them ends here.
 void report_files(ERROR_HANDLER& eh, CORE_DATA& core)
 {
   if (!core.communication.OUTPUT_TO_FILE) return;
-  eh.not_implemented(text("report files are not implemented, they were asked for by the option ",
-                          key_that_asks_for_files(core)));
+  AIOPEN(eh, "ASIS", core.file_root, core.options.outfolder, core.report_files);
+  if (eh.terminate()) return;
+  core.timing.process_log = core.options(Flag::logfile);
+  core.parameter_files.in_use = true;
+  core.parameter_files.base = core.report_files.stem;
 }
 
-/// The comments of a request go to the log, which is a report file.
-void comments(ERROR_HANDLER&, CORE_DATA&) {}
+/// The stage COMMENTS: the comments of a request, which go to the primary report.
+void comments(ERROR_HANDLER&, CORE_DATA& core)
+{
+  const JsonNode* node = core.request.find("comments");
+  if (node == nullptr || asks_for_nothing(*node)) return;
+  const auto add = [&core](const std::string& lines) {
+    for (const std::string& line : split(lines, '\n')) core.comments.push_back(line);
+  };
+  if (node->is(JsonType::array) && !node->packed()) {
+    for (const auto& each : node->children()) add(scalar_text(*each));
+  } else {
+    add(scalar_text(*node));
+  }
+}
 
 /// The stage AIPEDA: pedigree factors take the identities of the first pedigree as their levels.
 void pedigrees(ERROR_HANDLER& eh, CORE_DATA& core)

@@ -14,6 +14,7 @@ struct FitArguments {
   std::vector<std::string> data;  // name=file.csv
   bool json = false;
   std::string folder;  // for report files; empty: none are asked for
+  std::string resume;  // a parameter file of an earlier fit to start from; empty: none
   Talk talk = Talk::normal;
   int threads = 0;  // 0: the engine's choice
 };

@@ -92,6 +92,10 @@ int run(int argc, char** argv)
                  "Print the request in its standard form, with all calls and lists written out")
       ->excludes(as_json);
   fit_command->add_option("-o", a.folder, "Write the report files into this folder")->type_name("DIR");
+  fit_command
+      ->add_option("--resume", a.resume,
+                   "Start from the parameters of an earlier fit: its .rsv file, or a table .tsv, .msv, .esv")
+      ->type_name("FILE");
   for (CLI::App* const command : {fit_command, check_command}) {
     CLI::Option* const q = command->add_flag("-q", quiet, "No progress and no notes")->option_text(" ");
     command->add_flag("-v", verbose, "Tell more about data, messages and time")

@@ -14,12 +14,17 @@ namespace {
 
 Problem set_options(const FitArguments& arguments, Json& request)
 {
-  if (arguments.folder.empty() && arguments.threads == 0) return {};
+  if (arguments.folder.empty() && arguments.resume.empty() && arguments.threads == 0) return {};
   Json* options = request.find("options");
   if (!options) options = &request.set("options", json_object());
   if (!options->is(JsonKind::object))
     return {Exit::bad_input, arguments.request + ": options is not an object"};
   if (arguments.threads > 0) options->set("maximum_number_of_threads", json_integer(arguments.threads));
+  const std::string stem = arguments.request == "-" ? "tolvan" : std::filesystem::path(arguments.request).stem().string();
+  if (!arguments.resume.empty()) {
+    options->set("continue", json_string(arguments.resume));
+    if (!options->find("tmp_file_root")) options->set("tmp_file_root", json_string(stem));
+  }
   if (arguments.folder.empty()) return {};
   std::error_code error;
   std::filesystem::create_directories(arguments.folder, error);
@@ -27,10 +32,7 @@ Problem set_options(const FitArguments& arguments, Json& request)
     return {Exit::out_of_resources, "unable to make the folder " + arguments.folder + ": " + error.message()};
   }
   options->set("outfolder", json_string(arguments.folder));
-  if (!options->find("tmp_file_root")) {
-    const std::string stem = std::filesystem::path(arguments.request).stem().string();
-    options->set("tmp_file_root", json_string(arguments.request == "-" ? "tolvan" : stem));
-  }
+  if (!options->find("tmp_file_root")) options->set("tmp_file_root", json_string(stem));
   return {};
 }
 

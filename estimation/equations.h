@@ -22,6 +22,7 @@
 #include "estimation/factor.h"
 #include "estimation/residual_inverse.h"
 #include "model/term_table.h"
+#include "varstruct/equation_order_file.h"
 #include "varstruct/form_structures.h"
 #include "varstruct/parameter_table.h"
 
@@ -52,6 +53,7 @@ struct MIXED_EQUATIONS {
   std::vector<std::int32_t> position;    // model order to elimination order
   std::vector<std::uint8_t> fixed;       // per model equation: 1 for a fixed effect (mv included)
 
+  SAVED_ORDER given_order;               // of an earlier fit of the model; taken where it fits
   FACTOR factor;
   DESIGN_COLUMNS columns;                // by elimination position
   COEFFICIENTS c;                        // refilled in each evaluation

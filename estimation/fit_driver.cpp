@@ -271,6 +271,7 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
     damp_steps(fell, work.update);
     if (fell) halve_towards_best(ev, call.model, work);
     L_TRACE(eh, call, work, ev, it, fit);
+    if (call.files != nullptr) SAVE_PARAMETERS(eh, call.model, parameter_values(call.model), *call.files);
     const bool repeated = it.repeats > 0;
     it.repeats = 0;
     it.failed = 0;
@@ -366,6 +367,7 @@ void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& 
       }
       STORE_FIT_SCALARS(own, call.model, fit, call.tables);
       AIDRPT(own, call.variables, call.factors, call.terms, call.design, call.model, fit, call.tables);
+      if (call.files != nullptr) SAVE_PARAMETERS(own, call.model, fit.evaluated, *call.files);
       TMG_LOG(call.timing, " TLV/SLN/YHT written");
     }
   }
@@ -383,7 +385,14 @@ void AIWORK(ERROR_HANDLER& eh, FIT_CALL& call, FIT_STATE& fit)
   const FIT_MODEL in{call.options, call.variables, call.factors, call.terms, call.design, call.timing};
   L_OPEN(eh, call, work, it, fit);
   if (eh.terminate()) return;
+  if (call.options.final_file.asked) {
+    fit.status = " Warning: Only one iteration performed";
+    it.limit = 1;
+    work.update.step = work.update.saved_step = 1.0;
+  }
+  if (call.files != nullptr) work.equations.given_order = call.files->order;
   L_ITERATE(eh, call, in, work, ev, it, fit);
+  if (call.files != nullptr) call.files->order = {work.equations.factor.order, work.equations.factor.dense};
   TMG_LOG(call.timing, " EndingResiduals");
   const std::int64_t singular = work.aiopt(Ai::ai_singularities);
   L_REPORT(eh, call, in, work, ev, it, fit);

@@ -11,6 +11,7 @@
 #include "model/factor_table.h"
 #include "model/term_table.h"
 #include "reports/timing.h"
+#include "varstruct/parameter_files.h"
 #include "varstruct/parameter_table.h"
 
 namespace tolvan {
@@ -26,6 +27,7 @@ struct FIT_CALL {
   VARIANCE_MODEL& model;        // values and codes change
   TIMING_STORE& timing;
   OUTPUT_TABLE_STORE& tables;   // receives the trace, the result tables and the scalars
+  PARAMETER_FILES* files = nullptr;  // kept up to date during the fit; null: none
 };
 
 /// AIWORK: fits a model by iterated average-information REML and stores its tables and scalars.

@@ -420,7 +420,13 @@ void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_T
       {
         const PATTERN pattern = pattern_of(inner, dense);
         std::vector<std::int32_t> order;
-        REORDER_MATRIX(eh, pattern, 0, order);
+        if (is_order_of(q.given_order, q.n, dense)) {
+          order = std::move(q.given_order.order);
+          eh.note("Equation order retrieved from .veo file.");
+        } else {
+          REORDER_MATRIX(eh, pattern, 0, order);
+        }
+        q.given_order = {};
         if (eh.terminate()) return;
         bind_after(terms, model, formed, q, order);
         SYMBOLICABS2(eh, pattern, order, q.factor);

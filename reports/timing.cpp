@@ -119,11 +119,11 @@ void TMG_LOG(TIMING_STORE& store, std::string_view label)
     return;
   }
   if (!store.process_log) return;
-  if (!store.log_headed) std::printf("%s\n", std::string(log_heading).c_str());
+  if (!store.log_headed) store.log_text += text(log_heading, '\n');
   store.log_headed = true;
   const std::string line = process_log_line(store, label, cpu, wall);
   if (line.empty()) return;
-  std::printf("%s\n", line.c_str());
+  store.log_text += text(line, '\n');
   store.last_wall = wall;
   store.last_cpu = cpu;
 }

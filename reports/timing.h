@@ -22,7 +22,8 @@ struct TIMER {
 struct TIMING_STORE {
   std::vector<TIMER> timers;
   bool intermediate = false;  // write each interval as it ends
-  bool process_log = false;   // write the milestones of TMG_LOG
+  bool process_log = false;   // keep the milestones of TMG_LOG
+  std::string log_text;       // their lines
   bool log_headed = false;    // the heading of the process log stands
   double begun_wall = 0.0, begun_cpu = 0.0, last_wall = 0.0, last_cpu = 0.0;
 };
@@ -34,7 +35,7 @@ void TMG_STOP(TIMING_STORE& store, std::string_view name, std::string_view calle
 /// TMG_TABLE: the timing table as text, with the line "Other" last: the run's time outside all timers of the
 /// default group. A timer over the whole run belongs in a group of its own.
 std::string TMG_TABLE(const TIMING_STORE& store, std::string_view label);
-/// TMG_LOG: writes a milestone of the run with its process times when the process log is switched on.
+/// TMG_LOG: keeps a milestone of the run with its process times when the process log is switched on.
 void TMG_LOG(TIMING_STORE& store, std::string_view label);
 
 /// A line of the process log at a moment of both clocks; empty when too little processor time has passed

@@ -101,8 +101,22 @@ std::vector<std::string> own_indices(const STRUCTURE_ROW& row, std::int64_t own)
 void label_row(const FACTOR_TABLE& factors, const std::string& head, const STRUCTURE_ROW& row,
                VARIANCE_MODEL& model)
 {
-  const ROW_PARAMETERS split = row_parameters(row);
   const std::string word = model_word(factors, row);
+  std::vector<ParamType> types;
+  for (std::int64_t k = 0; k < row.parameters; ++k)
+    types.push_back(model.parameters[static_cast<std::size_t>(row.first + k)].type);
+  const std::vector<std::string> ends = row_label_ends(row, types);
+  for (std::int64_t k = 0; k < row.parameters; ++k) {
+    model.parameters[static_cast<std::size_t>(row.first + k)].label =
+        text(head, word, ends[static_cast<std::size_t>(k)]);
+  }
+}
+
+}  // namespace
+
+std::vector<std::string> row_label_ends(const STRUCTURE_ROW& row, const std::vector<ParamType>& types)
+{
+  const ROW_PARAMETERS split = row_parameters(row);
   std::vector<std::string> indices = own_indices(row, split.own);
   for (std::int64_t i = split.own; i < row.parameters; ++i) {
     indices.push_back(split.form == VarianceForm::level_variances ? text('_', i - split.own + 1)
@@ -110,17 +124,16 @@ void label_row(const FACTOR_TABLE& factors, const std::string& head, const STRUC
   }
   std::array<std::int64_t, parameter_label_letters.size()>
       seen{};  // of the metric family, whose parameters go by letter
-  for (std::int64_t k = 0; k < row.parameters; ++k) {
-    VARIANCE_PARAMETER& p = model.parameters[static_cast<std::size_t>(row.first + k)];
-    const char letter = parameter_label_letters[static_cast<std::size_t>(p.type)];
-    std::string& index = indices[static_cast<std::size_t>(k)];
+  std::vector<std::string> ends(types.size());
+  for (std::size_t k = 0; k < ends.size(); ++k) {
+    const char letter = parameter_label_letters[static_cast<std::size_t>(types[k])];
+    std::string& index = indices[k];
     std::int64_t& count = seen[parameter_label_letters.find(letter)];
     if (row.model == 6 && index.empty() && ++count > 1) index = text('_', count);
-    p.label = text(head, word, '_', letter, index);
+    ends[k] = text('_', letter, index);
   }
+  return ends;
 }
-
-}  // namespace
 
 std::string component_label(const FACTOR_ROW& factor)
 {

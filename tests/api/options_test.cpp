@@ -208,7 +208,6 @@ TEST(Options, UnbuiltEffectsAreRefusedByName)
     }
   }
   EXPECT_EQ(refusals(R"({"blup":-1,"kcv":[],"hold":[],"outfolder":"","continue":false})"), "");
-  EXPECT_EQ(refusals(R"({"hold":[1,2]})"), "!4/4 the option hold is not implemented\n");
 }
 
 }  // namespace

@@ -107,8 +107,6 @@ TEST(Stages, RefuseWhatIsNotBuiltByName)
       {R"("wald":{"den_df":"numeric"})", "the option ddf is not implemented"},
       {R"("wald":{"ss_type":"conditional"})", "the option fcon is not implemented"},
       {R"("wald":{"f_test":"a;x"})", "the option fown is not implemented"},
-      {R"("options":{"outfolder":"out"})", "the option outfolder is not implemented"},
-      {R"("options":{"tmp_file_root":"root"})", "report files are not implemented"},
   };
   for (const Row& row : rows) {
     Trial run;

@@ -344,13 +344,18 @@ class Failures(InAFolder):
         self.assertIn("unable to write the results", run.stderr)
 
     def test_output_folder(self):
-        """report files may not be built yet; then the engine says so"""
-        run = tolvan("fit", OATS / "request.json", "-o", self.folder / "out" / "deeper")
-        if run.returncode == 0:
-            self.assertNotEqual(list((self.folder / "out" / "deeper").iterdir()), [])
-        else:
-            self.assertEqual(run.returncode, 3)
-            self.assertIn("outfolder", run.stderr)
+        out = self.folder / "out" / "deeper"
+        run = tolvan("fit", OATS / "request.json", "-o", out)
+        self.assertEqual(run.returncode, 0, run.stderr)
+        self.assertLessEqual({f"request.{e}" for e in ("tlv", "res", "sln", "yht", "vvp", "veo", "rsv", "tsv", "tvs")},
+                             {path.name for path in out.iterdir()})
+        self.assertIn("LogL Converged", (out / "request.tlv").read_text())
+        run = tolvan("fit", OATS / "request.json", "--resume", out / "request.rsv", "-o", out)
+        self.assertEqual(run.returncode, 0, run.stderr)
+        self.assertIn("restart values taken from", run.stderr)
+        run = tolvan("fit", OATS / "request.json", "--resume", out / "none.rsv", "-o", out)
+        self.assertEqual(run.returncode, 3, run.stderr)
+        self.assertIn("failed to find", run.stderr)
         self.write("in_the_way", "")
         run = tolvan("fit", OATS / "request.json", "-o", self.folder / "in_the_way" / "out")
         self.assertEqual(run.returncode, 6)

@@ -1,0 +1,76 @@
+// The residual statistics of a fit.  Routine: WRITE_RESIDUAL_REPORT.
+#include <algorithm>
+#include <cmath>
+
+#include "base/text.h"
+#include "reports/report_files.h"
+
+namespace tolvan {
+
+namespace {
+
+constexpr double stands_out = 3.5;  // of a residual over its standard deviation
+
+/// The moments of the residuals that are there.
+struct MOMENTS {
+  std::int64_t count = 0;
+  double mean = 0.0, minimum = 0.0, maximum = 0.0, variance = 0.0, skewness = 0.0, kurtosis = 0.0;
+};
+
+/// Moments about the mean: variance with divisor n - 1; skewness m3 / m2^1.5 and kurtosis m4 / m2^2, which is 3 for normal
+/// residuals.
+MOMENTS moments_of(const std::vector<double>& x)
+{
+  MOMENTS m;
+  m.count = static_cast<std::int64_t>(x.size());
+  if (x.empty()) return m;
+  const auto n = static_cast<double>(m.count);
+  for (const double e : x) m.mean += e / n;
+  double m2 = 0.0, m3 = 0.0, m4 = 0.0;
+  for (const double e : x) {
+    const double d = e - m.mean;
+    m2 += d * d / n;
+    m3 += d * d * d / n;
+    m4 += d * d * d * d / n;
+  }
+  m.minimum = *std::min_element(x.begin(), x.end());
+  m.maximum = *std::max_element(x.begin(), x.end());
+  if (m.count > 1) m.variance = m2 * n / (n - 1.0);
+  if (m2 > 0.0) {
+    m.skewness = m3 / std::pow(m2, 1.5);
+    m.kurtosis = m4 / (m2 * m2);
+  }
+  return m;
+}
+
+}  // namespace
+
+void WRITE_RESIDUAL_REPORT(const OUTPUT_TABLE_STORE& store, FileWriter& file)
+{
+  const OUTPUT_TABLE* t = store.find_table("TABLE_YHT");
+  if (t == nullptr) return;
+  const std::int64_t record = t->find_column("RECORD"), fitted = t->find_column("YHAT"), residual = t->find_column("RESID"),
+                     statistic = t->find_column("AOM");
+  std::vector<double> x;
+  for (std::int64_t r = 1; r <= t->nrows; ++r) {
+    if (!is_no_value(t->real(r, residual))) x.push_back(t->real(r, residual));
+  }
+  const MOMENTS m = moments_of(x);
+  file.write("     Count         Mean      Minimum      Maximum     Variance     Skewness     Kurtosis\n");
+  file.write(text(edit_i(m.count, 10), edit_g(m.mean, 13, 5), edit_g(m.minimum, 13, 5), edit_g(m.maximum, 13, 5),
+                  edit_g(m.variance, 13, 5), edit_f(m.skewness, 13, 4), edit_f(m.kurtosis, 13, 4), '\n'));
+  const double sd = std::sqrt(m.variance);
+  bool headed = false;
+  for (std::int64_t r = 1; r <= t->nrows; ++r) {
+    const double e = t->real(r, residual);
+    if (is_no_value(e)) continue;
+    const double own = statistic > 0 ? t->real(r, statistic) : sd > 0.0 ? (e - m.mean) / sd : 0.0;
+    if (is_no_value(own) || std::fabs(own) <= stands_out) continue;
+    if (!headed) file.write(" Records whose residual stands out\n    Record         Yhat     Residual    Statistic\n");
+    headed = true;
+    file.write(text(edit_i(t->integer(r, record), 10), edit_g(t->real(r, fitted), 13, 5), edit_g(e, 13, 5), edit_f(own, 13, 2), '\n'));
+  }
+  if (!headed) file.write(" No residual stands out.\n");
+}
+
+}  // namespace tolvan
