@@ -8,6 +8,7 @@
 #include "model/request.h"
 #include "reports/check_tables.h"
 #include "relmat/match_levels.h"
+#include "relmat/reduce_inverse.h"
 #include "reports/result_tables.h"
 #include "varstruct/distance_setup.h"
 #include "varstruct/linear_constraints.h"
@@ -83,6 +84,11 @@ void read_data(ERROR_HANDLER& eh, CORE_DATA& core)
   if (core.data.records() == 1) eh.error("only one data record retained; analysis aborted");
   if (eh.terminate()) return;
   COMPLETE_LINEAR_MODEL(eh, core.communication, core.request, core.variables, core.factors, core.terms, core.model_info);
+  if (eh.terminate()) return;
+  if (REDUCE_PEDIGREES(eh, core.matrices, core.factors, core.variables, core.data) && !eh.terminate()) {
+    core.model_info.waits_for_levels = true;  // levels that the model names may have other numbers now
+    COMPLETE_LINEAR_MODEL(eh, core.communication, core.request, core.variables, core.factors, core.terms, core.model_info);
+  }
   if (eh.terminate()) return;
   MATCH_MATRIX_LEVELS(eh, core.matrices, core.variables, core.factors);
   if (eh.terminate()) return;

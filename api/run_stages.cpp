@@ -104,9 +104,17 @@ void pedigrees(ERROR_HANDLER& eh, CORE_DATA& core)
     FIT_PEDIGREE& each = found[k];
     if (k == 0) TAKE_PEDIGREE_LEVELS(eh, each.labels, core.variables);
     if (eh.terminate()) return;
-    AMTXS_REGISTER_TO_AINV(eh, core.matrices, each.name, each.inverse.matrix, each.inverse.logdet, each.pedigree.groups,
-                           each.labels, each.inverse.inbreeding);
-    if (eh.terminate()) return;
+    AINV_MTX* matrix = AMTXS_REGISTER_TO_AINV(eh, core.matrices, each.name, each.name, each.inverse.matrix,
+                                              each.inverse.logdet, 0, each.labels);
+    if (matrix == nullptr) return;
+    matrix->pedigree = true;
+    matrix->groups = each.pedigree.groups;
+    matrix->inbreeding = std::move(each.inverse.inbreeding);
+    matrix->reduce = each.reduce;
+    for (DOMINANCE_MATRIX& more : each.dominance) {
+      AMTXS_REGISTER_TO_AINV(eh, core.matrices, more.name, each.name, more.inverse, more.logdet, more.empty, more.labels);
+      if (eh.terminate()) return;
+    }
   }
 }
 

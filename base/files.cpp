@@ -45,6 +45,14 @@ std::int64_t file_size(const std::string& path)
   return facts.st_size;
 }
 
+std::int64_t file_time(const std::string& path)
+{
+  struct stat facts {};
+  if (!is_path(path) || ::stat(path.c_str(), &facts) != 0) return -1;
+  constexpr std::int64_t nanoseconds = 1000000000;
+  return facts.st_mtim.tv_sec * nanoseconds + facts.st_mtim.tv_nsec;
+}
+
 void delete_quietly(const std::string& path)
 {
   if (is_path(path)) ::unlink(path.c_str());

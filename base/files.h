@@ -13,6 +13,8 @@ namespace tolvan {
 bool file_exists(const std::string& path);
 /// Bytes of a regular file; -1 if there is none.
 std::int64_t file_size(const std::string& path);
+/// When a file was last written, in nanoseconds of the system's clock; -1 if there is none.
+std::int64_t file_time(const std::string& path);
 void delete_quietly(const std::string& path);
 /// Reads a whole file; false with the reason if it cannot be read.
 bool read_file(const std::string& path, std::string& contents, std::string& error);

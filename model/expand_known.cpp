@@ -159,14 +159,22 @@ void L_FOLLOW_LABELS(ERROR_HANDLER& eh, JsonNode& root, const JsonNode& function
   });
 }
 
-/// Whether a source is the name of a pedigree, which is a matrix without an entry of its own.
+/// The matrices of dominance that a pedigree brings along (its key `dom`), and those that it might.
+constexpr std::string_view dominance_matrices[] = {"Dominance", "BetFamInv", "DomWIfam"};
+constexpr std::string_view unbuilt_matrices[] = {"Genetic_Di", "Genetic_E", "Cov_AD", "H_Dominance"};
+
+/// Whether a source is the name of a pedigree, or of a matrix that it brings along: one without an entry of its own.
 bool names_a_pedigree(const JsonNode& root, const std::string& source)
 {
   const JsonNode* list = root.find("pedigree_file");
   if (list == nullptr) return false;
+  const bool of_dominance = std::find(std::begin(dominance_matrices), std::end(dominance_matrices), source) !=
+                            std::end(dominance_matrices);
   const auto is_it = [&](const JsonNode& entry) {
     const JsonNode* name = entry.find("name");
-    return name != nullptr && name->is_text(source);
+    if (name != nullptr && name->is_text(source)) return true;
+    const JsonNode* dom = entry.find("dom");
+    return of_dominance && dom != nullptr && (dom->is(JsonType::integer) ? dom->integer() > 0 : !dom->is(JsonType::null));
   };
   if (!list->is(JsonType::array)) return is_it(*list);
   return std::any_of(list->children().begin(), list->children().end(), [&](const auto& entry) { return is_it(*entry); });
@@ -182,6 +190,11 @@ void L_ADD_MATRIX_ENTRY(ERROR_HANDLER& eh, JsonNode& root, const JsonNode& funct
     return;
   }
   if (names_a_pedigree(root, matrix)) return;
+  if (root.find("pedigree_file") != nullptr &&
+      std::find(std::begin(unbuilt_matrices), std::end(unbuilt_matrices), matrix) != std::end(unbuilt_matrices)) {
+    eh.not_implemented(text("the matrix ", matrix, " of a pedigree with dominance is not implemented"));
+    return;
+  }
   JsonNode* entry = L_FIND_MATRIX_ENTRY(eh, root, matrix);
   if (eh.terminate()) return;
   set_key(*entry, "giv", text(matrix, ".vm"));

@@ -1,6 +1,6 @@
 // Pedigrees that a fit takes from files.  Routines: AIPEDA, AIPSRT, AIPEDM, L_READ_PEDIGREE_LINES,
 // L_TRIM_PEDIGREE, L_PEDSTRUCT, L_WRITE_SORTED_PEDIGREE, L_AIPEDA_WRITE_DIAGONAL_AINVERSE,
-// L_AIPEDA_WRITE_GIV.
+// L_AIPEDA_WRITE_GIV, L_AIPEDA_READ_PEDIGREE_INFO_FROM_FILE, L_AIPEDA_WRITE_PEDIGREE_INFO_TO_FILE.
 #pragma once
 
 #include <cstdint>
@@ -12,6 +12,7 @@
 #include "api/error_handler.h"
 #include "base/json.h"
 #include "pedigree/check_pedigree.h"
+#include "pedigree/dominance.h"
 #include "pedigree/form_ainverse.h"
 
 namespace tolvan {
@@ -40,6 +41,8 @@ struct PEDIGREE_KEYS {
   std::string trim;             // data file whose identities are kept, with their ancestors; empty: none
   bool write_diagonal = false;  // .aif
   std::int64_t write_giv = 0;   // 0, 1 or 2
+  std::int64_t dominance = 0;   // 1: its relationships, 2: their parts between and within families too
+  bool reduce = false;          // to the individuals with data
 
   /// Whether field 4 is a level.
   bool levels() const { return level.has_value() && !inbred && !sex_linked; }
@@ -63,6 +66,8 @@ struct FIT_PEDIGREE {
   std::vector<std::string> labels;  // of the rows
   PEDIGREE pedigree;
   AINVERSE inverse;
+  std::vector<DOMINANCE_MATRIX> dominance;
+  bool reduce = false;  // the relationship matrix to the individuals with data, once they are read
 };
 
 /// AIPEDA: reads the pedigrees of a request: an entry or an array of them.
@@ -84,6 +89,19 @@ void L_TRIM_PEDIGREE(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, PEDIGREE_LINE
 
 /// AIPEDM: forms the inverse of the relationship matrix by the breeding system that the keys tell.
 void AIPEDM(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, const PEDIGREE& pedigree, AINVERSE& out);
+
+/// L_AIPEDA_READ_PEDIGREE_INFO_FROM_FILE: takes the sorted pedigree that an earlier run left in
+/// `ainverse.bin` beside the file; false where there is none, or it was made of another file, from other
+/// keys, or does not hold together.
+///   inbreeding  as that run had it
+bool L_AIPEDA_READ_PEDIGREE_INFO_FROM_FILE(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, PEDIGREE& pedigree,
+                                           std::vector<std::string>& labels,
+                                           std::vector<double>& inbreeding);
+/// L_AIPEDA_WRITE_PEDIGREE_INFO_TO_FILE: leaves a sorted pedigree there for runs to come; a folder that can
+/// not be written is no fault.
+void L_AIPEDA_WRITE_PEDIGREE_INFO_TO_FILE(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys,
+                                          const PEDIGREE& pedigree, const std::vector<std::string>& labels,
+                                          const std::vector<double>& inbreeding);
 
 /// L_PEDSTRUCT: tells the size of a pedigree and its generations on both sides.
 void L_PEDSTRUCT(ERROR_HANDLER& eh, const PEDIGREE& pedigree);

@@ -126,33 +126,39 @@ void L_READ_OUTPUTS(ERROR_HANDLER& eh, const JsonNode& entry, PEDIGREE_KEYS& key
     }
     keys.write_giv = value;
   }
-  if (count_of(eh, entry, "dom") > 0)
-    eh.not_implemented("dominance matrices of a pedigree (dom) are not implemented");
-  if (is_on(entry, "reduce")) {
-    constexpr std::int64_t verbyla = 3;
-    if (keys.method == verbyla) {
-      eh.note(
-          "reducing the inverse relationship matrix not implemented forthe Verbyla method. No reduction will "
-          "therefore be done");
-    } else {
-      eh.not_implemented(
-          "reducing a pedigree's inverse to the individuals with data (reduce) is not implemented");
-    }
+  double x = 0.0;
+  constexpr double most_dominance = 2.0;
+  L_NUMBER(eh, entry, "dom", true, 0.0, most_dominance, x);
+  keys.dominance = static_cast<std::int64_t>(x);
+  if (keys.dominance > 0 && !eh.terminate()) {
+    const BREEDING_RULES rules = breeding_rules(keys);
+    if (keys.sex_linked || keys.levels() || rules.grandsire || rules.selfing > 0.0 || rules.inbred_lines ||
+        rules.base_inbreeding > 0.0)
+      eh.not_implemented("dominance matrices (dom) are implemented for plain pedigrees alone");
   }
+  if (!is_on(entry, "reduce")) return;
+  constexpr std::int64_t verbyla = 3;
+  keys.reduce = keys.method != verbyla;
+  if (keys.reduce) return;
+  eh.note(
+      "reducing the inverse relationship matrix not implemented forthe Verbyla method. No reduction will "
+      "therefore be done");
 }
 
-/// L_PEDIGREE: reads one pedigree and forms its inverse.
-void L_PEDIGREE(ERROR_HANDLER& eh, const JsonNode& entry, FIT_PEDIGREE& out)
+/// L_READ_AND_SORT: the pedigree of a file, or as an earlier run left it, with its inverse.
+void L_READ_AND_SORT(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, FIT_PEDIGREE& out)
 {
   const Frame here{eh, __func__};
-  PEDIGREE_KEYS keys;
-  L_READ_SOURCE(eh, entry, keys);
+  const bool kept = keys.sort || !keys.trim.empty();
+  std::vector<double> inbreeding;
+  if (kept && L_AIPEDA_READ_PEDIGREE_INFO_FROM_FILE(eh, keys, out.pedigree, out.labels, inbreeding)) {
+    AIPEDM(eh, keys, out.pedigree, out.inverse);
+    if (eh.terminate() || out.inverse.inbreeding == inbreeding) return;
+    out.inverse = {};  // what was kept is not what it was made from
+    out.pedigree = {};
+    out.labels.clear();
+  }
   if (eh.terminate()) return;
-  L_AIPEDA_SETUP_PEDIGREE_INFO(eh, entry, keys);
-  if (eh.terminate()) return;
-  L_READ_OUTPUTS(eh, entry, keys);
-  if (eh.terminate()) return;
-  out.name = keys.name;
   {
     PEDIGREE_LINES lines;
     L_READ_PEDIGREE_LINES(eh, keys, lines);
@@ -167,8 +173,29 @@ void L_PEDIGREE(ERROR_HANDLER& eh, const JsonNode& entry, FIT_PEDIGREE& out)
   }
   AIPEDM(eh, keys, out.pedigree, out.inverse);
   if (eh.terminate()) return;
-  L_PEDSTRUCT(eh, out.pedigree);
   if (keys.sort) L_WRITE_SORTED_PEDIGREE(eh, keys, out.pedigree, out.labels);
+  if (kept && !eh.terminate())
+    L_AIPEDA_WRITE_PEDIGREE_INFO_TO_FILE(eh, keys, out.pedigree, out.labels, out.inverse.inbreeding);
+}
+
+/// L_PEDIGREE: reads one pedigree and forms its inverse.
+void L_PEDIGREE(ERROR_HANDLER& eh, const JsonNode& entry, FIT_PEDIGREE& out)
+{
+  const Frame here{eh, __func__};
+  PEDIGREE_KEYS keys;
+  L_READ_SOURCE(eh, entry, keys);
+  if (eh.terminate()) return;
+  L_AIPEDA_SETUP_PEDIGREE_INFO(eh, entry, keys);
+  if (eh.terminate()) return;
+  L_READ_OUTPUTS(eh, entry, keys);
+  if (eh.terminate()) return;
+  out.name = keys.name;
+  out.reduce = keys.reduce;
+  L_READ_AND_SORT(eh, keys, out);
+  if (eh.terminate()) return;
+  L_PEDSTRUCT(eh, out.pedigree);
+  if (keys.dominance > 0 && !eh.terminate())
+    K4MVODPED(eh, out.pedigree, out.labels, keys.dominance > 1, out.dominance);
   if (keys.write_diagonal && !eh.terminate()) L_AIPEDA_WRITE_DIAGONAL_AINVERSE(eh, keys, out);
   if (keys.write_giv > 0 && !eh.terminate()) L_AIPEDA_WRITE_GIV(eh, keys, out);
 }

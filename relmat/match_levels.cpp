@@ -9,16 +9,6 @@
 namespace tolvan {
 namespace {
 
-/// The matrix of a factor row, null for none: by its name, or the pedigree's.
-const AINV_MTX* matrix_of(const AINV_MTXS& store, const FACTOR_ROW& factor)
-{
-  if (!factor.matrix.empty()) return store.find(factor.matrix);
-  if (factor.structure != "nrm") return nullptr;
-  const auto found = std::find_if(store.matrices.begin(), store.matrices.end(),
-                                  [](const AINV_MTX& m) { return m.pedigree; });
-  return found == store.matrices.end() ? nullptr : &*found;
-}
-
 /// L_CHECK_LABELS: the levels of a variable must be the rows of the matrix.
 void L_CHECK_LABELS(ERROR_HANDLER& eh, const AINV_MTX& matrix, const VARIABLE& variable,
                     const FACTOR_ROW& factor)
@@ -46,7 +36,17 @@ void L_CHECK_LABELS(ERROR_HANDLER& eh, const AINV_MTX& matrix, const VARIABLE& v
   }
 }
 
-/// L_TAKE_LEVELS: makes identities the levels of a variable.
+}  // namespace
+
+const AINV_MTX* matrix_of(const AINV_MTXS& store, const FACTOR_ROW& factor)
+{
+  if (!factor.matrix.empty()) return store.find(factor.matrix);
+  if (factor.structure != "nrm") return nullptr;
+  const auto found = std::find_if(store.matrices.begin(), store.matrices.end(),
+                                  [](const AINV_MTX& m) { return m.pedigree; });
+  return found == store.matrices.end() ? nullptr : &*found;
+}
+
 void L_TAKE_LEVELS(ERROR_HANDLER& eh, const std::vector<std::string>& labels, VARIABLE& variable)
 {
   const Frame here{eh, __func__};
@@ -60,8 +60,6 @@ void L_TAKE_LEVELS(ERROR_HANDLER& eh, const std::vector<std::string>& labels, VA
   variable.declared_levels = variable.levels = std::ssize(labels);
   variable.is_pedigree_factor = true;
 }
-
-}  // namespace
 
 void TAKE_PEDIGREE_LEVELS(ERROR_HANDLER& eh, const std::vector<std::string>& labels,
                           VARIABLE_TABLE& variables)
@@ -82,7 +80,7 @@ void NAME_PEDIGREE_FACTORS(ERROR_HANDLER& eh, const AINV_MTXS& store, const FACT
   for (const FACTOR_ROW& factor : factors.rows) {
     const AINV_MTX* matrix =
         factor.matrix.empty() || factor.variable == 0 ? nullptr : store.find(factor.matrix);
-    if (matrix == nullptr || !matrix->pedigree) continue;
+    if (matrix == nullptr || matrix->pedigree_of.empty()) continue;
     VARIABLE& variable = variables.row(factor.variable);
     // Levels that are declared are rows of the pedigree, or must agree with its identities.
     if (variable.labels_fixed || variable.type == FieldType::integer_factor_1_to_n || !variable.is_factor())

@@ -1,5 +1,5 @@
 // Factors and the known matrices between their levels.  Routines: TAKE_PEDIGREE_LEVELS,
-// NAME_PEDIGREE_FACTORS, MATCH_MATRIX_LEVELS.
+// NAME_PEDIGREE_FACTORS, MATCH_MATRIX_LEVELS, L_TAKE_LEVELS.
 #pragma once
 
 #include "api/error_handler.h"
@@ -8,6 +8,12 @@
 #include "relmat/structure_matrices.h"
 
 namespace tolvan {
+
+/// The matrix of a factor row, null for none: by its name, or the first pedigree's.
+const AINV_MTX* matrix_of(const AINV_MTXS& store, const FACTOR_ROW& factor);
+
+/// L_TAKE_LEVELS: makes identities the levels of a variable.
+void L_TAKE_LEVELS(ERROR_HANDLER& eh, const std::vector<std::string>& labels, VARIABLE& variable);
 
 /// TAKE_PEDIGREE_LEVELS: gives the identities of a pedigree as levels to the variables that are marked as
 /// pedigree factors.

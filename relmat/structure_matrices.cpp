@@ -20,26 +20,25 @@ AINV_MTX* AMTXS_EMPTY_POS(ERROR_HANDLER& eh, AINV_MTXS& store, std::string_view 
   return &fresh;
 }
 
-void AMTXS_REGISTER_TO_AINV(ERROR_HANDLER& eh, AINV_MTXS& store, std::string_view name,
-                            SPARSE_MTX_LLIST& matrix, double logdet, std::int64_t groups,
-                            std::vector<std::string>& labels, std::vector<double>& inbreeding)
+AINV_MTX* AMTXS_REGISTER_TO_AINV(ERROR_HANDLER& eh, AINV_MTXS& store, std::string_view name,
+                                 std::string_view pedigree, SPARSE_MTX_LLIST& matrix, double logdet,
+                                 std::int64_t empty, std::vector<std::string>& labels)
 {
   const Frame here{eh, __func__};
   SPMT_CONVERT(eh, matrix, SparseKind::sm_compressed_reverse);
-  if (eh.terminate()) return;
+  if (eh.terminate()) return nullptr;
   AINV_MTX* to = AMTXS_EMPTY_POS(eh, store, name);
-  if (to == nullptr) return;
-  to->origin = name;
+  if (to == nullptr) return nullptr;
+  to->origin = to->pedigree_of = pedigree;
   to->order = matrix.order;
-  to->groups = groups;
   to->log_determinant = -logdet;
-  to->pedigree = true;
+  to->absent = to->zero_rows = empty;
   to->labels = std::move(labels);
-  to->inbreeding = std::move(inbreeding);
   to->values = std::move(matrix.values);
   to->start = std::move(matrix.start);
   to->row = std::move(matrix.index);
   AMTX_FINISH_OFF(eh, *to);
+  return eh.terminate() ? nullptr : to;
 }
 
 void AMTX_FINISH_OFF(ERROR_HANDLER& eh, AINV_MTX& matrix)

@@ -26,7 +26,9 @@ struct AINV_MTX {
   std::vector<std::int64_t> bound;  // the row (from 0) that each Lagrangian row binds
   std::int64_t groups = 0;          // genetic groups among the first rows
   double log_determinant = 0.0;     // log|G|
-  bool pedigree = false;            // made from a pedigree (NRM), else a matrix from outside (GRM)
+  std::string pedigree_of;          // the pedigree that it was made from; empty: it came from outside
+  bool pedigree = false;            // that is its relationship matrix (NRM), else a matrix from outside (GRM)
+  bool reduce = false;              // to the rows of individuals with data, once they are read
   std::vector<std::string> labels;  // of the rows but for the added ones; empty: row numbers are the levels
   std::vector<double> inbreeding;   // of a pedigree's rows, else empty
   Shape shape = Shape::sparse;      // sparse, dense or diagonal
@@ -58,12 +60,15 @@ struct AINV_MTXS {
 
 /// AMTXS_EMPTY_POS: a new matrix of a name; a second one of the same name is an error, and null.
 AINV_MTX* AMTXS_EMPTY_POS(ERROR_HANDLER& eh, AINV_MTXS& store, std::string_view name);
-/// AMTXS_REGISTER_TO_AINV: takes the inverse of a pedigree's relationship matrix over.
-///   matrix   in any form; it is used up
-///   logdet   of the matrix, log|A^-1|
-void AMTXS_REGISTER_TO_AINV(ERROR_HANDLER& eh, AINV_MTXS& store, std::string_view name,
-                            SPARSE_MTX_LLIST& matrix, double logdet, std::int64_t groups,
-                            std::vector<std::string>& labels, std::vector<double>& inbreeding);
+/// AMTXS_REGISTER_TO_AINV: takes an inverse that was made from a pedigree over; the matrix in the store, null
+/// for a failure.
+///   pedigree  its name
+///   matrix    in any form; it is used up, as are the labels
+///   logdet    of the matrix, log|A^-1|
+///   empty     its first rows, so many, that have no element
+AINV_MTX* AMTXS_REGISTER_TO_AINV(ERROR_HANDLER& eh, AINV_MTXS& store, std::string_view name,
+                                 std::string_view pedigree, SPARSE_MTX_LLIST& matrix, double logdet,
+                                 std::int64_t empty, std::vector<std::string>& labels);
 /// AMTX_FINISH_OFF: completes a matrix: its sizes must agree and its values be finite.
 void AMTX_FINISH_OFF(ERROR_HANDLER& eh, AINV_MTX& matrix);
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
@@ -101,7 +102,11 @@ TEST(PedigreeFile, Complaints)
   const std::tuple<std::string, std::string, std::string> cases[] = {
       {"a,0,0\n", R"("type":"ft_data")", "!4/3 expected either a text or csv file for the pedigree\n"},
       {"a,0,0\n", csv + R"(,"giv":3)", "!4/3 expected a value of 0, 1, or 2 for, supplied value = 3\n"},
-      {"a,0,0\n", csv + R"(,"dom":1)", "!4/4 dominance matrices of a pedigree (dom) are not implemented\n"},
+      {"a,0,0\n", csv + R"(,"dom":1,"mgs":1)",
+       "!4/4 dominance matrices (dom) are implemented for plain pedigrees alone\n"},
+      {"a,0,0\n", csv + R"(,"dom":3)",
+       "!4/3 invalid value supplied for pedigree_file.dom, was expecting one of: an integer from 0 to 2, "
+       "supplied value = 3\n"},
       {"a,0,0\n", csv + R"(,"self":2)",
        "!4/3 invalid value supplied for pedigree_file.self, was expecting one of: a real number from 0 to 1, "
        "supplied value = 2\n"},
@@ -250,6 +255,50 @@ TEST(PedigreeFile, FilesThatItLeaves)
   EXPECT_EQ(r.file("p_B.giv"), "2 2 1\n3 3 1\n4 4 2\n5 5 2\n");
   EXPECT_EQ(r.file("p_Q.giv"), "3 1 0.5\n4 1 0.25\n5 1 0.375\n");
   EXPECT_EQ(r.file("p_Parent.ped"), r.file("p.srt"));
+}
+
+// A sorted pedigree comes back from its file, unless it was made of another file or in another way.
+TEST(PedigreeFile, SortedPedigreesAreKept)
+{
+  const std::string keys = R"("type":"ft_csv","sort":1,"group":1,"fgen":0.25)";
+  const std::string rows = "g,0,0\nx y,s,d\nz,x y,0,2\nd,g,0\n";
+  Reading r;
+  ASSERT_NE(r.read(rows, keys), nullptr) << r.messages;
+  const std::string kept = r.file("ainverse.bin");
+  const auto again = [&](const std::string& contents, const std::string& other_keys) {  // from what was kept
+    r.found.clear();
+    r.eh = {};
+    JsonError error;
+    const std::string path = contents.empty() ? r.folder.path("p.csv") : r.folder.file("p.csv", contents);
+    const auto request = parse_json(text(R"({"pedigree_file":{"name":")", path, "\",", other_keys, "}}"), error);
+    AIPEDA(r.eh, *request, r.found);
+    EXPECT_FALSE(r.eh.terminate()) << messages_text(r.eh);
+    return messages_text(r.eh).find("if you need the !TRIM/SORT action to be repeated") != std::string::npos;
+  };
+  const std::string sorted = r.rows();
+  const std::vector<double> inbreeding = r.found.front().inverse.inbreeding;
+  const double logdet = r.found.front().inverse.logdet;
+  EXPECT_TRUE(again("", keys));
+  EXPECT_EQ(r.rows(), sorted);
+  EXPECT_EQ(r.found.front().inverse.inbreeding, inbreeding);
+  EXPECT_EQ(r.found.front().inverse.logdet, logdet);
+  EXPECT_EQ(r.found.front().pedigree.level, (std::vector<double>{0, 0.25, 0, 0, 2}));
+
+  EXPECT_FALSE(again("", R"("type":"ft_csv","sort":1,"group":1,"fgen":0.5)"));
+  EXPECT_FALSE(again(rows + "w,z,0\n", keys));
+  // Damaged in any way the pedigree is read anew.
+  std::mt19937 random(6);
+  for (std::size_t at = 0; at < kept.size(); ++at) {
+    const std::string whole = r.file("ainverse.bin");
+    r.folder.file("ainverse.bin", whole.substr(0, at));
+    EXPECT_FALSE(again("", keys)) << at;
+    std::string damaged = whole;
+    damaged[at] ^= static_cast<char>(1 + random() % 255);
+    r.folder.file("ainverse.bin", damaged);
+    EXPECT_FALSE(again("", keys)) << at;
+    EXPECT_EQ(r.found.front().pedigree.rows(), 6);
+  }
+  EXPECT_TRUE(again("", keys));
 }
 
 // Whatever bytes a file holds, reading it ends in a message or a pedigree.
