@@ -109,6 +109,7 @@ void pedigrees(ERROR_HANDLER& eh, CORE_DATA& core)
     if (matrix == nullptr) return;
     matrix->pedigree = true;
     matrix->groups = each.pedigree.groups;
+    matrix->absent = each.inverse.fixed_groups;
     matrix->inbreeding = std::move(each.inverse.inbreeding);
     matrix->reduce = each.reduce;
     for (DOMINANCE_MATRIX& more : each.dominance) {

@@ -158,6 +158,25 @@ bool is_positive_definite(const FIT_MODEL& in, const VARIANCE_MODEL& model, cons
   return negative == 0 || ev.negative == 0;
 }
 
+/// The equations of a random term that work as fixed ones: those in use less the dimensions that have a variance.  None, but
+/// where the inverse of a structure is singular.
+std::int64_t fixed_among_random(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, const EVALUATION& ev,
+                                std::size_t term)
+{
+  std::int64_t counted = 1;
+  std::int64_t all = 1;
+  for (const auto& component : ev.formed.terms[term].components) {
+    counted *= component->counted();
+    all *= component->inverse().n;
+  }
+  if (counted == all) return 0;
+  std::int64_t used = 0;
+  const std::int64_t first = first_equation(in.terms, model.terms[term]);
+  for (std::int64_t e = first; e < first + all; ++e)
+    used += q.factor.reciprocal[static_cast<std::size_t>(q.position_of(e))] != 0.0 ? 1 : 0;
+  return used - counted;
+}
+
 /// The solutions and what follows from them; the effects of a constant where mu was left out; nu.
 void solve(const FIT_MODEL& in, const VARIANCE_MODEL& model, int threads, FIT_WORK& work, EVALUATION& ev)
 {
@@ -194,6 +213,9 @@ void solve(const FIT_MODEL& in, const VARIANCE_MODEL& model, int threads, FIT_WO
   std::int64_t rank = 0;
   for (std::int64_t e = 0; e < q.n; ++e) {
     if (q.fixed[static_cast<std::size_t>(e)] && q.factor.reciprocal[static_cast<std::size_t>(q.position_of(e))] != 0.0) ++rank;
+  }
+  for (std::size_t t = 0; t < model.terms.size(); ++t) {
+    if (!model.terms[t].dropped) rank += fixed_among_random(in, model, q, ev, t);
   }
   ev.nu = q.records - rank;
 }

@@ -44,7 +44,10 @@ struct SCORE_PARTS {
       const std::vector<double>& part = components[c]->score_part();
       contracted_.assign(part.size(), 0.0);
       components[c]->contract(sums[c], contracted_.data());
-      const double copies = static_cast<double>(size) / static_cast<double>(components[c]->inverse().n);
+      double copies = static_cast<double>(size) / static_cast<double>(components[c]->inverse().n);
+      for (std::size_t k = 0; k < components.size(); ++k) {
+        if (k != c) copies *= static_cast<double>(components[k]->counted()) / static_cast<double>(components[k]->inverse().n);
+      }
       for (std::size_t i = 0; i < part.size(); ++i) {
         const auto& active = information.active;
         const std::int64_t parameter = first_[c] + static_cast<std::int64_t>(i);

@@ -71,17 +71,20 @@ void L_PATTERN(ERROR_HANDLER& eh, const PEDIGREE& p, const BREEDING_RULES& rules
   }
 }
 
-/// L_TELL_GROUPS: groups without progeny, and pairs of groups with hardly any.
-void L_TELL_GROUPS(ERROR_HANDLER& eh, const BREEDING_RULES& rules, std::int64_t groups,
-                   SPARSE_MTX_LLIST& matrix)
+/// L_TELL_GROUPS: groups without progeny, and pairs of groups with hardly any; gives how many groups are fixed
+/// effects.
+std::int64_t L_TELL_GROUPS(ERROR_HANDLER& eh, const BREEDING_RULES& rules, std::int64_t groups,
+                           SPARSE_MTX_LLIST& matrix)
 {
   const Frame here{eh, __func__};
+  std::int64_t fixed = groups;
   for (std::int64_t g = 1; g <= groups; ++g) {
     if (sparse_element(matrix, g, g) != 0.0) continue;
     if (rules.group_base < 0.0) {
       eh.warning(text("empty Genetic Group ", g));
     } else {
       SPMT_ADD(matrix, g, g, 1.0);
+      --fixed;
       eh.warning(text("empty Genetic Group ", g, " generated a Constraint"));
     }
   }
@@ -95,6 +98,7 @@ void L_TELL_GROUPS(ERROR_HANDLER& eh, const BREEDING_RULES& rules, std::int64_t 
                         " and ", matrix.index[at] + 1));
     }
   }
+  return fixed;
 }
 
 }  // namespace
@@ -163,7 +167,7 @@ std::int64_t K4MAIG(ERROR_HANDLER& eh, const PEDIGREE& pedigree, const BREEDING_
     out.logdet -= std::log(D);
     K4MLLIN(eh, i, to.s, to.d, to.c1, to.c2, 1.0 / D, out.matrix);
   }
-  if (rules.group_base <= 0.0) L_TELL_GROUPS(eh, rules, groups, out.matrix);
+  if (rules.group_base <= 0.0) out.fixed_groups = L_TELL_GROUPS(eh, rules, groups, out.matrix);
   out.inbreeding = std::move(f.F);
   out.variance = std::move(f.D);
   return n;

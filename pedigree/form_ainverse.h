@@ -18,6 +18,7 @@ struct AINVERSE {
   std::vector<double> inbreeding;  // of each row, 0 for a group
   std::vector<double> variance;    // within the family, D of each row
   double logdet = 0.0;             // the sum of -ln D: log|A^-1|
+  std::int64_t fixed_groups = 0;   // genetic groups without a variance of their own
 };
 
 /// K4MLLIN: adds what one individual contributes to the inverse: l l' / D, l holding 1 for itself and minus

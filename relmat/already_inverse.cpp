@@ -100,7 +100,7 @@ void L_LOG_DETERMINANT(ERROR_HANDLER& eh, const MATRIX_KEYS& keys, const MATRIX_
     return;
   }
   PIVOTS pivots;
-  K4MLD7(eh, out.inverse(), out.values.data(), keys.precision, pivots);
+  K4MLD7(eh, out.inverse(), out.values.data(), keys.precision, in.groups, pivots);
   if (eh.terminate()) return;
   out.log_determinant = -pivots.log_determinant;
   out.singular_pivots = pivots.singular;

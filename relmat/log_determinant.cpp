@@ -13,10 +13,11 @@
 namespace tolvan {
 namespace {
 
-/// The rows without any element, and those with a zero diagonal that have some.
+/// The rows without any element, and those that come last: with a zero diagonal but some elements, and groups.
 struct ODD_ROWS {
   std::vector<bool> empty, bound;
   std::int64_t empties = 0, bounds = 0;
+  std::int64_t lagrangian = 0;  // of those that come last: with a zero diagonal
 };
 
 template <class Visit>
@@ -30,8 +31,8 @@ void each_element(const SYMMETRIC& a, Visit&& visit)  // of the lower triangle, 
   }
 }
 
-/// L_FIND_ODD_ROWS: sorts out the rows with a zero diagonal.
-void L_FIND_ODD_ROWS(ERROR_HANDLER& eh, const SYMMETRIC& a, ODD_ROWS& odd)
+/// L_FIND_ODD_ROWS: sorts out the rows with a zero diagonal and the groups.
+void L_FIND_ODD_ROWS(ERROR_HANDLER& eh, const SYMMETRIC& a, std::int64_t groups, ODD_ROWS& odd)
 {
   const Frame here{eh, __func__};
   const auto n = static_cast<std::size_t>(a.n);
@@ -47,6 +48,8 @@ void L_FIND_ODD_ROWS(ERROR_HANDLER& eh, const SYMMETRIC& a, ODD_ROWS& odd)
   });
   for (std::size_t k = 0; k < n; ++k) {
     if (odd.empty[k]) odd.bound[k] = false;
+    odd.lagrangian += odd.bound[k] ? 1 : 0;
+    if (!odd.empty[k] && static_cast<std::int64_t>(k) < groups) odd.bound[k] = true;
     odd.empties += odd.empty[k] ? 1 : 0;
     odd.bounds += odd.bound[k] ? 1 : 0;
   }
@@ -191,8 +194,8 @@ void L_FACTORISE(ERROR_HANDLER& eh, const NUMBERED_ELEMENTS& m, double criterion
   K4MXXAIL(eh, c, control, factor, absorbed);
 }
 
-/// L_BOUND_ROWS: what the bound rows add, from the eigenvalues of S = C_bb - C_ba C_aa^-1 C_ab: on its
-/// diagonal are zeros.
+/// L_BOUND_ROWS: what the rows that come last add, from the eigenvalues of S = C_bb - C_ba C_aa^-1 C_ab: the
+/// diagonal of a Lagrangian row is 0.
 void L_BOUND_ROWS(ERROR_HANDLER& eh, const SYMMETRIC& a, const ODD_ROWS& odd,
                   const std::vector<std::int32_t>& number, const FACTOR& factor, double criterion,
                   PIVOTS& pivots)
@@ -219,6 +222,8 @@ void L_BOUND_ROWS(ERROR_HANDLER& eh, const SYMMETRIC& a, const ODD_ROWS& odd,
                                          std::max(bi, bj) * n)] = x;
     }
   });
+  double largest = 0.0;
+  for (std::int64_t k = 0; k < m; ++k) largest = std::max(largest, std::abs(s[static_cast<std::size_t>(k * m + k)]));
   if (n > 0) {
     std::copy(columns.begin(), columns.end(), solved.begin());
     SMIFWD(factor, solved.data(), m, 1);
@@ -230,7 +235,7 @@ void L_BOUND_ROWS(ERROR_HANDLER& eh, const SYMMETRIC& a, const ODD_ROWS& odd,
   if (!assign(eh, w, m)) return;
   if (dsyevd('N', 'L', m, s.data(), m, w.data(), work, iwork) != 0)
     return eh.error("issue calculating the log determinant");
-  const double largest = std::max(std::abs(w.front()), std::abs(w.back()));
+  largest = std::max({largest, std::abs(w.front()), std::abs(w.back())});
   for (const double each : w) {
     const bool singular = std::abs(each) <= criterion * largest;
     pivots.singular += singular ? 1 : 0;
@@ -266,13 +271,14 @@ void L_ALT_NOT_DENSE_FORM(ERROR_HANDLER& eh, const SYMMETRIC& a, const ODD_ROWS&
 
 }  // namespace
 
-void K4MLD7(ERROR_HANDLER& eh, const SYMMETRIC& a, double* values, std::int64_t precision, PIVOTS& pivots)
+void K4MLD7(ERROR_HANDLER& eh, const SYMMETRIC& a, double* values, std::int64_t precision,
+            std::int64_t groups, PIVOTS& pivots)
 {
   const Frame here{eh, __func__};
   pivots = {};
   const double criterion = singularity_criterion(precision);
   ODD_ROWS odd;
-  L_FIND_ODD_ROWS(eh, a, odd);
+  L_FIND_ODD_ROWS(eh, a, groups, odd);
   if (eh.terminate()) return;
   if (a.shape == Shape::diagonal) {
     for (std::int64_t k = 0; k < a.n; ++k) {
@@ -293,8 +299,8 @@ void K4MLD7(ERROR_HANDLER& eh, const SYMMETRIC& a, double* values, std::int64_t 
   eh.note(text("GIV matrix of order ", a.n, " has LogDet ", trim(edit(pivots.log_determinant, "F20.4"))));
   if (pivots.negative + pivots.singular == 0) return;
   eh.continuation(text(pivots.negative, " negative pivots and ", pivots.singular, " singularities"));
-  // A bound row has a negative pivot of its own by right.
-  if (pivots.negative > odd.bounds)
+  // A Lagrangian row has a negative pivot of its own by right.
+  if (pivots.negative > odd.lagrangian)
     eh.warning("negative pivots may result in a non-positive definite AI matrix and poor convergence");
 }
 

@@ -13,9 +13,11 @@ namespace tolvan {
 /// without any element do not count.
 ///
 /// A dense matrix is factorised in its own upper triangle, which is restored; a sparse one by supernodes in
-/// an order of minimum degree. Rows with a zero diagonal that are bound to others, Lagrangian ones, are
-/// eliminated after all others.
+/// an order of minimum degree. Rows with a zero diagonal that are bound to others, Lagrangian ones, and
+/// genetic groups are eliminated after all others: what the groups leave is singular where they are fixed.
 ///   values  those of a, which sees them
-void K4MLD7(ERROR_HANDLER& eh, const SYMMETRIC& a, double* values, std::int64_t precision, PIVOTS& pivots);
+///   groups  so many of the first rows
+void K4MLD7(ERROR_HANDLER& eh, const SYMMETRIC& a, double* values, std::int64_t precision,
+            std::int64_t groups, PIVOTS& pivots);
 
 }  // namespace tolvan

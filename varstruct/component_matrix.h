@@ -51,6 +51,9 @@ class COMPONENT_MATRIX {
   /// among the other rows (the binding holds exactly), and makes the pivot positive.  rho is of the size of the other elements;
   /// contract() leaves its derivative out, since c'T = 0 for every T of a fit.
   const std::vector<std::pair<std::int64_t, std::int64_t>>& lagrangian() const { return lagrangian_; }
+  /// The levels less the dimensions in which R^-1 is 0: effects without a variance, as those of genetic groups, which are fixed
+  /// though they stand among random ones.  They have no part in log|R| of this component or of any product with it.
+  std::int64_t counted() const { return inverse_.n - absent_; }
   /// The number of negative eigenvalues of R^-1: of unbounded variances below zero, of Lagrangian rows.
   std::int64_t negative() const { return negative_; }
 
@@ -73,6 +76,7 @@ class COMPONENT_MATRIX {
   double log_determinant_ = 0.0;
   std::vector<double> score_part_;
   std::int64_t negative_ = 0;
+  std::int64_t absent_ = 0;
   std::vector<std::pair<std::int64_t, std::int64_t>> lagrangian_;
 };
 

@@ -70,7 +70,8 @@ std::int64_t L_FORM_ROW(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const std
   return structure_failed;
 }
 
-/// L_FORM_ROWS: forms the rows of one product and sums its log-determinant: log|A x B| = size(B) log|A| + size(A) log|B|.
+/// L_FORM_ROWS: forms the rows of one product and sums its log-determinant: log|A x B| = size(B) log|A| + size(A) log|B|, by
+/// the sizes that count.
 std::int64_t L_FORM_ROWS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const std::string& name, std::int64_t iteration,
                          std::vector<STRUCTURE_ROW>& rows, std::int64_t first, std::int64_t count, VARIANCE_MODEL& model,
                          COMPONENTS& components, std::int64_t& size, double& log_determinant)
@@ -85,9 +86,11 @@ std::int64_t L_FORM_ROWS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const st
     size *= components[at]->inverse().n;
   }
   log_determinant = 0.0;
+  std::int64_t counted = 1;
+  for (const auto& component : components) counted *= component->counted();
   for (const auto& component : components) {
-    const std::int64_t n = component->inverse().n;
-    if (n > 0) log_determinant += component->log_determinant() * static_cast<double>(size / n);
+    const std::int64_t n = component->counted();
+    if (n > 0) log_determinant += component->log_determinant() * static_cast<double>(counted / n);
   }
   return 0;
 }

@@ -19,6 +19,7 @@ Formed KNOWN_MATRIX::form(FORM_CONTEXT& context)
   variance_ = row.parameters > 0 ? context.model.parameters[static_cast<std::size_t>(row.first)].value : 1.0;
   if (variance_ == 0.0) return Formed::zero_variance;
   const auto n = static_cast<double>(row.matrix->counted());
+  absent_ = row.matrix->absent;
   inverse_ = row.matrix->inverse();
   inverse_.scale = 1.0 / variance_;
   log_determinant_ = n * std::log(std::fabs(variance_)) + row.matrix->log_determinant;

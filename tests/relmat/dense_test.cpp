@@ -259,8 +259,8 @@ TEST(LogDeterminant, DenseAndSparseAgreeWithTheEigenvalues)
     Shapes shapes(a, n);
     ERROR_HANDLER eh;
     PIVOTS dense, sparse;
-    K4MLD7(eh, shapes.as_dense(n), shapes.dense.data(), 0, dense);
-    K4MLD7(eh, shapes.as_sparse(n), shapes.values.data(), 0, sparse);
+    K4MLD7(eh, shapes.as_dense(n), shapes.dense.data(), 0, 0, dense);
+    K4MLD7(eh, shapes.as_sparse(n), shapes.values.data(), 0, 0, sparse);
     EXPECT_EQ(shapes.dense, a) << "the matrix was not restored";
     EXPECT_NEAR(dense.log_determinant, logdet_by_eigenvalues(a, n), 1e-10 * static_cast<double>(n));
     EXPECT_NEAR(sparse.log_determinant, dense.log_determinant, 1e-10 * static_cast<double>(n));
@@ -270,8 +270,8 @@ TEST(LogDeterminant, DenseAndSparseAgreeWithTheEigenvalues)
       a[static_cast<std::size_t>(k * n)] = a[static_cast<std::size_t>(k)] = 0.0;
     a[static_cast<std::size_t>(n * n - 1)] -= 100.0;
     Shapes odd(a, n);
-    K4MLD7(eh, odd.as_dense(n), odd.dense.data(), 0, dense);
-    K4MLD7(eh, odd.as_sparse(n), odd.values.data(), 0, sparse);
+    K4MLD7(eh, odd.as_dense(n), odd.dense.data(), 0, 0, dense);
+    K4MLD7(eh, odd.as_sparse(n), odd.values.data(), 0, 0, sparse);
     EXPECT_EQ(sparse.negative, 1);
     EXPECT_EQ(sparse.zero_rows, 1);
     EXPECT_NEAR(sparse.log_determinant, dense.log_determinant, 1e-10 * static_cast<double>(n));
@@ -290,11 +290,11 @@ TEST(LogDeterminant, LagrangianRowsComeLast)
   K4MSMISG(eh, n, m, 0, false, pivots, bound);
   const std::int64_t added = std::ssize(bound);
   Shapes shapes(m, n + added);
-  K4MLD7(eh, shapes.as_dense(n + added), shapes.dense.data(), 0, again);
+  K4MLD7(eh, shapes.as_dense(n + added), shapes.dense.data(), 0, 0, again);
   EXPECT_NEAR(again.log_determinant, -pivots.log_determinant, 1e-7);
   EXPECT_EQ(again.singular, 0);
   EXPECT_EQ(shapes.dense, m);
-  K4MLD7(eh, shapes.as_sparse(n + added), shapes.values.data(), 0, again);
+  K4MLD7(eh, shapes.as_sparse(n + added), shapes.values.data(), 0, 0, again);
   EXPECT_NEAR(again.log_determinant, -pivots.log_determinant, 1e-7);
 }
 
