@@ -313,7 +313,7 @@ void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int 
 /// Whether LogL fell so far that the evaluation is repeated nearer to the best parameters; moves them there.
 bool damp_again(std::int64_t iteration, int repeats, double& second, VARIANCE_MODEL& model, FIT_WORK& work, const EVALUATION& ev)
 {
-  if (iteration < 2 || work.best.empty() || repeats >= repeats_of_damping) return false;
+  if (iteration < 2 || work.best.parameters.empty() || repeats >= repeats_of_damping) return false;
   const double p = static_cast<double>(model.parameters.size());
   const bool listed = repeats > 0;
   if (!(listed || work.best_logl < ev.logl + 2.0 * p + 10.0)) return false;
@@ -321,12 +321,20 @@ bool damp_again(std::int64_t iteration, int repeats, double& second, VARIANCE_MO
   work.update.step *= 0.25;
   if (!(work.best_logl > ev.logl + 1.0)) return false;
   for (std::size_t i = 0; i < model.parameters.size(); ++i) {
-    const double saved = work.best[i];
+    const double saved = work.best.parameters[i].value;
     double& value = model.parameters[i].value;
     if (value != saved) value = wide(0.9f) * saved + wide(0.1f) * value;
   }
   second = ev.logl + 11.0;
   return true;
+}
+
+/// Gives every follower its share of its master's value.
+void follow_masters(VARIANCE_MODEL& model)
+{
+  for (VARIANCE_PARAMETER& v : model.parameters) {
+    if (v.master >= 0) v.value = v.coefficient * model.parameters[static_cast<std::size_t>(v.master)].value;
+  }
 }
 
 }  // namespace
@@ -392,13 +400,33 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
   {
     const Timed part{in.timing, "K4MUPD", "K4MITR"};
     fold_followers(model, ev.information);
+    work.latest = {model.parameters, work.update, ev.information};
     K4MUPD(eh, iteration, iteration > 1 ? ev.logl - work.previous_logl : 0.0, ev.information, model, work.aiopt, work.update);
     if (!work.em.rows.empty()) K4MEMM(eh, in, q, ev, model, work.update, work.em);
   }
-  for (VARIANCE_PARAMETER& v : model.parameters) {
-    if (v.master >= 0) v.value = v.coefficient * model.parameters[static_cast<std::size_t>(v.master)].value;
-  }
+  follow_masters(model);
   work.aiopt(Ai::held_out) = ev.information.held_out + 1;
+}
+
+void step_from_best(ERROR_HANDLER& eh, std::int64_t iteration, double gain, VARIANCE_MODEL& model, FIT_WORK& work)
+{
+  const Frame here{eh, __func__};
+  for (std::size_t i = 0; i < model.parameters.size(); ++i) {
+    // What was fixed since stays as it is: its row may have lost it.
+    if (is_free(model.parameters[i].constraint) || !is_free(work.best.parameters[i].constraint) ||
+        model.parameters[i].constraint == Constraint::B) {
+      model.parameters[i] = work.best.parameters[i];
+    }
+  }
+  const int shortening = work.update.shortening;
+  const double step = work.update.step;
+  const double saved_step = work.update.saved_step;
+  work.update = work.best.update;
+  work.update.shortening = shortening;
+  work.update.step = step;
+  work.update.saved_step = saved_step;
+  K4MUPD(eh, iteration, gain, work.best.information, model, work.aiopt, work.update);
+  follow_masters(model);
 }
 
 }  // namespace tolvan

@@ -59,6 +59,13 @@ struct KEPT_ROW {
   std::int64_t step = 0;  // thousandths of a full step that were taken from it
 };
 
+/// Where an update begins: the parameters and what the update keeps, before it, and what the evaluation found there.
+struct UPDATE_START {
+  std::vector<VARIANCE_PARAMETER> parameters;
+  UPDATE_STATE update;
+  INFORMATION information;  // followers folded into their masters
+};
+
 /// What evaluations share with the fit driver.
 struct FIT_WORK {
   AIOPT aiopt;
@@ -68,7 +75,8 @@ struct FIT_WORK {
   std::vector<VARIANCE_PARAMETER> saved;  // the parameters of the last accepted evaluation
   bool has_saved = false;
   std::vector<KEPT_ROW> history;          // the last accepted evaluations; kept when oscillation is watched for
-  std::vector<double> best;               // the parameter values of the accepted evaluation with the best LogL
+  UPDATE_START latest;                    // of the last evaluation
+  UPDATE_START best;                      // of the accepted evaluation with the best LogL
   double best_logl = -1e62;               // over accepted evaluations, without base
   double previous_logl = 0.0;
   double tolerance = 1e-8;                // t0 of the singularity rule, tightened once at most
@@ -104,6 +112,9 @@ void add_random_part(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIX
 /// From the solutions: the residuals, G^-1 u and y'Py = e'R^-1 e + u'G^-1 u.  The absorbed corner y'R^-1 y - b'W'R^-1 y is the same
 /// number, but with large effects it is a small difference of large ones; here an error of the solutions enters squared.
 void follow_solutions(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations, EVALUATION& ev);
+
+/// Takes the step from the best evaluation anew, with the damping that the update state now has: nothing is evaluated.
+void step_from_best(ERROR_HANDLER& eh, std::int64_t iteration, double gain, VARIANCE_MODEL& model, FIT_WORK& work);
 
 /// K4MWVG: the working variables of the active parameters as alpha_i e + W a_i + f_i, e = y - W b being the residuals.
 ///

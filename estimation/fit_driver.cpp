@@ -23,9 +23,9 @@ constexpr double base_unit = 100000.0;     // LogL beyond 120000 is reported rel
 constexpr double base_needed = 120000.0;
 constexpr std::int64_t last_retry_marker = 4;
 constexpr std::int64_t retries = 3;
-constexpr std::int64_t many_iterations = 2;
 constexpr std::int64_t most_modified_notes = 10;
-constexpr double last_fall = 0.002;        // of LogL from the best evaluation to the last, which is still convergence
+constexpr double fall_seen = 1e-5;         // of LogL from the best evaluation: the step was too long
+constexpr double fall_reported = 2e-4;     // more than this, and the best evaluation is reported instead of the last
 
 /// The state of the iteration that only the driver sees.
 struct ITERATION {
@@ -200,16 +200,6 @@ void L_ACCEPT(ERROR_HANDLER& eh, FIT_CALL& call, const EVALUATION& ev, FIT_WORK&
   }
 }
 
-/// After many iterations a LogL below the best one met means that the steps go over a kink: the next parameters are taken
-/// halfway back to the best ones, which closes in on the top of a likelihood that has no derivative there.
-void halve_towards_best(const EVALUATION& ev, VARIANCE_MODEL& model, const FIT_WORK& work)
-{
-  for (std::size_t i = 0; i < work.best.size(); ++i) {
-    VARIANCE_PARAMETER& v = model.parameters[i];
-    if (is_free(v.constraint) || v.master >= 0) v.value = 0.5 * (work.best[i] + ev.evaluated[i]);
-  }
-}
-
 /// Whether something is wanted that only a final pass forms.
 bool final_pass_due(const FIT_WORK& work)
 {
@@ -267,9 +257,11 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
       return;
     }
     L_ACCEPT(eh, call, ev, work, it);
-    const bool fell = it.n >= many_iterations && work.best_logl - ev.logl > last_fall;
+    // A step that lost LogL is not followed by another from where it led: it is taken anew from the best parameters, shorter.
+    const bool fell = work.best_logl - ev.logl > fall_seen;
     damp_steps(fell, work.update);
-    if (fell) halve_towards_best(ev, call.model, work);
+    if (fell) step_from_best(eh, it.n, ev.logl - work.best_logl, call.model, work);
+    if (eh.terminate()) return;
     L_TRACE(eh, call, work, ev, it, fit);
     if (call.files != nullptr) SAVE_PARAMETERS(eh, call.model, parameter_values(call.model), *call.files);
     const bool repeated = it.repeats > 0;
@@ -283,6 +275,10 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
     }
 
     const std::int64_t singular = work.aiopt(Ai::ai_singularities);
+    if (singular > 0 && fit.end == FitEnd::converged) {
+      eh.warning(text(singular, " singularities in AI matrix"));
+      return;  // further iterations were asked for, and there is nothing more to find
+    }
     if (singular > 0 && call.options(Slot::aisingularities) == 0) {
       fit.status = "Singularity in Average Information Matrix";
       fit.end = FitEnd::failed;
@@ -340,14 +336,14 @@ void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& 
   FINISH_TRACE(own, fit, call.tables);
   const bool evaluated = work.has_saved && fit.end != FitEnd::aborted;
   const bool failed = fit.fault > 0 || it.go_back;
-  const bool better_before = !failed && work.best_logl - ev.logl > 0.1 * last_fall;
+  const bool better_before = !failed && work.best_logl - ev.logl > fall_reported;
   const bool unfinished = fit.mode == 0 && final_pass_due(work) && work.aiopt(Ai::final_pass) == 0;
   if (evaluated && (failed || better_before || unfinished)) {
     // The failed or rejected evaluation is nothing to report from: evaluate once more at the last good parameters.  A likelihood
     // with kinks, as ranges of spherical models have, keeps stepping over its top: there the best parameters met are reported.
     for (std::size_t i = 0; i < work.saved.size(); ++i) {
       call.model.parameters[i] = work.saved[i];
-      if (better_before || failed) call.model.parameters[i].value = work.best[i];
+      if (better_before || failed) call.model.parameters[i].value = work.best.parameters[i].value;
     }
     if (better_before) own.note("the parameters of an earlier iteration are reported, its LogL was the best");
     work.aiopt(Ai::final_pass) = 1;

@@ -48,7 +48,7 @@ void KEEPGM_SAVE_AND_ADJUST(ERROR_HANDLER& eh, std::int64_t iteration, bool watc
                             FIT_WORK& work)
 {
   const Frame here{eh, __func__};
-  if (ev.logl > work.best_logl || work.best.empty()) work.best = ev.evaluated;
+  if (ev.logl > work.best_logl || work.best.parameters.empty()) work.best = work.latest;
   work.best_logl = std::max(work.best_logl, ev.logl);
   work.saved = model.parameters;
   for (std::size_t i = 0; i < work.saved.size(); ++i) work.saved[i].value = ev.evaluated[i];

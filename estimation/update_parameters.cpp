@@ -14,8 +14,12 @@ namespace {
 constexpr double loading_growth = 3.0;    // the most that a loading may grow in one step, in loadings and units
 constexpr double loading_fall = 0.9;      // the most that it may shrink by, besides one unit
 constexpr double near_one = 0.99;          // a correlation held beyond this is at its bound
+constexpr double nothing = 1e-20;          // of its unit: a variance that has settled at zero
+constexpr double settled_ratio = 1e3;      // a variance this far above its unit may grow on: the residual's is going to zero
 constexpr double least_damping = 0.01;
 constexpr double most_damping = 1e6;
+constexpr int most_shortening = 40;
+constexpr double furthest_correlation = 0.4;  // that a correlation may want to go in one step
 constexpr std::size_t many = 48;  // parameters from which the work is done by blocks
 
 /// L_PENALTY: the damping number by the change of LogL, and the multiplier of the information's diagonal it gives.
@@ -133,14 +137,16 @@ void solve_step(const INFORMATION& information, const std::vector<std::uint8_t>&
   for (std::size_t i = 0; i < n; ++i) delta[o[i]] = b[i];
 }
 
-/// Whether a loading wants to go further than its information can be trusted: more than a few times its own size up, or far through
-/// zero.  Values and steps in units, where a loading of 1 gives a record as much variance as the residual.
-bool loadings_run_away(const INFORMATION& information, const VARIANCE_MODEL& model, const std::vector<std::uint8_t>& open,
+/// Whether a loading or a correlation wants to go further than its information can be trusted: a loading more than a few times its
+/// own size up, or far through zero.  Values and steps in units, where a loading of 1 gives a record as much variance as the residual.
+bool runs_away(const INFORMATION& information, const VARIANCE_MODEL& model, const std::vector<std::uint8_t>& open,
                        const std::vector<double>& delta)
 {
   for (std::size_t i = 0; i < delta.size(); ++i) {
     const VARIANCE_PARAMETER& v = model.parameters[static_cast<std::size_t>(information.active[i])];
-    if (!open[i] || v.type != ParamType::L) continue;
+    if (!open[i]) continue;
+    if (v.type == ParamType::R && std::fabs(delta[i]) > furthest_correlation) return true;
+    if (v.type != ParamType::L) continue;
     const double x = v.value / information.unit[i];
     const double up = x < 0.0 ? -delta[i] : delta[i];
     if (up > loading_growth * (std::fabs(x) + 1.0) || -up > loading_fall * std::fabs(x) + 1.0) return true;
@@ -148,12 +154,30 @@ bool loadings_run_away(const INFORMATION& information, const VARIANCE_MODEL& mod
   return false;
 }
 
-/// Adds the share `damping` to the diagonal of the information, the profiled residual variance left out.
+/// Adds the share `damping` of its own information to every diagonal element: of what is left when the profiled residual variance
+/// has been taken out, since a step along with that variance would be cut by far more than it is meant to be.
 void add_to_diagonal(double damping, INFORMATION& information)
 {
+  const std::int64_t h = information.held_out;
+  const double own = h >= 0 ? information.at(h, h) : 0.0;
   for (std::int64_t i = 0; i < information.count(); ++i) {
-    if (i != information.held_out) information.at(i, i) *= 1.0 + damping;
+    if (i == h) continue;
+    const double with = own > 0.0 ? information.at(i, h) * information.at(i, h) / own : 0.0;
+    information.at(i, i) += damping * std::max(information.at(i, i) - with, 0.0);
   }
+}
+
+/// What a variance that has settled at zero keeps.  The effects of a plain term are then zero with standard errors of zero; where
+/// other structures or a matrix with undefined directions stand behind it, it stays where it is.
+double settled_value(const VARIANCE_MODEL& model, std::int64_t parameter, double value, double unit)
+{
+  for (const STRUCTURE_ROW& row : model.rows) {
+    if (row.first != parameter || row.parameters != 1) continue;
+    const bool plain = row.model == 0 && row.matrix == nullptr;
+    const bool definite = row.matrix != nullptr && row.matrix->groups == 0 && row.matrix->absent == 0 && row.matrix->lagrangian == 0;
+    if (plain || definite) return nothing * unit;
+  }
+  return value;
 }
 
 }  // namespace
@@ -161,9 +185,9 @@ void add_to_diagonal(double damping, INFORMATION& information)
 void damp_steps(bool fell, UPDATE_STATE& state)
 {
   if (fell) {
-    state.damping = std::min(std::max(10.0 * state.damping, least_damping), most_damping);
+    state.shortening = std::min(state.shortening + 1, most_shortening);
   } else {
-    state.damping = state.damping > least_damping ? 0.1 * state.damping : 0.0;
+    state.shortening = std::max(state.shortening - 1, 0);
   }
 }
 
@@ -213,15 +237,18 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
   for (std::size_t i = 0; i < k; ++i) {
     if (!is_free(parameter(i).constraint)) open[i] = 0;
   }
-  // Far from the optimum, or where factors can be rotated, the information of loadings asks for steps of any size: its diagonal
-  // is raised until they are of the loadings' own (Levenberg 1944; Marquardt 1963).  Unlike cutting single steps this leaves the
-  // step as a whole uphill.
-  double damping = state.damping;
+  // Far from the optimum, where factors can be rotated or correlations make up for each other, the information asks for steps of
+  // any size: its diagonal is raised until they are in reach (Levenberg 1944; Marquardt 1963).  Unlike cutting single steps this
+  // leaves the step as a whole uphill.  After a fall of LogL the step is halved besides.
+  if (state.shortening > 0) {
+    for (double& s : information.score) s *= std::ldexp(1.0, -state.shortening);
+  }
+  double damping = state.shortening > 0 ? least_damping * std::ldexp(1.0, std::min(2 * (state.shortening - 1), 26)) : 0.0;
   for (const INFORMATION plain = information;; damping = std::max(10.0 * damping, least_damping)) {
     information = plain;
     if (damping > 0.0) add_to_diagonal(damping, information);
     solve_step(information, open, taken, delta);
-    if (damping >= most_damping || !loadings_run_away(information, model, open, delta)) break;
+    if (damping >= most_damping || !runs_away(information, model, open, delta)) break;
   }
   const auto hold = [&](std::size_t i) {
     restrained[i] = 1;
@@ -283,7 +310,8 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     if (restrained[i]) ++aiopt(Ai::restrained);
     if (taken_by.boundary) ++aiopt(Ai::boundary);
     if (taken_by.reset_step) state.step = state.saved_step;
-    if (restrained[i] && std::fabs(taken_by.value) > 10.0 * std::fabs(v.value)) state.growth_capped = true;
+    const bool grows = std::fabs(taken_by.value) > 10.0 * std::fabs(v.value) && std::fabs(v.value) < settled_ratio * information.unit[i];
+    if (restrained[i] && grows) state.growth_capped = true;
     largest_loading = std::max(largest_loading, taken_by.loading_change);
     const bool to_zero = v.role == ParamRole::variance && std::fabs(taken_by.value) < std::fabs(v.value);
     const bool to_one = v.type == ParamType::R && std::fabs(taken_by.value) > near_one;
@@ -294,7 +322,10 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     state.last[at] = v.value;
     v.value = taken_by.value;
     state.reference[at] = taken_by.reference_set ? taken_by.reference : v.value;
-    if (taken_by.settled) v.constraint = Constraint::B;
+    if (taken_by.settled) {
+      v.constraint = Constraint::B;
+      v.value = settled_value(model, information.active[i], v.value, information.unit[i]);
+    }
   }
   if (largest_loading > 0.1) ++aiopt(Ai::boundary);
 }

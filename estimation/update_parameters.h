@@ -40,7 +40,7 @@ struct UPDATE_STATE {
   double step = 1.0;               // the step size of the fit
   double saved_step = 1.0;         // what a reset goes back to
   double multiplier = 1.0;         // the last multiplier of the information's diagonal
-  double damping = 0.0;            // share added to the diagonal since steps lowered the LogL, see damp_steps
+  int shortening = 0;              // times that steps are halved since they lowered the LogL, see damp_steps
   std::vector<double> reference;   // a reference value a parameter
   std::vector<double> last;        // the values before the present ones
   std::vector<int> pulled;         // consecutive updates in which the rules pulled a variance towards zero or held a correlation near one
@@ -50,7 +50,7 @@ struct UPDATE_STATE {
   std::string first_singular;      // label of the first parameter without information
 };
 
-/// Makes steps shorter (a fall of LogL) or gives them their length back (a gain) by what is added to the information's diagonal.
+/// Halves the steps once more (a fall of LogL) or once less (a gain).
 void damp_steps(bool fell, UPDATE_STATE& state);
 
 /// K4MAII: the inverse of the information matrix over the parameters that have information, by its own pivot rule.
