@@ -113,7 +113,7 @@ inline constexpr auto option_table = [] {
       integer_option("yvar",            Slot::yvar,             1, harmless),
       integer_option("maximum_number_of_threads", Slot::maximum_number_of_threads, 16, built),
       integer_option("knots",           Slot::knots,           20, harmless),  // splines
-      integer_option("isort",           Slot::isort,            1, unbuilt),
+      integer_option("isort",           Slot::isort,            1, built),
       integer_option("qpoint",          Slot::qpoint,           1, unbuilt),
 
       real_option("arlimit",   RealSlot::arlimit,   0.75, harmless),  // autoregressive structures

@@ -6,6 +6,7 @@
 
 #include "base/text.h"
 #include "estimation/em_updates.h"
+#include "estimation/fault_texts.h"
 #include "estimation/iterative_mme.h"
 #include "estimation/outliers.h"
 #include "estimation/section_variances.h"
@@ -14,6 +15,7 @@ namespace tolvan {
 namespace {
 
 constexpr int repeats_of_damping = 10;
+constexpr std::int64_t out_of_memory_absorbing = 100001;
 constexpr std::int64_t not_positive_definite = 1008;  // fault of a variance matrix that has lost its definiteness
 
 /// The list of parameters that take part, and the one held out of the update.
@@ -116,7 +118,12 @@ void L_ABSORB(ERROR_HANDLER& eh, const FIT_MODEL& in, int threads, FIT_WORK& wor
     const Timed timed{in.timing, "K4MXXAIL", "K4MITR"};
     K4MXXAIL(eh, q.c, control, q.factor, ev.absorbed);
   }
-  if (eh.terminate()) return;
+  if (eh.terminate()) {
+    const bool short_of_memory = !eh.messages().empty() && eh.messages().back().ecode == Ecode::alloc_fail;
+    if (short_of_memory) ev.fault = out_of_memory_absorbing;
+    if (short_of_memory) eh.continuation(std::string(fault_text(ev.fault)));
+    return;
+  }
   if (ev.absorbed.tightened) {
     work.tolerance = ev.absorbed.t0;
     work.default_tolerance = false;
@@ -267,13 +274,14 @@ void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int 
     const Timed timed{in.timing, "K4MXXS", "K4MITR"};
     K4MXXS(eh, ev.formed, q);
   }
-  if (!(q.ri * q.y0 > 1e-10)) {
+  if (q.ri * q.y0 <= 1e-10) {
     eh.EH_ADD_MESSAGE({.text = "There is no Variance: Job may fail.", .etype = Etype::warning, .unique = true});
   }
   {
     const Timed timed{in.timing, "K4MXXG", "K4MITR"};
     K4MXXG(eh, in.terms, model, ev.formed, q, ev.log_det_g);
   }
+  if (std::isnan(q.ri * q.y0)) eh.warning("no idea what this is supposed to be catching, xsmd(1) is NaN");  // sic
   ev.log_det_r = -q.log_weights;
   for (const FORMED_SECTION& section : ev.formed.sections) {
     // Records of weight zero are in the residual's size and not in the data.
@@ -396,7 +404,7 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
     K4MSCG(eh, in, model, q, inverse, ev);
     K4MSCR(eh, in, model, q, inverse, ev);
   }
-  if (eh.terminate()) return;
+  if (eh.terminate() || ev.fault > 0) return;
   {
     const Timed part{in.timing, "K4MUPD", "K4MITR"};
     fold_followers(model, ev.information);

@@ -424,7 +424,7 @@ void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_T
           order = std::move(q.given_order.order);
           eh.note("Equation order retrieved from .veo file.");
         } else {
-          REORDER_MATRIX(eh, pattern, 0, order);
+          REORDER_MATRIX(eh, pattern, options(Slot::isort), order);
         }
         q.given_order = {};
         if (eh.terminate()) return;

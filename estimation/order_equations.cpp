@@ -37,6 +37,13 @@ void REORDER_MATRIX(ERROR_HANDLER& eh, const PATTERN& pattern, std::int64_t isor
   K4MEORB(eh, pattern, order);
 }
 
+void K4MEAB(ERROR_HANDLER& eh)
+{
+  const Frame here{eh, __func__};
+  eh.error("equation ordering aborted", Ecode::alloc_fail);
+  eh.continuation("Failed ordering equations. Increase workspace");
+}
+
 void K4MEORB(ERROR_HANDLER& eh, const PATTERN& pattern, std::vector<std::int32_t>& order)
 {
   const Frame here{eh, __func__};
@@ -45,7 +52,7 @@ void K4MEORB(ERROR_HANDLER& eh, const PATTERN& pattern, std::vector<std::int32_t
 
   QUOTIENT_GRAPH g;
   if (!attempt([&] { build_graph(n, pattern.start, pattern.row, g); })) {
-    eh.error("Failed ordering equations. Increase workspace", Ecode::alloc_fail);
+    K4MEAB(eh);
     return;
   }
   std::vector<std::int32_t> last;

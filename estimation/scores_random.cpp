@@ -33,6 +33,33 @@ void gather_pairs(std::int64_t first, PRODUCT_ROWS& rows, const MIXED_EQUATIONS&
   }
 }
 
+/// L_CHECK_XFA: factor models without specific variances: one of them in a product, first or last of two.  False when it is not so.
+bool L_CHECK_XFA(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const TERM_STRUCTURE& structure, const COMPONENTS& components,
+                 std::int64_t& fault)
+{
+  const Frame here{eh, __func__};
+  constexpr std::int64_t extended_factors = 31;
+  constexpr std::int64_t three_way = 3020;
+  std::int64_t reduced = 0;
+  bool inside = false;
+  for (std::size_t c = 0; c < components.size(); ++c) {
+    const STRUCTURE_ROW& row = model.rows[static_cast<std::size_t>(structure.first_row) + c];
+    if (row.selector != extended_factors || components[c]->lagrangian().empty()) continue;
+    ++reduced;
+    inside = inside || (c > 0 && c + 1 < components.size());
+  }
+  if (reduced == 0 || (reduced == 1 && components.size() <= 2)) return true;
+  fault = three_way;
+  if (reduced > 1) {
+    eh.error("Only one XFA term with zero PSIs is permitted");
+    eh.continuation("failed forming G scores");
+  } else if (inside) {
+    eh.error("XFA term with Zero PSIs must be first or last in direct product");
+    eh.continuation("failed forming G scores");
+  }
+  return false;
+}
+
 }  // namespace
 
 void K4MSCG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, MIXED_EQUATIONS& q, const std::vector<double>& inverse,
@@ -45,6 +72,7 @@ void K4MSCG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
   for (std::size_t t = 0; t < model.terms.size(); ++t) {
     if (model.terms[t].dropped) continue;
     const COMPONENTS& components = ev.formed.terms[t].components;
+    if (!L_CHECK_XFA(eh, model, model.terms[t], components, ev.fault)) return;
     if (!parts.prepare(components, model.rows, model.terms[t].first_row, ev.information)) continue;
     gather_pairs(first_equation(in.terms, model.terms[t]), q.random[t], q, inverse, ev, parts.sums, work);
     // d LogL / d theta = -0.5 (tr(G^-1 Gdot) - sum of T dGi)

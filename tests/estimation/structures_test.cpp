@@ -54,5 +54,37 @@ TEST(Structures, EvaluationsAgreeWithTheDenseDefinitions)
   }
 }
 
+// Reduced factor models: one a product, at an end of it, and not in a product of three.
+TEST(Structures, ReducedFactorModelsHaveTheirPlace)
+{
+  const Part reduced{31, 15, 7, {0.0, 0.0, 0.0, 0.8, 0.5, 0.9}, 1, 0, {}, 3};
+  const Part series{1, 1, 3, {0.5}};
+  const Part plain{0, 0, 2, {}};
+  const struct {
+    std::vector<Part> product;
+    const char* message;  // null: none, the fault tells it
+    std::int64_t fault;
+  } products[] = {
+      {{reduced, series}, nullptr, 0},
+      {{series, reduced}, nullptr, 0},
+      {{reduced, reduced}, "Only one XFA term with zero PSIs is permitted", 3020},
+      {{plain, reduced, series}, "XFA term with Zero PSIs must be first or last in direct product", 3020},
+      {{reduced, plain, series}, nullptr, 3020},
+  };
+  for (const auto& p : products) {
+    Built b = build({"", {p.product}, {{{0, 0, 60, {1.1}}}}}, 7);
+    ERROR_HANDLER eh;
+    FIT_WORK work;
+    EVALUATION ev;
+    const FIT_MODEL in{b.options, b.variables, b.factors, b.terms, b.design, b.timing};
+    K4MITR(eh, in, 1, b.model, work, ev);
+    EXPECT_EQ(ev.fault, p.fault);
+    EXPECT_EQ(eh.terminate(), p.message != nullptr);
+    if (p.message != nullptr) {
+      EXPECT_EQ(eh.messages().at(eh.messages().size() - 2).message, p.message);
+    }
+  }
+}
+
 }  // namespace
 }  // namespace tolvan
