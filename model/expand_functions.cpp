@@ -248,10 +248,10 @@ void API_PROCESS_MODEL_FUNCTIONS(ERROR_HANDLER& eh, const COMMUNICATION& communi
     L_CHECK_TERM_FORM(eh, *term, place.in_interaction || place.in_function);
     if (eh.terminate()) return;
     bool known = !plain_name(*term).empty() || term->find("function") != nullptr;
-    for (std::string_view key : {"interaction", "linked"}) {
+    for (std::string_view key : {"interaction", "linked", "structure"}) {
       JsonNode* inner = term->find(key);
       if (inner == nullptr) continue;
-      known = true;
+      known = known || key != "structure";
       if (!inner->is(JsonType::array) || inner->size() == 0) {
         REPORT_JSON_ERROR(eh, *inner, {"an array of terms"});
         return;

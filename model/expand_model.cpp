@@ -189,7 +189,7 @@ void L_EXPAND_ONE_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communication, J
         }
       }
     } else if (key == "family") {
-      API_EXPAND_FAMILY(eh, communication, *child);
+      if (!child->is(JsonType::null)) API_EXPAND_FAMILY(eh, communication, *child);
     } else if (std::find(std::begin(other_keys), std::end(other_keys), key) == std::end(other_keys)) {
       eh.error(text(json_path(*child), " is not a recognised key"));  // a part that is misspelt would be lost
     }

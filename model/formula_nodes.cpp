@@ -252,7 +252,11 @@ void API_FUNCTION_STRING_TO_JPTR(ERROR_HANDLER& eh, const COMMUNICATION& communi
   std::vector<std::string> pieces = split_protected(arguments, separator);
   if (pieces.size() == 1 && trim(pieces[0]).empty()) pieces.clear();
   if (linked && !pieces.empty()) {
-    API_FORMULA_STRING_TO_JPTR(eh, communication, &parent, pieces[0], "linked", depth + 1);
+    std::string_view form = pieces[0];
+    for (const std::string& piece : pieces)
+      if (trim(piece).starts_with("form=")) form = trim(piece).substr(5);
+    if (trim(form).starts_with("vmodel=")) form = {};
+    API_FORMULA_STRING_TO_JPTR(eh, communication, &parent, form, "linked", depth + 1);
     if (eh.terminate()) return;
   }
 

@@ -76,7 +76,8 @@ void L_CHECK_ENTRIES(ERROR_HANDLER& eh, const JsonNode& request, const VARIABLE_
   const JsonNode* list = given_value(request, key);
   if (list == nullptr) return;
   const std::vector<const JsonNode*> found = entries(list);
-  if (!list->is(JsonType::object) && std::ssize(found) != list->size()) {
+  const bool whole = list->is(JsonType::object) || (list->is(JsonType::array) && std::ssize(found) == list->size());
+  if (!whole) {
     REPORT_JSON_ERROR(eh, *list, {"an object", "an array of objects"});
     return;
   }

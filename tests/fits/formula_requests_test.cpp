@@ -50,12 +50,15 @@ std::string messages_of(const std::string& json)
 }
 
 /// The set-up stages of a run for one part of the model; the response is y where it isn't that part.
-void set_up(Host& host, const std::string& part, const std::string& formula)
+///   stored   the model comes as a document of its own ahead of the run, else with the run
+void set_up(Host& host, const std::string& part, const std::string& formula, bool stored)
 {
   const std::string model = quoted(part) + ":" + quoted(formula) + (part == "response" ? "" : ",\"response\":\"y\"");
   host.info("{\"dataset\":" + dataset("d", 4, {{"a", 2}, {"b", 2}, {"c", 2}, {"d", 2}, {"x", 0}, {"y", 0}}) + "}");
   host.matrix("d", {1, 1, 2, 2, 1, 2, 1, 2, 1, 2, 2, 1, 1, 2, 1, 2, 0.5, 1, 2, 3, 1, 2, 4, 3}, 4, 6);
-  host.process("{\"model\":{" + model + "},\"options\":{\"process_stage\":\"preprocess\"}}");
+  const std::string request = "\"model\":{" + model + "}", stop = "\"options\":{\"process_stage\":\"preprocess\"}";
+  if (stored) host.info("{" + request + "}");
+  host.process("{" + (stored ? stop : request + "," + stop) + "}");
 }
 
 /// The standard form that a canonical sum of plain names and interactions must have: dropped terms and repeats gone.
@@ -112,9 +115,11 @@ TEST(FormulaRequests, CanonicalFormsAndMessagesOfTheTable)
     if (row[0] != "+") continue;
     const std::string& canonical = row[2];
     if (canonical.starts_with("! ")) {
-      Host host;
-      set_up(host, "random", row[1]);
-      EXPECT_EQ(messages_of(host.errors()), canonical) << row[1];
+      for (const bool stored : {false, true}) {
+        Host host;
+        set_up(host, "random", row[1], stored);
+        EXPECT_EQ(messages_of(host.errors()), canonical) << row[1];
+      }
       ++refusals;
       continue;
     }
@@ -122,9 +127,11 @@ TEST(FormulaRequests, CanonicalFormsAndMessagesOfTheTable)
                        std::count(canonical.begin(), canonical.end(), '\'') % 2 == 0 && canonical.find("''") == std::string::npos &&
                        std::count(canonical.begin(), canonical.end(), '"') % 2 == 0 && canonical.find("\"\"") == std::string::npos;
     if (!plain || standard_form(canonical) == "[]") continue;
-    Host host;
-    set_up(host, "random", row[1]);
-    EXPECT_EQ(host.json("INPUT_JSON:MODEL:RANDOM:TERMS"), standard_form(canonical)) << row[1];
+    for (const bool stored : {false, true}) {
+      Host host;
+      set_up(host, "random", row[1], stored);
+      EXPECT_EQ(host.json("INPUT_JSON:MODEL:RANDOM:TERMS"), standard_form(canonical)) << row[1];
+    }
     ++forms;
   }
   EXPECT_GE(forms, 120);
@@ -141,10 +148,12 @@ TEST(FormulaRequests, StandardFormsOfTheTable)
     if (line.empty() || line.starts_with("#")) continue;
     const std::vector<std::string> row = columns_of(line);
     ASSERT_EQ(row.size(), 3U) << line;
-    Host host;
-    set_up(host, row[0], row[1]);
-    const std::string found = row[2].starts_with("! ") ? messages_of(host.errors()) : host.json("INPUT_JSON:MODEL:" + row[0] + ":TERMS");
-    EXPECT_EQ(found, row[2]) << row[0] << " " << row[1];
+    for (const bool stored : {false, true}) {
+      Host host;
+      set_up(host, row[0], row[1], stored);
+      const std::string found = row[2].starts_with("! ") ? messages_of(host.errors()) : host.json("INPUT_JSON:MODEL:" + row[0] + ":TERMS");
+      EXPECT_EQ(found, row[2]) << row[0] << " " << row[1];
+    }
     ++cases;
   }
   EXPECT_GE(cases, 200);

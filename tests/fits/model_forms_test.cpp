@@ -129,7 +129,7 @@ TEST(ModelForms, DefinedNamesAreRead)
   fit(knots, records, R"j({"spline":[{"variable":"x","points":[-1,0,0.5,2]}],"model":{"response":"rest","fixed":"x","random":"spl(x)"}})j");
   ASSERT_LE(knots.status, 0) << knots.errors();
   EXPECT_EQ(knots.reals("TABLE_SLN:EFFECT").size(), 4U) << "mu, x and the two inner knots";
-  for (const char* bad : {R"j("contrast":{"name":"c","variable":"zz","values":[1]})j", R"j("contrast":[7])j", R"j("contrast":{"name":"c","variable":"x"})j",
+  for (const char* bad : {R"j("contrast":{"name":"c","variable":"zz","values":[1]})j", R"j("contrast":[7])j", R"j("spline":7)j", R"j("contrast":{"name":"c","variable":"x"})j",
                           R"j("contrast":{"variable":"x","values":[1]})j", R"j("spline":{"variable":"x","points":[1,2]})j", R"j("spline":{"points":[1,2,3]})j"}) {
     Host refused;
     fit(refused, records, std::string("{") + bad + R"j(,"model":{"response":"y"}})j");

@@ -14,7 +14,7 @@ class Call:
         self.name, self.arguments, self.named = name, arguments, named
 
 
-TOKEN = re.compile(r"\s*(?:([^\W\d]\w*|\d+(?:\.\d+)?(?:e-?\d+)?|\.\d+)|('[^']*'|\"[^\"]*\")|(.))")
+TOKEN = re.compile(r"\s*(?:([^\W\d][\w.]*|\d+(?:\.\d+)?(?:e-?\d+)?|\.\d+)|('[^']*'|\"[^\"]*\")|(.))")
 
 
 def tokens(text):

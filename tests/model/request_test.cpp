@@ -144,6 +144,13 @@ TEST(Request, PartsOfTheModel)
        "invalid ldet argument supplied, was expecting a numeric value | in the function call vm(a,G,ldet=b)"},
       {R"j("random":{"terms":[{"interaction":["a",{"term_name":"b","drop":true}]}]})j", "random",
        "model.random.terms[1].interaction[2] is part of a term, it can not be dropped by itself"},
+      {R"j("random":"str(vmodel=id(9),form=a)")j", "random",
+       R"j({"terms":[{"linked":["a"],"function":{"name":"str","arguments":[{"name":"form","value":"a"},{"name":"vmodel","value":"id(9)"}],"already_processed":true},)j"
+       R"j("structure":[{"function":{"name":"id","arguments":[{"name":"variable_name","value":9}],"already_processed":true}}]}]})j"},
+      {R"j("random":{"terms":[{"linked":["a"],"structure":[{"function":{"name":"id","arguments":[9]}}]}]})j", "random",
+       R"j({"terms":[{"linked":["a"],"structure":[{"function":{"name":"id","arguments":[{"name":"variable_name","value":9}],"already_processed":true}}]}]})j"},
+      {R"j("random":{"terms":[{"linked":["a"],"structure":7}]})j", "random",
+       "invalid value supplied for model.random.terms[1].structure, was expecting one of: an array of terms, supplied value = 7"},
       {R"j("random":"AR1(x)")j", "random",
        "AR1 is not a recognised model function | model functions are all lower case! | in the function call AR1(x)"},
       {R"j("residual":"dsum(a-b|site)")j", "residual", "invalid argument to dsum"},
