@@ -53,6 +53,7 @@ std::vector<std::unique_ptr<JsonNode>> L_EXPAND_DSUM(ERROR_HANDLER& eh, const CO
     const JsonNode& term = *terms->children()[k];
     if (has_flag(term, "drop") || term.find("linked") != nullptr || is_dsum(term)) {
       eh.error("invalid argument to dsum");
+      eh.continuation(text("in the function call ", GET_FACNAME_FROM_JPTR(eh, communication, call)));
       return out;
     }
     auto section = std::make_unique<JsonNode>(JsonType::object);

@@ -13,6 +13,7 @@ namespace tolvan {
 namespace {
 
 constexpr std::int64_t deepest_vector = 8;
+constexpr std::size_t longest_formula_shown = 200;
 
 bool is_model_part(std::string_view part)
 {
@@ -151,6 +152,29 @@ void L_ADD_ARGUMENT_VALUE(ERROR_HANDLER& eh, const COMMUNICATION& communication,
   if (!good) eh.error(text("invalid argument to ", function));
 }
 
+/// L_ADD_TERMS: appends the nodes of the terms of a formula to a list.
+void L_ADD_TERMS(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& list, std::string_view formula,
+                 std::string_view part, std::int64_t depth)
+{
+  const Frame here{eh, __func__};
+  const std::string canonical = STANDARDISE_FORMULA_STRING(eh, communication, formula);
+  if (eh.terminate()) return;
+  const SYMBOLS symbols(communication);
+  for (const std::string& whole : split_protected(canonical, symbols.add)) {
+    std::string term(trim(whole));
+    if (term.empty()) continue;
+    if (is_numeric(term)) {
+      if (part != "fixed" || (term != "1" && term != "-1")) {
+        eh.error("unexpected numeric value in model definition");
+        return;
+      }
+      term = text(term == "1" ? "" : communication.DROP_TERM_SYMBOL, communication.VARIABLE_NAME_MU);
+    }
+    API_ADD_INTERACTION_OR_TERM_TO_JSON(eh, communication, list, term, {}, depth);
+    if (eh.terminate()) return;
+  }
+}
+
 }  // namespace
 
 JsonNode* API_FORMULA_STRING_TO_JPTR(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode* parent,
@@ -161,27 +185,15 @@ JsonNode* API_FORMULA_STRING_TO_JPTR(ERROR_HANDLER& eh, const COMMUNICATION& com
     eh.internal("expected JPTR to be associated");
     return nullptr;
   }
-  const std::string canonical = STANDARDISE_FORMULA_STRING(eh, communication, formula);
-  if (eh.terminate()) return nullptr;
-  const SYMBOLS symbols(communication);
   const std::string key(is_model_part(part) ? "terms" : part);
   JsonNode* list = parent->find(key);
   if (list == nullptr || !list->is(JsonType::array)) list = &parent->add(key, JsonType::array);
-
-  for (const std::string& whole : split_protected(canonical, symbols.add)) {
-    std::string term(trim(whole));
-    if (term.empty()) continue;
-    if (is_numeric(term)) {
-      if (part != "fixed" || (term != "1" && term != "-1")) {
-        eh.error("unexpected numeric value in model definition");
-        return nullptr;
-      }
-      term = text(term == "1" ? "" : communication.DROP_TERM_SYMBOL, communication.VARIABLE_NAME_MU);
-    }
-    API_ADD_INTERACTION_OR_TERM_TO_JSON(eh, communication, *list, term, {}, depth);
-    if (eh.terminate()) return nullptr;
-  }
-  return list;
+  L_ADD_TERMS(eh, communication, *list, formula, part, depth);
+  if (!eh.terminate()) return list;
+  // The formula as a whole tells where it was; a fault of brackets has told its term.
+  if (depth == 0 && !eh.EH_LAST_MESSAGE().starts_with("Error: "))
+    eh.continuation(text("in the formula ", cut(formula, longest_formula_shown), formula.size() > longest_formula_shown ? "..." : ""));
+  return nullptr;
 }
 
 void API_ADD_INTERACTION_OR_TERM_TO_JSON(ERROR_HANDLER& eh, const COMMUNICATION& communication,
