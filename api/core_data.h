@@ -13,11 +13,13 @@
 #include "data/data_store.h"
 #include "data/dataset.h"
 #include "data/design_matrix.h"
+#include "data/file_covariates.h"
 #include "data/read_data.h"
 #include "data/variable_table.h"
 #include "estimation/fit_state.h"
 #include "model/factor_table.h"
 #include "model/term_table.h"
+#include "relmat/genomic_matrix.h"
 #include "reports/report_files.h"
 #include "reports/timing.h"
 #include "varstruct/parameter_files.h"
@@ -48,6 +50,8 @@ struct CORE_DATA {
   MODEL_INFO model_info;
   DESIGN_MTX design;
   AINV_MTXS matrices;  // known matrices: structures point into them
+  GENOMIC_MODELS genomic;       // markers that are looked at again after the fit
+  COVARIATE_TABLES covariates;  // read ahead of the design
   RESIDUAL_MODEL residual;
   VARIANCE_MODEL variances;
   FIT_STATE fit;

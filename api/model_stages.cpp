@@ -7,6 +7,7 @@
 #include "estimation/fit_driver.h"
 #include "model/request.h"
 #include "reports/check_tables.h"
+#include "reports/genomic_report.h"
 #include "relmat/match_levels.h"
 #include "relmat/reduce_inverse.h"
 #include "reports/result_tables.h"
@@ -62,6 +63,7 @@ void parse_model(ERROR_HANDLER& eh, CORE_DATA& core)
     core.parameter_files.response += text(core.parameter_files.response.empty() ? "" : " ", core.factors.row(row).shown());
   }
   if (!eh.terminate()) NAME_PEDIGREE_FACTORS(eh, core.matrices, core.factors, core.variables);
+  if (!eh.terminate()) NAME_MARKER_FACTORS(eh, core.matrices, core.factors, core.variables);
 }
 
 void model_options(ERROR_HANDLER& eh, CORE_DATA& core)
@@ -119,7 +121,8 @@ void print_data_summary(ERROR_HANDLER& eh, CORE_DATA& core)
 
 void check_conformity(ERROR_HANDLER& eh, CORE_DATA& core)
 {
-  FORM_DESIGN_BASES(eh, core.options, core.request, core.datasets, core.variables, core.data, core.factors);
+  FORM_DESIGN_BASES(eh, core.options, core.request, core.datasets, core.covariates, core.variables, core.data,
+                    core.factors);
   if (eh.terminate()) return;
   CHECK_AND_CONFORMITY(eh, core.variables, core.data.records(), core.factors, core.terms);
 }
@@ -241,6 +244,10 @@ void fit(ERROR_HANDLER& eh, CORE_DATA& core)
                 .tables = core.tables,
                 .files = &core.parameter_files};
   AIWORK(eh, call, core.fit);
+  if (!eh.terminate() && core.fit.usable)
+    GBLUPEFFECTS(eh, core.genomic, core.matrices, core.factors, core.terms, core.fit, core.tables);
+  if (!eh.terminate() && core.fit.usable)
+    GBLUPREPORT(eh, core.genomic, core.matrices, core.factors, core.terms, core.fit, core.tables);
 }
 
 /// Cross-validation is asked for by an option, which is refused with the other options.

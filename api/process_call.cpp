@@ -6,6 +6,7 @@
 #include "base/lapack.h"
 #include "base/text.h"
 #include "model/request.h"
+#include "relmat/genomic_tables.h"
 #include "reports/clean_up.h"
 #include "reports/result_tables.h"
 
@@ -122,6 +123,8 @@ void TLV_PROCESS(ERROR_HANDLER& eh, TLV_OBJECT& object, std::string_view json)
   if (eh.terminate()) return;
   OTST_CLEAR(eh, object.tables);
   if (eh.terminate()) return;
+  if (!models_present && object.request->find("marker_file") != nullptr)
+    return FORM_GENOMIC_TABLES(eh, *object.request, object.tables);
 
   const std::unique_ptr<JsonNode> single = L_CHOOSE_MODEL(eh, *object.request);
   if (eh.terminate()) return;

@@ -126,9 +126,7 @@ void level_tables(ERROR_HANDLER& eh, CORE_DATA& core)
 
 void relationship_files(ERROR_HANDLER& eh, CORE_DATA& core)
 {
-  HANDLE_GIV_GRM_MARKER_FILES(eh, core.request, core.datasets, core.matrices);
-  if (eh.terminate()) return;
-  refuse_key(eh, core.request, "marker_file");
+  HANDLE_GIV_GRM_MARKER_FILES(eh, core.request, core.datasets, core.matrices, core.genomic);
 }
 
 void term_support(ERROR_HANDLER& eh, CORE_DATA& core)
@@ -137,7 +135,9 @@ void term_support(ERROR_HANDLER& eh, CORE_DATA& core)
   if (eh.terminate()) return;
   HANDLE_CONTRAST_SUBGROUP_GROUP(eh, core.request, core.variables);
   if (eh.terminate()) return;
-  for (const char* key : {"mbf", "fam", "gindex", "pval"}) refuse_key(eh, core.request, key);
+  READ_MARKER_COVARIATES(eh, core.request, core.covariates);
+  if (eh.terminate()) return;
+  for (const char* key : {"fam", "gindex", "pval"}) refuse_key(eh, core.request, key);
 }
 
 /// L_MACRO_NOTE: tells the value of one macro variable.

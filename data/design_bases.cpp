@@ -220,8 +220,8 @@ void L_FINISH(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_T
 }  // namespace
 
 void FORM_DESIGN_BASES(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const JsonNode& request,
-                       const USER_DATASET_STORE& datasets, const VARIABLE_TABLE& variables, const DATA_STORE& store,
-                       FACTOR_TABLE& factors)
+                       const USER_DATASET_STORE& datasets, const COVARIATE_TABLES& tables, const VARIABLE_TABLE& variables,
+                       const DATA_STORE& store, FACTOR_TABLE& factors)
 {
   const Frame here{eh, __func__};
   for (;;) {
@@ -260,7 +260,7 @@ void FORM_DESIGN_BASES(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const Json
       if (eh.terminate()) return;
       FACTOR_ROW& factor = factors.row(gather.row);
       if (factor.design_kind() == DesignKind::mbf) {
-        READ_FILE_COVARIATES(eh, request, datasets, variables, factors, gather.row, *gather.basis);
+        READ_FILE_COVARIATES(eh, request, datasets, tables, variables, factors, gather.row, *gather.basis);
         if (eh.terminate()) return;
       }
       factor.basis = std::move(gather.basis);

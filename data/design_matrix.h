@@ -11,6 +11,7 @@
 #include "api/fit_options.h"
 #include "data/data_store.h"
 #include "data/dataset.h"
+#include "data/file_covariates.h"
 #include "data/variable_table.h"
 #include "model/factor_table.h"
 #include "model/term_table.h"
@@ -59,9 +60,10 @@ void DMT_RESIZE_TO(ERROR_HANDLER& eh, DESIGN_MTX& design);
 /// FORM_DESIGN_BASES: finds what the design functions of the factor table need of the data as a whole: distinct values,
 /// ranges, knots, counts, rows of files.  One pass over the records, one more for each nesting of such functions.
 /// All records count, those without a response too.
+///   tables   of covariates that were read ahead
 void FORM_DESIGN_BASES(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const JsonNode& request,
-                       const USER_DATASET_STORE& datasets, const VARIABLE_TABLE& variables, const DATA_STORE& store,
-                       FACTOR_TABLE& factors);
+                       const USER_DATASET_STORE& datasets, const COVARIATE_TABLES& tables, const VARIABLE_TABLE& variables,
+                       const DATA_STORE& store, FACTOR_TABLE& factors);
 
 /// L_SORT_BY_TRAIT: puts all rows of a trait behind those of the traits before it, in the order in which they were.
 ///   mv   the first equation of mv, which number rows in their order; -1 without it

@@ -286,10 +286,40 @@ void L_TAKE_DATASET(ERROR_HANDLER& eh, const JsonNode& request, const USER_DATAS
   }
 }
 
+/// L_TAKE_READ_AHEAD: takes the table from one that was read ahead.
+void L_TAKE_READ_AHEAD(ERROR_HANDLER& eh, const COVARIATE_TABLE& from, MBF_TABLE& table)
+{
+  const Frame here{eh, __func__};
+  table.basis.columns = table.columns > 0 ? table.columns : from.columns;
+  if (table.basis.columns > from.columns) {
+    eh.error(text("the file ", from.file, " has ", from.columns, " columns, ", table.columns, " covariates were expected"));
+    return;
+  }
+  table.basis.names.assign(from.names.begin(), from.names.begin() + table.basis.columns);
+  for (std::size_t i = 0; i < from.keys.size(); ++i) {
+    double key = 0.0;
+    if (table.factor == nullptr && !read_real(from.keys[i], key)) {
+      eh.error(text(from.keys[i], ", a key in ", from.file, ", is no number"));
+      return;
+    }
+    double* row = row_of_key(eh, table, from.keys[i], key, false);
+    if (eh.terminate()) return;
+    if (row != nullptr)
+      std::copy_n(from.values.begin() + static_cast<std::ptrdiff_t>(i) * from.columns, table.basis.columns, row);
+  }
+}
+
 }  // namespace
 
+const COVARIATE_TABLE* find_table(const COVARIATE_TABLES& tables, const std::string& file)
+{
+  const auto found = std::find_if(tables.begin(), tables.end(), [&](const COVARIATE_TABLE& t) { return t.file == file; });
+  return found == tables.end() ? nullptr : &*found;
+}
+
 void READ_FILE_COVARIATES(ERROR_HANDLER& eh, const JsonNode& request, const USER_DATASET_STORE& datasets,
-                          const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, std::int64_t row, DESIGN_BASIS& basis)
+                          const COVARIATE_TABLES& tables, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
+                          std::int64_t row, DESIGN_BASIS& basis)
 {
   const Frame here{eh, __func__};
   const FACTOR_ROW& source = factors.row(factors.row(row).source);
@@ -302,6 +332,8 @@ void READ_FILE_COVARIATES(ERROR_HANDLER& eh, const JsonNode& request, const USER
   if (!eh.terminate()) {
     if (!table.dataset.empty()) {
       L_TAKE_DATASET(eh, request, datasets, table);
+    } else if (const COVARIATE_TABLE* ahead = find_table(tables, table.file); ahead != nullptr) {
+      L_TAKE_READ_AHEAD(eh, *ahead, table);
     } else {
       GETMBF(eh, table);
     }

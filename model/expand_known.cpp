@@ -180,6 +180,21 @@ bool names_a_pedigree(const JsonNode& root, const std::string& source)
   return std::any_of(list->children().begin(), list->children().end(), [&](const auto& entry) { return is_it(*entry); });
 }
 
+/// The entry of marker_file of a name, null if there is none.
+JsonNode* marker_entry(JsonNode& root, const std::string& source)
+{
+  JsonNode* list = root.find("marker_file");
+  if (list == nullptr) return nullptr;
+  const auto is_it = [&](const JsonNode& entry) {
+    const JsonNode* name = entry.find("name");
+    return name != nullptr && name->is_text(source);
+  };
+  if (!list->is(JsonType::array)) return is_it(*list) ? list : nullptr;
+  const auto found =
+      std::find_if(list->children().begin(), list->children().end(), [&](const auto& entry) { return is_it(*entry); });
+  return found == list->children().end() ? nullptr : found->get();
+}
+
 /// L_ADD_MATRIX_ENTRY: what the arguments of vm() and ric() tell of their matrix goes to its entry.
 void L_ADD_MATRIX_ENTRY(ERROR_HANDLER& eh, JsonNode& root, const JsonNode& function, const std::string& matrix)
 {
@@ -195,7 +210,8 @@ void L_ADD_MATRIX_ENTRY(ERROR_HANDLER& eh, JsonNode& root, const JsonNode& funct
     eh.not_implemented(text("the matrix ", matrix, " of a pedigree with dominance is not implemented"));
     return;
   }
-  JsonNode* entry = L_FIND_MATRIX_ENTRY(eh, root, matrix);
+  JsonNode* entry = marker_entry(root, matrix);
+  if (entry == nullptr) entry = L_FIND_MATRIX_ENTRY(eh, root, matrix);
   if (eh.terminate()) return;
   set_key(*entry, "giv", text(matrix, ".vm"));
   if (equal_nocase(kind, "ND")) set_key(*entry, "nsd", true);

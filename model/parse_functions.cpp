@@ -9,6 +9,7 @@
 #include "model/function_catalogue.h"
 #include "model/parse_terms.h"
 #include "model/request.h"
+#include "model/named_definitions.h"
 #include "model/request_nodes.h"
 
 namespace tolvan {
@@ -131,7 +132,12 @@ void L_CHECK_MATRIX_FACTOR(ERROR_HANDLER& eh, const MODEL_PARSER& parser, const 
   const Frame here{eh, __func__};
   if (component.matrix.empty()) {
     eh.error(text("Unrecognised argument in ", component.name));
-  } else if (!parser.factors.row(component.row).is_factor) {
+  } else if (parser.factors.row(component.row).is_factor) {
+    return;
+  } else if (find_definition(parser.request, "marker_file", component.matrix) != nullptr) {
+    eh.error(text("declare factor \"", parser.factors.row(component.row).name,
+                  "\" !A with an appropriate size and Tolvan will impute class names from the .grr file"));
+  } else {
     eh.error(text(component.name, " may only be used on a pedigree factor"));
     eh.continuation(text(parser.factors.row(component.row).name, " is a variate"));
   }

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "api/api_options.h"
+#include "api/fill_table.h"
 #include "api/fit_options_values.h"
 #include "base/files.h"
 #include "base/text.h"
@@ -15,24 +16,6 @@ namespace {
 bool prints(std::int64_t debug, DebugPrint bit)
 {
   return (debug & static_cast<std::int64_t>(bit)) != 0;
-}
-
-/// The store of a column that has room for as many values as it is given, in place of the values themselves.
-template <class T>
-void take(OUTPUT_TABLE& table, std::vector<std::vector<T>>& store, std::size_t column, std::vector<T>& values)
-{
-  store.resize(std::max(store.size(), column + 1));
-  table.nrows = table.alloc_nrows = static_cast<std::int64_t>(values.size());
-  table.allocated = true;
-  store[column] = std::move(values);
-}
-
-OUTPUT_TABLE& register_table(ERROR_HANDLER& eh, OUTPUT_TABLE_STORE& tables, std::string_view name,
-                             std::initializer_list<NewColumn> columns, TableType type = TableType::table)
-{
-  OUTPUT_TABLE& table = tables.table(OTST_REGISTER_TABLE(eh, tables, name, type));
-  for (const NewColumn& each : columns) OTT_ADD_COLUMN(eh, table, each);
-  return table;
 }
 
 }  // namespace

@@ -90,6 +90,29 @@ void NAME_PEDIGREE_FACTORS(ERROR_HANDLER& eh, const AINV_MTXS& store, const FACT
   }
 }
 
+void NAME_MARKER_FACTORS(ERROR_HANDLER& eh, const AINV_MTXS& store, const FACTOR_TABLE& factors,
+                         VARIABLE_TABLE& variables)
+{
+  const Frame here{eh, __func__};
+  for (const FACTOR_ROW& factor : factors.rows) {
+    const AINV_MTX* matrix =
+        factor.matrix.empty() || factor.variable == 0 ? nullptr : store.find(factor.matrix);
+    if (matrix == nullptr || !matrix->markers || !variables.row(factor.variable).is_factor()) continue;
+    const std::string& name = variables.row(factor.variable).name;
+    const std::int64_t owner = level_owners(variables)[static_cast<std::size_t>(factor.variable - 1)];
+    VARIABLE& variable = variables.row(owner);
+    if (matrix->labels.empty() || (variable.type == FieldType::integer_factor_1_to_n && !variable.labels_fixed)) continue;
+    if (variable.recode_labels == matrix->labels) continue;
+    if (!variable.recode_labels.empty()) {
+      eh.error(text(name, " is already flagged as needing recoding, and the levels are not the same"));
+      return;
+    }
+    if (!attempt([&] { variable.recode_labels = matrix->labels; })) return eh.out_of_memory();
+    variable.recode_because = factor.shown();
+    eh.note(text("class names for factor \"", name, "\" are initialized from the .grr file"));
+  }
+}
+
 void MATCH_MATRIX_LEVELS(ERROR_HANDLER& eh, const AINV_MTXS& store, const VARIABLE_TABLE& variables,
                          FACTOR_TABLE& factors)
 {

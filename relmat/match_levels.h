@@ -1,5 +1,5 @@
 // Factors and the known matrices between their levels.  Routines: TAKE_PEDIGREE_LEVELS,
-// NAME_PEDIGREE_FACTORS, MATCH_MATRIX_LEVELS, L_TAKE_LEVELS.
+// NAME_PEDIGREE_FACTORS, NAME_MARKER_FACTORS, MATCH_MATRIX_LEVELS, L_TAKE_LEVELS.
 #pragma once
 
 #include "api/error_handler.h"
@@ -24,6 +24,11 @@ void TAKE_PEDIGREE_LEVELS(ERROR_HANDLER& eh, const std::vector<std::string>& lab
 /// ahead of the data.
 void NAME_PEDIGREE_FACTORS(ERROR_HANDLER& eh, const AINV_MTXS& store, const FACTOR_TABLE& factors,
                            VARIABLE_TABLE& variables);
+
+/// NAME_MARKER_FACTORS: has the factors that a term connects with a matrix of markers follow the labels of its
+/// genotypes.  Factors of plain numbers 1 to n stay: these are rows of the matrix.
+void NAME_MARKER_FACTORS(ERROR_HANDLER& eh, const AINV_MTXS& store, const FACTOR_TABLE& factors,
+                         VARIABLE_TABLE& variables);
 
 /// MATCH_MATRIX_LEVELS: gives every factor that names a known matrix as many levels as the matrix has rows,
 /// with those that a singular one adds.

@@ -11,6 +11,7 @@
 #include "base/memory.h"
 #include "base/packed.h"
 #include "base/text.h"
+#include "relmat/entry_values.h"
 #include "relmat/matrix_input.h"
 #include "relmat/structure_matrices.h"
 
@@ -202,13 +203,10 @@ void READ_MATRIX_FROM_RGRM_UNITNO(ERROR_HANDLER& eh, const std::string& path, st
   mirror(eh, out);
 }
 
-void L_SAVEMAT(ERROR_HANDLER& eh, const AINV_MTX& matrix)
+void L_SAVEMAT(ERROR_HANDLER& eh, const AINV_MTX& matrix, std::string_view extension)
 {
   const Frame here{eh, __func__};
-  const std::string& source = matrix.origin;
-  const std::size_t dot = source.find_last_of("./");
-  const std::string root = dot == std::string::npos || source[dot] == '/' ? source : source.substr(0, dot);
-  const std::string path = root + ".dgiv";
+  const std::string path = text(without_extension(matrix.origin), extension);
   const std::int64_t n = matrix.order;
   constexpr std::int64_t longest_record = 2147483647 / 8;
   FileWriter file;
@@ -240,7 +238,7 @@ void L_SAVEMAT(ERROR_HANDLER& eh, const AINV_MTX& matrix)
     eh.continuation(file.error());
     return;
   }
-  eh.note(text("G Inverse written to ", path));
+  eh.note(text(extension == ".dgiv" ? "G Inverse written to " : "G written to ", path));
 }
 
 }  // namespace tolvan

@@ -1,4 +1,4 @@
-// Where a matrix comes from: HANDLE_GIV_GRM_MARKER_FILES, GETGIV.
+// Where a matrix comes from: HANDLE_GIV_GRM_MARKER_FILES, GETGIV, READ_MARKER_COVARIATES.
 #include <algorithm>
 #include <array>
 
@@ -7,6 +7,8 @@
 #include "base/text.h"
 #include "data/request_values.h"
 #include "model/request.h"
+#include "relmat/entry_values.h"
+#include "relmat/marker_columns.h"
 #include "relmat/matrix_keys.h"
 
 namespace tolvan {
@@ -22,39 +24,6 @@ constexpr std::array kinds = {
     MATRIX_KIND{"sgrm", false, Coding_of_file::single_precision},
     MATRIX_KIND{"dgrm", false, Coding_of_file::double_precision},
 };
-constexpr std::array marker_extensions = {"mkr", "mat", "grr"};
-
-/// The extension of a file name in lower case, empty for none.
-std::string extension_of(std::string_view path)
-{
-  const std::size_t at = path.find_last_of("./");
-  return at == std::string_view::npos || path[at] == '/' ? std::string() : lower(path.substr(at + 1));
-}
-
-/// A switch that may be a logical, a number or a text: on for anything but false, 0, "" and their spellings.
-bool is_on(const JsonNode& entry, std::string_view key)
-{
-  const JsonNode* node = given_value(entry, key);
-  if (node == nullptr) return false;
-  if (node->is(JsonType::string)) {
-    const std::string word = lower(trim(node->text()));
-    return !word.empty() && word != "false" && word != "0";
-  }
-  return node->is(JsonType::logical) ? node->logical() : node->is_number() && node->number() != 0.0;
-}
-
-/// L_COUNT_UNDER: the integer of a key, at least 0 unless negative values are allowed; 0 without the key.
-std::int64_t L_COUNT_UNDER(ERROR_HANDLER& eh, const JsonNode& entry, std::string_view key,
-                           bool negative = false)
-{
-  const Frame here{eh, __func__};
-  const JsonNode* node = given_value(entry, key);
-  if (node == nullptr) return 0;
-  if (node->is(JsonType::logical)) return node->logical() ? 1 : 0;
-  if (node->is(JsonType::integer) && (negative || node->integer() >= 0)) return node->integer();
-  REPORT_JSON_ERROR(eh, *node, {negative ? "an integer" : "an integer of at least 0"});
-  return 0;
-}
 
 /// L_READ_MATRIX_KEYS: reads an entry of grm_file.
 void L_READ_MATRIX_KEYS(ERROR_HANDLER& eh, const JsonNode& entry, MATRIX_KEYS& keys)
@@ -113,9 +82,7 @@ const MATRIX_KIND* L_FIND_FILE(ERROR_HANDLER& eh, const std::string& name, std::
   const auto* found = std::find_if(kinds.begin(), kinds.end(),
                                    [&](const MATRIX_KIND& each) { return each.extension == extension; });
   if (found != kinds.end()) return found;
-  if (std::find(marker_extensions.begin(), marker_extensions.end(), extension) != marker_extensions.end()) {
-    eh.not_implemented(text("marker files are not implemented: ", name));
-  } else if (extension == "rgrm") {
+  if (extension == "rgrm") {
     eh.error(text("was not expecting a .rgrm extension on ", name));
   } else {
     eh.error(text("unexpected extension on file ", name,
@@ -167,6 +134,93 @@ void L_READ_FROM_DATASET(ERROR_HANDLER& eh, const MATRIX_KEYS& keys, const JsonN
   }
 }
 
+/// The entries of a list that may also be one of them.
+std::vector<const JsonNode*> entries_of(const JsonNode& list)
+{
+  std::vector<const JsonNode*> entries;
+  if (!list.is(JsonType::array)) {
+    entries.push_back(&list);
+  } else if (!list.packed()) {
+    for (const auto& entry : list.children()) entries.push_back(entry.get());
+  }
+  return entries;
+}
+
+/// The entry of marker_file of a name, null if there is none.
+const JsonNode* marker_entry(const JsonNode& request, std::string_view name)
+{
+  const JsonNode* list = given_value(request, "marker_file");
+  if (list == nullptr) return nullptr;
+  for (const JsonNode* entry : entries_of(*list)) {
+    const JsonNode* own = given_value(*entry, "name");
+    if (own != nullptr && own->is_text(name)) return entry;
+  }
+  return nullptr;
+}
+
+/// Whether an entry is one of markers: by its list, or by its file, which wins.
+bool is_of_markers(const JsonNode& entry)
+{
+  const JsonNode* type = given_value(entry, "type");
+  const JsonNode* name = given_value(entry, "name");
+  const JsonNode* file = given_value(entry, "file");
+  if (type != nullptr && type->is_text("ft_data")) return false;
+  if (file != nullptr && file->is(JsonType::string)) name = file;
+  const std::string path = name != nullptr && name->is(JsonType::string) ? name->text() : std::string();
+  if (is_marker_file(path)) return true;
+  // Without an extension the list tells: the name of the entry or of the array around it.
+  const JsonNode* list = entry.parent() != nullptr && entry.name.empty() ? entry.parent() : &entry;
+  return list->name == "marker_file" && (extension_of(path).empty() || path.empty());
+}
+
+/// Whether markers are asked for as covariates and by no term as a matrix.
+bool only_covariates(const JsonNode& request, const JsonNode& entry)
+{
+  const JsonNode* list = given_value(request, "mbf");
+  const JsonNode* name = given_value(entry, "name");
+  if (list == nullptr || name == nullptr || !name->is(JsonType::string) || given_value(entry, "giv") != nullptr) return false;
+  if (!is_of_markers(entry)) return false;
+  const std::vector<const JsonNode*> definitions = entries_of(*list);
+  return std::any_of(definitions.begin(), definitions.end(), [&](const JsonNode* definition) {
+    const JsonNode* file = given_value(*definition, "file");
+    return file != nullptr && file->is_text(name->text());
+  });
+}
+
+/// L_GET_MARKER_MATRIX: forms the relationship matrix of markers and inverts it.
+void L_GET_MARKER_MATRIX(ERROR_HANDLER& eh, const JsonNode& entry, const JsonNode& request, AINV_MTXS& store,
+                         GENOMIC_MODELS& genomic)
+{
+  const Frame here{eh, __func__};
+  GENOMIC_MODEL model;
+  MATRIX_INPUT in;
+  GET_GENOMIC_MATRIX(eh, entry, request, model, in);
+  if (eh.terminate()) return;
+  AINV_MTX* out = AMTXS_EMPTY_POS(eh, store, model.keys.name);
+  if (out == nullptr) return;
+  GBLUPGIV(eh, model, in, *out);
+  if (eh.terminate() || !(model.keys.effects || model.keys.pev)) return;
+  if (!attempt([&] { genomic.models.push_back(std::move(model)); })) eh.out_of_memory();
+}
+
+/// L_READ_COVARIATES: takes markers as they are, missing ones replaced.
+void L_READ_COVARIATES(ERROR_HANDLER& eh, const MARKER_KEYS& keys, COVARIATE_TABLE& table)
+{
+  const Frame here{eh, __func__};
+  MARKER_DATA data;
+  GETMARKERS(eh, keys, data);
+  if (eh.terminate()) return;
+  L_FILL_COVARIATES(eh, data, table.values);
+  if (eh.terminate()) return;
+  table.columns = data.regressors;
+  const bool room = attempt([&] {
+    for (std::int64_t k = 1; k <= data.genotypes && data.labels.empty(); ++k) table.keys.push_back(text(k));
+    if (!data.labels.empty()) table.keys = std::move(data.labels);
+    for (std::int64_t j = 0; j < data.regressors; ++j) table.names.push_back(data.name(j));
+  });
+  if (!room) eh.out_of_memory();
+}
+
 }  // namespace
 
 void make_dense(ERROR_HANDLER& eh, MATRIX_INPUT& matrix)
@@ -197,9 +251,10 @@ void make_dense(ERROR_HANDLER& eh, MATRIX_INPUT& matrix)
 }
 
 void GETGIV(ERROR_HANDLER& eh, const JsonNode& entry, const JsonNode& request,
-            const USER_DATASET_STORE& datasets, AINV_MTXS& store)
+            const USER_DATASET_STORE& datasets, AINV_MTXS& store, GENOMIC_MODELS& genomic)
 {
   const Frame here{eh, __func__};
+  if (is_of_markers(entry)) return L_GET_MARKER_MATRIX(eh, entry, request, store, genomic);
   MATRIX_KEYS keys;
   L_READ_MATRIX_KEYS(eh, entry, keys);
   if (eh.terminate()) return;
@@ -235,23 +290,51 @@ void GETGIV(ERROR_HANDLER& eh, const JsonNode& entry, const JsonNode& request,
 }
 
 void HANDLE_GIV_GRM_MARKER_FILES(ERROR_HANDLER& eh, const JsonNode& request,
-                                 const USER_DATASET_STORE& datasets, AINV_MTXS& store)
+                                 const USER_DATASET_STORE& datasets, AINV_MTXS& store, GENOMIC_MODELS& genomic)
 {
   const Frame here{eh, __func__};
-  const JsonNode* list = given_value(request, "grm_file");
-  if (list == nullptr) return;
-  const auto one = [&](const JsonNode& entry) {
-    if (entry.is(JsonType::object)) {
-      GETGIV(eh, entry, request, datasets, store);
-    } else {
-      REPORT_JSON_ERROR(eh, entry, {"an object that describes a matrix"});
+  for (const char* key : {"grm_file", "marker_file"}) {
+    const JsonNode* list = given_value(request, key);
+    if (list == nullptr) continue;
+    if (list->is(JsonType::array) && list->packed() && list->size() > 0) {
+      REPORT_JSON_ERROR(eh, *list, {"an array of objects"});
+      return;
     }
-  };
-  if (!list->is(JsonType::array)) return one(*list);
-  if (list->packed() && list->size() > 0) return REPORT_JSON_ERROR(eh, *list, {"an array of objects"});
-  for (const auto& entry : list->children()) {
-    one(*entry);
+    for (const JsonNode* entry : entries_of(*list)) {
+      if (!entry->is(JsonType::object)) {
+        REPORT_JSON_ERROR(eh, *entry, {"an object that describes a matrix"});
+      } else if (!only_covariates(request, *entry)) {
+        GETGIV(eh, *entry, request, datasets, store, genomic);
+      }
+      if (eh.terminate()) return;
+    }
+  }
+}
+
+void READ_MARKER_COVARIATES(ERROR_HANDLER& eh, const JsonNode& request, COVARIATE_TABLES& tables)
+{
+  const Frame here{eh, __func__};
+  const JsonNode* list = given_value(request, "mbf");
+  if (list == nullptr) return;
+  for (const JsonNode* definition : entries_of(*list)) {
+    const JsonNode* file = given_value(*definition, "file");
+    if (file == nullptr || !file->is(JsonType::string)) continue;
+    const JsonNode* entry = marker_entry(request, file->text());
+    if (entry == nullptr && !is_marker_file(file->text())) continue;
+    if (find_table(tables, file->text()) != nullptr) continue;
+    MARKER_KEYS keys;
+    if (entry != nullptr) {
+      L_READ_MARKER_KEYS(eh, *entry, keys);
+    } else {
+      keys.name = file->text();
+      keys.markers = L_COUNT_UNDER(eh, *definition, "columns");
+      keys.lines_to_skip = L_COUNT_UNDER(eh, *definition, "skip");
+    }
     if (eh.terminate()) return;
+    COVARIATE_TABLE table{.file = file->text()};
+    L_READ_COVARIATES(eh, keys, table);
+    if (eh.terminate()) return eh.continuation("issue processing the mbf information");
+    tables.push_back(std::move(table));
   }
 }
 

@@ -62,8 +62,9 @@ void L_COPY_SPARSE_FROM_UDSTORE(ERROR_HANDLER& eh, const DATASET_VIEW& data, MAT
 /// variables unless they count.
 void L_COPY_DENSE_FROM_UDSTORE(ERROR_HANDLER& eh, const DATASET_VIEW& data, MATRIX_INPUT& out);
 
-/// L_SAVEMAT: writes an inverse to a file of the kind dgiv, beside the source of the matrix.
-void L_SAVEMAT(ERROR_HANDLER& eh, const AINV_MTX& matrix);
+/// L_SAVEMAT: writes a matrix in double numbers to a file beside its source.
+///   extension   of the file: a matrix under any other than that of an inverse is no inverse
+void L_SAVEMAT(ERROR_HANDLER& eh, const AINV_MTX& matrix, std::string_view extension = ".dgiv");
 
 /// Checks an element of a lower triangle that was read as three numbers; number counts the elements, for the
 /// message.

@@ -1,5 +1,5 @@
 // What an entry of grm_file asks for, and the kinds of matrix files.  Routines: HANDLE_GIV_GRM_MARKER_FILES,
-// GETGIV.
+// GETGIV, READ_MARKER_COVARIATES.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +10,8 @@
 #include "api/error_handler.h"
 #include "base/json.h"
 #include "data/dataset.h"
+#include "data/file_covariates.h"
+#include "relmat/genomic_matrix.h"
 #include "relmat/matrix_input.h"
 #include "relmat/structure_matrices.h"
 
@@ -41,13 +43,18 @@ struct MATRIX_KIND {
 };
 
 /// HANDLE_GIV_GRM_MARKER_FILES: reads the matrices of a request into the store.
-///   request    its grm_file: an entry or an array of them
+///   request    its grm_file and marker_file: an entry or an array of them.  Markers that are covariates, by mbf, and
+///              that no term takes as a matrix are left alone
+///   genomic    what is to be known of the markers after the fit
 void HANDLE_GIV_GRM_MARKER_FILES(ERROR_HANDLER& eh, const JsonNode& request,
-                                 const USER_DATASET_STORE& datasets, AINV_MTXS& store);
+                                 const USER_DATASET_STORE& datasets, AINV_MTXS& store, GENOMIC_MODELS& genomic);
 
-/// GETGIV: reads one matrix, as an inverse or to be inverted.
+/// GETGIV: reads one matrix, as an inverse or to be inverted; of markers it is formed.
 void GETGIV(ERROR_HANDLER& eh, const JsonNode& entry, const JsonNode& request,
-            const USER_DATASET_STORE& datasets, AINV_MTXS& store);
+            const USER_DATASET_STORE& datasets, AINV_MTXS& store, GENOMIC_MODELS& genomic);
+
+/// READ_MARKER_COVARIATES: reads the files of mbf definitions that are files of markers.
+void READ_MARKER_COVARIATES(ERROR_HANDLER& eh, const JsonNode& request, COVARIATE_TABLES& tables);
 
 /// L_GETGIV_ALREADY_INVERSE: completes a matrix that is an inverse: its zero rows, its shape, its log
 /// determinant.

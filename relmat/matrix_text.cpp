@@ -9,40 +9,19 @@
 #include "base/memory.h"
 #include "base/packed.h"
 #include "base/text.h"
+#include "relmat/file_lines.h"
 #include "relmat/list_directed.h"
 #include "relmat/matrix_input.h"
+
 
 namespace tolvan {
 namespace {
 
-constexpr std::size_t shown_of_a_line = 60;
-constexpr std::size_t longest_line = std::size_t{1} << 28;  // a line a row of a square matrix of high order
 constexpr std::size_t chunk_length = std::size_t{1} << 20;
-
-/// The lines of a file, counted for messages.
-struct MATRIX_LINES {
-  FileReader file;
-  const std::string& path;
-  std::string_view line;
-
-  /// The next line; false at the end, and after a fault, which is told.
-  bool next(ERROR_HANDLER& eh)
-  {
-    if (file.next_line(line)) return true;
-    if (!file.error().empty()) unreadable(eh, file.line_number() + 1, file.error());
-    return false;
-  }
-  void unreadable(ERROR_HANDLER& eh, std::int64_t number, std::string_view why) const
-  {
-    eh.error(text("unable to read from ", path, ", attempting to read line ", number), Ecode::io_error);
-    if (!why.empty()) eh.continuation(std::string(why));
-  }
-  void unreadable(ERROR_HANDLER& eh, std::string_view why) const { unreadable(eh, file.line_number(), why); }
-};
 
 /// L_DIRECTIVE: obeys a line that says the log determinant or the number of groups; anything else is passed
 /// over.
-void L_DIRECTIVE(ERROR_HANDLER& eh, const MATRIX_LINES& lines, MATRIX_INPUT& out)
+void L_DIRECTIVE(ERROR_HANDLER& eh, const FILE_LINES& lines, MATRIX_INPUT& out)
 {
   const Frame here{eh, __func__};
   const std::string_view line = trim(lines.line);
@@ -83,7 +62,7 @@ bool begins_sparse(std::string_view line)
 }
 
 /// L_READ_ELEMENTS: reads an element a line.
-void L_READ_ELEMENTS(ERROR_HANDLER& eh, MATRIX_LINES& lines, MATRIX_INPUT& out)
+void L_READ_ELEMENTS(ERROR_HANDLER& eh, FILE_LINES& lines, MATRIX_INPUT& out)
 {
   const Frame here{eh, __func__};
   out.form = MatrixForm::sparse;
@@ -149,7 +128,7 @@ struct NUMBERS_OF_LINES {
 };
 
 /// L_READ_NUMBERS: reads numbers up to the end of the file.
-void L_READ_NUMBERS(ERROR_HANDLER& eh, MATRIX_LINES& lines, NUMBERS_OF_LINES& numbers)
+void L_READ_NUMBERS(ERROR_HANDLER& eh, FILE_LINES& lines, NUMBERS_OF_LINES& numbers)
 {
   const Frame here{eh, __func__};
   const bool room = attempt([&] {
@@ -174,7 +153,7 @@ void L_READ_NUMBERS(ERROR_HANDLER& eh, MATRIX_LINES& lines, NUMBERS_OF_LINES& nu
 }
 
 /// L_SHAPE: makes the matrix that the numbers spell.
-void L_SHAPE(ERROR_HANDLER& eh, const MATRIX_LINES& lines, NUMBERS_OF_LINES& numbers, MATRIX_INPUT& out)
+void L_SHAPE(ERROR_HANDLER& eh, const FILE_LINES& lines, NUMBERS_OF_LINES& numbers, MATRIX_INPUT& out)
 {
   const Frame here{eh, __func__};
   const bool regular = numbers.all_as_the_first && numbers.lines > 1;
@@ -257,7 +236,7 @@ void L_READ_TEXT_MATRIX(ERROR_HANDLER& eh, const std::string& path, std::string_
                         MATRIX_INPUT& out)
 {
   const Frame here{eh, __func__};
-  MATRIX_LINES lines{.file = {}, .path = path, .line = {}};
+  FILE_LINES lines{.file = {}, .path = path, .line = {}};
   lines.file.limit_lines(longest_line);
   if (!lines.file.open(path)) {
     eh.error(text("unable to open file ", path), Ecode::io_error);

@@ -29,6 +29,7 @@ struct AINV_MTX {
   std::string pedigree_of;          // the pedigree that it was made from; empty: it came from outside
   bool pedigree = false;            // that is its relationship matrix (NRM), else a matrix from outside (GRM)
   bool reduce = false;              // to the rows of individuals with data, once they are read
+  bool markers = false;             // made from markers
   std::vector<std::string> labels;  // of the rows but for the added ones; empty: row numbers are the levels
   std::vector<double> inbreeding;   // of a pedigree's rows, else empty
   Shape shape = Shape::sparse;      // sparse, dense or diagonal

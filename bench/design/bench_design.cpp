@@ -60,7 +60,7 @@ int measure(const USER_DATASET_STORE& datasets, const std::string& json, int rou
   for (int k = 0; k < rounds; ++k) {
     factors = before;
     const double start = cpu_seconds();
-    FORM_DESIGN_BASES(eh, options, *request, datasets, variables, store, factors);
+    FORM_DESIGN_BASES(eh, options, *request, datasets, {}, variables, store, factors);
     if (eh.terminate()) return complain(eh);
     const double found = cpu_seconds();
     SET_TERM_EQUATIONS(eh, variables, store.records(), 0, factors, terms);

@@ -94,8 +94,6 @@ TEST(Stages, RefuseWhatIsNotBuiltByName)
     const char* told;
   };
   const Row rows[] = {
-      {R"("marker_file":{"name":"m.txt"})", "the key marker_file is not implemented"},
-      {R"("mbf":{"name":"s"})", "the key mbf is not implemented"},
       {R"("fam":{"name":"s"})", "the key fam is not implemented"},
       {R"("gindex":{"name":"s"})", "the key gindex is not implemented"},
       {R"("pval":{"name":"s"})", "the key pval is not implemented"},

@@ -45,7 +45,7 @@ bool DataRoad::form(std::string_view json)
   if (!read(json)) return false;
   COMPLETE_LINEAR_MODEL(eh, communication, *request, variables, factors, terms, info);
   if (eh.terminate()) return false;
-  FORM_DESIGN_BASES(eh, options, *request, datasets, variables, store, factors);
+  FORM_DESIGN_BASES(eh, options, *request, datasets, {}, variables, store, factors);
   if (eh.terminate()) return false;
   CHECK_AND_CONFORMITY(eh, variables, store.records(), factors, terms);
   if (eh.terminate()) return false;

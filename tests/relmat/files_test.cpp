@@ -25,6 +25,7 @@ struct Reading {
   ERROR_HANDLER eh;
   AINV_MTXS store;
   USER_DATASET_STORE datasets;
+  GENOMIC_MODELS genomic;
   std::string messages;
 
   const AINV_MTX* read(const std::string& entry, const std::string& more = "{}")
@@ -36,7 +37,7 @@ struct Reading {
     EXPECT_NE(list, nullptr) << entry;
     list->name = "grm_file";
     request->add(std::move(list));
-    HANDLE_GIV_GRM_MARKER_FILES(eh, *request, datasets, store);
+    HANDLE_GIV_GRM_MARKER_FILES(eh, *request, datasets, store, genomic);
     EXPECT_TRUE(eh.stack().entries.empty());
     messages = messages_text(eh);
     return eh.terminate() || store.matrices.empty() ? nullptr : &store.matrices.back();
@@ -274,7 +275,7 @@ TEST(MatrixFiles, NamesAndKinds)
        "!4/3 unexpected extension on file x.txt was expecting one of: giv, bgiv, sgiv, dgiv, grm, bgrm, "
        "sgrm, dgrm, mkr, mat or grr\n"},
       {R"({"name":"x.rgrm"})", "!4/3 was not expecting a .rgrm extension on x.rgrm\n"},
-      {R"({"name":"x.mkr"})", "!4/4 marker files are not implemented: x.mkr\n"},
+      {R"({"name":"x.mkr"})", "!4/2 failed to open GRR file x.mkr\n9999/2 No such file or directory\n"},
       {R"({"name":"/no/where/x"})",
        "!4/2 unable to open file /no/where/x\n9999/2 or find a matching giv or grm file\n"},
       {R"({"name":"/no/where/x.dgiv"})", "!4/2 unable to open file /no/where/x.dgiv\n"},

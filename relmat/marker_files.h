@@ -1,0 +1,63 @@
+// Tables of markers, regressors by genotype, and the files that they come from.
+// Routines: GETMARKERS, L_READ_MARKER_TEXT, L_SELECT_GENOTYPES.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "api/error_handler.h"
+#include "relmat/marker_keys.h"
+#include "relmat/plink_files.h"
+
+namespace tolvan {
+
+/// A table of markers in one of three forms: codes of 2 bits in memory, the same in their file, or numbers.
+///
+/// Codes stand by columns, 4 genotypes a byte, the first in the lowest bits; every column begins with a byte of
+/// its own.  They are those of .bed files: 0 two copies of the allele, 1 missing, 2 one copy, 3 none.
+struct MARKER_DATA {
+  std::string origin;               // file, for messages
+  std::int64_t genotypes = 0;       // in use
+  std::int64_t regressors = 0;      // in use
+  std::vector<std::string> labels;  // of the genotypes in use; empty: they are numbered
+  std::vector<std::string> names;   // of the regressors in use; empty: they are numbered
+  bool coded = false;               // counts of an allele: 0, 1, 2 or, where they are estimated, between
+
+  std::vector<std::uint8_t> codes;
+  BED_FILE bed;
+  std::int64_t first_column = 0;    // of that file, in use; all columns in memory are
+  std::vector<double> values;       // genotype i, regressor j (from 0) at i row_step + j column_step; NaN: missing
+  std::int64_t row_step = 0, column_step = 0;
+  std::int64_t source_genotypes = 0;
+  std::vector<std::int64_t> rows;   // of the source, in use, in their order; empty: all
+
+  bool in_numbers() const { return !values.empty(); }
+  std::int64_t column_bytes() const { return (source_genotypes + 3) / 4; }
+  std::string name(std::int64_t j) const
+  {
+    return names.empty() ? std::to_string(j + 1) : names[static_cast<std::size_t>(j)];
+  }
+};
+
+inline constexpr std::uint8_t two_copies = 0, missing_code = 1, one_copy = 2, no_copy = 3;
+
+/// GETMARKERS: reads a file of markers of any kind: grr, mkr, mat, or bed with its bim and fam.
+///
+/// The columns of a .bed file stay there; they are read as they are needed.
+void GETMARKERS(ERROR_HANDLER& eh, const MARKER_KEYS& keys, MARKER_DATA& out);
+
+/// L_READ_MARKER_TEXT: reads a text file, as a rule a line a genotype: its label, then the regressors, between
+/// blanks or commas.
+///
+/// Nothing, NA, na, * and a point are missing.  A table of 0, 1 and 2, in which -1 and 9 are missing too, is
+/// one of counts, unless its codes are -1, 0 and 1; so is any file of the kind mkr, whose values outside 0 to 2
+/// are missing.
+void L_READ_MARKER_TEXT(ERROR_HANDLER& eh, const MARKER_KEYS& keys, const std::string& path, MARKER_DATA& out);
+
+/// L_SELECT_GENOTYPES: restricts a table to the genotypes that the keys name, in their order.
+///   lines   of the genotypes in their file, for messages; the same label twice is an error
+void L_SELECT_GENOTYPES(ERROR_HANDLER& eh, const MARKER_KEYS& keys, const std::string& path,
+                        const std::vector<std::int64_t>& lines, MARKER_DATA& out);
+
+}  // namespace tolvan
