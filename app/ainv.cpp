@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
-#include <memory>
 #include <numeric>
 
 #include "app/csv_file.h"
 #include "app/engine.h"
 #include "app/fit.h"
 #include "app/json_value.h"
+#include "app/out_file.h"
 #include "app/report.h"
 #include "app/terminal.h"
 #include "app/text_table.h"
@@ -152,17 +152,6 @@ void print_inverse(Engine& engine, int groups)
       stdout);
 }
 
-struct CloseFile {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, CloseFile>;
-
-bool close(File& file)
-{
-  const bool sound = file != nullptr && std::ferror(file.get()) == 0;
-  return std::fclose(file.release()) == 0 && sound;
-}
-
 /// Writes the lower triangle by rows, and beside it the identities of the rows with their inbreeding.
 Problem write_inverse(Engine& engine, const std::string& path)
 {
@@ -173,10 +162,9 @@ Problem write_inverse(Engine& engine, const std::string& path)
   const std::vector<std::string> uid = engine.strings("TABLE_AINV_UID", "UID");
   const std::vector<double> F = engine.reals("TABLE_AINV_INBREEDING:VALUES");
   const std::string identities = path + ".ids";
-  File out(std::fopen(path.c_str(), "wbe"));
-  File ids(std::fopen(identities.c_str(), "wbe"));
-  if (out == nullptr || ids == nullptr)
-    return {Exit::out_of_resources, "unable to write " + (out == nullptr ? path : identities)};
+  OutFile out(path);
+  OutFile ids(identities);
+  if (!out || !ids) return {Exit::out_of_resources, "unable to write " + (out ? identities : path)};
   const auto put = [&](std::size_t at) {
     char text[64];
     char* end = std::to_chars(text, text + 12, row[at]).ptr;
@@ -185,16 +173,18 @@ Problem write_inverse(Engine& engine, const std::string& path)
     *end++ = ' ';
     end = std::to_chars(end, end + 32, value[at]).ptr;
     *end++ = '\n';
-    std::fwrite(text, 1, static_cast<std::size_t>(end - text), out.get());
+    out.put({text, static_cast<std::size_t>(end - text)});
   };
   for (std::size_t k = 0; k < uid.size(); ++k) {
     for (std::int32_t at = next[k]; at > 0; at = next[static_cast<std::size_t>(at - 1)])
       put(static_cast<std::size_t>(at - 1));
     put(k);
-    std::fprintf(ids.get(), "%zu %s %.9g\n", k + 1, uid[k].c_str(), F[k]);
+    char inbreeding[32];
+    std::snprintf(inbreeding, sizeof inbreeding, " %.9g\n", F[k]);
+    ids.put(std::to_string(k + 1) + " " + uid[k] + inbreeding);
   }
-  const bool written = close(out);
-  if (close(ids) && written) return {};
+  const bool written = out.close();
+  if (ids.close() && written) return {};
   return {Exit::out_of_resources, "unable to write " + path};
 }
 

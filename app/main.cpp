@@ -4,11 +4,13 @@
 #include <exception>
 #include <new>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "app/ainv.h"
 #include "app/check.h"
 #include "app/fit.h"
+#include "app/grm.h"
 #include "app/json_value.h"
 
 namespace {
@@ -141,6 +143,36 @@ int run(int argc, char** argv)
   ainv_command->add_flag("--json", p.json, "Print all tables as one JSON document");
   ainv_command->add_flag("-q", quiet, "No notes")->option_text(" ");
   ainv_command->footer(exit_codes);
+  GrmArguments g;
+  CLI::App* const grm_command =
+      app.add_subcommand("grm", "Form the relationship matrix of markers and print what it is like");
+  grm_command
+      ->add_option("markers", g.markers,
+                   "A file of markers: .grr, .mkr or .mat, lines of a genotype's label and its regressors,\n"
+                   "or .bed with .bim and .fam beside it")
+      ->required()
+      ->option_text(" ");
+  const std::tuple<const char*, int*, const char*> integers[] = {
+      {"--markers", &g.count, "The number of markers, where no header tells it"},
+      {"--skip", &g.skip, "Lines ahead of header and data"},
+      {"--cskip", &g.column_skip, "Columns between the label and the markers"},
+      {"--method", &g.method, "1 columns centred (default), 2 scaled by their variances, too, 3 dominance"},
+      {"--smode", &g.scale_mode, "0 scaled by the method (default), 1 by the markers' count, 2 columns of variance 1"}};
+  for (const auto& [option, target, help] : integers)
+    grm_command->add_option(option, *target, help)->option_text("N")->check(CLI::NonNegativeNumber);
+  grm_command->add_flag("--header", g.header, "The first line holds names, as it always does in .grr");
+  grm_command->add_flag("--no-label", g.no_label, "Lines have no label");
+  grm_command->add_option("--gidname", g.label_column, "The column of the labels, by its header")->option_text("NAME");
+  grm_command->add_option("--snpname", g.marker_column, "The column of the markers' names: lines are markers, not genotypes")
+      ->option_text("NAME");
+  grm_command->add_option("--centre", g.centre, "Centre the columns here, not at their means")->option_text("X");
+  grm_command->add_option("--divisor", g.divisor, "Divide by this, not by what the method has")->option_text("X");
+  grm_command->add_option("--diagonal", g.diagonal, "Add this to the diagonal")->option_text("X");
+  grm_command->add_option("--range", g.range, "Use these markers, counted from 1")->option_text("FROM:TO");
+  grm_command->add_option("-o", g.output, "Write the lower triangle, a line a row; labels to FILE.ids")->type_name("FILE");
+  grm_command->add_flag("--json", g.json, "Print all tables as one JSON document");
+  grm_command->add_flag("-q", quiet, "No notes")->option_text(" ");
+  grm_command->footer(exit_codes);
   CLI::App* const version_command = app.add_subcommand("version", "Print the version");
 
   try {
@@ -154,6 +186,10 @@ int run(int argc, char** argv)
   if (*ainv_command) {
     p.talk = a.talk;
     return ainv(p);
+  }
+  if (*grm_command) {
+    g.talk = a.talk;
+    return grm(g);
   }
   if (*version_command) return print_version();
   std::fputs(app.help().c_str(), stderr);

@@ -36,6 +36,20 @@ Problem set_options(const FitArguments& arguments, Json& request)
   return {};
 }
 
+/// Files of markers are named as seen from the request, too.  The name of an entry stays: model terms use it.
+void find_markers(const FitArguments& arguments, Json& request)
+{
+  Json* list = request.find("marker_file");
+  if (list == nullptr) return;
+  const auto find = [&](Json& entry) {
+    const Json* file = entry.string_at("file");
+    if (file == nullptr) file = entry.string_at("name");
+    if (entry.is(JsonKind::object) && file != nullptr) entry.set("file", json_string(beside(arguments.request, file->text)));
+  };
+  if (list->is(JsonKind::object)) find(*list);
+  if (list->is(JsonKind::array)) std::for_each(list->items.begin(), list->items.end(), find);
+}
+
 /// The part of name=file.csv before its sign.
 std::string dataset_name(const std::string& item) { return item.substr(0, item.find('=')); }
 
@@ -105,6 +119,7 @@ Problem prepare_request(const FitArguments& arguments, Request& out)
         file->set("name", json_string(beside(arguments.request, name->text)));
       }
     }
+    find_markers(arguments, *request);
     if (Problem p = check_dataset_names(arguments, *request)) return p;
     if (Problem p = add_datasets(arguments, *request, out)) return p;
     if (Problem p = set_options(arguments, *request)) return p;

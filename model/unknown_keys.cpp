@@ -32,6 +32,9 @@ constexpr std::string_view of_variable[] = {"name",
                                             "recode_factor_labels_because",
                                             "group",
                                             "transformations"};
+constexpr std::string_view of_marker_file[] = {
+    "name",   "file", "type", "skip", "header", "nokey", "cskip", "gidname",   "snpname",  "markers",   "range",     "ids",      "method", "gscale", "smode",
+    "centre", "offset", "psd", "nsd", "precision", "save", "pev", "fbb", "fbboffset", "rtmethod", "mdfoffset", "hadamard", "giv", "ldet", "invert"};
 constexpr std::string_view of_initial_value[] = {"term", "value", "constraint"};
 constexpr std::string_view of_part[] = {"terms"};
 constexpr std::string_view of_term[] = {
@@ -111,6 +114,7 @@ void WARN_OF_UNKNOWN_KEYS(ERROR_HANDLER& eh, const JsonNode& root)
     teller.list(file, "variables", of_variable);
   });
   teller.list(root, "variables", of_variable);
+  teller.list(root, "marker_file", of_marker_file);
   teller.list(root, "initial_values", of_initial_value);
   for (const JsonNode* model : models_of(root)) {
     teller.list(*model, "variables", of_variable);

@@ -181,6 +181,10 @@ void L_FORM_GRM(ERROR_HANDLER& eh, const MARKER_KEYS& keys, const MARKER_DATA& d
     eh.error(text("the GRM matrix scaling factor is 0, no regressor of ", data.origin, " varies"));
     return;
   }
+  // No element is larger than the diagonals allow.
+  bool finite = std::isfinite(summary.divisor);
+  for (std::int64_t i = 0; i < n && finite; ++i) finite = std::isfinite(g[static_cast<std::size_t>(i + i * n)]);
+  if (!finite) return eh.error(text("the regressors of ", data.origin, " are too large, their squares are not finite"));
   divide_and_mirror(n, summary.divisor, g.data());
 }
 

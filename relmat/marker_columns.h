@@ -1,4 +1,4 @@
-// Columns of a marker table, centred and scaled.  Routine: L_FILL_COLUMNS.
+// Columns of a marker table, centred and scaled.  Routines: L_FILL_COLUMNS, L_FILL_COVARIATES.
 #pragma once
 
 #include <cstdint>
@@ -31,7 +31,7 @@ void L_FILL_COLUMNS(ERROR_HANDLER& eh, const MARKER_KEYS& keys, const MARKER_DAT
 /// How many columns to take at a time: enough for BLAS, within some ten megabytes.
 std::int64_t columns_of_block(const MARKER_DATA& data);
 
-/// What a table is as covariates: the regressors as they are, missing ones replaced, by rows.
+/// L_FILL_COVARIATES: the regressors as they are, missing ones replaced, by rows.
 void L_FILL_COVARIATES(ERROR_HANDLER& eh, const MARKER_DATA& data, std::vector<double>& values);
 
 }  // namespace tolvan

@@ -17,7 +17,7 @@ void L_MARKER_EFFECTS(ERROR_HANDLER& eh, const MARKER_KEYS& keys, const MARKER_D
                       const std::vector<double>& weights, double divisor, const std::vector<double>& alpha,
                       std::vector<double>& effects);
 
-/// L_FAST_BAYES_WEIGHTS: weights of a scaled inverse chi-square prior of the variances of the markers, mean 1:
+/// L_FAST_BAYES_WEIGHTS: weights of the markers, mean 1, by a scaled inverse chi-square prior of their variances:
 ///     w = (nu S^2 + u^2) / (nu + 1) + offset,   S^2 = (nu - 2) / nu mean(u^2)
 /// (Meuwissen, Hayes and Goddard 2001, Genetics 157, 1819-1829).
 ///   effects   NaN where none is known: such a marker weighs as much as the mean of the others

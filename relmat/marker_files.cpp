@@ -59,8 +59,11 @@ void GETMARKERS(ERROR_HANDLER& eh, const MARKER_KEYS& keys, MARKER_DATA& out)
     }
   }
   out.origin = path;
-  if (extension_of(path) == "bed") {
+  const std::string kind = extension_of(path);
+  if (kind == "bed") {
     L_OPEN_PLINK_FILES(eh, keys, path, out);
+  } else if (is_unformatted(kind)) {
+    L_READ_MARKER_RECORDS(eh, keys, path, out);
   } else {
     L_READ_MARKER_TEXT(eh, keys, path, out);
   }

@@ -1,5 +1,5 @@
 // Tables of markers, regressors by genotype, and the files that they come from.
-// Routines: GETMARKERS, L_READ_MARKER_TEXT, L_SELECT_GENOTYPES.
+// Routines: GETMARKERS, L_READ_MARKER_TEXT, L_READ_MARKER_RECORDS, L_SELECT_GENOTYPES.
 #pragma once
 
 #include <cstdint>
@@ -42,7 +42,8 @@ struct MARKER_DATA {
 
 inline constexpr std::uint8_t two_copies = 0, missing_code = 1, one_copy = 2, no_copy = 3;
 
-/// GETMARKERS: reads a file of markers of any kind: grr, mkr, mat, or bed with its bim and fam.
+/// GETMARKERS: reads a file of markers of any kind: grr, mkr, mat, bed with its bim and fam, or the unformatted
+/// bgrm, sgrm and dgrm.
 ///
 /// The columns of a .bed file stay there; they are read as they are needed.
 void GETMARKERS(ERROR_HANDLER& eh, const MARKER_KEYS& keys, MARKER_DATA& out);
@@ -54,6 +55,10 @@ void GETMARKERS(ERROR_HANDLER& eh, const MARKER_KEYS& keys, MARKER_DATA& out);
 /// one of counts, unless its codes are -1, 0 and 1; so is any file of the kind mkr, whose values outside 0 to 2
 /// are missing.
 void L_READ_MARKER_TEXT(ERROR_HANDLER& eh, const MARKER_KEYS& keys, const std::string& path, MARKER_DATA& out);
+
+/// L_READ_MARKER_RECORDS: reads an unformatted file of the extension of a matrix: the regressors of a genotype a record,
+/// without labels.  NaN and the mark of missing data are missing.
+void L_READ_MARKER_RECORDS(ERROR_HANDLER& eh, const MARKER_KEYS& keys, const std::string& path, MARKER_DATA& out);
 
 /// L_SELECT_GENOTYPES: restricts a table to the genotypes that the keys name, in their order.
 ///   lines   of the genotypes in their file, for messages; the same label twice is an error

@@ -128,6 +128,11 @@ bool is_marker_file(std::string_view path)
   return std::find(marker_extensions.begin(), marker_extensions.end(), extension) != marker_extensions.end();
 }
 
+bool is_unformatted(std::string_view extension)
+{
+  return extension == "bgrm" || extension == "sgrm" || extension == "dgrm";
+}
+
 void L_READ_MARKER_KEYS(ERROR_HANDLER& eh, const JsonNode& entry, MARKER_KEYS& keys)
 {
   const Frame here{eh, __func__};

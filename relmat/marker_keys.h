@@ -61,5 +61,7 @@ void L_READ_MARKER_KEYS(ERROR_HANDLER& eh, const JsonNode& entry, MARKER_KEYS& k
 
 /// Whether a file is one of markers by its extension.
 bool is_marker_file(std::string_view path);
+/// Whether an extension, in lower case, is that of unformatted numbers, which may be markers, too.
+bool is_unformatted(std::string_view extension);
 
 }  // namespace tolvan

@@ -1,13 +1,16 @@
-// A table of markers while it is read, line by line: a byte a value for as long as that does.
+// A table of markers while it is read, line by line: a byte a value for as long as that does.  Routine: L_FINISH_TABLE.
 #pragma once
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <limits>
 #include <vector>
 
+#include "api/error_handler.h"
+
 namespace tolvan {
+
+struct MARKER_DATA;
 
 /// Lines of the same width.  Values that no byte stands for turn the whole table into numbers.
 class MARKER_TABLE {
@@ -86,5 +89,10 @@ class MARKER_TABLE {
   std::vector<std::int8_t> bytes_;
   std::vector<double> numbers_;
 };
+
+/// L_FINISH_TABLE: decides what the values of a table are, and puts them in their form.
+///   by_marker         its lines are markers, not genotypes
+///   declared_counts   its kind says that they are counts of an allele
+void L_FINISH_TABLE(ERROR_HANDLER& eh, MARKER_TABLE& table, bool by_marker, bool declared_counts, MARKER_DATA& out);
 
 }  // namespace tolvan

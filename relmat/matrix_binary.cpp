@@ -1,7 +1,4 @@
 // Matrices in unformatted files.  Routines: L_READ_BINARY_MATRIX, READ_MATRIX_FROM_RGRM_UNITNO, L_SAVEMAT.
-//
-// A record is its length in bytes (4 bytes), its bytes, and the length once more; all in the byte order of
-// the machine.
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -13,52 +10,13 @@
 #include "base/text.h"
 #include "relmat/entry_values.h"
 #include "relmat/matrix_input.h"
+#include "relmat/record_file.h"
 #include "relmat/structure_matrices.h"
 
 namespace tolvan {
 namespace {
 
-constexpr std::int64_t mark_bytes = 4;
 constexpr std::int64_t element_numbers = 3;
-
-/// The records of a file of one precision.
-struct RECORDS {
-  FileHandle file;
-  const std::string& path;
-  bool single;
-  std::int64_t bytes;  // of the whole file
-  std::int64_t number = 0;
-  std::vector<float> narrow;
-
-  std::int64_t width() const { return single ? 4 : 8; }
-
-  /// Reads a record of n numbers; false, with a message, where the file has another.
-  bool read(ERROR_HANDLER& eh, std::int64_t n, double* to)
-  {
-    ++number;
-    std::int32_t before = 0;
-    std::int32_t behind = 0;
-    bool done = get(&before, mark_bytes) && before == n * width();
-    if (done && single) {
-      narrow.resize(static_cast<std::size_t>(n));
-      done = get(narrow.data(), n * width());
-      std::copy(narrow.begin(), narrow.end(), to);
-    } else if (done) {
-      done = get(to, n * width());
-    }
-    if (done && get(&behind, mark_bytes) && behind == before) return true;
-    eh.error(text("error reading values from ", path), Ecode::io_error);
-    eh.continuation(text("record ", number, " is not one of ", n, " ", single ? "single" : "double",
-                         " precision values"));
-    return false;
-  }
-
- private:
-  bool get(void* to, std::int64_t n)
-  {
-    return std::fread(to, 1, static_cast<std::size_t>(n), file.get()) == static_cast<std::size_t>(n);
-  }
-};
 
 /// The order of a dense matrix whose records of 1, 2, ... n numbers fill a file; 0 where none does.
 std::int64_t order_of_file(std::int64_t bytes, std::int64_t width)
@@ -69,12 +27,6 @@ std::int64_t order_of_file(std::int64_t bytes, std::int64_t width)
   const auto n = static_cast<std::int64_t>(
       std::llround((-b + std::sqrt(b * b + 4.0 * w * static_cast<double>(bytes))) / (2.0 * w)));
   return 2 * mark_bytes * n + width * packed_size(n) == bytes ? n : 0;
-}
-
-void unreadable(ERROR_HANDLER& eh, const std::string& path, bool single)
-{
-  eh.error(text("unable to read from ", path, " as ", single ? "Single" : "Double", " precision binary file"),
-           Ecode::io_error);
 }
 
 /// L_READ_RECORDS_SPARSE: reads an element a record.
@@ -125,14 +77,6 @@ void L_READ_RECORDS_DENSE(ERROR_HANDLER& eh, RECORDS& records, MATRIX_INPUT& out
     if (!records.read(eh, k + 1, out.values.data() + k * n)) return;
   }
   mirror(eh, out);
-}
-
-FileHandle open_to_read(ERROR_HANDLER& eh, const std::string& path, std::int64_t& bytes)
-{
-  bytes = file_size(path);
-  FileHandle file(bytes >= 0 ? std::fopen(path.c_str(), "rbe") : nullptr);
-  if (file == nullptr) eh.error(text("unable to open file ", path), Ecode::io_error);
-  return file;
 }
 
 /// Adds a record to a file.

@@ -170,7 +170,9 @@ bool is_of_markers(const JsonNode& entry)
   if (is_marker_file(path)) return true;
   // Without an extension the list tells: the name of the entry or of the array around it.
   const JsonNode* list = entry.parent() != nullptr && entry.name.empty() ? entry.parent() : &entry;
-  return list->name == "marker_file" && (extension_of(path).empty() || path.empty());
+  if (list->name != "marker_file") return false;
+  const std::string extension = extension_of(path);
+  return extension.empty() || (is_unformatted(extension) && given_value(entry, "markers") != nullptr);
 }
 
 /// Whether markers are asked for as covariates and by no term as a matrix.

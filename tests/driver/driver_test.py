@@ -36,7 +36,7 @@ class InAFolder(unittest.TestCase):
 
 class CommandLine(InAFolder):
     def test_help_and_version(self):
-        for arguments in (["--help"], ["check", "--help"], ["fit", "--help"]):
+        for arguments in (["--help"], ["check", "--help"], ["grm", "--help"], ["fit", "--help"]):
             run = tolvan(*arguments)
             self.assertEqual(run.returncode, 0)
             self.assertIn("Exit codes", run.stdout)
@@ -287,6 +287,52 @@ class Ainv(InAFolder):
             self.assertEqual((run.returncode, run.stdout), (3, ""), arguments)
             self.assertNotEqual(run.stderr, "")
         self.assertEqual(tolvan("ainv").returncode, 2)
+
+
+class Grm(InAFolder):
+    # counts of 3 markers, one of them missing once
+    ROWS = "id a b c\nx 0 1 2\ny 1 1 0\nz 2 NA 1\n"
+
+    def test_report_and_files(self):
+        output = self.folder / "g.grm"
+        run = tolvan("grm", self.write("m.grr", self.ROWS), "-q", "-o", output, "--diagonal", "0.5")
+        self.assertEqual((run.returncode, run.stderr), (0, ""))
+        report = dict(re.findall(r"^ *(\S.*?) {2,}(\S+)$", run.stdout, re.M))
+        self.assertEqual([report[key] for key in ("Genotypes", "Markers", "that enter", "Missing values")], ["3", "3", "3", "1"])
+        # p = 0.5 throughout: Z holds -1 0 1, 0 0 -1, 1 0 0, divided by 1.5
+        lines = [[float(x) for x in line.split()] for line in output.read_text().splitlines()]
+        expected = [[2 / 1.5 + 0.5], [-1 / 1.5, 1 / 1.5 + 0.5], [-1 / 1.5, 0, 1 / 1.5 + 0.5]]
+        for got, row in zip(lines, expected, strict=True):
+            for a, b in zip(got, row, strict=True):
+                self.assertAlmostEqual(a, b, 12)
+        self.assertEqual((self.folder / "g.grm.ids").read_text(), "1 x\n2 y\n3 z\n")
+        self.assertAlmostEqual(float(report["Mean diagonal"]), 4 / 4.5 + 0.5, 6)
+        # what was written is read as a matrix
+        data = self.write("d.csv", "line,y\n1,3\n2,5\n3,4.5\n1,3.5\n2,4\n3,4.25\n")
+        request = self.write("r.json", {"data_file": {"name": str(data), "skip": 1}, "variables": [
+            {"name": "line", "field_type": "vt_integer_factor_1_to_n", "number_of_levels": 3}, {"name": "y"}],
+            "grm_file": {"name": str(output)}, "model": {"response": "y", "random": f"vm(line,{output})"}})
+        self.assertIn(tolvan("fit", request).returncode, (0, 4))
+
+    def test_plink_and_options(self):
+        example = EXAMPLES / "markers" / "geno.bed"
+        run = tolvan("grm", example, "--range", "1:200", "--method", "2", "--json")
+        self.assertEqual(run.returncode, 0, run.stderr)
+        document = json.loads(run.stdout)
+        self.assertEqual([document["scalars"][f"SCALAR_GRM_{key}"] for key in ("GENOTYPES", "MARKERS", "SCALE")], [80, 200, 200])
+        bare = self.write("m.mat", "0 1 2\n1 1 0\n2 . 1\n")
+        run = tolvan("grm", bare, "--no-label", "--markers", "3", "--centre", "1", "--divisor", "2", "-q")
+        self.assertEqual(run.returncode, 0, run.stderr)
+        self.assertRegex(run.stdout, r"Largest diagonal +1\.0000")
+
+    def test_faults(self):
+        rows = self.write("m.grr", self.ROWS + "x 0 0 0\n")
+        for code, arguments, says in ((3, [rows], "the genotype x stands twice in"), (3, [self.folder / "no.grr"], "failed to open GRR file"),
+                                      (3, [self.write("n.mkr", "a 1\n")], "please indicate the expected number of regressors"),
+                                      (2, [rows, "--range", "5"], "--range"), (2, [rows, "--method", "-1"], "--method"), (2, [], "markers")):
+            run = tolvan("grm", *arguments)
+            self.assertEqual((run.returncode, run.stdout), (code, ""), run.stderr)
+            self.assertIn(says, run.stderr)
 
 
 class Failures(InAFolder):

@@ -198,7 +198,7 @@ TEST_F(MarkerFit, OneModelByAllRoads)
 // A singular matrix: the effects of the markers still give those of the lines back.
 TEST_F(MarkerFit, EffectsOfMarkers)
 {
-  for (const char* keys : {"\"psd\":true,\"rtmethod\":1", "\"singular\":0,\"fbb\":true,\"psd\":1", "\"fbb\":5,\"psd\":1", "\"centre\":1,\"rtmethod\":1"}) {
+  for (const char* keys : {"\"psd\":true,\"rtmethod\":1", "\"fbb\":true,\"psd\":1", "\"fbb\":5,\"psd\":1", "\"centre\":1,\"rtmethod\":1"}) {
     Host host;
     fit(host, 't', "vm(id,G)", std::string("\"marker_file\":{\"name\":\"G\",\"pev\":1,\"file\":\"") + path("geno.mkr") + "\",\"header\":true," + keys + "}");
     const std::vector<double> u = host.reals("TABLE_MARKER_EFFECTS:EFFECT");

@@ -1,6 +1,7 @@
 #include "relmat/damaged_markers.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -14,6 +15,20 @@ namespace {
 
 const std::string fam = "f1 a 0 0 1 -9\nf1 b 0 0 2 -9\nf2 c a b 1 1.5\nf2 d a b 2 NA\nf3 e 0 0 0 -9\n";
 const std::string bim = "1 m1 0 101 A G\n1 m2 0 102 C T\n2\tm3\t0.5\t7\tG\tA\n";
+/// Two records of three single numbers.
+std::string records()
+{
+  std::string out;
+  const auto add = [&out](const auto& x) { out.append(reinterpret_cast<const char*>(&x), sizeof x); };
+  for (const auto& row : {std::array{0.0F, 1.5F, 2.0F}, std::array{1.0F, -3.0F, 0.0F}}) {
+    const std::int32_t bytes = 12;
+    add(bytes);
+    for (const float x : row) add(x);
+    add(bytes);
+  }
+  return out;
+}
+
 const std::string bed("\x6c\x1b\x01\xe4\x02\x0b\x03\x7a\x01", 9);
 
 std::vector<MARKER_CASE> make_cases()
@@ -24,6 +39,7 @@ std::vector<MARKER_CASE> make_cases()
       {"plain.mat", R"("nokey":true,"markers":3,"skip":1)", "head\n0 1 2\n2,1,0\n1 1 1\n0 0 1\n", 4, 3},
       {"turned.mkr", R"("snpname":"snp","cskip":1)", "chr snp g1 g2 g3 g4\n1 a 0 1 2 1\n1 b 2 2 0 NA\n2 c 1 0 0 0\n", 4, 3},
       {"long.mkr", R"("snpname":"snp","gidname":"id")", "id snp count\na x 0\na y 1\nb x 2\nb y NA\nc y 2\n", 3, 2},
+      {"numbers.bgrm", R"("markers":3)", records(), 2, 3},
       {"geno.bed", "", bed, 5, 3},
       {"geno.bim", "", bim, 5, 3},
       {"geno.fam", "", fam, 5, 3},

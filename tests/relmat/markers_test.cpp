@@ -85,6 +85,21 @@ std::string as_bed(const TempFolder& folder, const std::string& root, const Tabl
   return folder.file(root + ".bed", bed);
 }
 
+/// The table as unformatted records.
+template <class Number>
+std::string as_records(const Table& t)
+{
+  std::string out;
+  const auto add = [&out](const auto& x) { out.append(reinterpret_cast<const char*>(&x), sizeof x); };
+  for (std::size_t i = 0; i < t.g; ++i) {
+    const auto bytes = static_cast<std::int32_t>(t.r * sizeof(Number));
+    add(bytes);
+    for (std::size_t j = 0; j < t.r; ++j) add(static_cast<Number>(t.at(i, j)));
+    add(bytes);
+  }
+  return out;
+}
+
 /// How a matrix is asked for, and the same for the definition.
 struct Form {
   const char* keys;
@@ -336,13 +351,15 @@ TEST(Markers, FormsOfText)
       {folder.file("bare.mat", no_labels), R"("nokey":true,"markers":8)"},
       {folder.file("commas.mkr", commas), R"("cskip":1,"header":true,"gidname":"id")"},
       {folder.file("numbered.grr", numbered), ""},
+      {folder.file("m.bgrm", as_records<float>(t)), R"("markers":8)"},
+      {folder.file("m.dgrm", as_records<double>(t)), R"("markers":8)"},
   };
   for (const auto& [path, keys] : files) {
     SCOPED_TRACE(path);
     Made made;
     ASSERT_TRUE(made.get(path, keys)) << made.messages;
     EXPECT_TRUE(near(made.matrix.values, expected, 1e-10, 1e-12));
-    EXPECT_EQ(made.matrix.labels.empty(), path.ends_with("bare.mat"));
+    EXPECT_EQ(made.matrix.labels.empty(), path.ends_with("bare.mat") || path.ends_with("grm"));
     EXPECT_TRUE(made.matrix.labels.empty() || made.matrix.labels[3] == label(3));
   }
 }
@@ -400,6 +417,7 @@ TEST(Markers, Messages)
        "!4/3 invalid value supplied for range, was expecting one of: an array of 2 integers, the first and the last regressor, supplied value = [2]\n"},
       {"u.mkr", "a 0 1\n", R"("fbb":1.5)",
        "!4/3 invalid value supplied for fbb, was expecting one of: a logical or degrees of freedom above 2, supplied value = 1.5\n"},
+      {"v.mat", "a 1e300 0\nb 1 2\n", R"("markers":2)", "!4/3 the regressors of v.mat are too large, their squares are not finite\n"},
       {"none.mkr", nullptr, "", "!4/2 failed to open GRR file none.mkr\n9999/2 No such file or directory\n"},
       {"none", nullptr, "", "!4/2 failed to open GRR file none\n9999/2 No such file or directory\n"},
       {"none.bed", nullptr, "", "!4/2 failed to open GRR file none.fam\n9999/2 No such file or directory\n"},
