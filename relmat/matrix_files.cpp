@@ -198,6 +198,8 @@ void L_GET_MARKER_MATRIX(ERROR_HANDLER& eh, const JsonNode& entry, const JsonNod
   MATRIX_INPUT in;
   GET_GENOMIC_MATRIX(eh, entry, request, model, in);
   if (eh.terminate()) return;
+  if (const JsonNode* ldet = given_value(entry, "ldet"); ldet != nullptr && ldet->is_number())
+    in.log_determinant = ldet->number();
   AINV_MTX* out = AMTXS_EMPTY_POS(eh, store, model.keys.name);
   if (out == nullptr) return;
   GBLUPGIV(eh, model, in, *out);

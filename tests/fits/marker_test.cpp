@@ -179,6 +179,15 @@ TEST_F(MarkerFit, OneModelByAllRoads)
     ASSERT_EQ(se.size(), pev.size() + 1);
     for (std::size_t i = 0; i < pev.size(); ++i) EXPECT_NEAR(pev[i], se[i + 1] * se[i + 1], 1e-12 * pev[i]);
   }
+  // The singular matrix, as it is.
+  Host singular, by_singular_markers;
+  singular.info("{\"dataset\":{\"name\":\"G\",\"number_of_observations\":" + std::to_string(lines) +
+                ",\"number_of_variables\":" + std::to_string(lines) + ",\"storage_order\":\"so_column_major\"}}");
+  singular.matrix("G", grm(x, 0.0), lines, lines);
+  const double of_singular = fit(singular, 'n', "vm(id,G,singG=PSD,invert=true)", "\"title\":\"\"");
+  EXPECT_NEAR(fit(by_singular_markers, 't', "vm(id,G,singG=PSD)",
+                  "\"marker_file\":[{\"name\":\"G\",\"header\":true,\"file\":\"" + path("geno.mkr") + "\"}]"),
+              of_singular, 1e-8 * std::abs(of_singular));
   // What the file of effects holds is in the table.
   std::ifstream mef(path("geno.mef"));
   std::string name;
