@@ -101,6 +101,8 @@ void API_EXPAND_MODEL_PART(ERROR_HANDLER& eh, const COMMUNICATION& communication
                            std::string_view part)
 {
   const Frame here{eh, __func__};
+  // A list of terms is the whole part, as in a standard form that comes back: it may do without the intercept.
+  bool whole = false;
   if (node.is(JsonType::string)) {
     API_EXPAND_FORMULA_STRING(eh, communication, node, part);
     if (eh.terminate()) return;
@@ -121,6 +123,7 @@ void API_EXPAND_MODEL_PART(ERROR_HANDLER& eh, const COMMUNICATION& communication
       REPORT_JSON_ERROR(eh, node, "terms");
       return;
     }
+    whole = !bare_list && terms->is(JsonType::array);
     if (!terms->is(JsonType::array)) {
       std::unique_ptr<JsonNode> only = terms->clone();
       only->name.clear();
@@ -131,7 +134,7 @@ void API_EXPAND_MODEL_PART(ERROR_HANDLER& eh, const COMMUNICATION& communication
     if (eh.terminate()) return;
   }
   JsonNode& terms = *node.find("terms");
-  if (part == "fixed") L_ADD_INTERCEPT(eh, communication, terms);
+  if (part == "fixed" && !whole) L_ADD_INTERCEPT(eh, communication, terms);
   if (terms.size() > 0) return;
   eh.internal("not expecting to get here with no terms");
   eh.continuation(text(json_path(node), " names none"));

@@ -15,8 +15,8 @@ namespace tolvan {
 /// API_EXPAND_MODEL: brings every part of the model, or of each of several, into the standard form; present tells whether there is a
 /// model.
 void API_EXPAND_MODEL(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& root, bool& present);
-/// API_EXPAND_MODEL_PART: gives one part, a formula or an object, its list of terms, with the intercept in
-/// "fixed".
+/// API_EXPAND_MODEL_PART: gives one part, a formula or an object, its list of terms; a formula in "fixed" gets the intercept, a
+/// list of terms is kept as it is.
 void API_EXPAND_MODEL_PART(ERROR_HANDLER& eh, const COMMUNICATION& communication, JsonNode& node,
                            std::string_view part);
 /// API_EXPAND_MODEL_PARTS: standardises the functions of a part's terms and drops repeated terms.

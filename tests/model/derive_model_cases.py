@@ -24,7 +24,9 @@ class Model(Rows):
             self.rows.append(Row(name, levels or 1, factor=bool(levels), variable=name))
             self.variables[name] = dict(row=k + 1, levels=levels, labels=labels, pedigree=pedigree)
         self.parts = {p: self.read_part(p) for p in ("response", "fixed", "random", "sparse", "residual")}
-        if not any(f == ["mu"] for _, f in self.parts["fixed"]):
+        given = model.get("fixed")
+        whole = isinstance(given, dict) and isinstance(given.get("terms"), list)  # a list of terms is kept as it is
+        if not whole and not any(f == ["mu"] for _, f in self.parts["fixed"]):
             self.parts["fixed"].insert(0, (False, ["mu"]))
         for p in ("fixed", "random", "sparse", "residual"):
             self.parts[p] = self.write_sections_out(self.parts[p])

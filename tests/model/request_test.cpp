@@ -69,6 +69,7 @@ TEST(Request, PartsOfTheModel)
       // terms written as a tree
       {R"j("fixed":{"terms":["a:b","c",1,{"term_name":"d"}]})j", "fixed",
        R"j({"terms":[{"interaction":["a","b"]},"c","mu","d"]})j"},
+      {R"j("fixed":{"terms":["a"]})j", "fixed", R"j({"terms":["a"]})j"},  // as in the standard form of a-1 that comes back
       {R"j("fixed":{"terms":"a*b"})j", "fixed", R"j({"terms":["mu","a","b",{"interaction":["a","b"]}]})j"},
       {R"j("fixed":["a","b"])j", "fixed", R"j({"terms":["mu","a","b"]})j"},
       {R"j("random":{"interaction":["a",{"interaction":["b","c"]}]})j", "random",
