@@ -280,9 +280,9 @@ void CALL_AINVERSE_WITH_JPTR(ERROR_HANDLER& eh, JsonNode& request, TAINVERSE& ou
   if (eh.terminate()) return;
   PEDIGREE_COLUMNS columns;
   constexpr double highest_sex = 1.0;
-  constexpr double highest_level = 100.0;
+  constexpr double highest_fgen = 100.0;
   L_RANGE(eh, request, "sex", highest_sex, columns.sex);
-  L_RANGE(eh, request, "fgen", highest_level, columns.level);
+  L_RANGE(eh, request, "fgen", highest_fgen, columns.level);
   if (eh.terminate()) return;
   if (columns.level.empty() && call.flags.parent_level > 0.0 &&
       !assign(eh, columns.level, count_of(*given(request, "id"))))

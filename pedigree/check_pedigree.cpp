@@ -9,7 +9,6 @@
 namespace tolvan {
 namespace {
 
-constexpr double highest_level = 999.0;
 constexpr std::int32_t none = PEDIGREE_COLUMNS::no_name;
 
 /// What the rules know of each name.

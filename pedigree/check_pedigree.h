@@ -43,6 +43,9 @@ struct PEDIGREE {
   std::int64_t rows() const { return static_cast<std::int64_t>(id.size()); }
 };
 
+/// The highest level of selfing or inbreeding; its message tells another.
+inline constexpr double highest_level = 999.0;
+
 struct PEDIGREE_FLAGS {
   bool grandsire = false;  // the second parent column holds the maternal grandsire
   bool sort = true;

@@ -7,7 +7,6 @@
 
 #include "base/lapack.h"
 #include "base/memory.h"
-#include "base/packed.h"
 #include "base/text.h"
 #include "pedigree/inbreeding.h"
 #include "pedigree/place_rows.h"
@@ -233,6 +232,7 @@ double& element(SPARSE_MTX_LLIST& m, const BLOCK_ROWS& rows, std::size_t row, st
 /// The matrices while they are formed, and what they are formed of.
 struct DOMINANCE {
   const PEDIGREE& p;
+  const std::vector<std::string>& labels;
   FAMILIES f;
   std::vector<std::vector<std::int32_t>> blocks;  // of pairs
   BLOCK_ROWS rows, pairs;
@@ -302,7 +302,8 @@ void L_FORM_BLOCK(ERROR_HANDLER& eh, DOMINANCE& d, const std::vector<std::int32_
   for (std::int64_t k = 0; k < n; ++k) {
     const double rest = 1.0 - b[static_cast<std::size_t>(k + k * n)];
     if (!(rest >= least_variance)) {
-      eh.error("the dominance relationships of progeny of inbred parents are no covariance matrix");
+      const auto first = static_cast<std::size_t>(family(k).progeny.front());
+      eh.error(text("individual ", d.labels[first], " and its full sibs have parents too inbred for dominance relationships"));
       return;
     }
     const auto progeny = static_cast<double>(family(k).progeny.size());
@@ -350,7 +351,7 @@ void K4MVODPED(ERROR_HANDLER& eh, const PEDIGREE& pedigree, const std::vector<st
 {
   const Frame here{eh, __func__};
   if (!parents_first(pedigree)) return eh.error("Pedigree order error");
-  DOMINANCE d{pedigree, {}, {}, {}, {}, {}, {}, {}};
+  DOMINANCE d{pedigree, labels, {}, {}, {}, {}, {}, {}, {}};
   L_FIND_FAMILIES(eh, pedigree, d.f);
   if (eh.terminate()) return;
   L_RELATE_PARENTS(eh, pedigree, d.f);

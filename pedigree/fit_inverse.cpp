@@ -21,6 +21,11 @@ void AIPEDM(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, const PEDIGREE& pedigr
   }
   const std::int64_t last = K4MAIG(eh, pedigree, breeding_rules(keys), out);
   if (last == pedigree.rows()) return;
+  if (keys.sex_linked) {
+    eh.error("unable to form S-Inverse from predigree");  // sic
+  } else if (keys.groups > 0) {
+    eh.error("Unable to form A-inverse from pedigree, maybe some parents are not assigned to GROUPS");
+  }
   eh.error("pedigree is conflicted or out of order");
   eh.error(text("error processing pedigree for individual ", last + 1, " of ", pedigree.rows()));
   eh.continuation("try verifying the pedigree file");

@@ -93,7 +93,7 @@ void L_AIPEDA_SETUP_PEDIGREE_INFO(ERROR_HANDLER& eh, const JsonNode& entry, PEDI
   keys.grandsire = is_on(entry, "mgs");
   keys.inbred = is_on(entry, "inbred");
   double x = keys.inbred ? 1.0 : 0.0;
-  if (L_NUMBER(eh, entry, "fgen", false, 0.0, any, x) || keys.inbred) keys.level = x;
+  if (L_NUMBER(eh, entry, "fgen", false, 0.0, highest_level, x) || keys.inbred) keys.level = x;
   if (keys.inbred && x > 1.0) eh.error(text("the inbreeding of base lines can not be ", x));
   L_NUMBER(eh, entry, "bee", false, 0.0, 1.0, keys.bee);
   L_NUMBER(eh, entry, "self", false, 0.0, 1.0, keys.selfing);

@@ -114,8 +114,8 @@ void L_FIELD_FOUR(ERROR_HANDLER& eh, const READER& r, std::string_view field, PE
   } else if (field.empty() || r.missing.contains(field)) {
     line.code = 0.0;
     return;
-  } else if (read_real(field, line.code) && std::isfinite(line.code) && line.code >= 0.0) {
-    return;
+  } else if (read_real(field, line.code) && std::isfinite(line.code)) {
+    return;  // its range is checked with the lines
   } else {
     eh.error(text("Selfing value ", field, " is no level of selfing"));
   }

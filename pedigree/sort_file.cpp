@@ -24,6 +24,7 @@ void L_CHECK_LINES(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, const PEDIGREE_
 {
   const Frame here{eh, __func__};
   std::int64_t without_identity = 0;
+  bool level_told = !keys.levels();
   for (std::size_t k = 0; k < lines.lines.size(); ++k) {
     const PEDIGREE_LINE& line = lines.lines[k];
     if (line.id < 0) {
@@ -34,6 +35,12 @@ void L_CHECK_LINES(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, const PEDIGREE_
       if (without_identity <= most_rows_told)
         eh.continuation(text("the identity is missing in line ", line.line));
       continue;
+    }
+    if (!level_told && !(line.code >= 0.0 && line.code <= highest_level)) {
+      eh.error(text("Selfing value ", line.code, " for ", lines.names.name(line.id),
+                    line.code < 0.0 ? " is negative." : " is too large (> 100)."));
+      eh.continuation(text("pedigree line ", line.line));
+      level_told = true;  // the first alone, as in a pedigree that is handed in
     }
     if (line.id == line.male || line.id == line.female)
       eh.error(text("an individual cannot be its own parent, faulty pedigree line ", line.line));
@@ -204,6 +211,7 @@ void AIPSRT(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, PEDIGREE_LINES& lines,
     L_PERMUTE_ROWS(eh, placement.order, out);
     if (eh.terminate()) return;
   }
+  if (keys.groups > 0) eh.note("use !LAST qualifier to make sure GROUPS absorbed last");
   if (!keys.trim.empty()) L_TRIM_PEDIGREE(eh, keys, lines, out);
 }
 
@@ -228,6 +236,7 @@ void L_TRIM_PEDIGREE(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, PEDIGREE_LINE
   std::int64_t records = 0;
   std::int64_t found = 0;
   std::int64_t bad = 0;
+  std::string unknown;  // the first identity that the pedigree lacks
   std::string_view line;
   const bool room = attempt([&] {
     while (file.next_line(line)) {
@@ -240,6 +249,7 @@ void L_TRIM_PEDIGREE(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, PEDIGREE_LINE
       if (code < 0 || code >= known) {
         if (name.empty() && ++bad <= most_rows_told)
           eh.warning(text("no trim check field [ 1 ] found on line: ", file.line_number()));
+        if (unknown.empty()) unknown = name;
         continue;
       }
       const std::int32_t at = row[static_cast<std::size_t>(code)];
@@ -250,8 +260,11 @@ void L_TRIM_PEDIGREE(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, PEDIGREE_LINE
   });
   if (!room) return eh.out_of_memory();
   eh.note(text(found, " identities have data records; ", records, " records checked"));
-  if (found == 0)
-    return eh.error(text("failed to find identity of any record of ", keys.trim, " in the pedigree file"));
+  if (found == 0) {
+    eh.error(text("failed to find identity ", unknown, " in the pedigree file"));
+    eh.continuation(text("nor that of any other record of ", keys.trim));
+    return;
+  }
   std::vector<std::int32_t> order;
   for (std::int64_t k = n - 1; k >= 0; --k) {
     const auto at = static_cast<std::size_t>(k);

@@ -53,7 +53,7 @@ void L_COMPRESS(ERROR_HANDLER& eh, const MATRIX_INPUT& in, AINV_MTX& out)
     const bool twice = in.row[k] == in.column[k] ? out.values[at] != 0.0 : out.row[at - 1] == i;
     if (twice) {
       eh.error(text("sparse format of matrix looks incorrect for the ", place + 1, " entry"));
-      eh.continuation(text("element (", in.row[k], ",", in.column[k], ") stands twice"));
+      eh.continuation(text("element (", in.row[k], ",", in.column[k], ") of the matrix from ", in.origin, " stands twice"));
       return;
     }
     if (in.row[k] != in.column[k]) ++to[j];

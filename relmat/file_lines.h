@@ -23,7 +23,11 @@ struct FILE_LINES {
   /// The next line; false at the end, and after a fault, which is told.
   bool next(ERROR_HANDLER& eh)
   {
-    if (file.next_line(line)) return true;
+    if (file.next_line(line)) {
+      constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
+      if (file.line_number() == 1 && line.starts_with(byte_order_mark)) line.remove_prefix(byte_order_mark.size());
+      return true;
+    }
     if (!file.error().empty()) unreadable(eh, file.line_number() + 1, file.error());
     return false;
   }

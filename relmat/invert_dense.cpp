@@ -97,22 +97,34 @@ void K4MSMISG(ERROR_HANDLER& eh, std::int64_t n, std::vector<double>& a, std::in
   for (std::int64_t j = 0; j < n; ++j) std::fill(a.data() + j * wide + n, a.data() + (j + 1) * wide, 0.0);
   std::fill(a.data() + n * wide, a.data() + size, 0.0);
   const auto marked = [&](std::int64_t k) { return pivots.mark[static_cast<std::size_t>(k)] > 0; };
+  std::vector<std::int64_t> without;  // rows without a pivot
+  if (!reserve(eh, without, pivots.singular + pivots.zero_rows)) return;
   for (std::int64_t k = 0; k < n; ++k) {
+    if (marked(k)) without.push_back(k);
     if (!marked(k) || (!bind_empty && pivots.empty[static_cast<std::size_t>(k)])) continue;
     binds[static_cast<std::size_t>(k)] = n + std::ssize(bound);
     bound.push_back(k);
   }
+  // The sign changes; an element between a row without a pivot and one with one moves to the Lagrangian row of the former.
+  auto below = without.begin();
   for (std::int64_t j = 0; j < n; ++j) {
-    const std::int64_t of_column = binds[static_cast<std::size_t>(j)];
-    for (std::int64_t i = j; i < n; ++i) {
-      double& x = a[static_cast<std::size_t>(i + j * wide)];
-      const std::int64_t of_row = binds[static_cast<std::size_t>(i)];
-      // An element between a row k without a pivot and one with one moves to the Lagrangian row of k.
-      if (of_row >= 0 && !marked(j)) a[static_cast<std::size_t>(of_row + j * wide)] = -x;
-      if (of_column >= 0 && !marked(i)) a[static_cast<std::size_t>(of_column + i * wide)] = -x;
-      x = marked(i) || marked(j) ? 0.0 : -x;
+    double* column = a.data() + j * wide;
+    while (below != without.end() && *below < j) ++below;
+    if (!marked(j)) {
+      for (std::int64_t i = j; i < n; ++i) column[i] = -column[i];
+      for (auto k = below; k != without.end(); ++k) {
+        const std::int64_t bound_by = binds[static_cast<std::size_t>(*k)];
+        if (bound_by >= 0) column[bound_by] = column[*k];
+        column[*k] = 0.0;
+      }
+      continue;
     }
-    if (of_column >= 0) a[static_cast<std::size_t>(of_column + j * wide)] = 1.0;
+    const std::int64_t bound_by = binds[static_cast<std::size_t>(j)];
+    for (std::int64_t i = j; i < n; ++i) {
+      if (bound_by >= 0 && !marked(i)) a[static_cast<std::size_t>(bound_by + i * wide)] = -column[i];
+      column[i] = 0.0;
+    }
+    if (bound_by >= 0) column[bound_by] = 1.0;
   }
   fill_upper(wide, a.data());
   eh.note(

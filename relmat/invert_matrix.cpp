@@ -12,7 +12,6 @@ namespace tolvan {
 namespace {
 
 constexpr double million = 1e6;
-constexpr std::int64_t order_worth_telling = 5000;
 constexpr std::int64_t many_negatives = 10;  // diagonals of an inverse
 
 double& diagonal(MATRIX_INPUT& m, std::int64_t k)
@@ -127,12 +126,6 @@ void L_GETGIV_INVERT(ERROR_HANDLER& eh, const MATRIX_KEYS& keys, MATRIX_INPUT& i
   if (in.order < 1) {
     eh.error(text("error reading values from ", in.origin), Ecode::io_error);
     return;
-  }
-  if (in.order >= order_worth_telling) {
-    constexpr double bytes_of_a_megabyte = 1048576.0;
-    const double bytes = static_cast<double>(in.order) * static_cast<double>(in.order) * sizeof(double);
-    eh.note(text("the matrix of order ", in.order, " is inverted in place, in ",
-                 std::llround(bytes / bytes_of_a_megabyte), " MB"));
   }
   make_dense(eh, in);
   if (eh.terminate()) return;

@@ -43,13 +43,9 @@ void L_READ_RECORDS_SPARSE(ERROR_HANDLER& eh, RECORDS& records, MATRIX_INPUT& ou
   for (std::int64_t k = 1; k <= count; ++k) {
     if (!records.read(eh, element_numbers, x)) return;
     if (k == 1 && (x[0] != 1.0 || x[1] != 1.0)) return unreadable(eh, records.path, records.single);
-    if (!element_is_sound(eh, x[0], x[1], x[2], k)) return;
-    out.order = std::max(out.order, static_cast<std::int64_t>(x[0]));
-    if (x[2] == 0.0) continue;
-    out.row.push_back(static_cast<std::int32_t>(x[0]));
-    out.column.push_back(static_cast<std::int32_t>(x[1]));
-    out.values.push_back(x[2]);
+    if (!L_TAKE_ELEMENT(eh, x[0], x[1], x[2], k, out)) return eh.continuation(text("file ", records.path));
   }
+  if (!order_is_sound(eh, out)) eh.continuation(text("file ", records.path));
 }
 
 /// Copies the upper triangle of columns as they were read, rows of the lower one, to the lower triangle; a
@@ -72,7 +68,7 @@ void L_READ_RECORDS_DENSE(ERROR_HANDLER& eh, RECORDS& records, MATRIX_INPUT& out
   if (n == 0) return unreadable(eh, records.path, records.single);
   out.form = MatrixForm::dense;
   out.order = n;
-  if (!assign(eh, out.values, n * n)) return;
+  if (!room_for_dense(eh, n) || !assign(eh, out.values, n * n)) return;
   for (std::int64_t k = 0; k < n; ++k) {
     if (!records.read(eh, k + 1, out.values.data() + k * n)) return;
   }
@@ -132,7 +128,7 @@ void READ_MATRIX_FROM_RGRM_UNITNO(ERROR_HANDLER& eh, const std::string& path, st
   }
   out.form = MatrixForm::dense;
   out.order = n;
-  if (!assign(eh, out.values, n * n)) return;
+  if (!room_for_dense(eh, n) || !assign(eh, out.values, n * n)) return;
   const auto length = static_cast<std::size_t>(n);
   for (std::int64_t k = 0; k < n; ++k) {
     double* row = out.values.data() + k * n;

@@ -40,6 +40,11 @@ void L_READ_MATRIX_KEYS(ERROR_HANDLER& eh, const JsonNode& entry, MATRIX_KEYS& k
   }
   keys.name = name->text();
   if (const JsonNode* type = given_value(entry, "type")) keys.type = type->text();
+  for (const char* key : {"dense", "psd", "nsd", "savegiv", "nullsing", "nonull", "invert"}) {
+    const JsonNode* node = given_value(entry, key);
+    if (node != nullptr && (node->is(JsonType::array) || node->is(JsonType::object)))
+      REPORT_JSON_ERROR(eh, *node, {"a logical", "an integer"});
+  }
   keys.skip = L_COUNT_UNDER(eh, entry, "skip");
   keys.dense = is_on(entry, "dense");
   keys.psd = is_on(entry, "psd");
@@ -232,11 +237,7 @@ void make_dense(ERROR_HANDLER& eh, MATRIX_INPUT& matrix)
   const std::int64_t n = matrix.order;
   if (matrix.form == MatrixForm::dense) return;
   std::vector<double> full;
-  std::int64_t size = 0;
-  if (!multiply_sizes(n, n, size) || !assign(eh, full, size)) {
-    if (!eh.terminate()) eh.out_of_memory();
-    return;
-  }
+  if (!room_for_dense(eh, n) || !assign(eh, full, n * n)) return;
   if (matrix.form == MatrixForm::diagonal) {
     for (std::int64_t k = 0; k < n; ++k)
       full[static_cast<std::size_t>(k + k * n)] = matrix.values[static_cast<std::size_t>(k)];

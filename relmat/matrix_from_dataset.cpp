@@ -42,13 +42,9 @@ void L_COPY_SPARSE_FROM_UDSTORE(ERROR_HANDLER& eh, const DATASET_VIEW& data, MAT
     const double column = data.value(k, 1);
     const double value =
         is_no_value(data.value(k, 2)) ? std::numeric_limits<double>::quiet_NaN() : data.value(k, 2);
-    if (!element_is_sound(eh, row, column, value, k + 1)) return;
-    out.order = std::max(out.order, static_cast<std::int64_t>(row));
-    if (value == 0.0) continue;
-    out.row.push_back(static_cast<std::int32_t>(row));
-    out.column.push_back(static_cast<std::int32_t>(column));
-    out.values.push_back(value);
+    if (!L_TAKE_ELEMENT(eh, row, column, value, k + 1, out)) return eh.continuation(text("dataset ", out.origin));
   }
+  if (!order_is_sound(eh, out)) eh.continuation(text("dataset ", out.origin));
 }
 
 void L_COPY_DENSE_FROM_UDSTORE(ERROR_HANDLER& eh, const DATASET_VIEW& data, MATRIX_INPUT& out)
@@ -62,7 +58,7 @@ void L_COPY_DENSE_FROM_UDSTORE(ERROR_HANDLER& eh, const DATASET_VIEW& data, MATR
   }
   out.form = MatrixForm::dense;
   out.order = n;
-  if (!assign(eh, out.values, n * n)) return;
+  if (!room_for_dense(eh, n) || !assign(eh, out.values, n * n)) return;
   for (std::int64_t j = 0; j < n; ++j) {
     for (std::int64_t i = 0; i < n; ++i) {
       const double x = data.value(i, j);

@@ -1,6 +1,6 @@
 // A matrix as it comes in, from a file or a dataset, before it is examined.
 // Routines: L_READ_TEXT_MATRIX, L_READ_BINARY_MATRIX, READ_MATRIX_FROM_RGRM_UNITNO,
-// L_COPY_SPARSE_FROM_UDSTORE, L_COPY_DENSE_FROM_UDSTORE, L_SAVEMAT.
+// L_COPY_SPARSE_FROM_UDSTORE, L_COPY_DENSE_FROM_UDSTORE, L_TAKE_ELEMENT, L_SAVEMAT.
 #pragma once
 
 #include <cstdint>
@@ -27,6 +27,7 @@ struct MATRIX_INPUT {
       values;  // dense: order x order, both triangles; sparse: of each element; diagonal: the diagonal
   std::vector<std::int32_t> row,
       column;  // sparse: of each element, from 1, row at least column, in the order of the source; no zeros
+  std::int64_t highest_entry = 0;         // sparse: the number of the element that told the order
   std::vector<std::string> labels;        // of the rows, or none
   std::optional<double> log_determinant;  // told by the source
   std::int64_t groups = 0;
@@ -66,9 +67,15 @@ void L_COPY_DENSE_FROM_UDSTORE(ERROR_HANDLER& eh, const DATASET_VIEW& data, MATR
 ///   extension   of the file: a matrix under any other than that of an inverse is no inverse
 void L_SAVEMAT(ERROR_HANDLER& eh, const AINV_MTX& matrix, std::string_view extension = ".dgiv");
 
-/// Checks an element of a lower triangle that was read as three numbers; number counts the elements, for the
-/// message.
-bool element_is_sound(ERROR_HANDLER& eh, double row, double column, double value, std::int64_t number);
+/// L_TAKE_ELEMENT: adds an element of a lower triangle that was read as three numbers, unless it is 0; false,
+/// with a message, for what is none.
+///   number  counts the elements, for the message
+bool L_TAKE_ELEMENT(ERROR_HANDLER& eh, double row, double column, double value, std::int64_t number,
+                    MATRIX_INPUT& out);
+/// Whether the order that the elements told is in keeping with their number; else the message tells the element.
+bool order_is_sound(ERROR_HANDLER& eh, const MATRIX_INPUT& matrix);
+/// Whether the machine has room for a dense matrix; tells the memory of a large one ahead of taking it.
+bool room_for_dense(ERROR_HANDLER& eh, std::int64_t order);
 /// Tells an asymmetric pair of elements of a square matrix, and one that is not finite, and makes the pairs
 /// agree exactly.
 void check_square(ERROR_HANDLER& eh, MATRIX_INPUT& matrix);

@@ -3,7 +3,6 @@
 #include <cmath>
 #include <cstring>
 #include <deque>
-#include <limits>
 
 #include "base/files.h"
 #include "base/memory.h"
@@ -12,7 +11,6 @@
 #include "relmat/file_lines.h"
 #include "relmat/list_directed.h"
 #include "relmat/matrix_input.h"
-
 
 namespace tolvan {
 namespace {
@@ -83,16 +81,12 @@ void L_READ_ELEMENTS(ERROR_HANDLER& eh, FILE_LINES& lines, MATRIX_INPUT& out)
         ++count;
       }
       if (count != 3) return lines.unreadable(eh, "a row, a column and a value were expected");
-      if (!element_is_sound(eh, x[0], x[1], x[2], ++number))
-        return eh.continuation(text("on line ", lines.file.line_number()));
-      out.order = std::max(out.order, static_cast<std::int64_t>(x[0]));
-      if (x[2] == 0.0) continue;
-      out.row.push_back(static_cast<std::int32_t>(x[0]));
-      out.column.push_back(static_cast<std::int32_t>(x[1]));
-      out.values.push_back(x[2]);
+      if (!L_TAKE_ELEMENT(eh, x[0], x[1], x[2], ++number, out))
+        return eh.continuation(text("on line ", lines.file.line_number(), " of ", lines.path));
     } while (lines.next(eh));
   });
-  if (!room) eh.out_of_memory();
+  if (!room) return eh.out_of_memory();
+  if (!eh.terminate() && !order_is_sound(eh, out)) eh.continuation(text("file ", lines.path));
 }
 
 /// Numbers as they come, in chunks that can be freed one by one, with the shape of the lines they stood on.
@@ -175,7 +169,7 @@ void L_SHAPE(ERROR_HANDLER& eh, const FILE_LINES& lines, NUMBERS_OF_LINES& numbe
   }
   out.form = MatrixForm::dense;
   out.order = n;
-  if (!reserve(eh, out.values, n * n)) return;
+  if (!room_for_dense(eh, n) || !reserve(eh, out.values, n * n)) return;
   // Column after column, so that the memory of the numbers goes as that of the matrix comes.
   const auto rows = static_cast<std::size_t>(n);
   for (std::size_t k = 0; k < rows; ++k) {
@@ -189,48 +183,6 @@ void L_SHAPE(ERROR_HANDLER& eh, const FILE_LINES& lines, NUMBERS_OF_LINES& numbe
 }
 
 }  // namespace
-
-bool element_is_sound(ERROR_HANDLER& eh, double row, double column, double value, std::int64_t number)
-{
-  constexpr double most = std::numeric_limits<std::int32_t>::max();
-  const bool whole = row == std::trunc(row) && column == std::trunc(column);
-  if (whole && column >= 1.0 && row >= column && row <= most && std::isfinite(value)) return true;
-  eh.error(text("sparse format of matrix looks incorrect for the ", number, " entry"));
-  return false;
-}
-
-void check_square(ERROR_HANDLER& eh, MATRIX_INPUT& matrix)
-{
-  const Frame here{eh, __func__};
-  constexpr double relative = 1e-5;  // of what the diagonals allow: files have few digits
-  constexpr std::int64_t tile = 64;
-  const std::int64_t n = matrix.order;
-  double* a = matrix.values.data();
-  for (std::int64_t j0 = 0; j0 < n; j0 += tile) {
-    for (std::int64_t i0 = j0; i0 < n; i0 += tile) {
-      for (std::int64_t j = j0; j < std::min(j0 + tile, n); ++j) {
-        for (std::int64_t i = std::max(i0, j); i < std::min(i0 + tile, n); ++i) {
-          double& lower = a[i + j * n];
-          double& upper = a[j + i * n];
-          if (!std::isfinite(lower) || !std::isfinite(upper)) {
-            eh.error(text("element (", i + 1, ",", j + 1, ") of the matrix from ", matrix.origin,
-                          " is not finite"));
-            return;
-          }
-          if (lower == upper) continue;
-          const double size =
-              std::max({std::abs(lower), std::abs(upper), std::sqrt(std::abs(a[i + i * n] * a[j + j * n]))});
-          if (!(std::abs(lower - upper) <= relative * size)) {
-            eh.error(text("the matrix from ", matrix.origin, " is not symmetric: element (", i + 1, ",",
-                          j + 1, ") is ", lower, ", element (", j + 1, ",", i + 1, ") is ", upper));
-            return;
-          }
-          lower = upper = 0.5 * (lower + upper);
-        }
-      }
-    }
-  }
-}
 
 void L_READ_TEXT_MATRIX(ERROR_HANDLER& eh, const std::string& path, std::string_view kind, std::int64_t skip,
                         MATRIX_INPUT& out)

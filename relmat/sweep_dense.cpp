@@ -16,7 +16,7 @@ namespace tolvan {
 namespace {
 
 constexpr std::int64_t block_size = 96;
-constexpr std::int64_t tile_size = 256;     // columns of the triangle that one product updates
+constexpr std::int64_t tile_size = 128;     // columns of the triangle that one product updates
 constexpr std::int64_t few_elements = 100;  // off the diagonal: below this no blocks are worth while
 
 /// One sweep with its tests and its work space.
@@ -155,9 +155,11 @@ void sweep_by_blocks(SWEEP& s)
       }
     }
 
-    // Update the triangle in tiles of columns.
-    dgemm('N', 'N', n, nb, nb, 1.0, panel, n, s.inverse.data(), nb, 0.0, swept, n);
-    for (std::int64_t j = 0; j < n; j += tile_size) {
+    // Update the triangle in tiles of columns; where the rank is used up there is nothing to update.
+    bool any = false;
+    for (std::int64_t k = b0; k < b1; ++k) any = any || s.has_pivot(k);
+    if (any) dgemm('N', 'N', n, nb, nb, 1.0, panel, n, s.inverse.data(), nb, 0.0, swept, n);
+    for (std::int64_t j = 0; j < n && any; j += tile_size) {
       const std::int64_t width = std::min(tile_size, n - j);
       dgemm('N', 'T', n - j, width, nb, -1.0, swept + j, n, panel + j, n, 1.0, s.a + j + j * n, n);
     }

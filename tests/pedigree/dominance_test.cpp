@@ -164,7 +164,7 @@ TEST(Dominance, WhatCanNotBe)
   ERROR_HANDLER selfed;
   K4MVODPED(selfed, p, {"a", "b", "c", "d", "e", "f"}, false, out);
   EXPECT_EQ(messages_text(selfed),
-            "!4/3 the dominance relationships of progeny of inbred parents are no covariance matrix\n");
+            "!4/3 individual c and its full sibs have parents too inbred for dominance relationships\n");
 }
 
 }  // namespace

@@ -141,6 +141,18 @@ TEST(PedigreeFile, Complaints)
        "pedigree\n"
        "9999/3 a b 0\n9999/3 b c x2\n9999/3 c 0 a\n"},
       {"g,0,0\nh,g,0\na,g,h\n", csv + R"(,"group":2)", "!4/3 Invalid 'parent' for genetic group h\n"},
+      {"s,0,0,1\nd,s,s,2\n", csv + R"(,"xlinkr":"1")",
+       "!4/3 unable to form S-Inverse from predigree\n!4/3 pedigree is conflicted or out of order\n"
+       "!4/3 error processing pedigree for individual 2 of 2\n9999/3 try verifying the pedigree file\n"},
+      {"g,0,0\nb,a,0\na,0,g\n", csv + R"(,"group":1)",
+       "1/- use !LAST qualifier to make sure GROUPS absorbed last\n"
+       "!4/3 Pedigree not sorted properly, Use !SORT.\n"
+       "!4/3 Unable to form A-inverse from pedigree, maybe some parents are not assigned to GROUPS\n"
+       "!4/3 pedigree is conflicted or out of order\n!4/3 error processing pedigree for individual 2 of 3\n"
+       "9999/3 try verifying the pedigree file\n"},
+      {"s,0,0,1\nx,s,0,1000\ny,x,0,-1\n", csv + R"(,"fgen":0)",
+       "!4/3 Selfing value 1000 for x is too large (> 100).\n9999/3 pedigree line 2\n"},
+      {"s,0,0,-0.5\n", csv + R"(,"fgen":0)", "!4/3 Selfing value -0.5 for s is negative.\n9999/3 pedigree line 1\n"},
       {"s,0,0,3\n", csv + R"(,"xlinkr":"1")",
        "!4/3 Invalid Sex Code in pedigree field 4.\n9999/3 pedigree line 1\n"},
       {"", csv,
@@ -233,6 +245,12 @@ TEST(PedigreeFile, TrimmedToTheIndividualsWithData)
   EXPECT_EQ(r.rows(), "a 0 0\nb a 0\nd b 0\n");
   EXPECT_TRUE(has_message(r.eh, "2 identities have data records; 5 records checked"));
   EXPECT_TRUE(has_message(r.eh, "no trim check field [ 1 ] found on line: 5"));
+  Reading none;
+  none.read("a,0,0\nb,a,0\n", text(R"("type":"ft_csv","trim":")", data, "\""));
+  EXPECT_FALSE(none.eh.terminate());  // b has data
+  Reading other;
+  other.read("x,0,0\nz,x,0\n", text(R"("type":"ft_csv","trim":")", data, "\""));
+  EXPECT_TRUE(has_message(other.eh, "failed to find identity animal in the pedigree file"));
 }
 
 TEST(PedigreeFile, FilesThatItLeaves)
@@ -299,22 +317,6 @@ TEST(PedigreeFile, SortedPedigreesAreKept)
     EXPECT_EQ(r.found.front().pedigree.rows(), 6);
   }
   EXPECT_TRUE(again("", keys));
-}
-
-// Whatever bytes a file holds, reading it ends in a message or a pedigree.
-TEST(PedigreeFile, DamagedFiles)
-{
-  std::mt19937 random(8);
-  const std::string sound = "id,s,d,x\na,0,0,1\nb,a,0,2\nc,a,b,1\n\"d e\",c,b,2 # end\n";
-  constexpr std::string_view odd = ",\t \"'#/\n\r*0\0\xff-!";
-  for (int round = 0; round < 500; ++round) {
-    std::string damaged = sound;
-    for (int k = 0; k < 4; ++k) damaged[random() % damaged.size()] = odd[random() % odd.size()];
-    Reading r;
-    r.read(damaged.substr(0, random() % damaged.size()), round % 2 == 0
-                                                             ? R"("type":"ft_csv","sort":1,"xlinkr":1)"
-                                                             : R"("type":"ft_text","sort":1,"fgen":0.1)");
-  }
 }
 
 }  // namespace

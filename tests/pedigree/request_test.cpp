@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "base/clock.h"
 #include "base/memory.h"
 #include "base/text.h"
 #include "pedigree/ainverse_object.h"
@@ -319,6 +320,25 @@ TEST(SortPedigree, AnyOrderOfASoundPedigree)
       }
     }
   }
+}
+
+// All rows of one loop are told, in time linear in them.
+TEST(SortPedigree, AMillionRowsInOneLoop)
+{
+  constexpr std::int32_t n = 1000000;
+  PEDIGREE p;
+  NAME_CODES names;
+  names.expect_numbers(1, n, n);
+  for (std::int32_t i = 0; i < n; ++i) p.id.push_back(names.add(static_cast<std::int64_t>(i) + 1));
+  p.female.assign(static_cast<std::size_t>(n), 0);
+  for (std::int32_t i = 0; i < n; ++i) p.male.push_back((i + 7919) % n + 1);
+  ERROR_HANDLER eh;
+  const double start = cpu_seconds();
+  SORTPED(eh, names, p);
+  EXPECT_LT(cpu_seconds() - start, 30.0);  // a second or two; more where memory is watched
+  EXPECT_EQ(eh.count(), n + 1);
+  EXPECT_EQ(eh.messages()[0].message, "Unable to sort pedigree so all parents are before their progeny.");
+  EXPECT_EQ(eh.messages().back().message, "Individual 1000000 comes before its parents.");
 }
 
 TEST(AinverseRequest, EveryAllocationMayFail)
