@@ -34,7 +34,7 @@ std::string_view unquoted(std::string_view s)
 bool is_unusable_number(std::string_view s)
 {
   double x = 0.0;
-  if (read_real(s, x)) return !std::isfinite(x);
+  if (read_number(s, x)) return !std::isfinite(x);
   const auto digits = [&s] {
     const std::size_t n = std::min(s.find_first_not_of("0123456789"), s.size());
     s.remove_prefix(n);
@@ -47,7 +47,7 @@ bool is_unusable_number(std::string_view s)
   std::size_t mantissa = digits();
   skip(".");
   mantissa += digits();
-  if (mantissa == 0 || s.empty() || (s.front() != 'e' && s.front() != 'E')) return false;
+  if (mantissa == 0 || s.empty() || std::string_view("eEdD").find(s.front()) == std::string_view::npos) return false;
   s.remove_prefix(1);
   skip("+-");
   return digits() > 0 && s.empty();
@@ -68,7 +68,7 @@ bool set_scalar(JsonNode& node, std::string_view s)
     node.set(std::string(unquoted(s)));
   } else if (read_integer(s, i)) {
     node.set(i);
-  } else if (read_real(s, x)) {
+  } else if (read_number(s, x)) {
     node.set(x);
   } else if (s == "true" || s == "TRUE" || s == "false" || s == "FALSE") {
     node.set(s[0] == 't' || s[0] == 'T');
@@ -96,7 +96,7 @@ bool set_vector(JsonNode& node, std::string_view s, char separator, std::int64_t
       if (read_integer(element, i)) {
         node.append_number(i);
       } else {
-        read_real(element, x);
+        read_number(element, x);
         node.append_number(x);
       }
     } else if (!element.empty() && element[0] == '[') {

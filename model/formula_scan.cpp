@@ -256,10 +256,20 @@ std::string single_blanks(std::string_view s, const SYMBOLS& symbols)
   });
 }
 
+bool read_number(std::string_view s, double& out)
+{
+  if (read_real(s, out)) return true;
+  const std::size_t letter = s.find_first_of("dD");
+  if (letter == std::string_view::npos || letter == 0 || !(is_digit(s[letter - 1]) || s[letter - 1] == '.')) return false;
+  std::string with_e(s);
+  with_e[letter] = 'e';
+  return read_real(with_e, out);
+}
+
 bool is_numeric(std::string_view s)
 {
   double x = 0.0;
-  return read_real(s, x);
+  return read_number(s, x);
 }
 
 bool is_call(std::string_view s)

@@ -87,6 +87,8 @@ std::string blank_to_plus(std::string_view s);
 /// brackets vanish.
 std::string single_blanks(std::string_view s, const SYMBOLS& symbols);
 
+/// Reads a text that is a number as a whole; the exponent may follow e, E, d or D.
+bool read_number(std::string_view s, double& out);
 /// A whole text that is a number.
 bool is_numeric(std::string_view s);
 /// True for "name(...)" with the last character closing the first bracket.
