@@ -104,6 +104,20 @@ void L_START(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TABLE
   if (kind == DesignKind::leg) gather.most_distinct = 1;  // whether there are two is all that matters
 }
 
+/// L_MAKE_TABLES: does work that takes a number of tables of doubles, if the machine has the memory.
+template <class Work>
+void L_MAKE_TABLES(ERROR_HANDLER& eh, std::int64_t tables, std::int64_t rows, std::int64_t columns, Work&& work)
+{
+  const Frame here{eh, __func__};
+  std::int64_t bytes = 0;
+  if (!multiply_sizes(rows, columns, bytes) ||
+      !multiply_sizes(bytes, tables * static_cast<std::int64_t>(sizeof(double)), bytes)) {
+    eh.out_of_memory();
+  } else if (bytes > machine_memory_bytes() || !attempt(work)) {
+    eh.out_of_memory(bytes);
+  }
+}
+
 /// L_FINISH_SPLINE: the knots of a spline and its design there.
 void L_FINISH_SPLINE(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const FACTOR_ROW& factor, Gatherer& gather)
 {
@@ -130,11 +144,8 @@ void L_FINISH_SPLINE(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const FACTO
       return;
     }
   }
-  std::int64_t cells = 0;
-  if (!multiply_sizes(std::ssize(basis.points), std::ssize(basis.points), cells) ||
-      !attempt([&] { spline_basis(basis); })) {
-    eh.out_of_memory();
-  }
+  const std::int64_t knots = std::ssize(basis.points);
+  L_MAKE_TABLES(eh, 2, knots, knots, [&] { spline_basis(basis); });
   basis.distinct.clear();
 }
 
@@ -188,7 +199,10 @@ void L_FINISH(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_T
       }
       scale_to_unit_range(gather.least, gather.most, basis);
       if (basis.half_range == 0.0) basis.half_range = 1.0;  // degree 0 alone
-      if (is_pol && !attempt([&] { orthogonal_recursion(basis.distinct.values(), degree, basis); })) eh.out_of_memory();
+      if (is_pol) {
+        L_MAKE_TABLES(eh, 2, basis.distinct.size(), degree + 1,
+                      [&] { orthogonal_recursion(basis.distinct.values(), degree, basis); });
+      }
       basis.distinct.clear();
       return;
     }
