@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "app/files.h"
+#include "app/utf8.h"
 
 namespace tolvan::driver {
 namespace {
@@ -108,6 +109,11 @@ Problem read_csv(const std::string& path, CsvFile& out)
   const auto at_line = [&](std::int64_t line, const std::string& what) {
     return Problem{Exit::bad_input, path + ", line " + std::to_string(line) + ": " + what};
   };
+  if (!is_utf8({out.text.data(), out.text.size()})) {
+    const std::string converted = utf8_from_windows({out.text.data(), out.text.size()});
+    out.text.assign(converted.begin(), converted.end());
+    out.converted = true;
+  }
   char* from = out.text.data();
   char* const to = from + out.text.size();
   if (std::string_view(from, out.text.size()).starts_with("\xEF\xBB\xBF")) from += 3;  // the byte order mark

@@ -19,6 +19,7 @@ struct CsvFile {
   std::vector<std::string_view> fields;  // record after record, header.size() each
   std::vector<std::int64_t> lines;       // the line on which each record begins, counted from 1
   std::vector<char> text;
+  bool converted = false;  // it was not UTF-8 and was taken as Windows-1252
 
   std::int64_t records() const { return static_cast<std::int64_t>(lines.size()); }
   std::string_view field(std::int64_t record, std::size_t column) const

@@ -200,6 +200,7 @@ Problem add_dataset(const std::string& name, const CsvFile& file, Json& request,
 {
   Builder b{.file = file, .variables = {}, .labels = {}};
   if (file.records() > INT32_MAX) return b.refuse("more than 2147483647 records");
+  if (file.converted) narration += file.path + " is not UTF-8, it is taken as Windows-1252\n";
   Json* entry = find_entry(request, name);
   if (!entry) entry = &append_entry(request, entry_from_header(name, file, request, narration));
 

@@ -5,6 +5,8 @@
 #include <charconv>
 #include <utility>
 
+#include "app/utf8.h"
+
 namespace tolvan::driver {
 namespace {
 
@@ -121,26 +123,6 @@ class Reader {
     if (error != std::errc{} || stop != at_ + 4) return false;
     at_ += 4;
     return true;
-  }
-
-  static void append_utf8(std::string& out, unsigned code)
-  {
-    const auto tail = [&](int shift) { out += static_cast<char>(0x80 | ((code >> shift) & 0x3F)); };
-    if (code < 0x80) {
-      out += static_cast<char>(code);
-    } else if (code < 0x800) {
-      out += static_cast<char>(0xC0 | (code >> 6));
-      tail(0);
-    } else if (code < 0x10000) {
-      out += static_cast<char>(0xE0 | (code >> 12));
-      tail(6);
-      tail(0);
-    } else {
-      out += static_cast<char>(0xF0 | (code >> 18));
-      tail(12);
-      tail(6);
-      tail(0);
-    }
   }
 
   bool escape(std::string& out)

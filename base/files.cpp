@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "base/text.h"
+#include "base/utf8.h"
 
 namespace tolvan {
 
@@ -85,6 +86,8 @@ bool FileReader::open(const std::string& path)
   error_.clear();
   line_number_ = 0;
   line_too_long_ = false;
+  high_bytes_ = false;
+  first_converted_ = 0;
   buffer_.resize(chunk_size);
   if (is_path(path)) file_.reset(std::fopen(path.c_str(), "rbe"));
   if (!file_) {
@@ -113,6 +116,7 @@ bool FileReader::fill()
   if (end_ == buffer_.size()) buffer_.resize(2 * buffer_.size());
   errno = 0;
   const std::size_t got = std::fread(buffer_.data() + end_, 1, buffer_.size() - end_, file_.get());
+  high_bytes_ = high_bytes_ || has_high_bytes({buffer_.data() + end_, got});
   end_ += got;
   if (got == 0 && std::ferror(file_.get()) != 0) error_ = system_words(errno != 0 ? errno : EIO);
   if (got == 0) file_.reset();
@@ -147,6 +151,11 @@ bool FileReader::next_line(std::string_view& line)
     return false;
   }
   if (line.ends_with('\r')) line.remove_suffix(1);
+  if (high_bytes_ && !keep_bytes_ && !is_utf8(line)) {
+    converted_ = utf8_from_windows(line);
+    line = converted_;
+    if (first_converted_ == 0) first_converted_ = line_number_;
+  }
   return true;
 }
 

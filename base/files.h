@@ -31,13 +31,16 @@ struct CloseFile {
 }  // namespace detail
 using FileHandle = std::unique_ptr<std::FILE, detail::CloseFile>;
 
-/// Lines or chunks of a file of any size.
+/// Lines or chunks of a file of any size.  Lines that are not UTF-8 are taken as Windows-1252 and come as UTF-8.
 class FileReader {
  public:
   /// False, with error(), if the file cannot be opened.
   bool open(const std::string& path);
   /// Lines of more bytes are a fault: without a limit one line may take all memory.
   void limit_lines(std::size_t longest) { longest_line_ = longest; }
+  /// Leaves lines that are not UTF-8 as they are.
+  void keep_bytes() { keep_bytes_ = true; }
+  std::int64_t first_converted() const { return first_converted_; }  // the first line that was not UTF-8; 0: none
   bool line_too_long() const { return line_too_long_; }  // that is the fault
   /// The next line without its end (LF or CR LF); false at the end of the file or after a fault, told by
   /// error(). The view holds until the next call.
@@ -57,6 +60,10 @@ class FileReader {
   std::int64_t line_number_ = 0;
   std::size_t longest_line_ = static_cast<std::size_t>(-1);
   bool line_too_long_ = false;
+  bool keep_bytes_ = false;
+  bool high_bytes_ = false;  // met: lines have to be looked at
+  std::int64_t first_converted_ = 0;
+  std::string converted_;  // holds a line that was converted
   std::string error_;
 };
 

@@ -4,32 +4,11 @@
 
 #include "base/json.h"
 #include "base/text.h"
+#include "base/utf8.h"
 
 namespace tolvan {
 
 namespace {
-
-// The number of bytes of the UTF-8 character that starts here, 0 if it is not one (RFC 3629, section 4).
-std::size_t utf8_length(std::string_view s)
-{
-  const auto byte = [&s](std::size_t k) { return k < s.size() ? static_cast<unsigned char>(s[k]) : 0u; };
-  const auto follows = [&byte](std::size_t k) { return (byte(k) & 0xC0u) == 0x80u; };
-  const unsigned a = byte(0);
-  const unsigned b = byte(1);
-  if (a < 0x80) return 1;
-  if (a >= 0xC2 && a <= 0xDF && follows(1)) return 2;
-  if (a >= 0xE0 && a <= 0xEF && follows(1) && follows(2)) {
-    const bool overlong = a == 0xE0 && b < 0xA0;
-    const bool surrogate = a == 0xED && b > 0x9F;
-    return overlong || surrogate ? 0 : 3;
-  }
-  if (a >= 0xF0 && a <= 0xF4 && follows(1) && follows(2) && follows(3)) {
-    const bool overlong = a == 0xF0 && b < 0x90;
-    const bool beyond = a == 0xF4 && b > 0x8F;
-    return overlong || beyond ? 0 : 4;
-  }
-  return 0;
-}
 
 // Labels may come from files in other encodings: what is not UTF-8 becomes the replacement character, so that
 // the document stays one.

@@ -64,6 +64,7 @@ void L_INCLUDE(ERROR_HANDLER& eh, DATA_LINES& lines, std::string_view rest)
   LINE_SOURCE source;
   source.name = name;
   source.file.limit_lines(longest_data_line);
+  if (lines.layout == Layout::fixed_columns) source.file.keep_bytes();
   const std::string reason = lines.sources.size() >= most_sources ? text("files include each other ", most_sources, " deep")
                                                                   : why_not_opened(name, source.file);
   if (!reason.empty()) {

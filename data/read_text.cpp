@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "base/text.h"
+#include "base/utf8.h"
 #include "data/cut_fields.h"
 #include "data/format_list.h"
 #include "data/read_errors.h"
@@ -139,8 +140,11 @@ bool L_READ_BY_FORMAT(ERROR_HANDLER& eh, TextReading& reading)
     for (; in_line < place.line; ++in_line) {
       if (!next_line()) return eh.terminate() ? false : too_few_fields(reading, f);
     }
-    const std::string_view field =
-        place.start < line.size() ? trim(line.substr(place.start, place.width)) : std::string_view{};
+    std::string_view field = place.start < line.size() ? trim(line.substr(place.start, place.width)) : std::string_view{};
+    if (has_high_bytes(field) && !is_utf8(field)) {
+      reading.scratch = utf8_from_windows(field);
+      field = reading.scratch;
+    }
     if (!take_field(eh, reading, f, field, place.decimals)) return false;
   }
   // Lines behind the last field may be missing in the last record.

@@ -137,6 +137,12 @@ bool L_NEXT_LINE(ERROR_HANDLER& eh, DATA_LINES& lines, std::string_view& line)
     lines.sources.pop_back();  // back to the line behind !INCLUDE
     source = &lines.sources.back();
   }
+  if (const std::int64_t converted = source->file.first_converted(); converted > 0 && !lines.encoding_told) {
+    const Frame here{eh, __func__};
+    eh.note(text("line ", converted, " of ", source->name, " is not UTF-8, it is taken as Windows-1252"));
+    eh.continuation("and so are others that are not");
+    lines.encoding_told = true;
+  }
   if (source->file.line_number() == 1 && line.starts_with(byte_order_mark))
     line.remove_prefix(byte_order_mark.size());
   if (const std::size_t at = line.find('\0'); at != std::string_view::npos) {
@@ -156,6 +162,7 @@ void L_OPEN_DATA_FILE(ERROR_HANDLER& eh, const DATA_FILE_KEYS& keys, DATA_LINES&
   LINE_SOURCE& source = lines.sources.emplace_back();
   source.name = keys.name;
   source.file.limit_lines(longest_data_line);
+  if (lines.layout == Layout::fixed_columns) source.file.keep_bytes();  // its columns are bytes
   if (!OPEN_AND_CHECK_FILE(eh, keys.name, source.file)) return;
   L_SKIP_LINES(eh, keys, source.file, lines);
   if (eh.terminate()) return;

@@ -34,6 +34,7 @@ struct DATA_LINES {
   bool ended = false;        // by a directive
   bool special_hash = true;  // '#' starts a remark
   bool hash_told = false;
+  bool encoding_told = false;
   std::string joined;              // holds a line made of several
   std::set<std::string> assigned;  // names of text macros
 

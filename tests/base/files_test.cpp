@@ -35,6 +35,24 @@ TEST(Files, LinesEndInAnyUsualWay)
   EXPECT_EQ(lines_of(folder.file("d", std::string("a\0b\n", 4))), Lines{std::string("a\0b", 3)});
 }
 
+TEST(Files, LinesInOtherEncodingsComeAsUtf8)
+{
+  const TempFolder folder;
+  const std::string contents = "plain\ncaf\xC3\xA9\nSm\xF8rg\xE5s \x80\x81\n\xED\xA0\x80\n";
+  const std::string path = folder.file("latin", contents);
+  EXPECT_EQ(lines_of(path), (std::vector<std::string>{"plain", "caf\xC3\xA9", "Sm\xC3\xB8rg\xC3\xA5s \xE2\x82\xAC\xEF\xBF\xBD",
+                                                      "\xC3\xAD\xC2\xA0\xE2\x82\xAC"}));
+  FileReader reader;
+  std::string_view line;
+  ASSERT_TRUE(reader.open(path));
+  while (reader.next_line(line)) EXPECT_EQ(reader.first_converted(), reader.line_number() < 3 ? 0 : 3);
+  reader.keep_bytes();
+  ASSERT_TRUE(reader.open(path));
+  std::string kept;
+  while (reader.next_line(line)) kept += std::string(line) + "\n";
+  EXPECT_EQ(kept, contents);
+}
+
 TEST(Files, LinesOfAllLengthsOverTheEdgesOfTheBuffer)
 {
   const TempFolder folder;

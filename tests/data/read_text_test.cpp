@@ -61,6 +61,9 @@ TEST(ReadText, Fields)
       {"A;B,1,5\n", "1 1 5\n", "A;B"},
       {"A,1,5,surplus,\"open\n", "1 1 5\n", "A"},
       {"\xC3\xA9t\xC3\xA9,1,5\n", "1 1 5\n", "\xC3\xA9t\xC3\xA9"},
+      {"A,1,5\n\xE9t\xE9,1,5\n\xC3\xA9t\xC3\xA9,1,6\n\xE8,1,7\n", "1 1 5\n2 1 5\n2 1 6\n3 1 7\n",
+       "A \xC3\xA9t\xC3\xA9 \xC3\xA8",
+       "1/- line 3 of f.csv is not UTF-8, it is taken as Windows-1252\n9999/- and so are others that are not\n"},
   };
   for (const Row& row : table) {
     FileRoad road;

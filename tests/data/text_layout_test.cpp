@@ -199,6 +199,7 @@ TEST(Format, Records)
        "9999/- the first is \"B b\" of variable gen\n"
        "1/- # is honoured as a special white-out character in data file\n"
        "9999/- Use !SPECIALCHAR to treat # as normal character in data file\n"},
+      {"(A3,I2,F3.0)", "\xE9t\xE9 1 5\nA   2 6\n", "1 1 5\n2 2 6\n"},  // columns are bytes of the file
       {"(A1,I1,E7.3)", "A1-12.5e2\nA1  125e1\nA1  125+1\n", "1 1 -1250\n1 1 1.25\n",
        "\"125+1\" is not a number"},
       {"(A1/I2/F4.1)", "A\n 1\n  55\n\nB\n 2 &\n\n", "1 1 5.5\n2 2 NA\n"},

@@ -367,6 +367,14 @@ class Failures(InAFolder):
         self.refused(3, request, "--data", f"D={self.write('d.csv', 'y' + chr(10) + '1' + chr(10))}",
                      says="no CSV file was given for the dataset d, and no dataset entry of the request is called D")
 
+    def test_data_in_another_encoding(self):
+        path = self.folder / "latin.csv"
+        path.write_bytes("a,y\nSmørgås,1\nb,2\nSmørgås,4\nb,3\n".encode("latin-1"))
+        run = tolvan("check", self.write("r.json", {"model": {"response": "y", "random": "a"}}), "--data", f"d={path}")
+        self.assertEqual(run.returncode, 0, run.stderr)
+        self.assertIn("Smørgås, b", run.stdout)
+        self.assertIn("latin.csv is not UTF-8, it is taken as Windows-1252", run.stderr)
+
     def test_bad_data(self):
         request = self.write("r.json", {"model": {"response": "y"}})
         for text, says in (("y\n1\nx\n", "y"), ("y,x\n1\n", "line 2"), ("", "empty"), ("y\n", "no record")):
