@@ -388,7 +388,8 @@ void AIWORK(ERROR_HANDLER& eh, FIT_CALL& call, FIT_STATE& fit)
   }
   if (call.files != nullptr) work.equations.given_order = call.files->order;
   L_ITERATE(eh, call, in, work, ev, it, fit);
-  if (call.files != nullptr) call.files->order = {work.equations.factor.order, work.equations.factor.dense};
+  const FACTOR& factor = work.equations.factor;
+  if (call.files != nullptr && !factor.order.empty()) call.files->order = {factor.order, factor.dense};
   TMG_LOG(call.timing, " EndingResiduals");
   const std::int64_t singular = work.aiopt(Ai::ai_singularities);
   L_REPORT(eh, call, in, work, ev, it, fit);

@@ -226,10 +226,12 @@ void invert_diagonal(const FIT_MODEL& in, const VARIANCE_MODEL& model, std::int6
   for (std::size_t p = 0; p < d.size(); ++p) q.factor.reciprocal[p] = d[p] == 0.0 || left_out[p] ? 0.0 : 1.0 / d[p];
 }
 
-/// Whether a structure has rows that only bind others: they have no diagonal, and C is indefinite with them.
-bool binds(const FORMED_TERM& term)
+/// Whether a structure has rows that only bind others, which have no diagonal and make C indefinite, or dimensions without a
+/// variance, which may be confounded with the fixed effects.
+bool is_singular(const FORMED_TERM& term)
 {
-  return std::any_of(term.components.begin(), term.components.end(), [](const auto& c) { return !c->lagrangian().empty(); });
+  return std::any_of(term.components.begin(), term.components.end(),
+                     [](const auto& c) { return !c->lagrangian().empty() || c->counted() < c->inverse().n; });
 }
 
 /// L_SOLVE: solves C x = b, and again for what the solutions leave of b until the correction is small: the rule that ends an iteration
@@ -283,7 +285,7 @@ void ITERATIVE_MME(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL&
   const int threads = static_cast<int>(std::max<std::int64_t>(1, work.aiopt(Ai::threads)));
   ev.absorbed = {};
   for (std::size_t t = 0; t < model.terms.size(); ++t) {
-    if (model.terms[t].dropped || !binds(ev.formed.terms[t])) continue;
+    if (model.terms[t].dropped || !is_singular(ev.formed.terms[t])) continue;
     const std::string& name = in.terms.rows[static_cast<std::size_t>(model.terms[t].term)].name;
     eh.not_implemented(text("solving by iteration with the singular variance structure of ", name, " is not implemented, use !BLUP 2"));
     return;

@@ -62,6 +62,9 @@ class COMPONENT_MATRIX {
   ///      diagonal stands once for S(a, b) and S(b, a) and counts twice
   virtual void contract(const double* s, double* out) const = 0;
 
+  /// Whether the one parameter, g, only scales a matrix that is known: dRi = R^-1 / g.
+  virtual bool scales_alone() const { return false; }
+
   /// y = Rdot_k R^-1 x along this component.  x and y do not overlap.
   virtual void working(std::int64_t k, const double* x, double* y, std::int64_t outer, std::int64_t inner) const = 0;
 

@@ -14,6 +14,7 @@ class KNOWN_MATRIX : public COMPONENT_MATRIX {
  public:
   Formed form(FORM_CONTEXT& context) override;
   void contract(const double* s, double* out) const override;
+  bool scales_alone() const override { return score_part_.size() == 1; }
   void working(std::int64_t k, const double* x, double* y, std::int64_t outer,
                std::int64_t inner) const override;
   void covariance(double* r) const override;
