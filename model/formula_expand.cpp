@@ -76,7 +76,7 @@ std::string expand_formula_term(ERROR_HANDLER& eh, const SYMBOLS& symbols, std::
     return std::string(formula_error);
   }
   text = remove_redundant_brackets(text, symbols);
-  FormulaExpansion expansion(symbols);
+  FormulaExpansion expansion(symbols, text);
   expansion.lift_calls(text);
   expansion.lift_groups(text);
   expansion.sign_placeholders(text);

@@ -57,6 +57,18 @@ std::string joined_terms(const TERMLIST& terms, const SYMBOLS& symbols)
   return out;
 }
 
+FormulaExpansion::FormulaExpansion(const SYMBOLS& symbols, std::string_view text) : s_(symbols)
+{
+  constexpr std::int64_t largest = 1000000;  // far beyond what a text of any length makes
+  for (std::size_t i = text.find("_B"); i != std::string_view::npos; i = text.find("_B", i + 1)) {
+    std::int64_t number = 0;
+    const std::size_t end = placeholder_end(text, i);
+    if (end == std::string_view::npos || !read_integer(text.substr(i + 2, end - i - 3), number)) continue;
+    if (number < largest) first_ = std::max(first_, number + 1);
+  }
+  next_ = first_;
+}
+
 /// Beyond the capacity of the map a placeholder stays in the text, and no variable has its name.
 std::string FormulaExpansion::store(TERMLIST terms)
 {
@@ -76,12 +88,12 @@ std::size_t FormulaExpansion::placeholder_end(std::string_view text, std::size_t
 const TERMLIST* FormulaExpansion::find(std::string_view placeholder) const
 {
   if (placeholder.size() < 4 || placeholder_end(placeholder, 0) != placeholder.size()) return nullptr;
-  std::size_t number = 0;
+  std::int64_t number = 0;
   const char* first = placeholder.data() + 2;
   const char* last = placeholder.data() + placeholder.size() - 1;
   if (std::from_chars(first, last, number).ec != std::errc()) return nullptr;
-  if (number >= map_.size() || (last - first > 1 && *first == '0')) return nullptr;
-  return &map_[number];
+  if (number < first_ || number - first_ >= std::ssize(map_) || (last - first > 1 && *first == '0')) return nullptr;
+  return &map_[static_cast<std::size_t>(number - first_)];
 }
 
 /// Each call becomes an opaque list of one term: name(arguments), the arguments without blanks.

@@ -22,7 +22,8 @@ class TermListBuilder;
 /// and operators, in which each operator next to a placeholder is replaced by the list of the products.
 class FormulaExpansion {
  public:
-  explicit FormulaExpansion(const SYMBOLS& symbols) : s_(symbols) {}
+  /// The placeholders are numbered beyond any that the text itself may look like.
+  FormulaExpansion(const SYMBOLS& symbols, std::string_view text);
 
   void lift_calls(std::string& text);
   void lift_groups(std::string& text);
@@ -41,7 +42,7 @@ class FormulaExpansion {
 
   const SYMBOLS& s_;
   std::vector<TERMLIST> map_;
-  std::int64_t next_ = 0;
+  std::int64_t first_ = 0, next_ = 0;
 };
 
 }  // namespace tolvan
