@@ -84,6 +84,33 @@ void L_CHECK_BLUP(ERROR_HANDLER& eh, std::int64_t mode)
                 most, " (solutions by Gauss-Seidel iteration with relaxation factor 0.5 to 1.9), supplied value = ", mode));
 }
 
+/// Whether an option's value asks for anything: 0, -1, false, null and what is empty do not.
+bool asks(const JsonNode& node)
+{
+  switch (node.type()) {
+    case JsonType::null:
+      return false;
+    case JsonType::logical:
+      return node.logical();
+    case JsonType::integer:
+      return node.integer() != 0 && node.integer() != -1;
+    case JsonType::real:
+      return node.number() != 0.0 && node.number() != -1.0;
+    case JsonType::string: {
+      const auto value = trim(node.text());
+      return !value.empty() && value != "0" && value != "-1";
+    }
+    case JsonType::array:
+      if (node.size() != 1) return node.size() > 1;
+      if (node.packed()) return node.number(0) != 0.0 && node.number(0) != -1.0;
+      // Deeper nesting is no value of any option.
+      return node.children().front()->is(JsonType::array) || asks(*node.children().front());
+    case JsonType::object:
+      return node.size() > 0;
+  }
+  return true;
+}
+
 /// L_READ_OPTION: reads one option into its slot.
 void L_READ_OPTION(ERROR_HANDLER& eh, const OptionRow& row, const JsonNode& node, FIT_OPTIONS& options)
 {
@@ -134,6 +161,9 @@ void L_READ_OPTION(ERROR_HANDLER& eh, const OptionRow& row, const JsonNode& node
     case OptionReader::outfolder:
       GET_VALUE_FROM_JPTR_STRING(eh, node, options.outfolder);
       break;
+    case OptionReader::cinv:
+      options.inverse_table = asks(node);
+      break;
     case OptionReader::elsewhere:
       break;
   }
@@ -168,33 +198,6 @@ void settle(ERROR_HANDLER& eh, FIT_OPTIONS& options)
   std::int64_t& threads = options(Slot::maximum_number_of_threads);
   if (threads < 1) threads = machine_threads();
   threads = std::min(threads, std::max(machine_threads(), most_threads));
-}
-
-/// Whether an option's value asks for anything: 0, -1, false, null and what is empty do not.
-bool asks(const JsonNode& node)
-{
-  switch (node.type()) {
-    case JsonType::null:
-      return false;
-    case JsonType::logical:
-      return node.logical();
-    case JsonType::integer:
-      return node.integer() != 0 && node.integer() != -1;
-    case JsonType::real:
-      return node.number() != 0.0 && node.number() != -1.0;
-    case JsonType::string: {
-      const auto value = trim(node.text());
-      return !value.empty() && value != "0" && value != "-1";
-    }
-    case JsonType::array:
-      if (node.size() != 1) return node.size() > 1;
-      if (node.packed()) return node.number(0) != 0.0 && node.number(0) != -1.0;
-      // Deeper nesting is no value of any option.
-      return node.children().front()->is(JsonType::array) || asks(*node.children().front());
-    case JsonType::object:
-      return node.size() > 0;
-  }
-  return true;
 }
 
 /// Whether an option asks for anything, by the value that its slot gets.

@@ -47,6 +47,7 @@ struct FIT_OPTIONS {
   std::vector<std::int64_t> hold;
   std::vector<std::int64_t> tolerance;  // up to three values; empty: not given
   std::string outfolder;                // empty: not given
+  bool inverse_table = false;           // cinv: the elements of C-inverse are wanted as a table
 
   std::int64_t operator()(Slot s) const { return integers[static_cast<std::size_t>(s)]; }
   std::int64_t& operator()(Slot s) { return integers[static_cast<std::size_t>(s)]; }

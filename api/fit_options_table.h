@@ -22,6 +22,7 @@ enum class OptionReader {
   y_missing_values,
   process_stage,
   outfolder,
+  cinv,
   elsewhere,  // read by another routine, or by none
 };
 
@@ -124,7 +125,7 @@ inline constexpr auto option_table = [] {
       real_option("step_size", RealSlot::step_size, 0.1,  built),
 
       flag_option("vrb",                 Flag::vrb,                 harmless),
-      flag_option("design",              Flag::design,              unbuilt),
+      flag_option("design",              Flag::design,              built),
       flag_option("spatial",             Flag::spatial,             harmless),
       flag_option("twoway",              Flag::twoway,              harmless),
       flag_option("nodisplay",           Flag::nodisplay,           harmless),
@@ -158,7 +159,7 @@ inline constexpr auto option_table = [] {
       own_option("kcv",               elsewhere, unbuilt),
       own_option("rowfactor",         elsewhere, built),
       own_option("columnfactor",      elsewhere, built),
-      own_option("cinv",              elsewhere, unbuilt),
+      own_option("cinv",              cinv,      built),
       own_option("tau",               elsewhere, harmless),
       own_option("section",           elsewhere, built),
       own_option("knot_points",       elsewhere, harmless),  // splines

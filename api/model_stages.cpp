@@ -157,6 +157,8 @@ void form_design(ERROR_HANDLER& eh, CORE_DATA& core)
   DST_CHECK(eh, core.data);
   if (eh.terminate()) return;
   SORTRCOV(eh, core.variables, core.factors, core.model_info, core.data, core.residual, core.design);
+  if (eh.terminate()) return;
+  if (core.options(Flag::design)) STORE_DESIGN_MTX_TABLE(eh, core.design, core.tables);
   if (eh.terminate() || !core.preprocess_only()) return;
   STORE_TERMS_TABLE(eh, core.terms, core.design, core.tables);
 }

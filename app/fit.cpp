@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "app/check.h"
+#include "app/html_report.h"
 #include "app/interrupt.h"
 #include "app/progress.h"
 #include "app/report.h"
@@ -93,6 +94,9 @@ int fit(const FitArguments& arguments)
     std::puts("\nThe request and the data were checked; nothing was fitted, as process_stage is preprocess.");
   } else if (status <= 0 || !engine.integers("TABLE_TRACE:ITER").empty()) {
     print_report(engine, request.title);
+  }
+  if (!arguments.html.empty() && !checked && !engine.integers("TABLE_TRACE:ITER").empty()) {
+    if (const Problem problem = write_html_report(engine, arguments, request, messages)) return refuse(FitArguments{}, problem);
   }
   if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
     return refuse(FitArguments{}, {Exit::out_of_resources, "unable to write the results"});

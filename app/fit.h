@@ -15,6 +15,7 @@ struct FitArguments {
   bool json = false;
   std::string folder;  // for report files; empty: none are asked for
   std::string resume;  // a parameter file of an earlier fit to start from; empty: none
+  std::string html;    // a page with the report; empty: none
   Talk talk = Talk::normal;
   int threads = 0;  // 0: the engine's choice
 };

@@ -98,6 +98,7 @@ int run(int argc, char** argv)
       ->add_option("--resume", a.resume,
                    "Start from the parameters of an earlier fit: its .rsv file, or a table .tsv, .msv, .esv")
       ->type_name("FILE");
+  fit_command->add_option("--html", a.html, "Write a report with figures as one page for a browser")->type_name("FILE");
   for (CLI::App* const command : {fit_command, check_command}) {
     CLI::Option* const q = command->add_flag("-q", quiet, "No progress and no notes")->option_text(" ");
     command->add_flag("-v", verbose, "Tell more about data, messages and time")

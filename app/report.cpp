@@ -6,6 +6,7 @@
 #include <set>
 
 #include "app/json_value.h"
+#include "app/model_terms.h"
 #include "app/terminal.h"
 #include "app/text_table.h"
 
@@ -92,50 +93,6 @@ void print_variance_components(Engine& engine)
   }
 }
 
-/// The name of a term in the standard form of a request.
-std::string term_name(const Json& term)
-{
-  if (term.is(JsonKind::string)) return term.text;
-  for (const char* key : {"user_facing_factor_name", "term_name"})
-    if (const Json* name = term.string_at(key)) return name->text;
-  std::string name;
-  if (const Json* parts = term.find("interaction")) {
-    for (const Json& part : parts->items) name += (name.empty() ? "" : ":") + term_name(part);
-  } else if (const Json* function = term.find("function")) {
-    if (const Json* own = function->string_at("user_facing_factor_name")) return own->text;
-    if (const Json* own = function->string_at("name")) name = own->text + "(";
-    std::string arguments;
-    if (const Json* list = function->find("arguments")) {
-      for (const Json& argument : list->items) {
-        const Json* supplied = argument.find("supplied");
-        const Json* value = argument.find("value");
-        if (!value || (supplied && !supplied->truth())) continue;
-        arguments +=
-            (arguments.empty() ? "" : ",") + (value->items.empty() ? value->text : term_name(*value));
-      }
-    }
-    name += arguments + ")";
-  }
-  return name;
-}
-
-std::set<std::string> fixed_terms(Engine& engine)
-{
-  std::set<std::string> names;
-  const auto request = read_json(engine.json("INPUT_JSON").value_or(""));
-  const Json* model = request ? request->find("model") : nullptr;
-  if (model && model->is(JsonKind::array) && !model->items.empty()) {  // several: the one that was fitted
-    const Json* part = request->find("dopart");
-    const auto k = static_cast<std::size_t>(part ? part->integer(1) : 1);
-    model = &model->items[k >= 1 && k <= model->items.size() ? k - 1 : 0];
-  }
-  const Json* fixed = model ? model->find("fixed") : nullptr;
-  const Json* terms = fixed ? fixed->find("terms") : nullptr;
-  if (!terms) return names;
-  for (const Json& term : terms->items) names.insert(term_name(term));
-  return names;
-}
-
 void print_fixed_effects(Engine& engine)
 {
   const auto labels = engine.strings("TABLE_SLN", "LABEL");
@@ -143,7 +100,8 @@ void print_fixed_effects(Engine& engine)
   const auto effects = engine.reals("TABLE_SLN:EFFECT");
   const auto errors = engine.reals("TABLE_SLN:SE");
   if (labels.empty() || effects.size() != labels.size() || errors.size() != labels.size()) return;
-  const std::set<std::string> fixed = fixed_terms(engine);
+  const std::vector<std::string> terms = model_terms(engine, "fixed");
+  const std::set<std::string> fixed(terms.begin(), terms.end());
   TextColumn term{.heading = "Term", .right = false, .cells = {}};
   TextColumn level{.heading = "Level", .right = false, .cells = {}};
   std::vector<double> effect;

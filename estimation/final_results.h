@@ -3,6 +3,7 @@
 #pragma once
 
 #include "api/error_handler.h"
+#include "api/table_store.h"
 #include "estimation/evaluation.h"
 #include "estimation/fit_state.h"
 
@@ -10,6 +11,10 @@ namespace tolvan {
 
 /// K4MFIN: fills the reported quantities of a fit from an evaluation whose factor still holds the elements of C-inverse.
 void K4MFIN(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, FIT_WORK& work, EVALUATION& ev, FIT_STATE& fit);
+
+/// AIRCINV: registers TABLE_CINV, the elements of C-inverse on the pattern of C, lower triangle by rows in the equations of the
+/// model, and TABLE_CINV_INFO, the equations of the terms.  The factor holds C-inverse; a warning where there is none.
+void AIRCINV(ERROR_HANDLER& eh, const TERM_TABLE& terms, const MIXED_EQUATIONS& equations, int threads, OUTPUT_TABLE_STORE& store);
 
 /// AIRHAT: the leverages, diagonal of W C^-1 W'R^-1, one an analysis record.
 void AIRHAT(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& equations, int threads, std::vector<double>& hat);

@@ -363,6 +363,10 @@ void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& 
       }
       STORE_FIT_SCALARS(own, call.model, fit, call.tables);
       AIDRPT(own, call.variables, call.factors, call.terms, call.design, call.model, fit, call.tables);
+      if (call.options.inverse_table) {
+        const auto threads = static_cast<int>(std::max<std::int64_t>(1, work.aiopt(Ai::threads)));
+        AIRCINV(own, call.terms, work.equations, threads, call.tables);
+      }
       if (call.files != nullptr) SAVE_PARAMETERS(own, call.model, fit.evaluated, *call.files);
       TMG_LOG(call.timing, " TLV/SLN/YHT written");
     }

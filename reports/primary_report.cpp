@@ -60,8 +60,9 @@ void add_table(ERROR_HANDLER& eh, const OUTPUT_TABLE_STORE& store, std::string_v
 {
   const OUTPUT_TABLE* t = store.find_table(name);
   if (t == nullptr) return;
+  constexpr std::int64_t wide_line = 132;
   std::string printed;
-  OTT_PRETTY_PRINT(eh, *t, printed);
+  OTT_PRETTY_PRINT(eh, *t, printed, wide_line);
   out += text('\n', printed);
 }
 

@@ -51,26 +51,32 @@ void WRITE_RESIDUAL_REPORT(const OUTPUT_TABLE_STORE& store, FileWriter& file)
   if (t == nullptr) return;
   const std::int64_t record = t->find_column("RECORD"), fitted = t->find_column("YHAT"), residual = t->find_column("RESID"),
                      statistic = t->find_column("AOM");
-  std::vector<double> x;
-  for (std::int64_t r = 1; r <= t->nrows; ++r) {
-    if (!is_no_value(t->real(r, residual))) x.push_back(t->real(r, residual));
+  // With several traits a record has a row for each, one after the other.
+  std::int64_t traits = 1;
+  while (traits < t->nrows && t->integer(traits + 1, record) == t->integer(1, record)) ++traits;
+  for (std::int64_t own = 1; own <= traits; ++own) {
+    std::vector<double> x;
+    for (std::int64_t r = own; r <= t->nrows; r += traits) {
+      if (!is_no_value(t->real(r, residual))) x.push_back(t->real(r, residual));
+    }
+    const MOMENTS m = moments_of(x);
+    if (traits > 1) file.write(text(" Trait ", own, '\n'));
+    file.write("     Count         Mean      Minimum      Maximum     Variance     Skewness     Kurtosis\n");
+    file.write(text(edit_i(m.count, 10), edit_g(m.mean, 13, 5), edit_g(m.minimum, 13, 5), edit_g(m.maximum, 13, 5),
+                    edit_g(m.variance, 13, 5), edit_f(m.skewness, 13, 4), edit_f(m.kurtosis, 13, 4), '\n'));
+    const double sd = std::sqrt(m.variance);
+    bool headed = false;
+    for (std::int64_t r = own; r <= t->nrows; r += traits) {
+      const double e = t->real(r, residual);
+      if (is_no_value(e)) continue;
+      const double measure = statistic > 0 ? t->real(r, statistic) : sd > 0.0 ? (e - m.mean) / sd : 0.0;
+      if (is_no_value(measure) || std::fabs(measure) <= stands_out) continue;
+      if (!headed) file.write(" Records whose residual stands out\n    Record         Yhat     Residual    Statistic\n");
+      headed = true;
+      file.write(text(edit_i(t->integer(r, record), 10), edit_g(t->real(r, fitted), 13, 5), edit_g(e, 13, 5), edit_f(measure, 13, 2), '\n'));
+    }
+    if (!headed) file.write(" No residual stands out.\n");
   }
-  const MOMENTS m = moments_of(x);
-  file.write("     Count         Mean      Minimum      Maximum     Variance     Skewness     Kurtosis\n");
-  file.write(text(edit_i(m.count, 10), edit_g(m.mean, 13, 5), edit_g(m.minimum, 13, 5), edit_g(m.maximum, 13, 5),
-                  edit_g(m.variance, 13, 5), edit_f(m.skewness, 13, 4), edit_f(m.kurtosis, 13, 4), '\n'));
-  const double sd = std::sqrt(m.variance);
-  bool headed = false;
-  for (std::int64_t r = 1; r <= t->nrows; ++r) {
-    const double e = t->real(r, residual);
-    if (is_no_value(e)) continue;
-    const double own = statistic > 0 ? t->real(r, statistic) : sd > 0.0 ? (e - m.mean) / sd : 0.0;
-    if (is_no_value(own) || std::fabs(own) <= stands_out) continue;
-    if (!headed) file.write(" Records whose residual stands out\n    Record         Yhat     Residual    Statistic\n");
-    headed = true;
-    file.write(text(edit_i(t->integer(r, record), 10), edit_g(t->real(r, fitted), 13, 5), edit_g(e, 13, 5), edit_f(own, 13, 2), '\n'));
-  }
-  if (!headed) file.write(" No residual stands out.\n");
 }
 
 }  // namespace tolvan

@@ -35,6 +35,8 @@ void AIDRPT(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TAB
   if (!fit.usable) return;
   CHUNK_OF_AIDRPT(eh, model, fit, store);
   if (eh.terminate()) return;
+  MATPRT(eh, model, fit, store);
+  if (eh.terminate()) return;
   TABLE_SLN(eh, variables, factors, terms, fit, store);
   if (eh.terminate()) return;
   AIDRST(eh, design, fit, store);

@@ -1,5 +1,5 @@
 // The named tables and scalars that a fit leaves.  Routines: HANDLE_TRACE, STORE_INITIAL_VALUES_TABLE,
-// CHUNK_OF_AIDRPT, TABLE_SLN, AIDRST, AIDRPT, STORE_FIT_SCALARS, WARNING.
+// CHUNK_OF_AIDRPT, MATPRT, TABLE_SLN, AIDRST, AIDRPT, STORE_DESIGN_MTX_TABLE, STORE_FIT_SCALARS, WARNING.
 #pragma once
 
 #include <string>
@@ -35,7 +35,12 @@ void TABLE_SLN(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_
                const TERM_TABLE& terms, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);
 /// AIDRST: registers TABLE_YHT: a row a data record, in the order of the data.
 void AIDRST(ERROR_HANDLER& eh, const DESIGN_MTX& design, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);
-/// AIDRPT: the result tables in their order: components, their variances, solutions, fitted values.
+/// MATPRT: registers for every structure with a matrix of its own TABLE_FACTOR_COVCOR (covariances below the diagonal,
+/// variances on it, correlations above, on the reported scale) and TABLE_FACTOR_EIGEN; from the second on with _2, _3 ...
+void MATPRT(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);
+/// STORE_DESIGN_MTX_TABLE: registers TABLE_DESIGN_MTX, the elements of the design by record (a row a trait) and equation.
+void STORE_DESIGN_MTX_TABLE(ERROR_HANDLER& eh, const DESIGN_MTX& design, OUTPUT_TABLE_STORE& store);
+/// AIDRPT: the result tables in their order: components, their variances, matrices of structures, solutions, fitted values.
 void AIDRPT(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
             const TERM_TABLE& terms, const DESIGN_MTX& design, const VARIANCE_MODEL& model,
             const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);

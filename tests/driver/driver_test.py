@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """driver_test.py TOLVAN EXAMPLES: the stand-alone driver as a user meets it."""
 import json
+import math
 import os
 import pathlib
 import pty
@@ -12,6 +13,7 @@ import sys
 import tempfile
 import time
 import unittest
+from xml.etree import ElementTree
 
 TOLVAN, EXAMPLES = (pathlib.Path(p).resolve() for p in sys.argv[1:3])
 OATS = EXAMPLES / "oats"
@@ -413,6 +415,77 @@ class Failures(InAFolder):
         self.write("in_the_way", "")
         run = tolvan("fit", OATS / "request.json", "-o", self.folder / "in_the_way" / "out")
         self.assertEqual(run.returncode, 6)
+
+
+class Pages(InAFolder):
+    """--html: one page that needs nothing beside itself"""
+
+    SVG = "svg"
+
+    def page(self, name, *arguments):
+        path = self.folder / name
+        run = tolvan("fit", *arguments, "--html", path)
+        self.assertEqual(run.returncode, 0, run.stderr)
+        text = path.read_text()
+        for reaching_out in ("http:", "https:", "src=", "href=", "@import", "url(", "<script"):
+            self.assertNotIn(reaching_out, text)
+        root = ElementTree.fromstring(text)  # well-formed
+        figures = {svg.get("aria-label"): svg for svg in root.iter(self.SVG)}
+        for title, svg in figures.items():
+            drawn = [e for e in svg.iter() if e.get("class") in ("line", "point", "bar") or e.get("fill")]
+            self.assertTrue(drawn, title)
+            x, y, width, height = map(float, svg.get("viewBox").split())
+            for e in svg.iter():
+                for key, most in (("x", width), ("cx", width), ("x1", width), ("x2", width), ("y", height), ("cy", height),
+                                  ("y1", height), ("y2", height)):
+                    if e.get(key):
+                        self.assertTrue(-0.01 <= float(e.get(key)) <= most + 0.01, (title, e.attrib))
+        return text, root, figures
+
+    def test_plain_fit(self):
+        text, root, figures = self.page("oats.html", OATS / "request.json")
+        self.assertEqual(list(figures), ["Log-likelihood by iteration", "Variance parameters by iteration",
+                                         "Residuals against fitted values", "Normal quantiles", "Histogram of residuals"])
+        headings = [h.text for h in root.iter("h2")]
+        self.assertEqual(headings, ["The model", "Variance components", "Convergence", "Fixed effects", "Largest random effects",
+                                    "Residuals"])
+        for words in ("The fit converged.", "The response is y.", "block:variety", "177.08", "LogL -209.378"):
+            self.assertIn(words, text)
+        self.assertEqual(len(list(figures["Residuals against fitted values"].iter("circle"))), 72)
+        bars = [float(r.get("height")) for r in figures["Histogram of residuals"].iter("rect") if r.get("class") == "bar"]
+        self.assertGreater(sum(bars), 0)
+
+    def field(self):
+        """a field of 8 x 10 plots with a trend, one plot missing, and a name that HTML must escape"""
+        lines = ["row,col,y"]
+        for r in range(8):
+            for c in range(10):
+                y = 10 + 0.4 * r + math.sin(1.7 * r * c) + math.cos(3.1 * c + r)
+                lines.append(f"{r + 1},{c + 1},{'NA' if (r, c) == (3, 4) else round(y, 4)}")
+        self.write("field.csv", "\n".join(lines) + "\n")
+        self.write("field.json", json.dumps({
+            "title": "Plots <8 & 10>",
+            "dataset": {"name": "f", "variables": [
+                {"name": "row", "field_type": "vt_integer_factor_1_to_n", "number_of_levels": 8},
+                {"name": "col", "field_type": "vt_integer_factor_1_to_n", "number_of_levels": 10}, {"name": "y"}]},
+            "model": {"response": "y", "fixed": "mu", "sparse": "mv", "residual": "ar1(row):ar1(col)"},
+            "options": {"maxiterations": 40}}))
+        return self.folder / "field.json", "--data", f"f={self.folder / 'field.csv'}"
+
+    def test_spatial_fit(self):
+        text, root, figures = self.page("field.html", *self.field())
+        self.assertIn("Plots &lt;8 &amp; 10&gt;", text)
+        field = next(svg for title, svg in figures.items() if title.startswith("Residuals in the field"))
+        cells = [r.get("fill") for r in field.iter("rect") if r.get("fill")]
+        self.assertEqual(len(cells), 80)
+        self.assertEqual(cells.index("#d8d8d8"), 3 * 10 + 4)  # the missing plot, rows from the first
+        variogram = next(svg for title, svg in figures.items() if title.startswith("Sample variogram"))
+        self.assertEqual(len([r for r in variogram.iter("rect") if r.get("fill")]), 5 * 6)
+
+    def test_pages_that_can_not_be_written(self):
+        run = tolvan("fit", OATS / "request.json", "--html", self.folder / "none" / "page.html")
+        self.assertEqual(run.returncode, 6)
+        self.assertIn("unable to write the page", run.stderr)
 
 
 class Interrupts(InAFolder):
