@@ -90,21 +90,13 @@ Results
 -------
  LogL Converged;
 
-Model_Term                          Gamma           Sigma              SE
-trait:line;trait.US_V_1_1        0.527803        0.527803        0.175447
-trait:line;trait.US_C_2_1        0.930404        0.930404        0.338470
-trait:line;trait.US_V_2_2         2.93820         2.93820        0.893467
-units.us(trait);US_V_1_1         0.542706        0.542706    0.822841E-01
-units.us(trait);US_C_2_1         0.373889        0.373889        0.113900
-units.us(trait);US_V_2_2          1.77955         1.77955        0.272521
-
-Model_Term                 Sigma/SE     %     C
-trait:line;trait.US_V_1_1      3.01     0     P
-trait:line;trait.US_C_2_1      2.75     0     P
-trait:line;trait.US_V_2_2      3.29     0     P
-units.us(trait);US_V_1_1       6.60     0     P
-units.us(trait);US_C_2_1       3.28     0     P
-units.us(trait);US_V_2_2       6.53     0     P
+Model_Term                          Gamma           Sigma              SE  Sigma/SE     %     C
+trait:line;trait.US_V_1_1        0.527803        0.527803        0.175447      3.01     0     P
+trait:line;trait.US_C_2_1        0.930404        0.930404        0.338470      2.75     0     P
+trait:line;trait.US_V_2_2         2.93820         2.93820        0.893467      3.29     0     P
+units.us(trait);US_V_1_1         0.542706        0.542706    0.822841E-01      6.60     0     P
+units.us(trait);US_C_2_1         0.373889        0.373889        0.113900      3.28     0     P
+units.us(trait);US_V_2_2          1.77955         1.77955        0.272521      6.53     0     P
 code B - fixed at a boundary             F - fixed by user
      ? - liable to change from P to B    P - positive definite
      C - Constrained by user             U - unbounded
@@ -141,7 +133,7 @@ Eigenvalues of units.us(trait);US
 Time
 ----
 END OF AIDATA_BODY
-AIDATA_BODY                   0.07      1 calls)
+AIDATA_BODY                   0.03      1 calls)
 AIPEDA                        0.00      1 calls)
 INITFLL                       0.00      1 calls)
 GIV_GRM                       0.00      1 calls)
@@ -152,9 +144,9 @@ REORDER_MODEL_TERMS           0.00      1 calls)
 K4MPRS                        0.00      1 calls)
 AIDSGN                        0.00      1 calls)
 BIG_CHUNK_OF_AIDATA           0.00      1 calls)
-K4MITR                        0.00      4 calls)
+K4MITR                        0.01      4 calls)
 K4MSSF                        0.00      4 calls)
-REORDER_MATRIX                0.00      1 calls)
+REORDER_MATRIX                0.01      1 calls)
 K4MXXS                        0.00      4 calls)
 K4MXXG                        0.00      4 calls)
 K4MXXAIL                      0.00      4 calls)
@@ -166,4 +158,4 @@ K4MSCG                        0.00      4 calls)
 K4MSCR                        0.00      4 calls)
 K4MUPD                        0.00      4 calls)
 K4MRIE                        0.00      1 calls)
-Other                         0.07
+Other                         0.02
