@@ -120,7 +120,7 @@ void L_GET_WEIGHTS(ERROR_HANDLER& eh, GENOMIC_MODEL& model)
   std::vector<double> effects;
   L_READ_MEF(eh, without_extension(model.data.origin), model.data, effects);
   if (eh.terminate() || effects.empty()) return;
-  L_FAST_BAYES_WEIGHTS(keys.bayes_df, keys.bayes_offset, effects, model.weights);
+  fast_bayes_weights(keys.bayes_df, keys.bayes_offset, effects, model.weights);
 }
 
 /// L_TELL_SINGULAR: refuses to invert what is singular by the way it is formed, where rounding might let it pass.

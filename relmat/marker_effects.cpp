@@ -1,4 +1,4 @@
-// Routines: L_MARKER_EFFECTS, L_FAST_BAYES_WEIGHTS, L_READ_MEF, L_RESWRITE.
+// Routines: L_MARKER_EFFECTS, L_READ_MEF, L_RESWRITE.
 #include "relmat/marker_effects.h"
 
 #include <algorithm>
@@ -37,7 +37,7 @@ void L_MARKER_EFFECTS(ERROR_HANDLER& eh, const MARKER_KEYS& keys, const MARKER_D
   for (std::size_t j = 0; j < weights.size(); ++j) effects[j] *= weights[j];
 }
 
-void L_FAST_BAYES_WEIGHTS(double df, double offset, const std::vector<double>& effects, std::vector<double>& weights)
+void fast_bayes_weights(double df, double offset, const std::vector<double>& effects, std::vector<double>& weights)
 {
   double squares = 0.0;
   std::size_t known = 0;

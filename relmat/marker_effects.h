@@ -1,5 +1,5 @@
 // Effects of single markers: the weights that they give to a matrix, and how they are worked out after a fit.
-// Routines: L_MARKER_EFFECTS, L_FAST_BAYES_WEIGHTS, L_READ_MEF, L_RESWRITE.
+// Routines: L_MARKER_EFFECTS, L_READ_MEF, L_RESWRITE.
 #pragma once
 
 #include <string>
@@ -17,11 +17,11 @@ void L_MARKER_EFFECTS(ERROR_HANDLER& eh, const MARKER_KEYS& keys, const MARKER_D
                       const std::vector<double>& weights, double divisor, const std::vector<double>& alpha,
                       std::vector<double>& effects);
 
-/// L_FAST_BAYES_WEIGHTS: weights of the markers, mean 1, by a scaled inverse chi-square prior of their variances:
+/// Weights of the markers, mean 1, by a scaled inverse chi-square prior of their variances:
 ///     w = (nu S^2 + u^2) / (nu + 1) + offset,   S^2 = (nu - 2) / nu mean(u^2)
 /// (Meuwissen, Hayes and Goddard 2001, Genetics 157, 1819-1829).
 ///   effects   NaN where none is known: such a marker weighs as much as the mean of the others
-void L_FAST_BAYES_WEIGHTS(double df, double offset, const std::vector<double>& effects, std::vector<double>& weights);
+void fast_bayes_weights(double df, double offset, const std::vector<double>& effects, std::vector<double>& weights);
 
 /// L_READ_MEF: the effects of an earlier run; a file that is not there gives none.
 ///   effects   one a regressor, NaN where the file has none
