@@ -1,12 +1,15 @@
 """Recovery of variance parameters: simulated data, 50 seeds a structure, means of the estimates against what was simulated.
 
-    python3 bench/recovery/recover.py LIBRARY [--seeds 50] [--only TEXT]
+    python3 bench/recovery/recover.py LIBRARY [--seeds 50] [--only TEXT] [--all]
 
-Needs numpy.  Prints, for every parameter, the value simulated, the mean of the estimates, the bias in standard errors of that
-mean; a run that fails is counted and fails the script.  Estimates of runs at a bound are in the mean: leaving them out would
-bias it.
+Needs numpy.  Prints, for every structure, its parameters, the largest bias in standard errors of the mean, how many runs said
+"converged" without a reservation, ended with some parameter at a bound or without information, or failed; with --all every
+parameter with the value simulated and the mean of the estimates.  A failed run fails the script.  Estimates of runs at a bound are
+in the mean: leaving them out would bias it.  Parameters that a rotation or a factorisation leaves open are compared by the
+covariance matrix that they give.
 """
 import argparse
+import json
 import os
 import sys
 
@@ -128,6 +131,79 @@ def scaled(r, variances):
     return r * np.outer(d, d)
 
 
+def spatial(structure, correlation):
+    """Repeats of 49 points in the plane, residual id(rep):structure(x,y)."""
+    def make(rng):
+        reps, side = 20, 7
+        x, y = (c.ravel() + rng.uniform(-0.2, 0.2, side * side) for c in np.meshgrid(np.arange(side), np.arange(side)))
+        r = correlation(np.hypot(np.subtract.outer(x, x), np.subtract.outer(y, y)))
+        e = draw(rng, np.eye(reps), 1.3 * r)
+        rep = np.repeat(np.arange(reps) + 1.0, side * side)
+        data = np.column_stack([rep, np.tile(x, reps), np.tile(y, reps), 4 + e])
+        return [factor("rep", reps), variate("px"), variate("py"), variate("z")], data, \
+            {"response": "z", "residual": "id(rep):" + structure}
+    return make
+
+
+def pedigree_sires(rng):
+    """An identity over sires beside blocks: two plain variances."""
+    sires, blocks, each = 100, 30, 6
+    s = np.repeat(np.arange(sires), each)
+    b = rng.integers(0, blocks, len(s))
+    y = 5 + np.sqrt(0.25) * rng.standard_normal(sires)[s] + np.sqrt(0.5) * rng.standard_normal(blocks)[b] + rng.standard_normal(len(s))
+    return [factor("sire", sires), factor("block", blocks), variate("y")], np.column_stack([s + 1.0, b + 1.0, y]), \
+        {"response": "y", "random": "sire+block"}
+
+
+def loadings_matrix(n, k, psi_first, ratio=True):
+    """V of factors from specifics and loadings; what stands behind them (the residual) is kept."""
+    def transform(e):
+        psi, load = (e[:n], e[n:n + n * k]) if psi_first else (e[n * k:n * k + n], e[:n * k])
+        lam = load.reshape(k, n).T
+        return packed(lam @ lam.T + np.diag(psi)) + list(e[n * (k + 1):])
+    return transform
+
+
+def correlation_factors(n, k):
+    """V of factors on the correlation scale, loadings then variances."""
+    def transform(e):
+        lam, d = e[:n * k].reshape(k, n).T, np.sqrt(e[n * k:n * k + n])
+        c = lam @ lam.T
+        np.fill_diagonal(c, 1.0)
+        return packed(c * np.outer(d, d)) + list(e[n * (k + 1):])
+    return transform
+
+
+def triangle(e, n):
+    a = np.zeros((n, n))
+    a[np.tril_indices(n)] = e[:n * (n + 1) // 2]
+    return a
+
+
+def from_cholesky(n):
+    def transform(e):
+        a = triangle(e, n)
+        low = np.tril(a, -1) + np.eye(n)
+        return packed(low @ np.diag(np.diag(a)) @ low.T) + list(e[n * (n + 1) // 2:])
+    return transform
+
+
+def from_antedependence(n):
+    def transform(e):
+        a = triangle(e, n)
+        up = np.tril(a, -1).T + np.eye(n)
+        return packed(np.linalg.inv(up @ np.diag(np.diag(a)) @ up.T)) + list(e[n * (n + 1) // 2:])
+    return transform
+
+
+def first_order(n, rho, variances):
+    return scaled(ar1(n, rho), variances)
+
+
+def spherical(a):
+    return lambda d: np.where(d < a, 1 - 1.5 * d / a + 0.5 * (d / a) ** 3, 0.0)
+
+
 V4 = [0.8, 1.0, 1.3, 1.7]
 L4 = np.array([0.9, 0.7, 0.5, 0.8])
 PSI4 = np.array([0.3, 0.4, 0.2, 0.5])
@@ -143,18 +219,39 @@ def packed(a):
     return [float(a[i, j]) for i in range(len(a)) for j in range(i + 1)]
 
 
-# name: maker, true values on the Sigma scale in the order of the components table, options
+FA2 = np.column_stack([[0.9, 0.7, 0.5, 0.8, 0.6], [0.0, 0.5, -0.6, 0.3, -0.4]])
+FA2_V = FA2 @ FA2.T + np.diag([0.3, 0.4, 0.2, 0.5, 0.3])
+RR_V = np.outer(L4, L4)
+FA1_V = RR_V + np.diag(PSI4)
+CORG4 = np.array([[1.0, 0.5, 0.3, 0.1], [0.5, 1.0, 0.4, 0.2], [0.3, 0.4, 1.0, 0.6], [0.1, 0.2, 0.6, 1.0]])
+ANTE4 = first_order(4, 0.6, V4)
+BAND4 = np.eye(4) + 0.6 * np.eye(4, k=-1)
+CHOL4 = BAND4 @ np.diag([1.0, 0.7, 0.8, 0.6]) @ BAND4.T
+
+# name: maker, true values on the Sigma scale in the order of the components table (or of the transform), options, transform
 STRUCTURES = {
+    "sires and blocks": (pedigree_sires, [0.25, 0.5, 1.0], {}),
     "ar1": (repeated("ar1(time)", 2.0 * ar1(6, 0.6)), [0.6, 2.0], {}),
     "ar1h": (repeated("ar1h(time)", scaled(ar1(4, 0.5), V4)), [0.5] + V4, {"varscale": 1}),
     "ar2": (repeated("ar2(time)", 1.5 * time_series([0.5, 0.2], [], 7)), [0.5, 0.2, 1.5], {}),
+    "ar3": (repeated("ar3(time)", 1.5 * time_series([0.4, 0.2, 0.1], [], 9)), [0.4, 0.2, 0.1, 1.5], {}),
+    "sar": (repeated("sar(time)", 1.5 * time_series([0.6, -0.09], [], 7)), [0.6, 1.5], {}),
     "ma1": (repeated("ma1(time)", time_series([], [0.4], 7)), [0.4, 1.0], {}),
+    "ma2": (repeated("ma2(time)", time_series([], [0.4, 0.2], 8)), [0.4, 0.2, 1.0], {}),
+    "arma": (repeated("arma(time)", time_series([0.7], [0.3], 8)), [0.7, 0.3, 1.0], {}),
     "cor": (repeated("cor(time)", 1.5 * (0.4 * np.ones((5, 5)) + 0.6 * np.eye(5))), [0.4, 1.5], {}),
     "corh": (repeated("corh(time)", scaled(0.4 * np.ones((4, 4)) + 0.6 * np.eye(4), V4)), [0.4] + V4, {"varscale": 1}),
     "corb": (repeated("corb(time,1)", 1.2 * banded(5, [0.35])), [0.35, 1.2], {}),
+    "corg": (repeated("corg(time)", 1.2 * CORG4), [CORG4[a, b] for a in range(4) for b in range(a)] + [1.2], {}),
     "us": (repeated("us(time)", US3), packed(US3), {"varscale": 1}),
     "diag": (repeated("diag(time)", np.diag(V4)), V4, {"varscale": 1}),
+    "chol": (repeated("chol(time,1)", CHOL4), packed(CHOL4), {"varscale": 1}, from_cholesky(4)),
+    "ante": (repeated("ante(time,1)", ANTE4), packed(ANTE4), {"varscale": 1}, from_antedependence(4)),
     "exp": (repeated("exp(time)", 1.4 * ar1(6, 0.7)), [0.7, 1.4], {}),
+    "gau": (repeated("gau(time)", 1.4 * 0.5 ** np.subtract.outer(np.arange(5), np.arange(5)) ** 2), [0.5, 1.4], {}),
+    "ieuc": (spatial("ieuc(px,py)", lambda d: 0.5 ** d), [0.5, 1.3], {}),
+    "sph": (spatial("sph(px,py,2.5)", spherical(3.0)), [3.0, 1.3], {}),
+    "mtrn": (spatial("mtrn(px,py,0.8)", lambda d: np.exp(-d / 1.2)), [1.2, 1.3], {}),
     "ar1xar1": (trial(False), [0.5, 0.4, 0.7, 1.0], {}),
     "ar1xar1 and nugget": (trial(True), [0.5, 0.4, 0.4, 0.7, 1.0], {}),
     "sections": (sections, [0.3, 1.0, 0.6, 0.4, 1.5, 0.6, 0.5, 2.0, 0.6], {}),
@@ -162,15 +259,20 @@ STRUCTURES = {
     "diag environments": (environments("diag(env)", np.diag([0.5, 1.0, 1.5])), [0.5, 1.0, 1.5, 1.0], {}),
     "corh environments": (environments("corh(env)", scaled(0.5 * np.ones((3, 3)) + 0.5 * np.eye(3), [0.5, 1.0, 1.5])),
                           [0.5, 0.5, 1.0, 1.5, 1.0], {}),
-    "fa(1) environments": (environments("fa(env,1)", np.outer(L4, L4) + np.diag(PSI4)), list(PSI4) + list(L4) + [1.0], {}),
-    "facv(1) environments": (environments("facv(env,1)", np.outer(L4, L4) + np.diag(PSI4)), list(L4) + list(PSI4) + [1.0], {}),
+    "chol environments": (environments("chol(env,1)", CHOL4), packed(CHOL4) + [1.0], {}, from_cholesky(4)),
+    "ante environments": (environments("ante(env,1)", ANTE4), packed(ANTE4) + [1.0], {}, from_antedependence(4)),
+    "fa(1) environments": (environments("fa(env,1)", FA1_V), packed(FA1_V) + [1.0], {}, loadings_matrix(4, 1, True)),
+    "facv(1) environments": (environments("facv(env,1)", FA1_V), packed(FA1_V) + [1.0], {}, loadings_matrix(4, 1, False)),
+    "sfa(1) environments": (environments("sfa(env,1)", FA1_V), packed(FA1_V) + [1.0], {}, correlation_factors(4, 1)),
+    "fa(2) environments": (environments("fa(env,2)", FA2_V), packed(FA2_V) + [1.0], {}, loadings_matrix(5, 2, True)),
+    "rr(1) environments": (environments("rr(env,1)", RR_V + 1e-12 * np.eye(4)), packed(RR_V) + [1.0], {}, loadings_matrix(4, 1, True)),
     "two traits": (two_traits, [0.5, 0.2, 0.4, 1.0, 0.3, 1.5], {}),
     "random regression": (regression, [1.0, 0.3, 0.4, 1.0], {}),
 }
 
 
 def fit(library, variables, data, model, options):
-    """Estimates and the convergence flag of one run; None for one that failed."""
+    """Estimates, constraint letters and the status text of one run; None for one that failed."""
     request = {"dataset": [{"name": "data", "storage_order": "so_row_major", "number_of_observations": len(data),
                             "variables": variables}],
                "model": model, "options": {"maxiterations": 60, **options}}
@@ -182,9 +284,31 @@ def fit(library, variables, data, model, options):
         if host.process() > 0:
             return None
         sigma = host.output_real("TABLE_VARCOMP:SIGMA")
-        return None if sigma is None else (list(sigma), host.output_integer_scalar("SCALAR_CONVERGENCE_FLG"))
+        table = host.output_json("TABLE_VARCOMP", raw=True)
+        if sigma is None or table is None:
+            return None
+        return np.array(sigma), letters(table), host.output_integer_scalar("SCALAR_CONVERGENCE_FLG") in (0, [0])
     finally:
         host.cleanup()
+
+
+def letters(table):
+    """The column of constraint letters, wherever the table's JSON holds it."""
+    found = []
+
+    def walk(node):
+        if isinstance(node, dict):
+            if node.get("name") == "BOUND":
+                for value in node.values():
+                    if isinstance(value, list):
+                        found.extend(str(v).strip() for v in value)
+            for value in node.values():
+                walk(value)
+        elif isinstance(node, list):
+            for value in node:
+                walk(value)
+    walk(json.loads(table) if isinstance(table, str) else table)
+    return found
 
 
 def main():
@@ -192,36 +316,44 @@ def main():
     parser.add_argument("library")
     parser.add_argument("--seeds", type=int, default=50)
     parser.add_argument("--only", default="")
+    parser.add_argument("--all", action="store_true")
     args = parser.parse_args()
-    bad = 0
-    print("| structure | parameter | simulated | mean | bias/se | converged | failed |")
+    bad = tested = beyond2 = beyond3 = 0
+    print("| structure | parameters | largest bias/se | beyond 2 | converged | at a bound | failed |")
     print("|---|---|---|---|---|---|---|")
-    for name, (make, truth, options) in STRUCTURES.items():
+    for position, (name, (make, truth, options, *transform)) in enumerate(STRUCTURES.items()):
         if args.only not in name:
             continue
-        estimates, failed, converged = [], 0, 0
+        estimates, failed, converged, bound = [], 0, 0, 0
         for seed in range(1, args.seeds + 1):
-            variables, data, model = make(np.random.default_rng([seed, len(name)]))
+            variables, data, model = make(np.random.default_rng([seed, position]))
             answer = fit(args.library, variables, data, model, options)
-            if answer is None or len(answer[0]) != len(truth):
+            if answer is None:
                 failed += 1
                 continue
-            estimate = np.array(answer[0])
-            if name.startswith(("fa(", "facv(")):  # loadings are determined but for their sign
-                loadings = slice(len(PSI4), 2 * len(PSI4)) if name.startswith("fa(") else slice(0, len(PSI4))
-                estimate[loadings] *= np.sign(estimate[loadings].sum())
+            estimate, codes, good = answer
+            fixed = np.array([c == "F" for c in codes])  # a zero outside a band, what mtrn() leaves at its default
+            estimate = np.array(transform[0](estimate)) if transform else estimate[~fixed]
+            if len(estimate) != len(truth):
+                failed += 1
+                continue
             estimates.append(estimate)
-            converged += answer[1] in (0, [0])
+            converged += good
+            bound += any(c in ("B", "S", "?") for c in codes)
         bad += failed
         if not estimates:
-            print("| %s | | | | | 0 | %d |" % (name, failed))
+            print("| %s | %d | | | 0 | | %d |" % (name, len(truth), failed))
             continue
         e = np.array(estimates)
         mean, se = e.mean(axis=0), e.std(axis=0, ddof=1) / np.sqrt(len(e))
-        for k, value in enumerate(truth):
-            print("| %s | %d | %.4g | %.4g | %+.2f | %s | %s |" % (name if k == 0 else "", k + 1, value, mean[k],
-                                                                  (mean[k] - value) / se[k], converged if k == 0 else "",
-                                                                  failed if k == 0 else ""), flush=True)
+        z = np.where(se > 0, (mean - truth) / np.where(se > 0, se, 1), 0.0)
+        tested, beyond2, beyond3 = tested + len(z), beyond2 + int((abs(z) > 2).sum()), beyond3 + int((abs(z) > 3).sum())
+        print("| %s | %d | %+.2f | %d | %d | %d | %d |" % (name, len(truth), z[np.argmax(abs(z))], (abs(z) > 2).sum(), converged, bound,
+                                                         failed), flush=True)
+        for k, value in enumerate(truth if args.all else []):
+            print("|   %d | %.4g | %.4g | %+.2f |" % (k + 1, value, mean[k], z[k]))
+    print("\n%d parameters: %d beyond 2 standard errors (%.1f expected), %d beyond 3 (%.1f expected)"
+          % (tested, beyond2, 0.0455 * tested, beyond3, 0.0027 * tested))
     return 1 if bad else 0
 
 
