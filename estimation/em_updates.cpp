@@ -6,6 +6,7 @@
 
 #include "base/lapack.h"
 #include "base/text.h"
+#include "varstruct/followers.h"
 
 namespace tolvan {
 namespace {
@@ -168,7 +169,7 @@ void K4MEMM(ERROR_HANDLER& eh, const FIT_MODEL& in, MIXED_EQUATIONS& q, const EV
     // All of the matrix moves, or the step and the mending of the structure serve it.
     bool whole = place + count <= active.size();
     for (std::size_t k = 0; whole && k < count; ++k) {
-      whole = active[place + k] == row.first + static_cast<std::int64_t>(k) && model.parameters[from + k].master < 0;
+      whole = active[place + k] == row.first + static_cast<std::int64_t>(k) && !follows(model.parameters[from + k]);
     }
     if (!whole) continue;
     if (is_sound(unpacked(n, [&](std::size_t k, bool) { return model.parameters[from + k].value; }), n)) continue;

@@ -10,6 +10,7 @@
 #include "estimation/iterative_mme.h"
 #include "estimation/outliers.h"
 #include "estimation/section_variances.h"
+#include "varstruct/followers.h"
 
 namespace tolvan {
 namespace {
@@ -33,13 +34,13 @@ void list_active(VARIANCE_MODEL& model, EVALUATION& ev)
   }
   for (std::size_t i = 0; i < model.parameters.size(); ++i) {
     VARIANCE_PARAMETER& v = model.parameters[i];
-    if (v.value == 0.0 && v.constraint == Constraint::none && v.master < 0) v.constraint = Constraint::C;  // a structural zero
+    if (v.value == 0.0 && v.constraint == Constraint::none && !follows(v)) v.constraint = Constraint::C;  // a structural zero
     const bool residual = static_cast<std::int64_t>(i) == model.residual_parameter;
     if (residual && model.profiled) {
       information.held_out = information.count();
     } else if (dropped[i] || is_no_value(v.value)) {
       continue;
-    } else if (!is_free(v.master >= 0 ? model.parameters[static_cast<std::size_t>(v.master)].constraint : v.constraint)) {
+    } else if (!is_estimated(model, static_cast<std::int64_t>(i))) {
       continue;
     }
     information.active.push_back(static_cast<std::int64_t>(i));
@@ -73,7 +74,8 @@ void set_units(const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, EVALUATION
     const double variance = residual / size[parameter];
     if (role == ParamRole::variance || role == ParamRole::covariance) ev.information.unit[i] = variance;
     if (role == ParamRole::loading) ev.information.unit[i] = std::sqrt(variance);
-    if (role == ParamRole::precision) ev.information.unit[i] = 1.0 / variance;
+    // A precision goes towards infinity where its level is explained by others: its information is of the size of its own square.
+    if (role == ParamRole::precision) ev.information.unit[i] = std::max(1.0 / variance, std::fabs(ev.evaluated[parameter]));
   }
 }
 
@@ -337,14 +339,6 @@ bool damp_again(std::int64_t iteration, int repeats, double& second, VARIANCE_MO
   return true;
 }
 
-/// Gives every follower its share of its master's value.
-void follow_masters(VARIANCE_MODEL& model)
-{
-  for (VARIANCE_PARAMETER& v : model.parameters) {
-    if (v.master >= 0) v.value = v.coefficient * model.parameters[static_cast<std::size_t>(v.master)].value;
-  }
-}
-
 }  // namespace
 
 void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARIANCE_MODEL& model, FIT_WORK& work, EVALUATION& ev)
@@ -412,7 +406,7 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
     K4MUPD(eh, iteration, iteration > 1 ? ev.logl - work.previous_logl : 0.0, ev.information, model, work.aiopt, work.update);
     if (!work.em.rows.empty()) K4MEMM(eh, in, q, ev, model, work.update, work.em);
   }
-  follow_masters(model);
+  set_followers(model, false);
   work.aiopt(Ai::held_out) = ev.information.held_out + 1;
 }
 
@@ -434,7 +428,7 @@ void step_from_best(ERROR_HANDLER& eh, std::int64_t iteration, double gain, VARI
   work.update.step = step;
   work.update.saved_step = saved_step;
   K4MUPD(eh, iteration, gain, work.best.information, model, work.aiopt, work.update);
-  follow_masters(model);
+  set_followers(model, false);
 }
 
 }  // namespace tolvan

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "estimation/outliers.h"
+#include "varstruct/followers.h"
 
 namespace tolvan {
 namespace {
@@ -164,19 +165,21 @@ void L_COVARIANCE(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, FIT_WORK& work
     }
   }
 
-  // A parameter that follows another one varies with it.
-  const auto lead = [&](std::size_t i) {
-    const std::int64_t master = model.parameters[i].master;
-    return master < 0 ? i : static_cast<std::size_t>(master);
+  // A parameter that follows others varies with them.
+  std::vector<std::vector<PARAMETER_SHARE>> shares(p);
+  for (std::size_t i = 0; i < p; ++i) shares[i] = made_of(model, static_cast<std::int64_t>(i));
+  const auto between = [&](std::int64_t a, std::int64_t b) {
+    const auto high = static_cast<std::size_t>(std::max(a, b));
+    return fit.covariance[high * (high + 1) / 2 + static_cast<std::size_t>(std::min(a, b))];
   };
-  const auto share = [&](std::size_t i) { return model.parameters[i].master < 0 ? 1.0 : model.parameters[i].coefficient; };
   for (std::size_t i = 0; i < p; ++i) {
     for (std::size_t j = 0; j <= i; ++j) {
-      const std::size_t mi = lead(i);
-      const std::size_t mj = lead(j);
-      if (mi == i && mj == j) continue;
-      const std::size_t high = std::max(mi, mj);
-      fit.covariance[i * (i + 1) / 2 + j] = share(i) * share(j) * fit.covariance[high * (high + 1) / 2 + std::min(mi, mj)];
+      if (!follows(model.parameters[i]) && !follows(model.parameters[j])) continue;
+      double sum = 0.0;
+      for (const PARAMETER_SHARE& a : shares[i]) {
+        for (const PARAMETER_SHARE& b : shares[j]) sum += a.by * b.by * between(a.of, b.of);
+      }
+      fit.covariance[i * (i + 1) / 2 + j] = sum;
     }
   }
 }

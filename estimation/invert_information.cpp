@@ -5,6 +5,7 @@
 #include "base/lapack.h"
 #include "base/text.h"
 #include "estimation/update_parameters.h"
+#include "varstruct/followers.h"
 
 namespace tolvan {
 namespace {
@@ -142,30 +143,31 @@ void fold_followers(const VARIANCE_MODEL& model, INFORMATION& information)
     return model.parameters[static_cast<std::size_t>(information.active[i])];
   };
   INFORMATION kept;
-  std::vector<std::size_t> to(k, k);  // the place of each parameter, or of its master, among the kept ones
+  std::vector<std::vector<PARAMETER_SHARE>> shares(k);  // of each parameter: places among the kept ones
   for (std::size_t i = 0; i < k; ++i) {
-    if (parameter(i).master >= 0) continue;
-    to[i] = static_cast<std::size_t>(kept.count());
+    if (follows(parameter(i))) continue;
     if (static_cast<std::int64_t>(i) == information.held_out) kept.held_out = kept.count();
     kept.active.push_back(information.active[i]);
     kept.unit.push_back(information.unit[i]);
   }
   if (kept.active.size() == k) return;
   for (std::size_t i = 0; i < k; ++i) {
-    if (parameter(i).master < 0) continue;
-    const auto at = std::lower_bound(kept.active.begin(), kept.active.end(), parameter(i).master);
-    if (at != kept.active.end() && *at == parameter(i).master) to[i] = static_cast<std::size_t>(at - kept.active.begin());
+    for (const PARAMETER_SHARE& share : made_of(model, information.active[i])) {
+      const auto place = std::lower_bound(kept.active.begin(), kept.active.end(), share.of);
+      if (place != kept.active.end() && *place == share.of) shares[i].push_back({place - kept.active.begin(), share.by});
+    }
   }
   kept.score.assign(kept.active.size(), 0.0);
   kept.ai.assign(kept.active.size() * (kept.active.size() + 1) / 2, 0.0);
-  const auto coefficient = [&](std::size_t i) { return parameter(i).master >= 0 ? parameter(i).coefficient : 1.0; };
   for (std::size_t i = 0; i < k; ++i) {
-    if (to[i] == k) continue;
-    kept.score[to[i]] += coefficient(i) * information.score[i];
-    for (std::size_t j = 0; j < k; ++j) {  // both triangles, each kept pair once
-      if (to[j] == k || to[j] > to[i]) continue;
-      kept.ai[at(static_cast<std::int64_t>(to[i]), static_cast<std::int64_t>(to[j]))] +=
-          coefficient(i) * coefficient(j) * information.at(static_cast<std::int64_t>(i), static_cast<std::int64_t>(j));
+    for (const PARAMETER_SHARE& a : shares[i]) {
+      kept.score[static_cast<std::size_t>(a.of)] += a.by * information.score[i];
+      for (std::size_t j = 0; j < k; ++j) {  // both triangles, each kept pair once
+        for (const PARAMETER_SHARE& b : shares[j]) {
+          if (b.of <= a.of)
+            kept.ai[at(a.of, b.of)] += a.by * b.by * information.at(static_cast<std::int64_t>(i), static_cast<std::int64_t>(j));
+        }
+      }
     }
   }
   information = std::move(kept);

@@ -274,11 +274,7 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
       ruled.reference *= unit;
       result[i] = ruled;
       if (short_of <= 1e-10) continue;
-      const double measure = short_of / std::max(std::fabs(in.value), 1e-10);
-      if (first_stage) {
-        hold(i);
-        continue;
-      }
+      const double measure = first_stage ? short_of : short_of / std::max(std::fabs(in.value), 1e-10);
       if (k >= many) cut.emplace_back(measure, i);
       if (worst == k || measure > worst_measure) {
         worst = i;
@@ -292,9 +288,10 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     }
     return worst < k;
   };
-  // By sign one parameter is held at a time, the one that its rule cuts back most: with it held the others may well step
-  // away from zero.
-  pass(true);
+  // One parameter is held at a time, the one that its rule cuts back most: with it held the others may well step away from zero,
+  // or turn round, as the other parameter of ARMA(1,1) does on the ridge where the two are equal.
+  for (std::size_t round = 0; round < k && pass(true); ++round) {
+  }
   for (std::size_t round = 0; round < k && pass(false); ++round) {
   }
 

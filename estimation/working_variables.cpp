@@ -105,6 +105,11 @@ void K4MWVG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
     for (std::size_t c = 0; c < components.size(); ++c) {
       const STRUCTURE_ROW& row = model.rows[static_cast<std::size_t>(structure.first_row) + c];
       const PRODUCT_BLOCK block = block_of(components, c);
+      for (const auto& [binding, bound] : components[c]->lagrangian()) {
+        if (q.solving != Solving::by_factor || q.position_of(first + binding * block.inner) > q.position_of(first + bound * block.inner)) continue;
+        eh.internal("K4MWVE XFA Equation order error.");
+        return;
+      }
       for (std::int64_t i = 0; i < row.parameters; ++i) {
         const std::ptrdiff_t column = column_of(ev.information, row.first + i);
         if (column < 0) continue;

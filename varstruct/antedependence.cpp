@@ -9,6 +9,8 @@
 #include "base/text.h"
 #include "varstruct/covariance_models.h"
 #include "varstruct/dense_matrix.h"
+#include "varstruct/form_row.h"
+#include "varstruct/hold_factors.h"
 #include "varstruct/rescale_factors.h"
 
 namespace tolvan {
@@ -40,6 +42,8 @@ class ANTEDEPENDENCE : public COMPONENT_MATRIX {
   std::vector<double> v_;       // V = T D^-1 T', n x n
   std::vector<double> scaled_;  // T D^-1/2
   std::vector<double> bands_;   // V^-1
+  bool formed_ = false;         // before: the values that a fit starts with are the user's
+  std::vector<int> at_bound_;   // how often in a row a D came back to its bound
 };
 
 bool ANTEDEPENDENCE::reserve(ERROR_HANDLER& eh, const STRUCTURE_ROW& row)
@@ -104,13 +108,11 @@ Formed ANTEDEPENDENCE::form(FORM_CONTEXT& context)
   const Frame here{eh, __func__};
   const STRUCTURE_ROW& row = context.row;
   const std::int64_t n = row.size;
-  if (row.parameters != packed_size(n)) {
-    eh.internal(text("size of structure seems wrong, nrow = ", n, ", gammas count = ", row.parameters));
-    return Formed::in_handler;
-  }
+  if (!check_row_size(eh, row, packed_size(n))) return Formed::in_handler;
   if (!reserve(eh, row)) return Formed::in_handler;
   const PackedLower<VARIANCE_PARAMETER> theta{
       {context.model.parameters.data() + row.first, static_cast<std::size_t>(row.parameters)}};
+  if (formed_) hold_precision_factors(theta, n, at_bound_);
   if (!factorise(theta) && !rescale_factors(context, theta, n, [&] { return factorise(theta); })) {
     std::int64_t minor = 1;  // the first level whose D or V is no positive number
     while (minor < n && theta(minor, minor).value > 0.0 &&
@@ -132,6 +134,7 @@ Formed ANTEDEPENDENCE::form(FORM_CONTEXT& context)
     log_determinant_ -= std::log(d);
     score_part_[static_cast<std::size_t>(packed_size(j + 1) - 1)] = -1.0 / d;
   }
+  formed_ = true;
   return Formed::done;
 }
 

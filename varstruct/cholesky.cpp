@@ -1,12 +1,14 @@
 // The covariance matrix by its factors on the variance scale, V = L D L'.
 #include <algorithm>
 #include <cmath>
+#include <vector>
 
 #include "base/lapack.h"
 #include "base/packed.h"
-#include "base/text.h"
 #include "varstruct/covariance_models.h"
 #include "varstruct/dense_covariance.h"
+#include "varstruct/form_row.h"
+#include "varstruct/hold_factors.h"
 #include "varstruct/rescale_factors.h"
 
 namespace tolvan {
@@ -23,6 +25,9 @@ class CHOLESKY : public DENSE_COVARIANCE {
 
  private:
   bool factorise(const PackedLower<VARIANCE_PARAMETER>& theta);
+
+  bool formed_ = false;        // before: the values that a fit starts with are the user's
+  std::vector<int> at_bound_;  // how often in a row a D came back to its bound
 };
 
 /// V = C C' with C = L sqrt(D), and its inverse; false if it has none.
@@ -56,14 +61,12 @@ Formed CHOLESKY::form(FORM_CONTEXT& context)
   const Frame here{eh, __func__};
   const STRUCTURE_ROW& row = context.row;
   const std::int64_t levels = row.size;
-  if (row.parameters != packed_size(levels)) {
-    eh.internal(text("size of structure seems wrong, nrow = ", levels, ", gammas count = ", row.parameters));
-    return Formed::in_handler;
-  }
+  if (!check_row_size(eh, row, packed_size(levels))) return Formed::in_handler;
   if (!make_room(eh, levels, row.parameters, levels)) return Formed::in_handler;
   const PackedLower<VARIANCE_PARAMETER> theta{
       {context.model.parameters.data() + row.first, static_cast<std::size_t>(row.parameters)}};
 
+  if (formed_) hold_cholesky_factors(theta, levels, at_bound_);
   if (!factorise(theta)) {
     for (std::int64_t i = 1; i <= levels; ++i) {
       if (theta(i, i).value >= least_d) continue;
@@ -88,6 +91,7 @@ Formed CHOLESKY::form(FORM_CONTEXT& context)
   std::fill(score_part_.begin(), score_part_.end(), 0.0);
   for (std::int64_t i = 1; i <= levels; ++i)
     score_part_[static_cast<std::size_t>(packed_size(i) - 1)] = 1.0 / theta(i, i).value;
+  formed_ = true;
   return Formed::done;
 }
 

@@ -5,6 +5,7 @@
 
 #include "base/text.h"
 #include "model/request.h"
+#include "varstruct/followers.h"
 #include "varstruct/initial_values.h"
 #include "varstruct/linear_constraints.h"
 
@@ -60,7 +61,7 @@ void L_READ_ENTRY(ERROR_HANDLER& eh, const JsonNode& entry, const FACTOR_TABLE& 
   }
   const VARIANCE_PARAMETER& p = model.parameters[static_cast<std::size_t>(parameter)];
   const bool profiled = model.profiled && parameter == model.residual_parameter;
-  if (profiled || p.master >= 0 || !is_free(p.constraint)) {
+  if (profiled || follows(p) || !is_free(p.constraint)) {
     eh.error(text("VCM constraint not permitted on variance parameter ", parameter + 1));
     return;
   }
@@ -90,36 +91,61 @@ void L_READ_ENTRY(ERROR_HANDLER& eh, const JsonNode& entry, const FACTOR_TABLE& 
   model.vcm.push_back(std::move(row));
 }
 
-/// L_LINK_ROWS: turns the rows into links.
+/// A row of coefficients on its way through the elimination: what is left of it, and of which rows it is a sum.
+struct REDUCED {
+  std::vector<double> left;
+  std::vector<double> shares;  // one a leading row
+};
+
+/// Takes the leading rows off a row: row = sum of shares times leading rows + what is left.
+REDUCED reduce(const std::vector<double>& row, const std::vector<REDUCED>& leaders, const std::vector<std::size_t>& pivot)
+{
+  REDUCED out{row, std::vector<double>(leaders.size(), 0.0)};
+  for (std::size_t r = 0; r < leaders.size(); ++r) {
+    const REDUCED& leader = leaders[r];
+    const double by = out.left[pivot[r]] / leader.left[pivot[r]];
+    if (by == 0.0) continue;
+    for (std::size_t c = 0; c < out.left.size(); ++c) out.left[c] -= by * leader.left[c];
+    out.left[pivot[r]] = 0.0;
+    // The leader itself is its row less its shares of those before it.
+    out.shares[r] += by;
+    for (std::size_t e = 0; e < r; ++e) out.shares[e] -= by * leader.shares[e];
+  }
+  return out;
+}
+
+/// L_LINK_ROWS: turns the rows into links.  The first rows that are linearly independent lead: the few new parameters are
+/// functions of them, and so are the other rows.
 void L_LINK_ROWS(ERROR_HANDLER& eh, VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
-  std::vector<std::ptrdiff_t> first(model.vcm.front().coefficients.size(),
-                                    -1);  // the row that leads each column
-  for (std::size_t r = 0; r < model.vcm.size(); ++r) {
-    const VCM_ROW& row = model.vcm[r];
-    const auto nonzero =
-        std::count_if(row.coefficients.begin(), row.coefficients.end(), [](double x) { return x != 0.0; });
+  constexpr double rounding = 1e-12;
+  std::vector<REDUCED> leaders;
+  std::vector<std::size_t> pivot;  // of each leader: the column that it takes
+  std::vector<std::int64_t> leading;
+  for (const VCM_ROW& row : model.vcm) {
+    double size = 0.0;
+    for (const double x : row.coefficients) size = std::max(size, std::fabs(x));
+    REDUCED reduced = reduce(row.coefficients, leaders, pivot);
+    const auto largest = std::max_element(reduced.left.begin(), reduced.left.end(),
+                                          [](double a, double b) { return std::fabs(a) < std::fabs(b); });
     VARIANCE_PARAMETER& p = model.parameters[static_cast<std::size_t>(row.parameter)];
-    if (nonzero == 0) {
+    if (size > 0.0 && std::fabs(*largest) > rounding * size) {
+      pivot.push_back(static_cast<std::size_t>(largest - reduced.left.begin()));
+      leaders.push_back(std::move(reduced));
+      leading.push_back(row.parameter);
+      continue;
+    }
+    std::vector<PARAMETER_SHARE> shares;
+    for (std::size_t r = 0; r < leading.size(); ++r) {
+      if (std::fabs(reduced.shares[r]) > rounding) shares.push_back({leading[r], reduced.shares[r]});
+    }
+    if (shares.empty()) {  // all of its coefficients are zero
       p.value = p.start = 0.0;
       p.constraint = Constraint::F;
-      continue;
+    } else {
+      link_to_sum(model, row.parameter, shares);
     }
-    if (nonzero > 1) {
-      eh.not_implemented(
-          text("a VCM constraint that makes ", p.label, " a sum of several parameters is not implemented"));
-      return;
-    }
-    const auto at = static_cast<std::size_t>(
-        std::find_if(row.coefficients.begin(), row.coefficients.end(), [](double x) { return x != 0.0; }) -
-        row.coefficients.begin());
-    if (first[at] < 0) {
-      first[at] = static_cast<std::ptrdiff_t>(r);
-      continue;
-    }
-    const VCM_ROW& lead = model.vcm[static_cast<std::size_t>(first[at])];
-    link_parameter(model, row.parameter, lead.parameter, row.coefficients[at] / lead.coefficients[at]);
   }
   set_followers(model);
 }

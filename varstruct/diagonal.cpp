@@ -5,6 +5,7 @@
 #include "base/memory.h"
 #include "base/text.h"
 #include "varstruct/covariance_models.h"
+#include "varstruct/form_row.h"
 
 namespace tolvan {
 
@@ -37,10 +38,7 @@ Formed DIAGONAL::form(FORM_CONTEXT& context)
   const Frame here{eh, __func__};
   const STRUCTURE_ROW& row = context.row;
   const std::int64_t n = row.size;
-  if (row.parameters != n) {
-    eh.internal(text("size of structure seems wrong, nrow = ", n, ", gammas count = ", row.parameters));
-    return Formed::in_handler;
-  }
+  if (!check_row_size(eh, row, n)) return Formed::in_handler;
   if (static_cast<std::int64_t>(v_.size()) != n) {
     if (!assign(eh, v_, n) || !assign(eh, ri_, n) || !assign(eh, previous_, n) || !assign(eh, score_part_, n))
       return Formed::in_handler;

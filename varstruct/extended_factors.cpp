@@ -9,6 +9,7 @@
 #include "base/packed.h"
 #include "base/text.h"
 #include "varstruct/covariance_models.h"
+#include "varstruct/form_row.h"
 
 namespace tolvan {
 
@@ -108,11 +109,8 @@ Formed EXTENDED_FACTORS::form(FORM_CONTEXT& context)
   ERROR_HANDLER& eh = context.eh;
   const Frame here{eh, __func__};
   const STRUCTURE_ROW& row = context.row;
-  if (row.order < 1 || row.parameters < 1 || row.parameters % (row.order + 1) != 0) {
-    eh.internal(
-        text("size of structure seems wrong, nrow = ", row.size, ", gammas count = ", row.parameters));
-    return Formed::in_handler;
-  }
+  const bool fits = row.order >= 1 && row.parameters >= 1 && row.parameters % (row.order + 1) == 0;
+  if (!check_row_size(eh, row, fits ? row.parameters : -1)) return Formed::in_handler;
   const bool first = values_.empty();
   if (first && !L_LAY_OUT(eh, row, context.model)) return Formed::in_handler;
   const std::int64_t m = layout_.levels, k = layout_.factors, z = layout_.lagrangian();
@@ -133,12 +131,6 @@ Formed EXTENDED_FACTORS::form(FORM_CONTEXT& context)
     double communality = 0.0;
     for (std::int64_t j = 0; j < k; ++j) communality += loading(i, j) * loading(i, j);
     const std::int64_t t = row_of_[at];
-    if (first && t < 0 && theta[i].value == 0.0) {
-      eh.not_implemented(text("a specific variance of zero in ", term_of_row(row, context.model),
-                              " is not implemented, but for those of rr()"));
-      values_.clear();
-      return Formed::in_handler;
-    }
     if (t < 0 || theta[i].value != 0.0) {
       const double least = least_specific * (communality > 0.0 ? std::min(1.0, communality) : 1.0);
       const bool may_be_negative = theta[i].constraint == Constraint::U;

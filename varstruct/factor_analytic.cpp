@@ -118,10 +118,8 @@ Formed FACTOR_ANALYTIC::form(FORM_CONTEXT& context)
   const Frame here{eh, __func__};
   const std::int64_t levels = context.row.size;
   const std::int64_t parameters = context.row.parameters;
-  if (levels < 1 || parameters < levels || parameters % levels != 0) {
-    eh.internal(text("size of structure seems wrong, nrow = ", levels, ", gammas count = ", parameters));
-    return Formed::in_handler;
-  }
+  const bool fits = levels >= 1 && parameters >= levels && parameters % levels == 0;
+  if (!check_row_size(eh, context.row, fits ? parameters : -1)) return Formed::in_handler;
   const std::int64_t factors = parameters / levels - 1;
   if (levels == 1 && factors > 0) return L_STEP_DOWN(context);
   if (!make_room(eh, levels, parameters, factors) || !resize(eh, d_, levels)) return Formed::in_handler;

@@ -63,7 +63,12 @@ void floor_variance(VARIANCE_PARAMETER& variance)
 
 bool check_row_size(ERROR_HANDLER& eh, const STRUCTURE_ROW& row)
 {
-  if (row_parameters(row).fit) return true;
+  return check_row_size(eh, row, row_parameters(row).fit ? row.parameters : -1);
+}
+
+bool check_row_size(ERROR_HANDLER& eh, const STRUCTURE_ROW& row, std::int64_t expected)
+{
+  if (row.parameters == expected) return true;
   eh.internal(text("size of structure seems wrong, nrow = ", row.size, ", gammas count = ", row.parameters));
   return false;
 }

@@ -27,7 +27,7 @@ std::vector<std::int64_t> pieces_of(const STRUCTURE_ROW& row, const VARIANCE_MOD
 void check_pieces(ERROR_HANDLER& eh, const std::vector<std::int64_t>& pieces);
 
 /// Takes one parameter off the model of a row of one level: order 1 less, and the identity when none is left.
-/// The parameter leaves the row, not the table: there it stays with value 0 and code F.
+/// The parameter stays in the table with value 0 and code F.  `context.row` is the live row, which begins behind it.
 void step_down(FORM_CONTEXT& context);
 
 /// A variance below 1e-18 becomes 1e-18, and its constraint P.
@@ -35,6 +35,8 @@ void floor_variance(VARIANCE_PARAMETER& variance);
 
 /// False, with the message, when the parameter count of a row does not fit its model.
 bool check_row_size(ERROR_HANDLER& eh, const STRUCTURE_ROW& row);
+/// The same for a model that knows its count; -1 is never right.
+bool check_row_size(ERROR_HANDLER& eh, const STRUCTURE_ROW& row, std::int64_t expected);
 
 /// "failed to invert the <what> (leading minor order=<k>)", a warning: the fit may try again
 /// with a shorter step; gives in_handler.

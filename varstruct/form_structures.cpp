@@ -7,6 +7,7 @@
 #include "base/text.h"
 #include "varstruct/form_row.h"
 #include "varstruct/make_component.h"
+#include "varstruct/stepped_down.h"
 
 namespace tolvan {
 
@@ -17,6 +18,7 @@ constexpr std::int64_t residual_is_zero = 280;
 constexpr std::int64_t residual_is_negative = 2130;
 constexpr std::int64_t structure_failed = 1000;  // plus the model's code
 constexpr std::int64_t own_program_failed = 4;
+constexpr std::int64_t metric_code = 6;
 constexpr int step_downs = 20;                   // of one row in one evaluation
 
 /// L_ROW_FAULT: the words for a row that could not be formed; gives the fault.
@@ -43,15 +45,20 @@ std::int64_t L_FORM_ROW(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const std
     if (!std::isfinite(model.parameters[static_cast<std::size_t>(i)].value)) return not_a_number;
   }
   for (int k = 0; k < step_downs; ++k) {
-    if (component == nullptr) component = make_component(row, model);
+    STRUCTURE_ROW live = live_row(row);
+    if (component == nullptr) component = behind_stepped(make_component(live, model), row.stepped);
     if (component == nullptr) {
       if (!check_row_size(eh, row)) return structure_failed;
-      eh.not_implemented(text("the variance model of code ", row.model, " in ", name, " is not implemented"));
+      if (row.model == metric_code) {
+        eh.internal("unhandled type with value 6");
+      } else {
+        eh.internal(text("undefined structure ", row.model, " in ", name));
+      }
       return structure_failed;
     }
     FORM_CONTEXT context{.eh = eh,
                          .model = model,
-                         .row = row,
+                         .row = live,
                          .iteration = iteration,
                          .ar_limit = options(RealSlot::arlimit),
                          .bend = static_cast<double>(options(Slot::bend))};
@@ -59,7 +66,10 @@ std::int64_t L_FORM_ROW(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const std
     switch (answer) {
       case Formed::done:
       case Formed::done_by_metric: return eh.terminate() ? structure_failed : 0;
-      case Formed::again: component.reset(); continue;  // the row has become a simpler model
+      case Formed::again:  // the row has become a simpler model
+        take_step_down(live, row);
+        component.reset();
+        continue;
       case Formed::in_handler:
       case Formed::zero_variance: return L_ROW_FAULT(eh, row, name, answer);
     }

@@ -2,10 +2,12 @@
 // APPLY_QUALIFIERS.
 #include <algorithm>
 #include <cmath>
+#include <span>
 
 #include "base/numbers.h"
 #include "base/text.h"
 #include "varstruct/distance_setup.h"
+#include "varstruct/followers.h"
 #include "varstruct/initial_values.h"
 #include "varstruct/labels.h"
 
@@ -13,14 +15,15 @@ namespace tolvan {
 
 namespace {
 
-constexpr std::int64_t autoregressive = 1, metric = 6;  // model codes
+constexpr std::int64_t metric = 6;                        // model code
+constexpr std::int64_t correlations[] = {1, 2, 3, 5, 6, 14};  // of the models that can be cut into pieces
 
-/// The row of a structure that has a given model; null for none.
-STRUCTURE_ROW* row_of(const PARAMETER_RANGE& range, std::int64_t code)
+/// The first row of a structure whose model is one of some; null for none.
+STRUCTURE_ROW* row_of(const PARAMETER_RANGE& range, std::span<const std::int64_t> codes)
 {
   for (std::int64_t r = range.first_row; r < range.first_row + range.row_count; ++r) {
     STRUCTURE_ROW& row = (*range.rows)[static_cast<std::size_t>(r)];
-    if (row.model == code) return &row;
+    if (std::find(codes.begin(), codes.end(), row.model) != codes.end()) return &row;
   }
   return nullptr;
 }
@@ -64,7 +67,7 @@ void L_COORD(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const std::vector<do
              const std::string& term, const PARAMETER_RANGE& range, VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
-  STRUCTURE_ROW* row = row_of(range, metric);
+  STRUCTURE_ROW* row = row_of(range, {&metric, 1});
   if (row == nullptr) {
     eh.error(text("No cordinates required for ", term));  // sic
     return;
@@ -91,7 +94,7 @@ void L_COORD(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const std::vector<do
   at.y.assign(half, coord.end());
 }
 
-/// L_SUBSECTION: cuts a series into independent pieces where the level of another factor changes.
+/// L_SUBSECTION: cuts a series, or another correlation model, into independent pieces where the level of another factor changes.
 void L_SUBSECTION(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const std::string& name,
                   const std::string& term, const PARAMETER_RANGE& range, VARIANCE_MODEL& model)
 {
@@ -108,10 +111,10 @@ void L_SUBSECTION(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const std::stri
         text("the term ", name, " used when subsection for ", term, " doe not exist in the model"));  // sic
     return;
   }
-  STRUCTURE_ROW* row = row_of(range, autoregressive);
+  STRUCTURE_ROW* row = row_of(range, correlations);
   if (row == nullptr) {
     eh.not_implemented(
-        text("subsection (", name, ") of ", term, " without an autoregressive component is not implemented"));
+        text("subsection (", name, ") of ", term, " without a correlation model is not implemented"));
     return;
   }
   const auto column = static_cast<std::size_t>(variable - 1);
@@ -205,34 +208,6 @@ PARAMETER_RANGE find_structure(const FACTOR_TABLE& factors, const TERM_TABLE& te
       return parameters_of(model, section);
   }
   return {};
-}
-
-void link_parameter(VARIANCE_MODEL& model, std::int64_t follower, std::int64_t master, double coefficient)
-{
-  const VARIANCE_PARAMETER& to = model.parameters[static_cast<std::size_t>(master)];
-  if (to.master >= 0) {
-    coefficient *= to.coefficient;
-    master = to.master;
-  }
-  if (master == follower) return;
-  // What followed the new follower follows its master.
-  for (VARIANCE_PARAMETER& p : model.parameters) {
-    if (p.master != follower) continue;
-    p.master = master;
-    p.coefficient *= coefficient;
-  }
-  VARIANCE_PARAMETER& p = model.parameters[static_cast<std::size_t>(follower)];
-  p.master = master;
-  p.coefficient = coefficient;
-  p.constraint = Constraint::C;
-}
-
-void set_followers(VARIANCE_MODEL& model)
-{
-  for (VARIANCE_PARAMETER& p : model.parameters) {
-    if (p.master >= 0)
-      p.value = p.start = p.coefficient * model.parameters[static_cast<std::size_t>(p.master)].value;
-  }
 }
 
 void APPLY_QUALIFIERS(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const IVALUE_DATA& given,

@@ -1,5 +1,6 @@
 // The user's values and constraints over the parameter table.  Routines: FORCE_GAMMA_INITIAL_VALUES,
 // SAVE_INITIAL_VALUES.
+#include "varstruct/followers.h"
 #include "varstruct/initial_values.h"
 
 #include <algorithm>

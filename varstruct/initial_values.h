@@ -72,12 +72,6 @@ struct QUALIFIER_DATA {
 void APPLY_QUALIFIERS(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const IVALUE_DATA& given,
                       const std::string& term, const PARAMETER_RANGE& range, VARIANCE_MODEL& model);
 
-/// Makes one parameter follow another one, or the one that it follows: value = coefficient times the
-/// master's.
-void link_parameter(VARIANCE_MODEL& model, std::int64_t follower, std::int64_t master, double coefficient);
-/// Gives all followers the values that their masters have now.
-void set_followers(VARIANCE_MODEL& model);
-
 /// The parameter that a name means: its label, or the text of a term that owns just one; -1 when there is
 /// none.
 std::int64_t find_parameter(const FACTOR_TABLE& factors, const TERM_TABLE& terms, VARIANCE_MODEL& model,

@@ -1,4 +1,5 @@
 // Linear constraints by parameter number.  Routines: HANDLE_VCC_CONSTRAINTS, AIVCC.
+#include "varstruct/followers.h"
 #include "varstruct/linear_constraints.h"
 
 #include <charconv>
@@ -162,9 +163,9 @@ void L_LINK_GROUP(ERROR_HANDLER& eh, const std::vector<ITEM>& items, std::int64_
   const std::int64_t master = items.front().number + step;
   L_CHECK_NUMBER(eh, master, true, model);
   if (eh.terminate()) return;
-  if (const std::int64_t above = model.parameters[static_cast<std::size_t>(master - 1)].master; above >= 0) {
+  if (follows(model.parameters[static_cast<std::size_t>(master - 1)])) {
     eh.error(text("fault in Gamma constraints for parameter ", master,
-                  ", relationships must be defined relative to parameter ", above + 1));
+                  ", relationships must be defined relative to parameter ", made_of(model, master - 1).front().of + 1));
     return;
   }
   for (std::size_t k = 1; k < items.size(); ++k) {
@@ -173,12 +174,11 @@ void L_LINK_GROUP(ERROR_HANDLER& eh, const std::vector<ITEM>& items, std::int64_
     L_CHECK_NUMBER(eh, number, false, model);
     if (eh.terminate()) return;
     const VARIANCE_PARAMETER& p = model.parameters[static_cast<std::size_t>(number - 1)];
-    if (p.master >= 0 || number == master) {
-      const bool self = p.master < 0;
+    if (follows(p) || number == master) {
+      const PARAMETER_SHARE known = follows(p) ? made_of(model, number - 1).front() : PARAMETER_SHARE{master - 1, 1.0};
       eh.error(text("in Variance Parameter Constraint for parameter ", number, " [", edit_f(p.value, 10, 4),
                     "] and coefficient  [", edit_f(coefficient, 10, 4),
-                    "], it is already linked to parameter ", self ? master : p.master + 1,
-                    " with coefficient ", edit_f(self ? 1.0 : p.coefficient, 10, 4)));
+                    "], it is already linked to parameter ", known.of + 1, " with coefficient ", edit_f(known.by, 10, 4)));
       return;
     }
     link_parameter(model, number - 1, master - 1, coefficient);

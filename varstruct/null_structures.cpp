@@ -1,6 +1,7 @@
 // Structures of terms that no record has a design for.  Routine: FIX_NULL_STRUCTURES.
 #include <algorithm>
 
+#include "varstruct/followers.h"
 #include "varstruct/starting_values.h"
 
 namespace tolvan {
@@ -35,8 +36,8 @@ void FIX_NULL_STRUCTURES(ERROR_HANDLER& eh, const TERM_TABLE& terms, const DESIG
     }
   }
   for (std::size_t p = 0; p < model.parameters.size(); ++p) {
-    const std::int64_t master = model.parameters[p].master;
-    if (master >= 0 && !of_null[p]) needed[static_cast<std::size_t>(master)] = true;
+    if (of_null[p] || !follows(model.parameters[p])) continue;
+    for (const PARAMETER_SHARE& share : made_of(model, static_cast<std::int64_t>(p))) needed[static_cast<std::size_t>(share.of)] = true;
   }
   for (std::size_t p = 0; p < model.parameters.size(); ++p) {
     Constraint& constraint = model.parameters[p].constraint;

@@ -37,6 +37,7 @@ struct VARIANCE_PARAMETER {
   std::string label;               // unique: "block;IDV_V", "units;IDV_V"
   std::int64_t master = -1;        // the parameter that this one follows, from 0; -1: none.  A master follows none.
   double coefficient = 1.0;        // value = coefficient times the master's; a follower carries constraint C
+  std::int64_t sum = -1;           // in VARIANCE_MODEL::sums, for one that is a sum of several others; it carries constraint C, too
 };
 
 /// One component model of one term (the structure table).
@@ -55,6 +56,7 @@ struct STRUCTURE_ROW {
   std::int64_t segments = -1;     // in VARIANCE_MODEL::segments: where independent pieces begin; -1 for one piece
   const AINV_MTX* matrix = nullptr;  // the known matrix of the row; null: none
   std::int64_t own = -1;          // in VARIANCE_MODEL::own_programs, -1: the engine forms the row itself
+  std::int64_t stepped = 0;       // the first parameters of the row that a step-down took from its model: value 0, code F
 };
 
 /// The user's own program that gives the matrix of a row and its derivatives.
@@ -96,6 +98,12 @@ struct VCM_ROW {
   std::vector<double> coefficients;
 };
 
+/// A share that one parameter has in another one.
+struct PARAMETER_SHARE {
+  std::int64_t of = 0;  // from 0; it follows none
+  double by = 1.0;
+};
+
 /// All of it: parameters of random terms in model order, then the residual sections, the residual's own variance last.
 struct VARIANCE_MODEL {
   std::vector<VARIANCE_PARAMETER> parameters;
@@ -106,7 +114,8 @@ struct VARIANCE_MODEL {
   std::vector<COORDINATES> coordinates;
   std::vector<std::vector<std::int64_t>> segments;  // levels (from 0) at which an independent piece begins, rising, 0 left out
   std::vector<OWN_PROGRAM> own_programs;
-  std::vector<VCM_ROW> vcm;             // empty: none; they are in force as masters and coefficients
+  std::vector<VCM_ROW> vcm;             // empty: none; they are in force as masters, coefficients and sums
+  std::vector<std::vector<PARAMETER_SHARE>> sums;  // of parameters that are sums of several others
   bool gamma = true;                    // ratios to a profiled residual variance; false: absolute values
   bool profiled = true;                 // the residual's own variance is sigma2 and leaves the update
   std::int64_t residual_parameter = -1; // index of the residual's own variance

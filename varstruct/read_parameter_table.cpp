@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "base/text.h"
+#include "varstruct/followers.h"
 #include "varstruct/constraints.h"
 #include "varstruct/initial_values.h"
 #include "varstruct/parameter_files.h"

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "base/text.h"
+#include "varstruct/followers.h"
 #include "varstruct/initial_values.h"
 #include "varstruct/labels.h"
 #include "varstruct/make_component.h"

@@ -1,5 +1,6 @@
 // What a run takes from the files of an earlier one, and what it holds.  Routines: HANDLE_RSV_FILE, HOLD_PARAMETERS.
 #include "base/text.h"
+#include "varstruct/followers.h"
 #include "varstruct/initial_values.h"
 #include "varstruct/parameter_files.h"
 
@@ -88,8 +89,8 @@ void HOLD_PARAMETERS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, VARIANCE_MOD
       return;
     }
     VARIANCE_PARAMETER& p = model.parameters[static_cast<std::size_t>(n - 1)];
-    if (p.master >= 0) {
-      eh.error(text("the option hold names parameter ", n, ", which follows parameter ", p.master + 1));
+    if (follows(p)) {
+      eh.error(text("the option hold names parameter ", n, ", which follows parameter ", made_of(model, n - 1).front().of + 1));
       return;
     }
     if (!set_constraint(model, n - 1, Constraint::F)) {

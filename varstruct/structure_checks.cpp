@@ -4,6 +4,7 @@
 
 #include "base/text.h"
 #include "varstruct/extended_factors.h"
+#include "varstruct/followers.h"
 #include "varstruct/initial_values.h"
 #include "varstruct/starting_values.h"
 #include "varstruct/structure_parameters.h"
@@ -16,13 +17,6 @@ constexpr std::int64_t fa = 10, facv = 13, xfa = 15;  // model codes
 
 constexpr const char* one_variance =
     "normally (only) one structure term includes a variance, maybe you should change the parameterisation";
-
-bool is_estimated(const VARIANCE_MODEL& model, std::int64_t i)
-{
-  const VARIANCE_PARAMETER& p = model.parameters[static_cast<std::size_t>(i)];
-  return is_free(p.master >= 0 ? model.parameters[static_cast<std::size_t>(p.master)].constraint
-                               : p.constraint);
-}
 
 /// Whether a row has a scale that is to be estimated.
 bool estimates_scale(const VARIANCE_MODEL& model, const STRUCTURE_ROW& row)
@@ -58,6 +52,12 @@ void L_CHECK_TERM(ERROR_HANDLER& eh, const TERM_TABLE& terms, const TERM_STRUCTU
   if (size != equations) {
     eh.error(text("unable to find which block of struc values are associated with ", term.name));
     eh.continuation(text("its structure has ", size, " levels, the term has ", equations));
+    return;
+  }
+  const STRUCTURE_ROW& only = model.rows[static_cast<std::size_t>(structure.first_row)];
+  if (structure.rows == 1 && scales == 0 && only.model == 0 && only.matrix == nullptr) {
+    eh.error("Scaling parameter is expected for Identity matrix");
+    eh.continuation(term.name);
     return;
   }
   // None at all is a term whose variance is that of the residual; two can not be told apart.
@@ -134,7 +134,7 @@ void L_CHECK_FACTORS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const std::s
     bool all_free = true;
     for (std::int64_t k = 0; k < at.levels * at.factors; ++k) {
       const VARIANCE_PARAMETER& p = model.parameters[static_cast<std::size_t>(at.first + k)];
-      all_free = all_free && is_free(p.constraint) && p.master < 0;
+      all_free = all_free && is_free(p.constraint) && !follows(p);
     }
     if (all_free) {
       eh.note(
@@ -181,6 +181,27 @@ void L_CHECK_SECTIONS(ERROR_HANDLER& eh, const DESIGN_MTX& design, const VARIANC
   eh.continuation("the model is invalid");
 }
 
+/// L_CHECK_ORDER: every row owns the stretch of the vector behind those before it.
+void L_CHECK_ORDER(ERROR_HANDLER& eh, const VARIANCE_MODEL& model)
+{
+  const Frame here{eh, __func__};
+  std::int64_t next = 0;
+  const auto take = [&](std::int64_t first, std::int64_t count) {
+    if (count > 0 && first != next && !eh.terminate()) {
+      eh.internal(text("was expecting struc(4,i)+ii-1 = lk, struc(4,i)+ii-1 = ", first + 1, ", lk = ", next + 1));
+    }
+    next += count;
+  };
+  for (const STRUCTURE_ROW& row : model.rows) take(row.first, row.parameters);
+  for (const RESIDUAL_SECTION& section : model.sections) {
+    for (std::int64_t r = section.first_row; r < section.first_row + section.rows; ++r) {
+      const STRUCTURE_ROW& row = model.residual[static_cast<std::size_t>(r)];
+      take(row.first, row.parameters);
+    }
+    if (section.scale >= 0) take(section.scale, 1);
+  }
+}
+
 }  // namespace
 
 void STRUCTURECHECK(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TABLE& terms,
@@ -196,6 +217,8 @@ void STRUCTURECHECK(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TA
                      model.count(), " in the vector"));
     return;
   }
+  L_CHECK_ORDER(eh, model);
+  if (eh.terminate()) return;
   for (const TERM_STRUCTURE& structure : model.terms) {
     L_CHECK_TERM(eh, terms, structure, model);
     if (eh.terminate()) return;

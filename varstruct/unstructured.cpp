@@ -9,6 +9,8 @@
 #include "base/text.h"
 #include "varstruct/covariance_models.h"
 #include "varstruct/dense_covariance.h"
+#include "varstruct/followers.h"
+#include "varstruct/form_row.h"
 #include "varstruct/mend_matrix.h"
 
 namespace tolvan {
@@ -65,10 +67,15 @@ void UNSTRUCTURED::keep_ties(const VARIANCE_MODEL& model, const STRUCTURE_ROW& r
   }
   for (std::size_t k = 0; k < v_.size(); ++k) {
     const VARIANCE_PARAMETER& p = model.parameters[static_cast<std::size_t>(row.first) + k];
-    if (p.master < 0) continue;
-    const std::int64_t master = p.master - row.first;
-    const bool here = master >= 0 && master < static_cast<std::int64_t>(v_.size());
-    v_[k] = here ? p.coefficient * v_[static_cast<std::size_t>(master)] : proposed_[k];
+    if (!follows(p)) continue;
+    double value = 0.0;
+    bool here = true;
+    for (const PARAMETER_SHARE& share : made_of(model, row.first + static_cast<std::int64_t>(k))) {
+      const std::int64_t of = share.of - row.first;
+      here = here && of >= 0 && of < static_cast<std::int64_t>(v_.size());
+      if (here) value += share.by * v_[static_cast<std::size_t>(of)];
+    }
+    v_[k] = here ? value : proposed_[k];
   }
 }
 
@@ -183,10 +190,7 @@ Formed UNSTRUCTURED::form(FORM_CONTEXT& context)
   const Frame here{eh, __func__};
   const STRUCTURE_ROW& row = context.row;
   const std::int64_t levels = row.size;
-  if (row.parameters != packed_size(levels)) {
-    eh.internal(text("size of structure seems wrong, nrow = ", levels, ", gammas count = ", row.parameters));
-    return Formed::in_handler;
-  }
+  if (!check_row_size(eh, row, packed_size(levels))) return Formed::in_handler;
   if (!make_room(eh, levels, row.parameters, 0)) return Formed::in_handler;
   if (!resize(eh, v_, row.parameters) || !resize(eh, proposed_, row.parameters)) return Formed::in_handler;
   VARIANCE_PARAMETER* theta = context.model.parameters.data() + row.first;

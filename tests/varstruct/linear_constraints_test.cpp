@@ -1,4 +1,5 @@
 // Links between parameters: vcc_constraint and vcm, what they set and every message.
+#include "varstruct/followers.h"
 #include "varstruct/linear_constraints.h"
 
 #include <algorithm>
@@ -36,12 +37,19 @@ struct Fixture {
     std::string out;
     for (std::size_t k = 0; k < m.model.parameters.size(); ++k) {
       const VARIANCE_PARAMETER& p = m.model.parameters[k];
-      if (p.master < 0) continue;
-      out += text(out.empty() ? "" : " ", k + 1, "=", p.coefficient, "*", p.master + 1);
+      if (!follows(p)) continue;
+      out += text(out.empty() ? "" : " ", k + 1, "=");
+      double value = 0.0;
+      std::string joined;
+      for (const PARAMETER_SHARE& share : made_of(m.model, static_cast<std::int64_t>(k))) {
+        joined += text(joined.empty() ? "" : "+", share.by, "*", share.of + 1);
+        const VARIANCE_PARAMETER& master = m.model.parameters[static_cast<std::size_t>(share.of)];
+        EXPECT_FALSE(follows(master));
+        value += share.by * master.value;
+      }
+      out += joined;
       EXPECT_EQ(p.constraint, Constraint::C);
-      const VARIANCE_PARAMETER& master = m.model.parameters[static_cast<std::size_t>(p.master)];
-      EXPECT_EQ(master.master, -1);
-      EXPECT_EQ(p.value, p.coefficient * master.value);
+      EXPECT_EQ(p.value, value);
       EXPECT_EQ(p.start, p.value);
     }
     return out;
@@ -57,6 +65,14 @@ TEST(LinearConstraints, LinkParameters)
   for (
       const Case& c : {
           Case{R"({"vcc_constraint":["1 3"]})", "3=1*1"},
+          // sums: the first independent rows lead
+          Case{R"({"vcm":[{"term_id":1,"values":[1,0]},{"term_id":2,"values":[0,1]},{"term_id":3,"values":[1,-2]}]})", "3=1*1+-2*2"},
+          Case{R"({"vcm":[{"term_id":1,"values":[1,1]},{"term_id":2,"values":[1,2]},{"term_id":3,"values":[1,3]},{"term_id":4,"values":[2,2]}]})",
+               "3=-1*1+2*2 4=2*1"},
+          Case{R"({"vcm":[{"term_id":4,"values":[1,1]}]})", ""},
+          // a leader that follows another one takes its sums along
+          Case{R"({"vcm":[{"term_id":1,"values":[1,0]},{"term_id":2,"values":[0,1]},{"term_id":3,"values":[1,1]}],"vcc_constraint":["4 1*2"]})",
+               "1=2*4 3=1*2+2*4"},
           Case{R"({"vcc_constraint":["1 3*0.5 4:-2"]})", "3=0.5*1 4=-2*1"},
           Case{R"({"vcc_constraint":["1*2, 3*0.5"]})", "3=0.25*1"},
           Case{R"({"vcc_constraint":["2-4"]})", "3=1*2 4=1*2"},
@@ -150,10 +166,8 @@ TEST(LinearConstraints, TellWhatIsWrong)
        {"VCM constraint was supplied for the term s, but it is not in the model",
         "the term has 4 parameters"}},
       {R"({"vcm":[{"term_id":1,"values":["a"]}]})", {"a list of finite numbers"}},
-      {R"({"vcm":[{"term_id":1,"values":[1,1]}]})",
-       {"a VCM constraint that makes s;DIAG_V_1 a sum of several parameters is not implemented"},
-       true,
-       Ecode::not_implemented},
+      {R"({"vcm":[{"term_id":1,"values":[1,0]},{"term_id":2,"values":[0,1]},{"term_id":3,"values":[1,1]}],"vcc_constraint":["4 3"]})",
+       {"it is already linked to parameter 1 with coefficient     1.0000"}},
   };
   for (const Case& c : cases) {
     const Fixture f(c.request, c.sigma);

@@ -415,6 +415,38 @@ TEST(FactorModels, KeepTheirParametersInTheirSpace)
   }
 }
 
+// A level that the others explain all but wholly: its own variance is held at 1e-5 of its whole one, and fixed when it comes back a
+// third time.
+TEST(FactorModels, TriangularFactorsKeepLevelsApart)
+{
+  for (const bool cholesky : {true, false}) {
+    SCOPED_TRACE(cholesky ? "CHOL" : "ANTE");
+    const Vector sound = cholesky ? Vector{2.0, 0.7, 1.0, 0.4, 3.0, 1.5} : Vector{0.5, -0.7, 1.0, -0.4, 0.3, 1.5};
+    ONE_ROW run(cholesky ? 11 : 12, 3, 2, sound);
+    ASSERT_EQ(run.form(1), Formed::done);
+    EXPECT_EQ(run.values(), sound);
+    for (int time = 1; time <= 4; ++time) {
+      SCOPED_TRACE(time);
+      run.model.parameters[3].value = cholesky ? 1e-12 : 1e9;  // D of the second level
+      run.model.parameters[5].value = cholesky ? 30.0 : 0.3;   // L of the third by the second
+      ASSERT_EQ(run.form(1 + time), Formed::done);
+      Dense v(3, 3);
+      run.component->covariance(v.a.data());
+      const double d = run.model.parameters[3].value;
+      EXPECT_NEAR(cholesky ? d : 1.0 / d, 1e-5 * v(1, 1), 1e-12);
+      const bool fixed = time >= 3;
+      EXPECT_EQ(run.model.parameters[3].constraint, fixed ? Constraint::B : Constraint::P);
+      if (!cholesky) continue;
+      // An element that means next to nothing any more is no larger than the standard deviations allow.
+      const double whole = 0.4 * 0.4 * 2.0 + 1.5;
+      EXPECT_NEAR(run.model.parameters[5].value, std::sqrt(whole / v(1, 1)), 1e-12);
+      EXPECT_EQ(run.model.parameters[5].constraint, fixed ? Constraint::B : Constraint::P);
+      run.model.parameters[5].constraint = Constraint::P;
+    }
+    EXPECT_TRUE(clean(run.eh));
+  }
+}
+
 TEST(FactorModels, StartFromACovarianceMatrix)
 {
   Dice dice(13);

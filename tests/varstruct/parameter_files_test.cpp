@@ -1,5 +1,6 @@
 // Parameter files: what is written, read back, edited and refused; damaged files at every byte; folders and devices that
 // take no file.
+#include "varstruct/followers.h"
 #include "varstruct/parameter_files.h"
 
 #include <sys/mman.h>
