@@ -32,6 +32,7 @@ constexpr std::array merge_rules = {
     MergeRule{"pval", Merge::gathered},     MergeRule{"contrast", Merge::gathered},
     MergeRule{"fown", Merge::gathered},     MergeRule{"initial_values", Merge::gathered},
     MergeRule{"vcm", Merge::gathered},      MergeRule{"vcc_constraint", Merge::gathered},
+    MergeRule{"own", Merge::gathered},
 };
 
 Merge rule_of(std::string_view key)

@@ -13,7 +13,9 @@
 #include "reports/result_tables.h"
 #include "varstruct/distance_setup.h"
 #include "varstruct/linear_constraints.h"
+#include "varstruct/own_program.h"
 #include "varstruct/starting_values.h"
+#include "varstruct/zero_specifics.h"
 
 namespace tolvan::stages {
 namespace {
@@ -196,6 +198,8 @@ void form_parameters(ERROR_HANDLER& eh, CORE_DATA& core)
   if (eh.terminate()) return;
   SETSTR(eh, core.options, core.factors, core.terms, core.matrices, starting, core.residual, core.variances);
   if (eh.terminate()) return;
+  SETUP_OWN_PROGRAMS(eh, core.request, core.factors, core.terms, core.variances);
+  if (eh.terminate()) return;
   SETUP_POWER_STRUCTURES(eh, core.variables, core.factors, core.terms, core.data, core.variances);
   if (eh.terminate()) return;
   NOT_AUTOAR_MODEL_CHECKS(eh, core.factors, core.model_info, core.design, core.residual, core.variances);
@@ -218,6 +222,10 @@ void adjust_parameters(ERROR_HANDLER& eh, CORE_DATA& core)
   HOLD_PARAMETERS(eh, core.options, core.variances);
   if (eh.terminate()) return;
   FIX_NULL_STRUCTURES(eh, core.terms, core.design, core.variances);
+  CHECK_FACTOR_PRODUCTS(eh, core.terms, core.variances);
+  if (eh.terminate()) return;
+  BIND_ZERO_SPECIFICS(eh, core.factors, core.terms, core.design, core.variances);
+  if (eh.terminate()) return;
   STRUCTURECHECK(eh, core.options, core.terms, core.design, core.variances);
   if (eh.terminate()) return;
   STORE_INITIAL_VALUES_TABLE(eh, core.variances, core.tables);

@@ -39,6 +39,8 @@ struct FACTOR_ROW {
   std::string matrix = {};            // source named in vm(), ide() or ric(): a known matrix, its file or dataset
   std::int64_t matrix_rows = 0;       // of that matrix, once it is read: levels without data count too
   std::int64_t added_rows = 0;        // effects behind those of the levels that a singular matrix brings along
+  std::int64_t binding_rows = 0;      // of fa() and rr(), behind the factors: equations that bind levels without a variance of
+                                      // their own to them
 
   std::int64_t least_levels = 0;      // levels to have at least, so that factors joined by and() agree
   std::shared_ptr<const DESIGN_BASIS> basis = {};  // what the data tell of a design function; null in a copy

@@ -68,7 +68,7 @@ bool binds_a_level(const FACTOR_TABLE& factors, const TERM_ROW& term, std::int64
   for (std::int64_t i = to; i >= from; --i) {
     const FACTOR_ROW& factor = factors.row(i);
     const std::int64_t n = factor.levels > 0 ? factor.levels : 1;
-    if (factor.structure == "rr" && factor.copy && rest % n >= factors.row(factor.source).levels + factor.order) return true;
+    if (factor.binding_rows > 0 && rest % n >= n - factor.binding_rows) return true;
     rest /= n;
   }
   return false;

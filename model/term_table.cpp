@@ -107,9 +107,10 @@ void SET_FACTOR_LEVELS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::
     }
     factor.levels = std::max(factors.row(factor.source).levels, factor.matrix_rows) + factor.added_rows;
     if (!extends_levels(factor)) continue;
-    // The factors follow; a level of rr() is bound to them by an equation more, behind all others.
-    std::int64_t more = factor.order;
-    if (factor.structure == "rr") more += factor.levels;
+    // The factors follow; a level without a variance of its own, as all of rr() are, is bound to them by an equation more,
+    // behind all others.
+    if (factor.structure == "rr") factor.binding_rows = factor.levels;
+    const std::int64_t more = factor.order + factor.binding_rows;
     if (__builtin_add_overflow(factor.levels, more, &factor.levels)) factor.levels = std::numeric_limits<std::int64_t>::max();
   }
 }

@@ -104,7 +104,7 @@ void SET_TERM_EQUATIONS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std:
 /// effects in the model.
 std::vector<std::int64_t> CHECK_FOR_INTERACTION_NO_MAIN(const FACTOR_TABLE& factors, const TERM_TABLE& terms);
 
-/// Whether a level (from 1) of a term is no effect but an equation that binds a level of rr() to its factors.
+/// Whether a level (from 1) of a term is no effect but an equation that binds a level of fa() or rr() to its factors.
 bool binds_a_level(const FACTOR_TABLE& factors, const TERM_ROW& term, std::int64_t level);
 
 /// The name of a level (from 1) of a term for tables: the labels of its factors joined with a dot; a

@@ -41,6 +41,7 @@ std::string model_word(const FACTOR_TABLE& factors, const STRUCTURE_ROW& row)
   } else if (row.selector == iden && row.scale >= 0) {
     word = "idv";
   }
+  if (word.empty()) word = rtrim(model.name);
   if (word.starts_with("mtrn")) word = "mat" + word.substr(4);
   if (counts_in_name(row.model)) word += text(row.order);
   return upper(word);

@@ -1,4 +1,5 @@
-// Structures that a user's own program forms: the exchange of files with it.  Routines: K4MOWN, AIDOWN.
+// Structures that a user's own program forms: what a request says of them, and the exchange of files with the program.
+// Routines: K4MOWN, AIDOWN, SETUP_OWN_PROGRAMS.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +9,8 @@
 #include <vector>
 
 #include "api/error_handler.h"
+#include "base/json.h"
+#include "model/term_table.h"
 #include "varstruct/parameter_table.h"
 
 namespace tolvan {
@@ -42,5 +45,16 @@ enum class OwnForm { plain, diagonal, inverse };
 /// the diagonals, n numbers each.
 bool K4MOWN(ERROR_HANDLER& eh, const STRUCTURE_ROW& row, const VARIANCE_MODEL& model, OwnForm& form,
             OWN_MATRICES& out);
+
+/// SETUP_OWN_PROGRAMS: gives components of the model to programs: the request's list `own` of entries with
+///   term       a random term, or the residual
+///   component  the factor whose row it is, where the term has several; the model says id() of it, or nothing
+///   program    the command; blank: the user runs it by hand before the fit
+///   file       what the exchange files are named after; "own" when absent
+///   control    a number handed through;  form  "plain", "diagonal" or "inverse"
+///   values     starting values, one a parameter; or `parameters`, their count, to start at the default
+/// Called behind SETSTR, before parameters get their labels.
+void SETUP_OWN_PROGRAMS(ERROR_HANDLER& eh, const JsonNode& request, const FACTOR_TABLE& factors, const TERM_TABLE& terms,
+                        VARIANCE_MODEL& model);
 
 }  // namespace tolvan

@@ -81,6 +81,8 @@ void L_READ_SECTION(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_R
     const bool sized = f.kind == static_cast<std::int64_t>(DesignKind::lnk);
     if (refused || (!reserved && !sized && data_row(factors, i) == 0)) {
       eh.error(text("unacceptable residual term: ", term.name));
+      if (f.structure == "mthr" && !(to == from + 1 && i == to && is_units(factors, from) && is_trait(factors, to)))
+        eh.continuation("For multinomial write \"residual units.mthr(Trait)\"");
       return;
     }
     section.components.push_back(

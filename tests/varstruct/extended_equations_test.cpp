@@ -237,11 +237,6 @@ TEST(ExtendedFactors, GiveTheirLagrangianRowsToTheLevelsThatNeedThem)
     EXPECT_EQ(run.component->inverse().n, c.size);
     EXPECT_EQ(run.component->negative(), c.size - 4);
   }
-  ONE_ROW run(15, 4, 1, {0.1, 0.0, 0.3, 0.5, -0.4, 0.3});
-  run.model.parameters[1].label = "site:gen;site.FA1_V_1";
-  EXPECT_EQ(run.form(), Formed::in_handler);
-  EXPECT_TRUE(has_message(
-      run.eh, "a specific variance of zero in site:gen is not implemented, but for those of rr()"));
 }
 
 }  // namespace
