@@ -167,25 +167,6 @@ bool is_positive_definite(const FIT_MODEL& in, const VARIANCE_MODEL& model, cons
   return negative == 0 || ev.negative == 0;
 }
 
-/// The equations of a random term that work as fixed ones: those in use less the dimensions that have a variance.  None, but
-/// where the inverse of a structure is singular.
-std::int64_t fixed_among_random(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, const EVALUATION& ev,
-                                std::size_t term)
-{
-  std::int64_t counted = 1;
-  std::int64_t all = 1;
-  for (const auto& component : ev.formed.terms[term].components) {
-    counted *= component->counted();
-    all *= component->inverse().n;
-  }
-  if (counted == all) return 0;
-  std::int64_t used = 0;
-  const std::int64_t first = first_equation(in.terms, model.terms[term]);
-  for (std::int64_t e = first; e < first + all; ++e)
-    used += q.factor.reciprocal[static_cast<std::size_t>(q.position_of(e))] != 0.0 ? 1 : 0;
-  return used - counted;
-}
-
 /// The solutions and what follows from them; the effects of a constant where mu was left out; nu.
 void solve(const FIT_MODEL& in, const VARIANCE_MODEL& model, int threads, FIT_WORK& work, EVALUATION& ev)
 {
@@ -219,14 +200,7 @@ void solve(const FIT_MODEL& in, const VARIANCE_MODEL& model, int threads, FIT_WO
       }
     }
   }
-  std::int64_t rank = 0;
-  for (std::int64_t e = 0; e < q.n; ++e) {
-    if (q.fixed[static_cast<std::size_t>(e)] && q.factor.reciprocal[static_cast<std::size_t>(q.position_of(e))] != 0.0) ++rank;
-  }
-  for (std::size_t t = 0; t < model.terms.size(); ++t) {
-    if (!model.terms[t].dropped) rank += fixed_among_random(in, model, q, ev, t);
-  }
-  ev.nu = q.records - rank;
+  ev.nu = degrees_of_freedom(in, model, q, ev);
 }
 
 /// The restricted log-likelihood without its constant (Patterson & Thompson 1971), with
@@ -340,6 +314,28 @@ bool damp_again(std::int64_t iteration, int repeats, double& second, VARIANCE_MO
 }
 
 }  // namespace
+
+std::int64_t degrees_of_freedom(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, const EVALUATION& ev)
+{
+  const auto in_use = [&](std::int64_t e) { return q.factor.reciprocal[static_cast<std::size_t>(q.position_of(e))] != 0.0; };
+  std::int64_t rank = 0;
+  for (std::int64_t e = 0; e < q.n; ++e) rank += q.fixed[static_cast<std::size_t>(e)] && in_use(e) ? 1 : 0;
+  for (std::size_t t = 0; t < model.terms.size(); ++t) {
+    if (model.terms[t].dropped) continue;
+    std::int64_t counted = 1;
+    std::int64_t all = 1;
+    for (const auto& component : ev.formed.terms[t].components) {
+      counted *= component->counted();
+      all *= component->inverse().n;
+    }
+    if (counted == all) continue;
+    // Where the inverse of a structure is singular, what is in use beyond its dimensions works as fixed effects.
+    const std::int64_t first = first_equation(in.terms, model.terms[t]);
+    for (std::int64_t e = first; e < first + all; ++e) rank += in_use(e) ? 1 : 0;
+    rank -= counted;
+  }
+  return q.records - rank;
+}
 
 void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARIANCE_MODEL& model, FIT_WORK& work, EVALUATION& ev)
 {

@@ -113,6 +113,10 @@ void add_random_part(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIX
 /// number, but with large effects it is a small difference of large ones; here an error of the solutions enters squared.
 void follow_solutions(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations, EVALUATION& ev);
 
+/// The records less the equations in use that are fixed effects, also those among random ones.
+std::int64_t degrees_of_freedom(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations,
+                                const EVALUATION& ev);
+
 /// Takes the step from the best evaluation anew, with the damping that the update state now has: nothing is evaluated.
 void step_from_best(ERROR_HANDLER& eh, std::int64_t iteration, double gain, VARIANCE_MODEL& model, FIT_WORK& work);
 

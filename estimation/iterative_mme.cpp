@@ -326,11 +326,7 @@ void ITERATIVE_MME(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL&
     if (!solved(std::move(right), true, ev.constant)) return;
   }
   follow_solutions(in, model, q, ev);
-  std::int64_t rank = 0;
-  for (std::int64_t e = 0; e < q.n; ++e) {
-    if (q.fixed[static_cast<std::size_t>(e)] && q.factor.reciprocal[static_cast<std::size_t>(q.position_of(e))] != 0.0) ++rank;
-  }
-  ev.nu = q.records - rank;
+  ev.nu = degrees_of_freedom(in, model, q, ev);
 }
 
 }  // namespace tolvan
