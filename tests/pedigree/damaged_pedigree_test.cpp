@@ -32,7 +32,8 @@ TEST(DamagedPedigree, ChangedAtRandom)
 {
   const TempFolder folder;
   std::mt19937 random(8);
-  constexpr std::string_view spice(",\t \"'#/\n\r*0\0\xff-!abcx12", 23);
+  constexpr char letters[] = ",\t \"'#/\n\r*0\0\xff-!abcx12";
+  const std::string_view spice(letters, sizeof letters - 1);
   for (const PEDIGREE_CASE& one : pedigree_cases()) {
     int good = 0;
     for (int round = 0; round < 250; ++round) {

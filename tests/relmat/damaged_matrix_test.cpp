@@ -32,7 +32,8 @@ TEST(DamagedMatrix, ChangedAtRandom)
 {
   const TempFolder folder;
   std::mt19937 random(20261123);
-  constexpr std::string_view spice(" ,/*!\n\t.-+0123456789eEdDnN\0\x80\xFF", 31);
+  constexpr char letters[] = " ,/*!\n\t.-+0123456789eEdDnN\0\x80\xFF";
+  const std::string_view spice(letters, sizeof letters - 1);
   for (const MATRIX_CASE& one : matrix_cases()) {
     int good = 0;
     for (int round = 0; round < 400; ++round) {
