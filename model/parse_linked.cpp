@@ -19,7 +19,7 @@ void L_CHECK_DEFINITION(ERROR_HANDLER& eh, const std::string& shown, const std::
 }
 
 /// AS_NEXTFACT: the factor row of the next component of a structure.  Its argument is a number of levels, or a factor whose
-/// levels it has; a factor by itself stands for an identity.
+/// levels it has; a factor by itself stands for an identity, a pedigree factor for its relationship matrix.
 FACTOR_ROW AS_NEXTFACT(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& node, const std::string& shown, Block block)
 {
   const Frame here{eh, __func__};
@@ -34,7 +34,7 @@ FACTOR_ROW AS_NEXTFACT(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& 
       return row;
     }
     row.name = name;
-    row.structure = "id";
+    row.structure = parser.variables.row(row.source).is_pedigree_factor ? "nrm" : "id";
   } else {
     const std::string_view name = function_name(*function);
     if (is_design_function(name) || name == "at" || name == "sat") {
@@ -119,7 +119,12 @@ void ADD_LINKED_TERMS_FROM_JPTR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const J
     TERM_ROW& term = parser.terms.rows[t];
     const auto [from, to] = term.components();
     bool named = term.linked_head >= 0;
-    for (std::int64_t i = from; i <= to; ++i) named = named || !parser.factors.row(i).structure.empty();
+    for (std::int64_t i = from; i <= to; ++i) {
+      // A pedigree factor takes its relationship matrix by itself: here the shared structure says what it is.
+      FACTOR_ROW& row = parser.factors.row(i);
+      if (row.structure == "nrm") row.structure.clear();
+      named = named || !row.structure.empty();
+    }
     if (named) {
       L_CHECK_DEFINITION(eh, shown, text("the term ", term.name, " has a structure of its own"));
       return;

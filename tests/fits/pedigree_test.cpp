@@ -157,18 +157,26 @@ Fit fit(const Herd& herd, bool with_groups, const std::string& terms, const std:
   return {host.real("SCALAR_LOGLIK"), host.reals("TABLE_VARCOMP:SIGMA"), host.errors()};
 }
 
-/// The fit has the likelihood of its variances under V = sum of sigma_t V_t, and no variance moves it up.
-void is_the_maximum(const Fit& fit, const Herd& herd, const Matrix& x, std::vector<Matrix> parts)
+/// The fit has the likelihood of its variances under V = sum of sigma_t V_t, the residual's last.
+DenseVariance has_the_likelihood(const Fit& fit, const Herd& herd, const Matrix& x, std::vector<Matrix> parts)
 {
   parts.push_back(identity(herd.y.size()));
-  ASSERT_EQ(fit.sigma.size(), parts.size());
+  EXPECT_EQ(fit.sigma.size(), parts.size());
   Matrix v(herd.y.size(), herd.y.size());
-  for (std::size_t t = 0; t < parts.size(); ++t) {
+  for (std::size_t t = 0; t < parts.size() && t < fit.sigma.size(); ++t) {
     for (std::size_t k = 0; k < v.a.size(); ++k) v.a[k] += fit.sigma[t] * parts[t].a[k];
   }
-  const DenseVariance dense = dense_variance(x, herd.y, v, parts);
+  DenseVariance dense = dense_variance(x, herd.y, v, parts);
   EXPECT_NEAR(fit.logl, dense.logl, 1e-8 * std::abs(dense.logl));
-  for (std::size_t t = 0; t < parts.size(); ++t) {
+  return dense;
+}
+
+/// It has, and no variance moves it up.
+void is_the_maximum(const Fit& fit, const Herd& herd, const Matrix& x, std::vector<Matrix> parts)
+{
+  const DenseVariance dense = has_the_likelihood(fit, herd, x, parts);
+  ASSERT_EQ(fit.sigma.size(), parts.size() + 1);
+  for (std::size_t t = 0; t < fit.sigma.size(); ++t) {
     EXPECT_NEAR(dense.score[t] * fit.sigma[t], 0.0, 1e-4) << t;
     EXPECT_LT(dense.score[t], 1e-3) << t;  // of one at 0
   }
@@ -222,6 +230,21 @@ TEST_F(PedigreeFits, TermsThatShareOnePedigree)
       is_the_maximum(answer, herd, mean, each.parts);
       EXPECT_EQ(*reduce != '\0', answer.messages.find("individuals with data") != std::string::npos);
     }
+  }
+  // Direct and maternal effects correlated: a pedigree factor leaves its matrix to the structure that it shares.
+  Matrix both(herd.y.size(), herd.y.size());
+  for (std::size_t i = 0; i < herd.y.size(); ++i) {
+    for (std::size_t j = 0; j < herd.y.size(); ++j) {
+      const auto at = [&](double a, double b) { return herd.a(static_cast<std::size_t>(a) - 1, static_cast<std::size_t>(b) - 1); };
+      both(i, j) = at(herd.animal[i], herd.mother[j]) + at(herd.mother[i], herd.animal[j]);
+    }
+  }
+  const double apart = fit(herd, false, "animal+mother", "").logl;
+  for (const std::string random : {"str(animal+mother,us(2):animal)", "str(animal+mother,us(2):vm(animal,ped.csv))"}) {
+    SCOPED_TRACE(random);
+    const Fit answer = fit(herd, false, random, "");
+    EXPECT_GT(answer.logl, apart - 1e-6);  // the maternal variance ends near zero: no maximum inside
+    has_the_likelihood(answer, herd, mean, {direct, both, maternal});
   }
   const Fit none = fit(herd, false, "mu", ",\"reduce\":true", "fixed");
   EXPECT_NE(none.messages.find("reducing the inverse relationship matrix would result in zero"), std::string::npos);
