@@ -34,24 +34,45 @@ inline int read_as_case(std::string_view name, const unsigned char* bytes, std::
   std::abort();
 }
 
-/// Lets the run begin with the whole file of a case, besides what the folders of the command line hold.
-inline int begin_with_case(std::string_view name, int* argc, char*** argv)
+/// Lets the run begin with some inputs, besides what the folders of the command line hold.
+inline int begin_with(const std::vector<std::string>& inputs, int* argc, char*** argv)
 {
-  const READ_CASE& as = read_case(name);
-  const std::string seed = fuzz_path("seed");
-  std::ofstream(seed, std::ios::binary) << as.whole;
   // The fuzzer reads its arguments as long as it runs: they are never given back.
-  auto* option = new std::string("-seed_inputs=" + seed);
+  auto* option = new std::string("-seed_inputs=");
+  for (std::size_t k = 0; k < inputs.size(); ++k) {
+    const std::string path = fuzz_path("seed" + std::to_string(k));
+    std::ofstream(path, std::ios::binary) << inputs[k];
+    *option += (k > 0 ? "," : "") + path;
+  }
   auto* arguments = new std::vector<char*>(*argv, *argv + *argc);
   arguments->push_back(option->data());
   arguments->push_back(nullptr);
-  std::atexit([] {  // not after a fault: then the file is of use
-    for (const READ_CASE& one : read_cases()) std::filesystem::remove(fuzz_path(one.name));
-    std::filesystem::remove(fuzz_path("seed"));
+  std::atexit([] {  // not after a fault: then the files are of use
+    std::error_code ignored;
+    const auto folder = std::filesystem::temp_directory_path();
+    const std::string own = std::filesystem::path(fuzz_path("")).filename().string();
+    for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
+      if (entry.path().filename().string().starts_with(own)) std::filesystem::remove_all(entry.path(), ignored);
+    }
   });
   *argc += 1;
   *argv = arguments->data();
   return 0;
+}
+
+/// Lets the run begin with the whole file of a case.
+inline int begin_with_case(std::string_view name, int* argc, char*** argv)
+{
+  return begin_with({read_case(name).whole}, argc, argv);
+}
+
+/// Lets the run begin with the whole files of all cases, where the first byte of an input chooses among them.
+template <class Cases>
+int begin_with_all(const Cases& cases, int* argc, char*** argv)
+{
+  std::vector<std::string> inputs;
+  for (const auto& one : cases) inputs.push_back(static_cast<char>(inputs.size()) + one.whole);
+  return begin_with(inputs, argc, argv);
 }
 
 }  // namespace tolvan

@@ -7,6 +7,11 @@
 #include "relmat/damaged_markers.h"
 #include "read_case.h"
 
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
+{
+  return tolvan::begin_with_all(tolvan::marker_cases(), argc, argv);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t n)
 {
   static const std::string folder = tolvan::fuzz_path("markers");

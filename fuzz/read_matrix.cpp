@@ -6,6 +6,11 @@
 #include "read_case.h"
 #include "relmat/damaged_matrix.h"
 
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
+{
+  return tolvan::begin_with_all(tolvan::matrix_cases(), argc, argv);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t n)
 {
   static const std::string path = tolvan::fuzz_path("matrix");

@@ -6,6 +6,11 @@
 #include "pedigree/damaged_pedigree.h"
 #include "read_case.h"
 
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
+{
+  return tolvan::begin_with_all(tolvan::pedigree_cases(), argc, argv);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t n)
 {
   static const std::string path = tolvan::fuzz_path("pedigree.csv");

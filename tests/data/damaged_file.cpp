@@ -1,14 +1,13 @@
 #include "data/damaged_file.h"
 
 #include <cmath>
-#include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <vector>
 
 #include "api/communication.h"
 #include "base/text.h"
 #include "data/read_data.h"
+#include "support/damage.h"
 
 namespace tolvan {
 
@@ -65,18 +64,6 @@ std::vector<READ_CASE> make_cases()
       {"dpr.dpr", R"("filter":"yield","exclude":0)", coded, numbers<double>(true), 3},
   };
   return cases;
-}
-
-bool write_over(const std::string& path, std::string_view bytes)
-{
-  std::FILE* file = std::fopen(path.c_str(), "r+b");
-  if (file == nullptr) file = std::fopen(path.c_str(), "wb");
-  if (file == nullptr) return false;
-  const bool written = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
-  if (std::fclose(file) != 0 || !written) return false;
-  std::error_code failed;
-  std::filesystem::resize_file(path, bytes.size(), failed);
-  return !failed;
 }
 
 /// What is wrong with the rows of the store.

@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
 #include <vector>
 
 #include "base/text.h"
 #include "pedigree/pedigree_file.h"
 #include "pedigree/place_rows.h"
+#include "support/damage.h"
 
 namespace tolvan {
 namespace {
@@ -36,7 +36,7 @@ std::span<const PEDIGREE_CASE> pedigree_cases()
 std::string read_pedigree_bytes(const PEDIGREE_CASE& as, const std::string& path, std::string_view bytes, bool* good)
 {
   if (good != nullptr) *good = false;
-  if (!(std::ofstream(path, std::ios::binary) << bytes).flush()) return "the file can not be written";
+  if (!write_over(path, bytes)) return "the file can not be written";
   JsonError error;
   const auto request = parse_json(text(R"({"pedigree_file":{"name":")", path, "\",", as.keys, "}}"), error);
   if (request == nullptr) return "the entry is no JSON";

@@ -3,12 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdio>
-#include <filesystem>
 #include <vector>
 
 #include "base/text.h"
 #include "relmat/genomic_matrix.h"
+#include "support/damage.h"
 
 namespace tolvan {
 namespace {
@@ -44,18 +43,6 @@ std::vector<MARKER_CASE> make_cases()
       {"geno.bim", "", bim, 5, 3},
       {"geno.fam", "", fam, 5, 3},
   };
-}
-
-bool write_over(const std::string& path, std::string_view bytes)
-{
-  std::FILE* file = std::fopen(path.c_str(), "r+b");
-  if (file == nullptr) file = std::fopen(path.c_str(), "wb");
-  if (file == nullptr) return false;
-  const bool written = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
-  if (std::fclose(file) != 0 || !written) return false;
-  std::error_code failed;
-  std::filesystem::resize_file(path, bytes.size(), failed);
-  return !failed;
 }
 
 /// The files of a case: what is no part of it is whole.

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
 #include <initializer_list>
 #include <vector>
 
 #include "base/text.h"
+#include "support/damage.h"
 
 namespace tolvan {
 namespace {
@@ -73,7 +73,7 @@ std::span<const MATRIX_CASE> matrix_cases()
 std::string read_matrix_bytes(const MATRIX_CASE& as, const std::string& path, std::string_view bytes, bool* good)
 {
   if (good != nullptr) *good = false;
-  if (!(std::ofstream(path, std::ios::binary) << bytes).flush()) return "the file can not be written";
+  if (!write_over(path, bytes)) return "the file can not be written";
   ERROR_HANDLER eh;
   MATRIX_INPUT in;
   MATRIX_KEYS keys;
