@@ -24,7 +24,9 @@ int refuse_grm(const GrmArguments& arguments, const Problem& problem)
 /// The request for the engine.
 Problem make_request(const GrmArguments& arguments, std::string& request)
 {
-  request = "{\"marker_file\":{\"name\":" + quoted(arguments.markers);
+  request = "{\"marker_file\":{\"name\":" + quoted(arguments.markers.front()) + ",\"file\":[";
+  for (const std::string& file : arguments.markers) request += (&file == arguments.markers.data() ? "" : ",") + quoted(file);
+  request += "]";
   const auto add = [&request](const char* key, const std::string& value) { request += std::string(",\"") + key + "\":" + value; };
   if (arguments.header) add("header", "true");
   if (arguments.no_label) add("nokey", "true");

@@ -1,16 +1,17 @@
-// tolvan grm: the relationship matrix of markers from a file of them.
+// tolvan grm: the relationship matrix of markers from their files.
 #pragma once
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "app/messages.h"
 
 namespace tolvan::driver {
 
 struct GrmArguments {
-  std::string markers;  // file
-  int count = 0;        // of the markers; 0: the header tells
+  std::vector<std::string> markers;  // files, one or one a chromosome
+  int count = 0;                     // of the markers of a file; 0: the header tells
   bool header = false, no_label = false;
   int skip = 0, column_skip = 0;
   std::string label_column, marker_column;

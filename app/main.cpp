@@ -149,8 +149,9 @@ int run(int argc, char** argv)
       app.add_subcommand("grm", "Form the relationship matrix of markers and print what it is like");
   grm_command
       ->add_option("markers", g.markers,
-                   "A file of markers: .grr, .mkr or .mat, lines of a genotype's label and its regressors,\n"
-                   "or .bed with .bim and .fam beside it")
+                   "Files of markers: .grr, .mkr or .mat, lines of a genotype's label and its regressors,\n"
+                   "or .bed with .bim and .fam beside it; several, as one a chromosome, make one set\n"
+                   "of markers of the same genotypes, which their labels match")
       ->required()
       ->option_text(" ");
   const std::tuple<const char*, int*, const char*> integers[] = {

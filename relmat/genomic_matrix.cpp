@@ -149,7 +149,7 @@ void L_FORM_GRM(ERROR_HANDLER& eh, const MARKER_KEYS& keys, const MARKER_DATA& d
   const Frame here{eh, __func__};
   const std::int64_t n = data.genotypes;
   const std::int64_t r = data.regressors;
-  if (keys.method == RelationshipMethod::dominance && (data.in_numbers() || !data.coded)) {
+  if (keys.method == RelationshipMethod::dominance && (data.in_numbers() || !data.all_coded())) {
     eh.error(text("dominance needs markers coded 0, 1 and 2, those of ", data.origin, " are not"));
     return;
   }
@@ -218,7 +218,7 @@ void L_TELL_MARKERS(ERROR_HANDLER& eh, const MARKER_KEYS& keys, const MARKER_DAT
   }
   const double away = by_means ? keys.offset : centre - summary.average_mean;
   if (!dominance && std::abs(away) > near) eh.note("not centered near the regressor means");
-  if (data.coded) {
+  if (data.all_coded()) {
     eh.note(text("Sigma (2p(1-p)) is ", shown(summary.sigma)));
     eh.continuation(text("Sigma (2p(1-p))^2 is ", shown(summary.sigma_squares)));
   }
@@ -258,6 +258,7 @@ void GET_GENOMIC_MATRIX(ERROR_HANDLER& eh, const JsonNode& entry, const JsonNode
   matrix.origin = model.data.origin;
   matrix.form = MatrixForm::dense;
   matrix.order = model.data.genotypes;
+  if (!room_for_dense(eh, matrix.order, keys.psd || keys.nsd, matrix.values)) return;
   L_FORM_GRM(eh, keys, model.data, model.weights, matrix.values, model.summary);
   if (eh.terminate()) return;
   if (!attempt([&] { matrix.labels = model.data.labels; })) return eh.out_of_memory();

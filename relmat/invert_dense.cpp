@@ -27,6 +27,11 @@ void fill_upper(std::int64_t n, double* a)
   }
 }
 
+std::string shown(double x)
+{
+  return std::string(trim(edit(x, "G12.5")));
+}
+
 /// Turns the round of a sweep into a generalized inverse, and its share that binds singular rows into 0.
 void inverse_from_sweep(std::int64_t n, const PIVOTS& pivots, double* a)
 {
@@ -45,15 +50,27 @@ double singularity_criterion(std::int64_t precision)
   return precision < 5 ? 0.0001 : std::pow(10.0, -static_cast<double>(precision));
 }
 
-void SMILM(ERROR_HANDLER& eh, std::int64_t n, double* a, double& log_determinant)
+void SMILM(ERROR_HANDLER& eh, std::int64_t n, double* a, std::int64_t precision, double& log_determinant)
 {
   const Frame here{eh, __func__};
   log_determinant = 0.0;
+  const double criterion = singularity_criterion(precision);
+  std::vector<double> tolerance;
+  if (!assign(eh, tolerance, n)) return;
+  for (std::int64_t k = 0; k < n; ++k) tolerance[static_cast<std::size_t>(k)] = criterion * std::abs(a[k + k * n]);
   if (const std::int64_t info = dpotrf('L', n, a, n); info != 0) {
     eh.error(text("DPOTRF error = ", info));
     return;
   }
-  for (std::int64_t k = 0; k < n; ++k) log_determinant += 2.0 * std::log(a[k + k * n]);
+  for (std::int64_t k = 0; k < n; ++k) {
+    const double pivot = a[k + k * n] * a[k + k * n];
+    if (pivot < tolerance[static_cast<std::size_t>(k)]) {
+      eh.error(text("the matrix is singular in row ", k + 1, ", its pivot there is ", shown(pivot)));
+      eh.continuation(text("singularity declared when |pivot| < ", shown(tolerance[static_cast<std::size_t>(k)])));
+      return;
+    }
+    log_determinant += std::log(pivot);
+  }
   if (const std::int64_t info = dtrtri('L', 'N', n, a, n); info != 0) {
     eh.error(text("DTRTRI error = ", info));
     return;

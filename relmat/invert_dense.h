@@ -27,8 +27,9 @@ struct PIVOTS {
 };
 
 /// SMILM: inverts a positive definite matrix with LAPACK.  Where it is not, the failing step and its number
-/// are the message, and the matrix is lost.
-void SMILM(ERROR_HANDLER& eh, std::int64_t n, double* a, double& log_determinant);
+/// are the message, or the row whose pivot is smaller than its diagonal times the criterion of singularity, which
+/// rounding alone may keep above 0; the matrix is lost.
+void SMILM(ERROR_HANDLER& eh, std::int64_t n, double* a, std::int64_t precision, double& log_determinant);
 
 /// L_SWEEP: sweeps a symmetric matrix on all of its rows that have a pivot, from the last to the first
 /// (Goodnight 1979, The American Statistician 33, 149-158).  Below the diagonal it leaves

@@ -61,7 +61,7 @@ void L_INVERT_BY_RULE(ERROR_HANDLER& eh, const MATRIX_KEYS& keys, std::int64_t z
   const std::int64_t n = in.order;
   const bool singular = keys.psd || keys.nsd;
   if (!singular && zero_rows == 0) {
-    SMILM(eh, n, in.values.data(), out.log_determinant);
+    SMILM(eh, n, in.values.data(), keys.precision, out.log_determinant);
     if (!eh.terminate()) return;
     eh.error("the GRM matrix is not positive definite");
     eh.continuation(

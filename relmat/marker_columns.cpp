@@ -6,6 +6,7 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <span>
 
 #include "base/memory.h"
 
@@ -168,25 +169,14 @@ void copy_numbers(const MARKER_DATA& data, std::int64_t first, std::int64_t coun
   }
 }
 
-}  // namespace
-
-std::int64_t columns_of_block(const MARKER_DATA& data)
-{
-  constexpr std::int64_t bytes = std::int64_t{64} << 20U;
-  constexpr std::int64_t least = 256;
-  constexpr std::int64_t most = 2048;
-  const std::int64_t fitting = bytes / (8 * std::max<std::int64_t>(data.genotypes, 1));
-  return std::min(std::clamp(fitting, least, most), std::max<std::int64_t>(data.regressors, 1));
-}
-
-void L_FILL_COLUMNS(ERROR_HANDLER& eh, const MARKER_KEYS& keys, const MARKER_DATA& data, std::int64_t first,
-                    std::vector<MARKER_COLUMN>& columns, double* z, std::vector<std::uint8_t>& bytes)
+/// L_FILL_TABLE_COLUMNS: the same for columns of one table.
+void L_FILL_TABLE_COLUMNS(ERROR_HANDLER& eh, const MARKER_KEYS& keys, const MARKER_DATA& data, std::int64_t first,
+                          std::span<MARKER_COLUMN> columns, double* z, std::vector<std::uint8_t>& bytes)
 {
   const Frame here{eh, __func__};
   const std::int64_t n = data.genotypes;
   const std::int64_t count = std::ssize(columns);
-  std::fill(columns.begin(), columns.end(), MARKER_COLUMN{});
-  if (data.in_numbers()) {
+  if (!data.values.empty()) {
     copy_numbers(data, first, count, z);
     for (std::int64_t j = 0; j < count; ++j)
       fill_numbers(keys, data.coded, n, z + j * n, columns[static_cast<std::size_t>(j)]);
@@ -215,6 +205,37 @@ void L_FILL_COLUMNS(ERROR_HANDLER& eh, const MARKER_KEYS& keys, const MARKER_DAT
     double* to = z + j * n;
     for (const std::int64_t row : data.rows) *to++ = value[code_of(from[row / 4], row % 4)];
   }
+}
+
+}  // namespace
+
+std::int64_t columns_of_block(const MARKER_DATA& data)
+{
+  constexpr std::int64_t bytes = std::int64_t{64} << 20U;
+  constexpr std::int64_t least = 256;
+  constexpr std::int64_t most = 2048;
+  const std::int64_t fitting = bytes / (8 * std::max<std::int64_t>(data.genotypes, 1));
+  return std::min(std::clamp(fitting, least, most), std::max<std::int64_t>(data.regressors, 1));
+}
+
+void L_FILL_COLUMNS(ERROR_HANDLER& eh, const MARKER_KEYS& keys, const MARKER_DATA& data, std::int64_t first,
+                    std::vector<MARKER_COLUMN>& columns, double* z, std::vector<std::uint8_t>& bytes)
+{
+  const Frame here{eh, __func__};
+  std::fill(columns.begin(), columns.end(), MARKER_COLUMN{});
+  std::span<MARKER_COLUMN> left(columns);
+  std::int64_t skipped = first;  // regressors ahead of those wanted
+  const auto take = [&](const MARKER_DATA& table, std::int64_t regressors) {
+    const std::int64_t from = std::min(skipped, regressors);
+    const std::int64_t count = std::min(regressors - from, std::ssize(left));
+    skipped -= from;
+    if (count == 0 || eh.terminate()) return;
+    L_FILL_TABLE_COLUMNS(eh, keys, table, from, left.first(static_cast<std::size_t>(count)), z, bytes);
+    left = left.subspan(static_cast<std::size_t>(count));
+    z += count * data.genotypes;
+  };
+  take(data, data.own_regressors());
+  for (const MARKER_DATA& table : data.further) take(table, table.regressors);
 }
 
 void L_FILL_COVARIATES(ERROR_HANDLER& eh, const MARKER_DATA& data, std::vector<double>& values)

@@ -39,6 +39,24 @@ std::string L_TEXT_UNDER(ERROR_HANDLER& eh, const JsonNode& entry, std::string_v
   return {};
 }
 
+/// L_READ_FILES: the names of the files of an entry: its own, or one or several under `file`.
+void L_READ_FILES(ERROR_HANDLER& eh, const JsonNode& entry, MARKER_KEYS& keys)
+{
+  const Frame here{eh, __func__};
+  const JsonNode* node = given_value(entry, "file");
+  keys.files.clear();
+  if (node == nullptr) return keys.files.push_back(keys.name);
+  bool sound = node->is(JsonType::string) || (node->is(JsonType::array) && !node->packed() && node->size() > 0);
+  if (node->is(JsonType::string)) keys.files.push_back(node->text());
+  for (std::int64_t k = 0; sound && node->is(JsonType::array) && k < node->size(); ++k) {
+    const JsonNode& each = *node->children()[static_cast<std::size_t>(k)];
+    sound = each.is(JsonType::string);
+    if (sound) keys.files.push_back(each.text());
+  }
+  for (const std::string& each : keys.files) sound = sound && !is_blank(each);
+  if (!sound) REPORT_JSON_ERROR(eh, *node, {"a string", "an array of strings"});
+}
+
 /// L_CODE_UNDER: the integer of a key between two others.
 std::int64_t L_CODE_UNDER(ERROR_HANDLER& eh, const JsonNode& entry, std::string_view key, std::int64_t low,
                           std::int64_t high, std::int64_t otherwise)
@@ -141,7 +159,7 @@ void L_READ_MARKER_KEYS(ERROR_HANDLER& eh, const JsonNode& entry, MARKER_KEYS& k
   if (!name->is(JsonType::string) || is_blank(name->text()))
     return REPORT_JSON_ERROR(eh, *name, {"the name of a file"});
   keys.name = name->text();
-  keys.file = L_TEXT_UNDER(eh, entry, "file");
+  L_READ_FILES(eh, entry, keys);
   keys.markers = L_COUNT_UNDER(eh, entry, "markers");
   keys.header = is_on(entry, "header");
   keys.no_label = is_on(entry, "nokey");
@@ -166,6 +184,8 @@ void L_READ_MARKER_KEYS(ERROR_HANDLER& eh, const JsonNode& entry, MARKER_KEYS& k
   keys.effects = L_CODE_UNDER(eh, entry, "rtmethod", 0, 1, 0) == 1 || keys.fast_bayes;
   keys.pev = is_on(entry, "pev");
   if (!keys.genotype_column.empty() || !keys.marker_column.empty()) keys.header = true;
+  if (keys.to > 0 && keys.files.size() > 1)
+    eh.error(text("a range of regressors can not be chosen among those of several files, as those of ", keys.name));
 }
 
 }  // namespace tolvan

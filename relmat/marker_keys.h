@@ -22,9 +22,9 @@ enum class RelationshipMethod : std::int64_t {
 enum class Centring { by_method, means, value, none };
 
 struct MARKER_KEYS {
-  std::string name;  // of the matrix, and of its file unless `file` names another
-  std::string file;
-  // The file.
+  std::string name;  // of the matrix, and of its file unless `file` names another or several
+  std::vector<std::string> files;  // at least one; the regressors of several, one a chromosome, follow each other
+  // The files.
   std::int64_t markers = 0;      // regressors that are expected; 0: the header tells
   bool header = false;           // the first line holds names
   bool no_label = false;         // lines begin without the label of their genotype (nokey)
@@ -52,8 +52,6 @@ struct MARKER_KEYS {
   double bayes_offset = 0.0;  // more for each weight
   bool effects = false;       // rtmethod: marker effects after the fit
   bool pev = false;           // prediction error variances after the fit
-
-  const std::string& path() const { return file.empty() ? name : file; }
 };
 
 /// L_READ_MARKER_KEYS: reads an entry of marker_file.

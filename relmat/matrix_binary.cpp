@@ -68,7 +68,7 @@ void L_READ_RECORDS_DENSE(ERROR_HANDLER& eh, RECORDS& records, MATRIX_INPUT& out
   if (n == 0) return unreadable(eh, records.path, records.single);
   out.form = MatrixForm::dense;
   out.order = n;
-  if (!room_for_dense(eh, n) || !assign(eh, out.values, n * n)) return;
+  if (!room_for_dense(eh, n, out.may_grow, out.values) || !assign(eh, out.values, n * n)) return;
   for (std::int64_t k = 0; k < n; ++k) {
     if (!records.read(eh, k + 1, out.values.data() + k * n)) return;
   }
@@ -128,7 +128,7 @@ void READ_MATRIX_FROM_RGRM_UNITNO(ERROR_HANDLER& eh, const std::string& path, st
   }
   out.form = MatrixForm::dense;
   out.order = n;
-  if (!room_for_dense(eh, n) || !assign(eh, out.values, n * n)) return;
+  if (!room_for_dense(eh, n, out.may_grow, out.values) || !assign(eh, out.values, n * n)) return;
   const auto length = static_cast<std::size_t>(n);
   for (std::int64_t k = 0; k < n; ++k) {
     double* row = out.values.data() + k * n;

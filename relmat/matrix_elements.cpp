@@ -43,13 +43,15 @@ bool order_is_sound(ERROR_HANDLER& eh, const MATRIX_INPUT& matrix)
   return false;
 }
 
-bool room_for_dense(ERROR_HANDLER& eh, std::int64_t order)
+bool room_for_dense(ERROR_HANDLER& eh, std::int64_t order, bool may_grow, std::vector<double>& a)
 {
+  const Frame here{eh, __func__};
   constexpr std::int64_t worth_telling = 5000;
   constexpr double bytes_of_a_megabyte = 1048576.0;
   std::int64_t bytes = 0;
   const bool fits = multiply_sizes(order, order, bytes) && multiply_sizes(bytes, sizeof(double), bytes);
-  if (!fits || bytes > machine_memory_bytes()) {
+  const std::int64_t machine = machine_memory_bytes();
+  if (!fits || bytes > machine) {
     eh.out_of_memory(fits ? bytes : -1);
     eh.continuation(text("for a dense matrix of order ", order));
     return false;
@@ -59,7 +61,9 @@ bool room_for_dense(ERROR_HANDLER& eh, std::int64_t order)
                  std::llround(static_cast<double>(bytes) / bytes_of_a_megabyte),
                  " MB; where it is inverted this is done in place"));
   }
-  return true;
+  const std::int64_t with_growth = may_grow ? std::min(bytes, machine / 4) * 4 / static_cast<std::int64_t>(sizeof(double)) : 0;
+  if (with_growth > order * order && attempt([&] { a.reserve(static_cast<std::size_t>(with_growth)); })) return true;
+  return reserve(eh, a, order * order);
 }
 
 void check_square(ERROR_HANDLER& eh, MATRIX_INPUT& matrix)

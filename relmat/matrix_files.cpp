@@ -170,6 +170,7 @@ bool is_of_markers(const JsonNode& entry)
   const JsonNode* name = given_value(entry, "name");
   const JsonNode* file = given_value(entry, "file");
   if (type != nullptr && type->is_text("ft_data")) return false;
+  if (file != nullptr && file->is(JsonType::array) && !file->packed() && file->size() > 0) file = file->children().front().get();
   if (file != nullptr && file->is(JsonType::string)) name = file;
   const std::string path = name != nullptr && name->is(JsonType::string) ? name->text() : std::string();
   if (is_marker_file(path)) return true;
@@ -237,7 +238,7 @@ void make_dense(ERROR_HANDLER& eh, MATRIX_INPUT& matrix)
   const std::int64_t n = matrix.order;
   if (matrix.form == MatrixForm::dense) return;
   std::vector<double> full;
-  if (!room_for_dense(eh, n) || !assign(eh, full, n * n)) return;
+  if (!room_for_dense(eh, n, matrix.may_grow, full) || !assign(eh, full, n * n)) return;
   if (matrix.form == MatrixForm::diagonal) {
     for (std::int64_t k = 0; k < n; ++k)
       full[static_cast<std::size_t>(k + k * n)] = matrix.values[static_cast<std::size_t>(k)];
@@ -266,6 +267,7 @@ void GETGIV(ERROR_HANDLER& eh, const JsonNode& entry, const JsonNode& request,
   AINV_MTX* out = AMTXS_EMPTY_POS(eh, store, keys.name);
   if (out == nullptr) return;
   MATRIX_INPUT in;
+  in.may_grow = keys.psd || keys.nsd;
   bool inverse = !keys.invert;
   if (keys.type == "ft_data") {
     L_READ_FROM_DATASET(eh, keys, request, datasets, in);
@@ -332,6 +334,7 @@ void READ_MARKER_COVARIATES(ERROR_HANDLER& eh, const JsonNode& request, COVARIAT
       L_READ_MARKER_KEYS(eh, *entry, keys);
     } else {
       keys.name = file->text();
+      keys.files = {keys.name};
       keys.markers = L_COUNT_UNDER(eh, *definition, "columns");
       keys.lines_to_skip = L_COUNT_UNDER(eh, *definition, "skip");
     }

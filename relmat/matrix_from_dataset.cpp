@@ -58,7 +58,7 @@ void L_COPY_DENSE_FROM_UDSTORE(ERROR_HANDLER& eh, const DATASET_VIEW& data, MATR
   }
   out.form = MatrixForm::dense;
   out.order = n;
-  if (!room_for_dense(eh, n) || !assign(eh, out.values, n * n)) return;
+  if (!room_for_dense(eh, n, out.may_grow, out.values) || !assign(eh, out.values, n * n)) return;
   for (std::int64_t j = 0; j < n; ++j) {
     for (std::int64_t i = 0; i < n; ++i) {
       const double x = data.value(i, j);

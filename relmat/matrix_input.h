@@ -31,6 +31,7 @@ struct MATRIX_INPUT {
   std::vector<std::string> labels;        // of the rows, or none
   std::optional<double> log_determinant;  // told by the source
   std::int64_t groups = 0;
+  bool may_grow = false;  // where it is singular its inverse will have more rows
 };
 
 /// How the numbers of a file are coded.
@@ -74,8 +75,11 @@ bool L_TAKE_ELEMENT(ERROR_HANDLER& eh, double row, double column, double value, 
                     MATRIX_INPUT& out);
 /// Whether the order that the elements told is in keeping with their number; else the message tells the element.
 bool order_is_sound(ERROR_HANDLER& eh, const MATRIX_INPUT& matrix);
-/// Whether the machine has room for a dense matrix; tells the memory of a large one ahead of taking it.
-bool room_for_dense(ERROR_HANDLER& eh, std::int64_t order);
+/// Reserves a dense matrix of an order if the machine has room for it; tells the memory of a large one ahead of taking
+/// it.
+///   may_grow   its order may double in place: further room is reserved as far as the machine has it, which costs
+///              nothing before it is used, and spares a second copy then
+bool room_for_dense(ERROR_HANDLER& eh, std::int64_t order, bool may_grow, std::vector<double>& a);
 /// Tells an asymmetric pair of elements of a square matrix, and one that is not finite, and makes the pairs
 /// agree exactly.
 void check_square(ERROR_HANDLER& eh, MATRIX_INPUT& matrix);

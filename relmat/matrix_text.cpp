@@ -169,7 +169,7 @@ void L_SHAPE(ERROR_HANDLER& eh, const FILE_LINES& lines, NUMBERS_OF_LINES& numbe
   }
   out.form = MatrixForm::dense;
   out.order = n;
-  if (!room_for_dense(eh, n) || !reserve(eh, out.values, n * n)) return;
+  if (!room_for_dense(eh, n, out.may_grow, out.values)) return;
   // Column after column, so that the memory of the numbers goes as that of the matrix comes.
   const auto rows = static_cast<std::size_t>(n);
   for (std::size_t k = 0; k < rows; ++k) {

@@ -53,7 +53,7 @@ int main(int argc, char** argv)
       dpotri('L', n, a.data(), n);
     });
     a = k;
-    const double definite = seconds([&] { SMILM(eh, n, a.data(), logdet); });
+    const double definite = seconds([&] { SMILM(eh, n, a.data(), 0, logdet); });
     a = k;
     const double swept = seconds([&] { SMIDENSE(eh, n, a.data(), 0, pivots); });
     a = relationship(n, n * 9 / 10, 0.0);

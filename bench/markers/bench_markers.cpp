@@ -84,7 +84,7 @@ Parts form(int rounds, const std::string& path, std::int64_t markers, Relationsh
   for (int k = 0; k < rounds; ++k) {
     ERROR_HANDLER eh;
     MARKER_KEYS keys;
-    keys.name = path;
+    keys.files = {path};
     keys.markers = markers;
     keys.method = method;
     MARKER_DATA data;

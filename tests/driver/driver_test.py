@@ -327,6 +327,20 @@ class Grm(InAFolder):
         self.assertEqual(run.returncode, 0, run.stderr)
         self.assertRegex(run.stdout, r"Largest diagonal +1\.0000")
 
+    def test_several_files_are_one_set_of_markers(self):
+        parts = [self.write("c1.grr", "id a b\nx 0 1\ny 1 1\nz 2 NA\n"), self.write("c2.grr", "id c\nz 1\nx 2\ny 0\n")]
+        found = []
+        for files in ([self.write("m.grr", self.ROWS)], parts):
+            run = tolvan("grm", *files, "--json", "-o", self.folder / "g.grm")
+            self.assertEqual(run.returncode, 0, run.stderr)
+            found.append((self.folder / "g.grm").read_text())
+            self.assertEqual(json.loads(run.stdout)["scalars"]["SCALAR_GRM_MARKERS"], 3)
+        for one, all_parts in zip(found[0].split(), found[1].split(), strict=True):
+            self.assertAlmostEqual(float(one), float(all_parts), 12)
+        run = tolvan("grm", *parts, self.write("c3.grr", "id d\nz 1\nx 2\n"))
+        self.assertEqual(run.returncode, 3)
+        self.assertIn("the genotype y of", run.stderr)
+
     def test_faults(self):
         rows = self.write("m.grr", self.ROWS + "x 0 0 0\n")
         for code, arguments, says in ((3, [rows], "the genotype x stands twice in"), (3, [self.folder / "no.grr"], "failed to open GRR file"),

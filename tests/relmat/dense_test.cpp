@@ -91,7 +91,7 @@ TEST(InvertDense, FullRank)
       if (sign < 0.0) continue;
       double logdet = 0.0;
       Matrix y = k;
-      SMILM(eh, n, y.data(), logdet);
+      SMILM(eh, n, y.data(), 0, logdet);
       EXPECT_LT(largest_difference(x, y), limit);
       EXPECT_NEAR(logdet, pivots.log_determinant, limit);
     }
@@ -201,8 +201,19 @@ TEST(InvertDense, RulesOfPivots)
   EXPECT_EQ(c, (Matrix{0.0, 0.0, 0.0, 1.0}));
   Matrix d{1.0, 2.0, 2.0, 1.0};
   double logdet = 0.0;
-  SMILM(eh, 2, d.data(), logdet);
+  SMILM(eh, 2, d.data(), 0, logdet);
   EXPECT_TRUE(has_message(eh, "DPOTRF error = 2"));
+  // What rounding alone keeps above 0 is singular all the same, unless the criterion is finer still.
+  const Matrix alike{2.0, 1.0, 2.0, 1.0, 3.0, 1.0, 2.0, 1.0, 2.0 + 8e-15};
+  ERROR_HANDLER rounding;
+  Matrix g = alike;
+  SMILM(rounding, 3, g.data(), 0, logdet);
+  EXPECT_TRUE(has_message(rounding, "the matrix is singular in row 3, its pivot there is 0.8"));
+  EXPECT_TRUE(has_message(rounding, "singularity declared when |pivot| < 0.20000E-09"));
+  ERROR_HANDLER finer;
+  g = alike;
+  SMILM(finer, 3, g.data(), 16, logdet);
+  EXPECT_TRUE(clean(finer));
   ERROR_HANDLER other;
   Matrix e{1.0, 2.0, 2.0, 1.0};
   K4MSMI(other, 2, e.data(), logdet);
