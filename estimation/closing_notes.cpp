@@ -30,6 +30,22 @@ bool groups_are_singular(const FIT_MODEL& in, const VARIANCE_MODEL& model, const
   return false;
 }
 
+/// Tells of unstructured matrices that ended at the edge of their space.
+void note_edges(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_WORK& work, const FIT_STATE& fit)
+{
+  for (const DEFINITE_ROW& row : work.update.definite) {
+    const auto from = static_cast<std::size_t>(row.first);
+    const auto to = from + static_cast<std::size_t>(row.levels * (row.levels + 1) / 2);
+    if (to > fit.evaluated.size()) continue;
+    const auto values = fit.evaluated.begin();
+    if (!at_edge(row.levels, {values + static_cast<std::ptrdiff_t>(from), values + static_cast<std::ptrdiff_t>(to)})) continue;
+    const std::string& label = model.parameters[from].label;
+    eh.note(text("the matrix ", std::string_view(label).substr(0, label.rfind("_V")), " ended at the edge of its space"));
+    eh.continuation("some combination of its levels has next to no variance: correlations of 1, or fewer factors than levels");
+    eh.continuation("standard errors of its elements are too small; fa() or rr() say the same with fewer parameters");
+  }
+}
+
 bool has_factor_effects(const VARIANCE_MODEL& model)
 {
   return std::any_of(model.rows.begin(), model.rows.end(), [](const STRUCTURE_ROW& row) { return row.model == factor_effects; });
@@ -73,6 +89,7 @@ void note_criteria(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL&
   if (model.modified > 0) {
     eh.note(text("US structures were modified ", model.modified, " times to make them positive definite"));
   }
+  note_edges(eh, model, work, fit);
   if (em.used > 0) {
     eh.note(em.expanded ? text("used ", em_description(em), " you could try negative definite US or XFA instead")
                         : text("used !EMFLAG ", em.asked, " ", em_description(em),

@@ -16,6 +16,7 @@ struct EM_STATE {
     std::int64_t component = 0;  // of that term's product
   };
   std::vector<ROW> rows;         // empty when EM was turned off
+  bool chosen = false;           // the user asked for it; else it stands in where the step can't be kept in the space
   bool expanded = true;          // PX-EM
   std::int64_t asked = 1;        // the option's value; 0: off
   std::int64_t used = 0;         // rows updated so far

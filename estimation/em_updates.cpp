@@ -71,9 +71,9 @@ void K4MEMV(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIANCE_MODEL&
   const Frame here{eh, __func__};
   em = {};
   // Not asked for, the expanded step is taken: mending alone may end far below the best LogL where that lies at the boundary.
-  const bool chosen = options(Slot::em_mode) > 0;
-  em.asked = chosen ? options(Slot::em_value) : 1;
-  em.expanded = !chosen || options(Slot::em_mode) == expanded_mode;
+  em.chosen = options(Slot::em_mode) > 0;
+  em.asked = em.chosen ? options(Slot::em_value) : 1;
+  em.expanded = !em.chosen || options(Slot::em_mode) == expanded_mode;
   if (em.asked <= 0) return;
   for (std::size_t t = 0; t < model.terms.size(); ++t) {
     if (model.terms[t].dropped) continue;

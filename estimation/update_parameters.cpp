@@ -20,6 +20,7 @@ constexpr double least_damping = 0.01;
 constexpr double most_damping = 1e6;
 constexpr int most_shortening = 40;
 constexpr double furthest_correlation = 0.4;  // that a correlation may want to go in one step
+constexpr double near_gain = 5.0;             // of LogL: the last step came near the optimum
 constexpr std::size_t many = 48;  // parameters from which the work is done by blocks
 
 /// L_PENALTY: the damping number by the change of LogL, and the multiplier of the information's diagonal it gives.
@@ -180,6 +181,67 @@ double settled_value(const VARIANCE_MODEL& model, std::int64_t parameter, double
   return value;
 }
 
+/// The information on `inside` left when the open parameters besides them have followed: A_ii - A_io A_oo^-1 A_oi, by columns.
+bool reduced_information(const INFORMATION& information, const std::vector<std::uint8_t>& open, const std::vector<std::size_t>& inside,
+                         std::vector<double>& s)
+{
+  std::vector<std::size_t> others;
+  for (std::size_t i = 0; i < open.size(); ++i) {
+    if (open[i] && !std::binary_search(inside.begin(), inside.end(), i)) others.push_back(i);
+  }
+  const auto m = static_cast<std::int64_t>(inside.size()), o = static_cast<std::int64_t>(others.size());
+  const auto block = [&](const std::vector<std::size_t>& rows, const std::vector<std::size_t>& columns) {
+    std::vector<double> a;
+    a.reserve(rows.size() * columns.size());
+    for (const std::size_t j : columns) {
+      for (const std::size_t i : rows) a.push_back(information.at(static_cast<std::int64_t>(i), static_cast<std::int64_t>(j)));
+    }
+    return a;
+  };
+  s = block(inside, inside);
+  if (o == 0) return true;
+  std::vector<double> a = block(others, others), b = block(others, inside);
+  if (dpotrf('L', o, a.data(), o) != 0) return false;
+  dtrsm('L', 'L', 'N', 'N', o, m, 1.0, a.data(), o, b.data(), o);
+  dgemm('T', 'N', m, m, o, -1.0, b.data(), o, b.data(), o, 1.0, s.data(), m);
+  return true;
+}
+
+/// Unstructured matrices that the joint step would take out of their space go to the nearest one inside instead and stay there, while
+/// the other parameters are solved for again: the quadratic model is then maximised under that restraint, one matrix after the other.
+void keep_rows_inside(const INFORMATION& information, const VARIANCE_MODEL& model, const std::vector<DEFINITE_ROW>& rows,
+                      std::vector<std::uint8_t>& open, std::vector<double>& taken, std::vector<double>& delta)
+{
+  std::vector<std::size_t> inside;
+  std::vector<double> present, target, s, next;
+  for (const DEFINITE_ROW& row : rows) {
+    const auto count = static_cast<std::size_t>(row.levels * (row.levels + 1) / 2);
+    const auto first = std::lower_bound(information.active.begin(), information.active.end(), row.first);
+    const auto place = static_cast<std::size_t>(first - information.active.begin());
+    inside.clear();
+    present.clear();
+    target.clear();
+    for (std::size_t i = place; i < place + count && i < open.size() && open[i]; ++i) {
+      const VARIANCE_PARAMETER& v = model.parameters[static_cast<std::size_t>(information.active[i])];
+      inside.push_back(i);
+      present.push_back(v.value);
+      target.push_back(v.value + delta[i] * information.unit[i]);
+    }
+    const bool whole = inside.size() == count && information.active[place + count - 1] == row.first + static_cast<std::int64_t>(count) - 1;
+    if (!whole || !leaves_space(row.levels, present, target)) continue;
+    if (!reduced_information(information, open, inside, s)) continue;
+    for (std::size_t j = 0; j < count; ++j) {
+      for (std::size_t i = 0; i < count; ++i) s[i + j * count] /= information.unit[inside[i]] * information.unit[inside[j]];
+    }
+    if (!nearest_inside(row.levels, present, target, s, next)) continue;
+    for (std::size_t i = 0; i < count; ++i) {
+      open[inside[i]] = 0;
+      taken[inside[i]] = (next[i] - present[i]) / information.unit[inside[i]];
+    }
+    solve_step(information, open, taken, delta);
+  }
+}
+
 }  // namespace
 
 void damp_steps(bool fell, UPDATE_STATE& state)
@@ -289,10 +351,21 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     return worst < k;
   };
   // One parameter is held at a time, the one that its rule cuts back most: with it held the others may well step away from zero,
-  // or turn round, as the other parameter of ARMA(1,1) does on the ridge where the two are equal.
-  for (std::size_t round = 0; round < k && pass(true); ++round) {
-  }
-  for (std::size_t round = 0; round < k && pass(false); ++round) {
+  // or turn round, as the other parameter of ARMA(1,1) does on the ridge where the two are equal.  Matrices kept in their space are
+  // let go and placed anew as long as more parameters get held; far from the optimum they stay, since the quadratic model does not
+  // reach to where the rules hold the others.
+  const bool near_optimum = iteration > 1 && gain < near_gain;
+  const std::vector<std::uint8_t> takes_part = open;
+  for (bool held_more = true; held_more;) {
+    for (std::size_t i = 0; i < k; ++i) {
+      if (takes_part[i] && !restrained[i]) open[i] = 1;
+    }
+    solve_step(information, open, taken, delta);
+    keep_rows_inside(information, model, state.definite, open, taken, delta);
+    held_more = false;
+    while (pass(true)) held_more = true;
+    while (pass(false)) held_more = true;
+    held_more = held_more && near_optimum && !state.definite.empty();
   }
 
   double largest_loading = 0.0;
@@ -303,7 +376,7 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     if (!is_free(v.constraint)) continue;
     const auto at = static_cast<std::size_t>(information.active[i]);
     RESTRAINT& taken_by = result[i];
-    if (!restrained[i]) taken_by.value = v.value + delta[i] * information.unit[i];
+    if (!restrained[i]) taken_by.value = v.value + (open[i] ? delta[i] : taken[i]) * information.unit[i];
     if (restrained[i]) ++aiopt(Ai::restrained);
     if (taken_by.boundary) ++aiopt(Ai::boundary);
     if (taken_by.reset_step) state.step = state.saved_step;

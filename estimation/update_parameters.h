@@ -8,6 +8,7 @@
 
 #include "api/error_handler.h"
 #include "estimation/control_slots.h"
+#include "estimation/keep_inside.h"
 #include "varstruct/parameter_table.h"
 
 namespace tolvan {
@@ -48,6 +49,7 @@ struct UPDATE_STATE {
   double largest_change = 0.0;
   bool growth_capped = false;      // a parameter wanted to grow by more than a step may: not at its optimum
   std::string first_singular;      // label of the first parameter without information
+  std::vector<DEFINITE_ROW> definite;  // unstructured matrices whose step is kept in their space, where EM was not asked for
 };
 
 /// Halves the steps once more (a fall of LogL) or once less (a gain).

@@ -59,6 +59,10 @@ TEST(BoundaryFits, UnstructuredReachesWhatItsSubmodelsReach)
     const std::vector<double> data = one_factor_trial(seed);
     const std::vector<double> best = trace(data, "us(site):id(line)", "");
     ASSERT_FALSE(best.empty());
+    EXPECT_LE(best.size(), 12U);
+    const std::vector<double> longer = trace(data, "us(site):id(line)", ",\"extra\":25");
+    ASSERT_FALSE(longer.empty());
+    EXPECT_NEAR(best.back(), longer.back(), 2e-3);
     for (const char* submodel : {"fa(site,1):id(line)", "corh(site):id(line)", "rr(site,1):id(line)"}) {
       const std::vector<double> sub = trace(data, submodel, ",\"extra\":3");
       ASSERT_FALSE(sub.empty()) << submodel;
