@@ -49,6 +49,7 @@ class FileReader {
   bool next_chunk(std::string_view& chunk);
   std::int64_t line_number() const { return line_number_; }  // of the last line read, from 1
   const std::string& error() const { return error_; }        // empty: no fault
+  std::int64_t line_of_fault() const { return line_number_ + (line_too_long_ ? 0 : 1); }
   void close();
 
  private:

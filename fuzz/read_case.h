@@ -37,16 +37,18 @@ inline int read_as_case(std::string_view name, const unsigned char* bytes, std::
 /// Lets the run begin with some inputs, besides what the folders of the command line hold.
 inline int begin_with(const std::vector<std::string>& inputs, int* argc, char*** argv)
 {
-  // The fuzzer reads its arguments as long as it runs: they are never given back.
-  auto* option = new std::string("-seed_inputs=");
+  // The fuzzer reads its arguments as long as it runs.
+  static std::string option;
+  static std::vector<char*> arguments;
+  option = "-seed_inputs=";
   for (std::size_t k = 0; k < inputs.size(); ++k) {
     const std::string path = fuzz_path("seed" + std::to_string(k));
     std::ofstream(path, std::ios::binary) << inputs[k];
-    *option += (k > 0 ? "," : "") + path;
+    option += (k > 0 ? "," : "") + path;
   }
-  auto* arguments = new std::vector<char*>(*argv, *argv + *argc);
-  arguments->push_back(option->data());
-  arguments->push_back(nullptr);
+  arguments.assign(*argv, *argv + *argc);
+  arguments.push_back(option.data());
+  arguments.push_back(nullptr);
   std::atexit([] {  // not after a fault: then the files are of use
     std::error_code ignored;
     const auto folder = std::filesystem::temp_directory_path();
@@ -56,7 +58,7 @@ inline int begin_with(const std::vector<std::string>& inputs, int* argc, char***
     }
   });
   *argc += 1;
-  *argv = arguments->data();
+  *argv = arguments.data();
   return 0;
 }
 

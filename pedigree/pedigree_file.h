@@ -118,7 +118,5 @@ void L_AIPEDA_WRITE_GIV(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, const FIT_
 
 /// The breeding system that the keys tell.
 BREEDING_RULES breeding_rules(const PEDIGREE_KEYS& keys);
-/// The name of a file without its extension.
-std::string root_of_file(std::string_view path);
 
 }  // namespace tolvan

@@ -4,6 +4,7 @@
 
 #include "base/memory.h"
 #include "base/text.h"
+#include "data/entry_values.h"
 #include "data/request_values.h"
 #include "model/request.h"
 #include "pedigree/pedigree_file.h"
@@ -11,47 +12,10 @@
 namespace tolvan {
 namespace {
 
-/// A switch: on when it is there with any value but false, 0 and their spellings.
-bool is_on(const JsonNode& entry, std::string_view key)
+/// A switch of a pedigree: a text without anything in it is on, too.
+bool switched_on(const JsonNode& entry, std::string_view key)
 {
-  const JsonNode* node = given_value(entry, key);
-  if (node == nullptr) return false;
-  if (node->is(JsonType::string)) {
-    const std::string word = lower(trim(node->text()));
-    return word != "false" && word != "0";
-  }
-  return node->is(JsonType::logical) ? node->logical() : !node->is_number() || node->number() != 0.0;
-}
-
-/// L_NUMBER: the number of a key in a range; the value stays without the key.  Gives whether the key is
-/// there.
-bool L_NUMBER(ERROR_HANDLER& eh, const JsonNode& entry, std::string_view key, bool whole, double low,
-              double high, double& value)
-{
-  const Frame here{eh, __func__};
-  const JsonNode* node = given_value(entry, key);
-  if (node == nullptr) return false;
-  if (node->is(JsonType::logical)) {  // a bare key
-    value = node->logical() ? 1.0 : 0.0;
-    return node->logical();
-  }
-  double x = node->number();
-  const bool number = node->is_number() || (node->is(JsonType::string) && read_real(trim(node->text()), x));
-  if (number && x >= low && x <= high && (!whole || x == std::trunc(x))) {
-    value = x;
-    return true;
-  }
-  REPORT_JSON_ERROR(eh, *node,
-                    {text(whole ? "an integer" : "a real number", " from ", low,
-                          high < 1e9 ? text(" to ", high) : std::string(" on"))});
-  return false;
-}
-
-std::int64_t count_of(ERROR_HANDLER& eh, const JsonNode& entry, std::string_view key)
-{
-  double x = 0.0;
-  L_NUMBER(eh, entry, key, true, 0.0, 1e9, x);
-  return static_cast<std::int64_t>(x);
+  return is_on(entry, key, true);
 }
 
 /// L_READ_SOURCE: the file and how it is laid out.
@@ -69,12 +33,12 @@ void L_READ_SOURCE(ERROR_HANDLER& eh, const JsonNode& entry, PEDIGREE_KEYS& keys
     eh.error("expected either a text or csv file for the pedigree");
     return;
   }
-  keys.skip = count_of(eh, entry, "skip");
-  keys.skip_fields = count_of(eh, entry, "cskip");
-  keys.repeat = is_on(entry, "repeat");
-  keys.alpha = count_of(eh, entry, "alpha") > 0;
-  keys.upper_case = is_on(entry, "uppercase");
-  keys.sort = is_on(entry, "sort");
+  keys.skip = L_COUNT_UNDER(eh, entry, "skip");
+  keys.skip_fields = L_COUNT_UNDER(eh, entry, "cskip");
+  keys.repeat = switched_on(entry, "repeat");
+  keys.alpha = L_COUNT_UNDER(eh, entry, "alpha") > 0;
+  keys.upper_case = switched_on(entry, "uppercase");
+  keys.sort = switched_on(entry, "sort");
   if (const JsonNode* trim_by = given_value(entry, "trim")) {
     if (!trim_by->is(JsonType::string)) return REPORT_JSON_ERROR(eh, *trim_by, {"the name of a data file"});
     keys.trim = trim_by->text();
@@ -85,25 +49,25 @@ void L_READ_SOURCE(ERROR_HANDLER& eh, const JsonNode& entry, PEDIGREE_KEYS& keys
 void L_AIPEDA_SETUP_PEDIGREE_INFO(ERROR_HANDLER& eh, const JsonNode& entry, PEDIGREE_KEYS& keys)
 {
   const Frame here{eh, __func__};
-  constexpr double any = 1e9;
-  keys.method = count_of(eh, entry, "method");
-  keys.groups = count_of(eh, entry, "group");
-  L_NUMBER(eh, entry, "goffset", false, -1.0, any, keys.group_offset);
-  keys.sex_linked = is_on(entry, "xlinkr");
-  keys.grandsire = is_on(entry, "mgs");
-  keys.inbred = is_on(entry, "inbred");
-  double x = keys.inbred ? 1.0 : 0.0;
-  if (L_NUMBER(eh, entry, "fgen", false, 0.0, highest_level, x) || keys.inbred) keys.level = x;
-  if (keys.inbred && x > 1.0) eh.error(text("the inbreeding of base lines can not be ", x));
-  L_NUMBER(eh, entry, "bee", false, 0.0, 1.0, keys.bee);
-  L_NUMBER(eh, entry, "self", false, 0.0, 1.0, keys.selfing);
+  keys.method = L_COUNT_UNDER(eh, entry, "method");
+  keys.groups = L_COUNT_UNDER(eh, entry, "group");
+  keys.group_offset = L_NUMBER_UNDER(eh, entry, "goffset", false, -1.0).value_or(0.0);
+  if (keys.group_offset < 0.0 && keys.group_offset != -1.0) eh.error("The groups offset must be -1 or >= 0.");
+  keys.sex_linked = switched_on(entry, "xlinkr");
+  keys.grandsire = switched_on(entry, "mgs");
+  keys.inbred = switched_on(entry, "inbred");
+  keys.level = L_NUMBER_UNDER(eh, entry, "fgen", false, 0.0, highest_level);
+  if (keys.inbred && !keys.level) keys.level = 1.0;
+  if (keys.inbred && *keys.level > 1.0) eh.error(text("the inbreeding of base lines can not be ", *keys.level));
+  keys.bee = L_NUMBER_UNDER(eh, entry, "bee", false, 0.0, 1.0).value_or(0.0);
+  keys.selfing = L_NUMBER_UNDER(eh, entry, "self", false, 0.0, 1.0).value_or(0.0);
   if (eh.terminate()) return;
   if (keys.sex_linked) {
     eh.note(
         "for creating the sex linked inverse relationship matrix,the first parent is assumed XY and the "
         "second assumed XX");
   }
-  if (keys.inbred) eh.note(text("inbred base lines: Inbreeding coefficent ", x));  // sic
+  if (keys.inbred) eh.note(text("inbred base lines: Inbreeding coefficent ", *keys.level));  // sic
   if (keys.bee > 0.0) {
     eh.note(
         text("Bee breeding path coefficent ", keys.bee, ", second parent is mother queen of drone"));  // sic
@@ -115,7 +79,7 @@ void L_AIPEDA_SETUP_PEDIGREE_INFO(ERROR_HANDLER& eh, const JsonNode& entry, PEDI
 void L_READ_OUTPUTS(ERROR_HANDLER& eh, const JsonNode& entry, PEDIGREE_KEYS& keys)
 {
   const Frame here{eh, __func__};
-  keys.write_diagonal = is_on(entry, "aif");
+  keys.write_diagonal = switched_on(entry, "aif");
   if (const JsonNode* node = given_value(entry, "giv")) {
     const std::int64_t value = node->is(JsonType::logical) ? (node->logical() ? 1 : 0) : node->integer();
     const bool integer = node->is(JsonType::logical) || node->is(JsonType::integer);
@@ -126,17 +90,15 @@ void L_READ_OUTPUTS(ERROR_HANDLER& eh, const JsonNode& entry, PEDIGREE_KEYS& key
     }
     keys.write_giv = value;
   }
-  double x = 0.0;
-  constexpr double most_dominance = 2.0;
-  L_NUMBER(eh, entry, "dom", true, 0.0, most_dominance, x);
-  keys.dominance = static_cast<std::int64_t>(x);
+  constexpr std::int64_t most_dominance = 2;
+  keys.dominance = L_CODE_UNDER(eh, entry, "dom", 0, most_dominance, 0);
   if (keys.dominance > 0 && !eh.terminate()) {
     const BREEDING_RULES rules = breeding_rules(keys);
     if (keys.sex_linked || keys.levels() || rules.grandsire || rules.selfing > 0.0 || rules.inbred_lines ||
         rules.base_inbreeding > 0.0)
       eh.not_implemented("dominance matrices (dom) are implemented for plain pedigrees alone");
   }
-  if (!is_on(entry, "reduce")) return;
+  if (!switched_on(entry, "reduce")) return;
   constexpr std::int64_t verbyla = 3;
   keys.reduce = keys.method != verbyla;
   if (keys.reduce) return;
@@ -212,12 +174,6 @@ BREEDING_RULES breeding_rules(const PEDIGREE_KEYS& keys)
   rules.base_inbreeding = keys.inbred && !rules.inbred_lines ? keys.level.value_or(0.0) : 0.0;
   rules.group_base = keys.group_offset;
   return rules;
-}
-
-std::string root_of_file(std::string_view path)
-{
-  const std::size_t dot = path.find_last_of("./");
-  return std::string(dot == std::string_view::npos || path[dot] == '/' ? path : path.substr(0, dot));
 }
 
 void AIPEDA(ERROR_HANDLER& eh, const JsonNode& request, std::vector<FIT_PEDIGREE>& out)

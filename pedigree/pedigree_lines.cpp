@@ -200,8 +200,8 @@ void L_READ_PEDIGREE_LINES(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, PEDIGRE
   });
   if (!room) return eh.out_of_memory();
   if (r.file.error().empty() || eh.terminate()) return;
-  eh.error(text("error reading from ", keys.name), Ecode::io_error);
-  eh.continuation(r.file.error());
+  eh.error(text("error reading from ", keys.grandsire ? "DamMGS" : keys.name), Ecode::io_error);
+  eh.continuation(text(keys.name, ", line ", r.file.line_of_fault(), ": ", r.file.error()));
 }
 
 }  // namespace tolvan

@@ -207,7 +207,9 @@ void AIPSRT(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, PEDIGREE_LINES& lines,
     PLACEMENT placement;
     L_PLACE_ROWS(eh, out, placement);
     if (eh.terminate()) return;
+    eh.note("Sort Pedigree");
     if (!placement.complete()) return L_TELL_CHAIN(eh, lines.names, out, placement);
+    eh.continuation(text(placement.moved.size(), " of ", out.rows(), " rows stood ahead of their parents"));
     L_PERMUTE_ROWS(eh, placement.order, out);
     if (eh.terminate()) return;
   }

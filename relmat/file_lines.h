@@ -28,7 +28,7 @@ struct FILE_LINES {
       if (file.line_number() == 1 && line.starts_with(byte_order_mark)) line.remove_prefix(byte_order_mark.size());
       return true;
     }
-    if (!file.error().empty()) unreadable(eh, file.line_number() + 1, file.error());
+    if (!file.error().empty()) unreadable(eh, file.line_of_fault(), file.error());
     return false;
   }
   void unreadable(ERROR_HANDLER& eh, std::int64_t number, std::string_view why) const

@@ -4,7 +4,7 @@
 #include "base/memory.h"
 #include "base/numbers.h"
 #include "base/text.h"
-#include "relmat/entry_values.h"
+#include "data/entry_values.h"
 #include "relmat/marker_files.h"
 #include "relmat/marker_table.h"
 #include "relmat/record_file.h"

@@ -4,40 +4,16 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <optional>
 
 #include "base/text.h"
 #include "data/request_values.h"
 #include "model/request.h"
-#include "relmat/entry_values.h"
+#include "data/entry_values.h"
 
 namespace tolvan {
 namespace {
 
 constexpr std::array marker_extensions = {"mkr", "mat", "grr", "bed"};
-
-/// L_REAL_UNDER: the finite real of a key, not below the least; `otherwise` without the key.
-double L_REAL_UNDER(ERROR_HANDLER& eh, const JsonNode& entry, std::string_view key, double otherwise,
-                    double least = -HUGE_VAL)
-{
-  const Frame here{eh, __func__};
-  const JsonNode* node = given_value(entry, key);
-  if (node == nullptr) return otherwise;
-  if (node->is_number() && std::isfinite(node->number()) && node->number() >= least) return node->number();
-  REPORT_JSON_ERROR(eh, *node, {std::isfinite(least) ? text("a real number of at least ", least) : "a real number"});
-  return otherwise;
-}
-
-/// L_TEXT_UNDER: the text of a key, empty without it.
-std::string L_TEXT_UNDER(ERROR_HANDLER& eh, const JsonNode& entry, std::string_view key)
-{
-  const Frame here{eh, __func__};
-  const JsonNode* node = given_value(entry, key);
-  if (node == nullptr) return {};
-  if (node->is(JsonType::string)) return node->text();
-  REPORT_JSON_ERROR(eh, *node, {"a string"});
-  return {};
-}
 
 /// L_READ_FILES: the names of the files of an entry: its own, or one or several under `file`.
 void L_READ_FILES(ERROR_HANDLER& eh, const JsonNode& entry, MARKER_KEYS& keys)
@@ -55,19 +31,6 @@ void L_READ_FILES(ERROR_HANDLER& eh, const JsonNode& entry, MARKER_KEYS& keys)
   }
   for (const std::string& each : keys.files) sound = sound && !is_blank(each);
   if (!sound) REPORT_JSON_ERROR(eh, *node, {"a string", "an array of strings"});
-}
-
-/// L_CODE_UNDER: the integer of a key between two others.
-std::int64_t L_CODE_UNDER(ERROR_HANDLER& eh, const JsonNode& entry, std::string_view key, std::int64_t low,
-                          std::int64_t high, std::int64_t otherwise)
-{
-  const Frame here{eh, __func__};
-  const JsonNode* node = given_value(entry, key);
-  if (node == nullptr) return otherwise;
-  if (node->is(JsonType::logical)) return node->logical() ? 1 : low;
-  if (node->is(JsonType::integer) && node->integer() >= low && node->integer() <= high) return node->integer();
-  REPORT_JSON_ERROR(eh, *node, {text("an integer from ", low, " to ", high)});
-  return otherwise;
 }
 
 /// L_READ_IDS: the genotypes to use, texts or whole numbers.
@@ -124,7 +87,7 @@ void L_READ_CENTRING(ERROR_HANDLER& eh, const JsonNode& entry, MARKER_KEYS& keys
 void L_READ_FAST_BAYES(ERROR_HANDLER& eh, const JsonNode& entry, MARKER_KEYS& keys)
 {
   const Frame here{eh, __func__};
-  keys.bayes_offset = L_REAL_UNDER(eh, entry, "fbboffset", 0.0, 0.0);
+  keys.bayes_offset = L_NUMBER_UNDER(eh, entry, "fbboffset", false, 0.0).value_or(0.0);
   const JsonNode* node = given_value(entry, "fbb");
   if (node == nullptr || eh.terminate()) return;
   constexpr double least_df = 2.0;  // the variance of the prior exists above
@@ -170,11 +133,11 @@ void L_READ_MARKER_KEYS(ERROR_HANDLER& eh, const JsonNode& entry, MARKER_KEYS& k
   L_READ_IDS(eh, entry, keys);
   L_READ_RANGE(eh, entry, keys);
   keys.method = static_cast<RelationshipMethod>(L_CODE_UNDER(eh, entry, "method", 1, 3, 1));
-  keys.divisor = L_REAL_UNDER(eh, entry, "gscale", 0.0, 0.0);
+  keys.divisor = L_NUMBER_UNDER(eh, entry, "gscale", false, 0.0).value_or(0.0);
   keys.scale_mode = L_CODE_UNDER(eh, entry, "smode", 0, 2, 0);
   L_READ_CENTRING(eh, entry, keys);
-  keys.offset = L_REAL_UNDER(eh, entry, "offset", 0.0);
-  keys.diagonal_offset = L_REAL_UNDER(eh, entry, "mdfoffset", 0.0);
+  keys.offset = L_NUMBER_UNDER(eh, entry, "offset", false).value_or(0.0);
+  keys.diagonal_offset = L_NUMBER_UNDER(eh, entry, "mdfoffset", false).value_or(0.0);
   keys.hadamard = L_TEXT_UNDER(eh, entry, "hadamard");
   keys.psd = is_on(entry, "psd");
   keys.nsd = is_on(entry, "nsd");

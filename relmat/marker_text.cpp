@@ -9,7 +9,7 @@
 #include "data/cut_fields.h"
 #include "data/field_values.h"
 #include "data/level_table.h"
-#include "relmat/entry_values.h"
+#include "data/entry_values.h"
 #include "relmat/file_lines.h"
 #include "relmat/marker_files.h"
 #include "relmat/marker_table.h"

@@ -15,11 +15,11 @@ void L_CHECK_LABELS(ERROR_HANDLER& eh, const AINV_MTX& matrix, const VARIABLE& v
 {
   const Frame here{eh, __func__};
   const std::int64_t rows = matrix.order - matrix.lagrangian;
+  const std::string sizes =
+      text("the matrix ", matrix.name, " has ", rows, " rows, ", variable.name, " has ", variable.levels, " levels");
   if (variable.levels > rows) {
     eh.error(text("GRM structure is smaller than model factor for term ", factor.shown()));
-    eh.continuation(text("the matrix ", matrix.name, " has ", rows, " rows, ", variable.name, " has ",
-                         variable.levels, " levels"));
-    return;
+    return eh.continuation(sizes);
   }
   const std::int64_t labels = matrix.labels.empty() ? 0 : variable.labels.size();
   for (std::int64_t k = 1; k <= labels; ++k) {
@@ -31,9 +31,25 @@ void L_CHECK_LABELS(ERROR_HANDLER& eh, const AINV_MTX& matrix, const VARIABLE& v
   }
   if (variable.levels < rows && labels == 0) {
     eh.warning(text("GRM structure seems larger than model factor for term ", factor.shown()));
-    eh.continuation(text("the matrix ", matrix.name, " has ", rows, " rows, ", variable.name, " has ",
-                         variable.levels, " levels"));
+    eh.continuation(sizes);
   }
+}
+
+/// The matrices that factors of a variable name, one after the other, up to a fault.
+template <class Work>
+void each_named_matrix(ERROR_HANDLER& eh, const AINV_MTXS& store, const FACTOR_TABLE& factors, Work&& work)
+{
+  for (const FACTOR_ROW& factor : factors.rows) {
+    if (factor.matrix.empty() || factor.variable == 0) continue;
+    if (const AINV_MTX* matrix = store.find(factor.matrix)) work(factor, *matrix);
+    if (eh.terminate()) return;
+  }
+}
+
+/// Whether levels are declared as the numbers 1 to n: those are the rows of a matrix.
+bool counts_rows(const VARIABLE& variable)
+{
+  return variable.type == FieldType::integer_factor_1_to_n;
 }
 
 }  // namespace
@@ -77,40 +93,32 @@ void NAME_PEDIGREE_FACTORS(ERROR_HANDLER& eh, const AINV_MTXS& store, const FACT
                            VARIABLE_TABLE& variables)
 {
   const Frame here{eh, __func__};
-  for (const FACTOR_ROW& factor : factors.rows) {
-    const AINV_MTX* matrix =
-        factor.matrix.empty() || factor.variable == 0 ? nullptr : store.find(factor.matrix);
-    if (matrix == nullptr || matrix->pedigree_of.empty()) continue;
+  each_named_matrix(eh, store, factors, [&](const FACTOR_ROW& factor, const AINV_MTX& matrix) {
     VARIABLE& variable = variables.row(factor.variable);
     // Levels that are declared are rows of the pedigree, or must agree with its identities.
-    if (variable.labels_fixed || variable.type == FieldType::integer_factor_1_to_n || !variable.is_factor())
-      continue;
-    L_TAKE_LEVELS(eh, matrix->labels, variable);
-    if (eh.terminate()) return;
-  }
+    if (matrix.pedigree_of.empty() || variable.labels_fixed || counts_rows(variable) || !variable.is_factor()) return;
+    L_TAKE_LEVELS(eh, matrix.labels, variable);
+  });
 }
 
 void NAME_MARKER_FACTORS(ERROR_HANDLER& eh, const AINV_MTXS& store, const FACTOR_TABLE& factors,
                          VARIABLE_TABLE& variables)
 {
   const Frame here{eh, __func__};
-  for (const FACTOR_ROW& factor : factors.rows) {
-    const AINV_MTX* matrix =
-        factor.matrix.empty() || factor.variable == 0 ? nullptr : store.find(factor.matrix);
-    if (matrix == nullptr || !matrix->markers || !variables.row(factor.variable).is_factor()) continue;
+  each_named_matrix(eh, store, factors, [&](const FACTOR_ROW& factor, const AINV_MTX& matrix) {
+    if (!matrix.markers || matrix.labels.empty() || !variables.row(factor.variable).is_factor()) return;
     const std::string& name = variables.row(factor.variable).name;
     const std::int64_t owner = level_owners(variables)[static_cast<std::size_t>(factor.variable - 1)];
     VARIABLE& variable = variables.row(owner);
-    if (matrix->labels.empty() || (variable.type == FieldType::integer_factor_1_to_n && !variable.labels_fixed)) continue;
-    if (variable.recode_labels == matrix->labels) continue;
+    if ((counts_rows(variable) && !variable.labels_fixed) || variable.recode_labels == matrix.labels) return;
     if (!variable.recode_labels.empty()) {
       eh.error(text(name, " is already flagged as needing recoding, and the levels are not the same"));
       return;
     }
-    if (!attempt([&] { variable.recode_labels = matrix->labels; })) return eh.out_of_memory();
+    if (!attempt([&] { variable.recode_labels = matrix.labels; })) return eh.out_of_memory();
     variable.recode_because = factor.shown();
     eh.note(text("class names for factor \"", name, "\" are initialized from the .grr file"));
-  }
+  });
 }
 
 void MATCH_MATRIX_LEVELS(ERROR_HANDLER& eh, const AINV_MTXS& store, const VARIABLE_TABLE& variables,

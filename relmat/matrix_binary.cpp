@@ -8,7 +8,7 @@
 #include "base/memory.h"
 #include "base/packed.h"
 #include "base/text.h"
-#include "relmat/entry_values.h"
+#include "data/entry_values.h"
 #include "relmat/matrix_input.h"
 #include "relmat/record_file.h"
 #include "relmat/structure_matrices.h"

@@ -7,7 +7,7 @@
 #include "base/text.h"
 #include "data/request_values.h"
 #include "model/request.h"
-#include "relmat/entry_values.h"
+#include "data/entry_values.h"
 #include "relmat/marker_columns.h"
 #include "relmat/matrix_keys.h"
 

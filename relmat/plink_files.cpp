@@ -6,7 +6,7 @@
 
 #include "base/memory.h"
 #include "base/text.h"
-#include "relmat/entry_values.h"
+#include "data/entry_values.h"
 #include "relmat/file_lines.h"
 #include "relmat/marker_files.h"
 

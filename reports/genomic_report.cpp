@@ -1,12 +1,15 @@
 // Routines: GBLUPEFFECTS, GBLUPREPORT.
 #include "reports/genomic_report.h"
 
-#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
 
+#include "api/fill_table.h"
 #include "base/lapack.h"
 #include "base/memory.h"
 #include "base/text.h"
-#include "relmat/entry_values.h"
+#include "data/entry_values.h"
 #include "relmat/marker_effects.h"
 
 namespace tolvan {
@@ -55,27 +58,37 @@ void L_ALPHA(ERROR_HANDLER& eh, const GENOMIC_TERM& of, const FIT_STATE& fit, st
         alpha.data(), 1);
 }
 
-NewColumn text_column(const char* name, const char* heading)
-{
-  return {.type = ColumnType::string, .name = name, .heading = heading, .format = "A", .justify = Justify::left};
-}
+/// A table of two columns of texts, the first the term, and two of numbers, while its rows are gathered.
+struct GATHERED {
+  std::vector<std::string> terms, labels;
+  std::vector<double> first, second;
 
-/// L_REGISTER: a table of two columns of texts and two of numbers, filled.
-void L_REGISTER(ERROR_HANDLER& eh, OUTPUT_TABLE_STORE& store, const char* name, const NewColumn (&columns)[4],
-                const std::vector<std::string> (&texts)[2], const std::vector<double> (&numbers)[2])
-{
-  const Frame here{eh, __func__};
-  const std::int64_t id = OTST_REGISTER_TABLE(eh, store, name);
-  if (eh.terminate()) return;
-  OUTPUT_TABLE& t = store.table(id);
-  for (const NewColumn& column : columns) OTT_ADD_COLUMN(eh, t, column);
-  OTT_ALLOC_DATA_STORES(eh, t, std::ssize(numbers[0]));
-  if (eh.terminate()) return;
-  OTT_SET_COLUMN_STRING(eh, t, 1, texts[0]);
-  OTT_SET_COLUMN_STRING(eh, t, 2, texts[1]);
-  OTT_SET_COLUMN_REAL_WP(eh, t, 3, numbers[0]);
-  OTT_SET_COLUMN_REAL_WP(eh, t, 4, numbers[1]);
-}
+  void add(const std::string& term, std::string label, double x, double y)
+  {
+    terms.push_back(term);
+    labels.push_back(std::move(label));
+    first.push_back(x);
+    second.push_back(y);
+  }
+  /// Hands the rows over, if there are any, under the names and headings of the last three columns.
+  void hand_over(ERROR_HANDLER& eh, OUTPUT_TABLE_STORE& store, const char* name, const char* const (&columns)[3][2])
+  {
+    if (first.empty()) return;
+    const auto of_texts = [](const char* column, const char* heading) {
+      return NewColumn{.type = ColumnType::string, .name = column, .heading = heading, .format = "A", .justify = Justify::left};
+    };
+    const auto of_numbers = [](const char* column, const char* heading) {
+      return NewColumn{.name = column, .heading = heading, .format = "G12.4"};
+    };
+    OUTPUT_TABLE& t = register_table(eh, store, name,
+                                     {of_texts("LABEL", "Model_Term"), of_texts(columns[0][0], columns[0][1]),
+                                      of_numbers(columns[1][0], columns[1][1]), of_numbers(columns[2][0], columns[2][1])});
+    take(t, t.string_col, 0, terms);
+    take(t, t.string_col, 1, labels);
+    take(t, t.real_col, 0, first);
+    take(t, t.real_col, 1, second);
+  }
+};
 
 }  // namespace
 
@@ -84,8 +97,7 @@ void GBLUPEFFECTS(ERROR_HANDLER& eh, const GENOMIC_MODELS& genomic, const AINV_M
 {
   const Frame here{eh, __func__};
   if (genomic.models.empty()) return;
-  std::vector<std::string> texts[2];
-  std::vector<double> numbers[2];
+  GATHERED rows;
   for (const GENOMIC_TERM& each : L_GENOMIC_TERMS(eh, genomic, matrices, factors, terms)) {
     const GENOMIC_MODEL& model = *each.model;
     if (!model.keys.effects) continue;
@@ -96,19 +108,11 @@ void GBLUPEFFECTS(ERROR_HANDLER& eh, const GENOMIC_MODELS& genomic, const AINV_M
     if (eh.terminate()) return;
     L_RESWRITE(eh, without_extension(model.data.origin), model.data, effects, model.weights);
     if (eh.terminate()) return;
-    for (std::size_t j = 0; j < effects.size(); ++j) {
-      texts[0].push_back(each.term->name);
-      texts[1].push_back(model.data.name(static_cast<std::int64_t>(j)));
-      numbers[0].push_back(effects[j]);
-      numbers[1].push_back(model.weights.empty() ? 1.0 : model.weights[j]);
-    }
+    for (std::size_t j = 0; j < effects.size(); ++j)
+      rows.add(each.term->name, model.data.name(static_cast<std::int64_t>(j)), effects[j],
+               model.weights.empty() ? 1.0 : model.weights[j]);
   }
-  if (numbers[0].empty()) return;
-  L_REGISTER(eh, store, "TABLE_MARKER_EFFECTS",
-             {text_column("LABEL", "Model_Term"), text_column("MARKER", "Marker"),
-              {.name = "EFFECT", .heading = "Effect", .format = "G12.4"},
-              {.name = "WEIGHT", .heading = "Weight", .format = "G12.4"}},
-             texts, numbers);
+  rows.hand_over(eh, store, "TABLE_MARKER_EFFECTS", {{"MARKER", "Marker"}, {"EFFECT", "Effect"}, {"WEIGHT", "Weight"}});
 }
 
 void GBLUPREPORT(ERROR_HANDLER& eh, const GENOMIC_MODELS& genomic, const AINV_MTXS& matrices,
@@ -116,24 +120,17 @@ void GBLUPREPORT(ERROR_HANDLER& eh, const GENOMIC_MODELS& genomic, const AINV_MT
 {
   const Frame here{eh, __func__};
   if (genomic.models.empty()) return;
-  std::vector<std::string> texts[2];
-  std::vector<double> numbers[2];
+  GATHERED rows;
   for (const GENOMIC_TERM& each : L_GENOMIC_TERMS(eh, genomic, matrices, factors, terms)) {
     if (!each.model->keys.pev) continue;
+    const std::vector<std::string>& labels = each.inverse->labels;
     for (std::int64_t i = 0; i < each.genotypes(); ++i) {
       const auto e = static_cast<std::size_t>(each.term->first + i);
-      texts[0].push_back(each.term->name);
-      texts[1].push_back(each.inverse->labels.empty() ? text(i + 1) : each.inverse->labels[static_cast<std::size_t>(i)]);
-      numbers[0].push_back(fit.solution[e]);
-      numbers[1].push_back(fit.se[e] * fit.se[e]);
+      rows.add(each.term->name, labels.empty() ? text(i + 1) : labels[static_cast<std::size_t>(i)], fit.solution[e],
+               fit.se[e] * fit.se[e]);
     }
   }
-  if (numbers[0].empty()) return;
-  L_REGISTER(eh, store, "TABLE_GBLUP",
-             {text_column("LABEL", "Model_Term"), text_column("LVL", "Level"),
-              {.name = "EFFECT", .heading = "Effect", .format = "G12.4"},
-              {.name = "PEV", .heading = "PEV", .format = "G12.4"}},
-             texts, numbers);
+  rows.hand_over(eh, store, "TABLE_GBLUP", {{"LVL", "Level"}, {"EFFECT", "Effect"}, {"PEV", "PEV"}});
 }
 
 }  // namespace tolvan

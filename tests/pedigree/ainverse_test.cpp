@@ -334,7 +334,19 @@ TEST(Ainverse, FaultsOfARow)
     EXPECT_EQ(K4MAIG(eh, fault.pedigree, fault.rules, out), fault.last);
     EXPECT_EQ(messages_text(eh), fault.messages);
   }
-  // Of a group pair that is linked by highly inbred progeny alone less than one direct progeny is counted.
+  ERROR_HANDLER missing;
+  PEDIGREE nameless = with({0, 0, 1}, {0, 0, 1}, {}, 1);
+  nameless.id[1] = -1;
+  AINVERSE none;
+  EXPECT_EQ(K4MAIG(missing, nameless, {}, none), 1);
+  EXPECT_EQ(messages_text(missing), "!4/3 Missing id in pedigree.\n");
+  // Of a pair of groups that one grandsire's inbred progeny alone links less than one direct progeny is counted.
+  PEDIGREE grandsires = with({0, 0, 1}, {0, 0, 2}, {}, 2);
+  grandsires.level = {0.0, 0.0, 0.4};
+  ERROR_HANDLER few;
+  EXPECT_EQ(K4MAIG(few, grandsires, {.grandsire = true}, none), 3);
+  EXPECT_EQ(messages_text(few), "3/- possible error in genetic group pedigree, 0 direct progeny of groups 2 and 1\n");
+  // Of a group pair that is linked by highly inbred progeny alone still one direct progeny is counted.
   PEDIGREE p = with({0, 0, 1, 1}, {0, 0, 2, 1}, {}, 2);
   p.level = {0.0, 0.0, 10.0, 0.0};
   ERROR_HANDLER eh;

@@ -134,6 +134,7 @@ TEST(PedigreeFile, Complaints)
        "!4/3 Pedigree not sorted properly, Use !SORT.\n!4/3 pedigree is conflicted or out of order\n"
        "!4/3 error processing pedigree for individual 1 of 2\n9999/3 try verifying the pedigree file\n"},
       {"x,a,0\na,b,0\nb,c,x2\nc,0,a\n", csv + R"(,"sort":1)",
+       "1/- Sort Pedigree\n"
        "!4/3 apparent error in pedigree relationships demonstrated in the following pedigree chain (youngest "
        "first)\n"
        "9999/3 a b 0\n9999/3 b c x2\n9999/3 c 0 a\n"
@@ -155,13 +156,18 @@ TEST(PedigreeFile, Complaints)
       {"s,0,0,-0.5\n", csv + R"(,"fgen":0)", "!4/3 Selfing value -0.5 for s is negative.\n9999/3 pedigree line 1\n"},
       {"s,0,0,3\n", csv + R"(,"xlinkr":"1")",
        "!4/3 Invalid Sex Code in pedigree field 4.\n9999/3 pedigree line 1\n"},
+      {"a,0,0\n" + std::string(2000000, 'b') + ",a,0\n", csv,
+       "!4/2 error reading from FILE\n9999/2 FILE, line 2: a line of more than 1048576 bytes\n"},
+      {"a,0,0\n" + std::string(2000000, 'b') + ",a,0\n", csv + R"(,"mgs":1)",
+       "!4/2 error reading from DamMGS\n9999/2 FILE, line 2: a line of more than 1048576 bytes\n"},
+      {"a,0,0\n", csv + R"(,"goffset":-0.5)", "!4/3 The groups offset must be -1 or >= 0.\n"},
       {"", csv,
        "!4/3 failed to process the pedigree file,  having identified 0 individuals from 0 lines of pedigree "
        "file FILE\n"},
   };
   for (const auto& [contents, keys, messages] : cases) {
     Reading r;
-    EXPECT_EQ(r.read(contents, keys), nullptr) << contents;
+    EXPECT_EQ(r.read(contents, keys), nullptr) << contents.substr(0, 200);
     std::string got = r.messages;
     for (const char* note : {"1/- reading pedigree file FILE\n",
                              "1/- for creating the sex linked inverse relationship matrix,the first "
@@ -169,7 +175,7 @@ TEST(PedigreeFile, Complaints)
       const std::string_view words(note);
       if (const std::size_t at = got.find(words); at != std::string::npos) got.erase(at, words.size());
     }
-    EXPECT_EQ(got, messages) << contents;
+    EXPECT_EQ(got, messages) << contents.substr(0, 200);
   }
   Reading wide;
   wide.read(
@@ -273,6 +279,34 @@ TEST(PedigreeFile, FilesThatItLeaves)
   EXPECT_EQ(r.file("p_B.giv"), "2 2 1\n3 3 1\n4 4 2\n5 5 2\n");
   EXPECT_EQ(r.file("p_Q.giv"), "3 1 0.5\n4 1 0.25\n5 1 0.375\n");
   EXPECT_EQ(r.file("p_Parent.ped"), r.file("p.srt"));
+}
+
+TEST(PedigreeFile, NotesOfWhatIsOutOfTheOrdinary)
+{
+  Reading linked;
+  ASSERT_NE(linked.read("x,s,d,2\ns,0,0,1\nd,0,0,2\ny,x2,x,1\nz,s,x,2\n", R"("type":"ft_csv","sort":1,"xlinkr":1,"aif":1)"), nullptr)
+      << linked.messages;
+  EXPECT_TRUE(has_message(linked.eh, "check the 4th (XLINK) field of any parent records inserted in the sorted pedigree"));
+  EXPECT_NE(linked.messages.find("1/- Sort Pedigree\n9999/- 1 of 6 rows stood ahead of their parents\n"), std::string::npos)
+      << linked.messages;
+  EXPECT_EQ(linked.file("p.aif").find("Identity          Inbreeding XlinkInBreeding   Diag_of_Ainverse Parent/NonParent\n"
+                                      "x2                          0.000000    0.000000        2.000000 Parent\n"),
+            0U);
+  // A daughter of sire and daughter: autosomal inbreeding 0.25, that of an X-linked locus 0.5.
+  EXPECT_NE(linked.file("p.aif").find("z                           0.250000    0.500000 "), std::string::npos) << linked.file("p.aif");
+
+  Reading groups;
+  ASSERT_NE(groups.read("g,0,0\na,g,g\n", R"("type":"ft_csv","group":1,"goffset":0.5,"reduce":1,"method":3)"), nullptr)
+      << groups.messages;
+  for (const char* words :
+       {"a large value may bias the Va down so start with a value of 1 but test other values (say 10, 0.1) to maximize the "
+        "REML likelihood",
+        "reducing the inverse relationship matrix not implemented forthe Verbyla method. No reduction will therefore be done"})
+    EXPECT_TRUE(has_message(groups.eh, words));
+  EXPECT_FALSE(groups.found.front().reduce);
+  Reading whole;
+  ASSERT_NE(whole.read("a,,,\n", R"("type":"ft_csv")"), nullptr) << whole.messages;
+  EXPECT_EQ(whole.rows(), "a 0 0\n");
 }
 
 // A sorted pedigree comes back from its file, unless it was made of another file or in another way.

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "api/api_options.h"
 #include "base/clock.h"
 #include "base/memory.h"
 #include "base/text.h"
@@ -186,6 +187,25 @@ TEST(AinverseRequest, TablesAndScalars)
       has_message(eh,
                   "was expecting SMTX to have a type of sm_linked_list or sm_sparse in the ainverse type, "
                   "type = sm_compressed"));
+}
+
+TEST(AinverseRequest, DebugBitsPrintRequestAndResults)
+{
+  const std::string rows = R"("id":["a","b"],"male":[0,"a"],"female":[0,0]})";
+  const auto printed = [&](const char* bits) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(messages_of(text("{\"debug\":", bits, ",", rows)), "");
+    return testing::internal::GetCapturedStdout();
+  };
+  EXPECT_EQ(printed("0"), "");
+  EXPECT_NE(printed(text(static_cast<std::int64_t>(DebugPrint::input_json)).c_str()).find("INPUT JSON"), std::string::npos);
+  const std::string all = printed(text(static_cast<std::int64_t>(DebugPrint::all_output_full)).c_str());
+  const std::string info = printed(text(static_cast<std::int64_t>(DebugPrint::all_output_info)).c_str());
+  for (const std::string& each : {all, info}) {
+    EXPECT_NE(each.find("ALL OUTPUT"), std::string::npos);
+    EXPECT_NE(each.find("TABLE_AINV_A"), std::string::npos);
+  }
+  EXPECT_GT(all.size(), info.size());
 }
 
 TEST(AinverseRequest, EveryBreedingSystemIsReached)

@@ -64,8 +64,7 @@ std::string fault_of_messages(const ERROR_HANDLER& eh, const std::string& folder
   const bool about_the_whole = all.find("failed to parse GRR Label Line: ") != std::string::npos ||
                                all.find("problem parsing \"//") != std::string::npos;
   if (!about_the_whole && all.find(folder) == std::string::npos) return "the file is not told: " + all;
-  const auto line = all.find("attempting to read line ");
-  if (line != std::string::npos && (all[line + 24] < '1' || all[line + 24] > '9')) return "the line is not told: " + all;
+  if (!lines_are_told(eh)) return "the line is not told: " + all;
   return {};
 }
 

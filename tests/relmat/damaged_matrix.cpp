@@ -53,12 +53,10 @@ std::string fault_of_messages(const ERROR_HANDLER& eh, const std::string& path, 
     internal = internal || m.etype == Etype::internal;
   }
   if (internal) return "an internal error: " + all;
-  const bool of_the_matrix = all.find("error = ") != std::string::npos || all.find("not finite") != std::string::npos ||
+  const bool of_the_matrix = all.find("error = ") != std::string::npos || all.find("singular in row ") != std::string::npos || all.find("not finite") != std::string::npos ||
                              all.find("issue calculating the log determinant") != std::string::npos;
   if (all.find(path) == std::string::npos && (while_reading || !of_the_matrix)) return "the file is not told: " + all;
-  constexpr std::string_view line = "attempting to read line ";
-  const auto at = all.find(line);
-  if (at != std::string::npos && (all[at + line.size()] < '1' || all[at + line.size()] > '9')) return "no line: " + all;
+  if (!lines_are_told(eh)) return "the line is not told: " + all;
   return {};
 }
 

@@ -10,49 +10,12 @@
 #include <vector>
 
 #include "base/text.h"
-#include "relmat/matrix_keys.h"
-#include "support/checks.h"
+#include "relmat/matrix_reading.h"
 
 namespace tolvan_test {
 namespace {
 
 using namespace tolvan;
-
-/// The matrix of an entry, and the messages of reading it.
-struct Reading {
-  ERROR_HANDLER eh;
-  AINV_MTXS store;
-  USER_DATASET_STORE datasets;
-  GENOMIC_MODELS genomic;
-  std::string messages;
-
-  const AINV_MTX* read(const std::string& entry, const std::string& more = "{}")
-  {
-    JsonError error;
-    auto request = parse_json(more, error);
-    EXPECT_NE(request, nullptr) << more;
-    auto list = parse_json(entry, error);
-    EXPECT_NE(list, nullptr) << entry;
-    list->name = "grm_file";
-    request->add(std::move(list));
-    HANDLE_GIV_GRM_MARKER_FILES(eh, *request, datasets, store, genomic);
-    EXPECT_TRUE(eh.stack().entries.empty());
-    messages = messages_text(eh);
-    return eh.terminate() || store.matrices.empty() ? nullptr : &store.matrices.back();
-  }
-};
-
-double element(const AINV_MTX& m, std::int64_t i, std::int64_t j)  // from 1
-{
-  const SYMMETRIC a = m.inverse();
-  if (i < j) std::swap(i, j);
-  if (a.shape == Shape::dense) return a.values[(i - 1) + (j - 1) * a.n];
-  if (a.shape == Shape::diagonal) return i == j ? a.values[i - 1] : 0.0;
-  for (std::int64_t k = a.start[j - 1]; k < a.start[j]; ++k) {
-    if (a.row[k] == i - 1) return a.values[k];
-  }
-  return 0.0;
-}
 
 struct TextCase {
   const char* name;
@@ -381,82 +344,6 @@ TEST(MatrixFiles, Datasets)
   UDST_ADD(unknown.eh, unknown.datasets, "g", missing, 2, 2);
   unknown.read(R"({"name":"g","type":"ft_data"})");
   EXPECT_EQ(unknown.messages, "!4/3 element (2,1) of the matrix from g is not finite\n");
-}
-
-TEST(MatrixFiles, KeysOfAnInversion)
-{
-  // Rank 2 of 4, row 3 empty.
-  const double k[] = {2, 1, 0, 3, 1, 1, 0, 2, 0, 0, 0, 0, 3, 2, 0, 5};
-  const auto read = [&](Reading& reading, const std::string& keys) {
-    UDST_ADD(reading.eh, reading.datasets, "k", k, 4, 4);
-    return reading.read(text(R"({"name":"k","type":"ft_data","invert":true)", keys, "}"));
-  };
-  Reading plain;
-  const AINV_MTX* m = read(plain, "");
-  ASSERT_NE(m, nullptr) << plain.messages;
-  EXPECT_TRUE(has_message(plain.eh, "this k matrix contains 1 zero rows"));
-  EXPECT_TRUE(has_message(
-      plain.eh, "the default inversion routine generates a generalized inverse where the zero rows ..."));
-  EXPECT_EQ(m->counted(), 2);
-  EXPECT_EQ(m->lagrangian, 0);
-
-  Reading psd;
-  m = read(psd, R"(,"psd":"yes")");
-  ASSERT_NE(m, nullptr);
-  EXPECT_EQ(m->order, 5);
-  EXPECT_EQ(m->lagrangian, 1);
-  EXPECT_EQ(m->counted(), 4);  // without the empty row
-  EXPECT_EQ(m->zero_rows, 1);
-
-  Reading bound;
-  m = read(bound, R"(,"psd":1,"nonull":1)");
-  EXPECT_EQ(m->order, 6);
-  EXPECT_EQ(m->counted(), 6);
-  Reading null;
-  EXPECT_EQ(read(null, R"(,"psd":true,"nullsing":1)")->counted(), 2);
-
-  Reading added;
-  m = read(added, R"(,"add":5,"nonull":1,"savegiv":0)");
-  ASSERT_NE(m, nullptr) << added.messages;
-  EXPECT_TRUE(
-      has_message(added.eh, "with !NONULL has instructed Tolvan to add 5e-06 to all diagonal elements"));
-  EXPECT_NEAR(element(*m, 3, 3), 1.0 / 0.000005, 1e-4);
-  Reading some;
-  m = read(some, R"(,"add":5,"ldet":3)");
-  EXPECT_TRUE(
-      has_message(some.eh, "!ADD 5 has instructed Tolvan to add 5e-06 to non-zero diagonal elements"));
-  EXPECT_TRUE(has_message(some.eh, "supplied Log|GRM| (3) replaced by calculated value "));
-  EXPECT_EQ(m->absent, 1);
-}
-
-// What is written comes back, sparse and dense, augmented or not.
-TEST(MatrixFiles, InversesComeBackFromTheirFile)
-{
-  const TempFolder folder;
-  std::string contents;
-  for (int i = 1; i <= 60; ++i) {
-    contents += text(i, " ", i, " ", 2.0 + 0.01 * i, "\n");
-    if (i > 1) contents += text(i, " ", i - 1, " -0.5\n");
-  }
-  const auto both = [&](const std::string& file, const std::string& keys) {
-    Reading first;
-    const AINV_MTX* m = first.read(text("{\"name\":\"", file, "\",\"savegiv\":1", keys, "}"));
-    ASSERT_NE(m, nullptr) << first.messages;
-    const std::string written = file.substr(0, file.find_last_of('.')) + ".dgiv";
-    EXPECT_TRUE(has_message(first.eh, text("G Inverse written to ", written)));
-    Reading second;
-    const AINV_MTX* again = second.read(text("{\"name\":\"", written, "\"}"));
-    ASSERT_NE(again, nullptr) << second.messages;
-    ASSERT_EQ(again->order, m->order);
-    EXPECT_EQ(again->lagrangian, m->lagrangian);
-    EXPECT_NEAR(again->log_determinant, m->log_determinant, 1e-7);
-    for (std::int64_t i = 1; i <= m->order; ++i) {
-      for (std::int64_t j = 1; j <= i; ++j) ASSERT_EQ(element(*again, i, j), element(*m, i, j));
-    }
-  };
-  both(folder.file("band.giv", "1 1 1e0\n" + contents.substr(contents.find('\n') + 1)), "");
-  both(folder.file("full.grm", "2\n1 2\n1 1 2\n"), "");
-  both(folder.file("short.grm", "1\n1 1\n0.5 0.5 1\n1.5 1.5 1.5 3\n"), ",\"psd\":1");
 }
 
 }  // namespace

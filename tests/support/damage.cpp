@@ -45,4 +45,18 @@ std::string changed_at_random(std::string bytes, std::string_view letters, std::
   return bytes;
 }
 
+bool lines_are_told(const ERROR_HANDLER& eh)
+{
+  constexpr std::string_view line = ", attempting to read line ";
+  for (const ERROR_MESSAGE& each : eh.messages()) {
+    const std::string message = each.message.value_or("");
+    if (!message.starts_with("unable to read from ")) continue;
+    const std::size_t at = message.rfind(line);
+    if (at == std::string::npos) continue;
+    const std::size_t number = at + line.size();
+    if (number == message.size() || message[number] < '1' || message[number] > '9') return false;
+  }
+  return true;
+}
+
 }  // namespace tolvan

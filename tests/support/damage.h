@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "api/error_handler.h"
+
 namespace tolvan {
 
 /// Writes a file over in place, since making one anew can take milliseconds; false where that can not be.
@@ -15,5 +17,8 @@ bool write_over(const std::string& path, std::string_view bytes);
 /// few bytes out, a piece doubled.
 ///   letters   that mean something
 std::string changed_at_random(std::string bytes, std::string_view letters, std::mt19937& random);
+
+/// Whether every message about a line that could not be read tells its number.
+bool lines_are_told(const ERROR_HANDLER& eh);
 
 }  // namespace tolvan
