@@ -4,20 +4,21 @@
 #include <type_traits>
 
 #include "estimation/equations.h"
+#include "estimation/share.h"
 
 namespace tolvan {
 namespace {
+
+constexpr std::int64_t columns_at_once = 128;  // of C, for one thread
 
 std::size_t at(const std::vector<std::int64_t>& start, std::size_t i) { return static_cast<std::size_t>(start[i]); }
 
 /// W'R^-1 W in elimination order: column j gathers, through the rows of R^-1 of its records, the design rows of their
 /// neighbours into a dense work vector (Gustavson 1978), so that no element is searched for.
-void residual_cross_products(MIXED_EQUATIONS& q)
+void residual_cross_products(MIXED_EQUATIONS& q, std::size_t begin, std::size_t end, std::vector<double>& work)
 {
-  const auto n = static_cast<std::size_t>(q.n);
   const RESIDUAL_INVERSE& ri = q.residual;
-  std::vector<double> work(n, 0.0);
-  for (std::size_t j = 0; j < n; ++j) {
+  for (std::size_t j = begin; j < end; ++j) {
     for (std::size_t k = at(q.columns.start, j); k < at(q.columns.start, j + 1); ++k) {
       const auto r = static_cast<std::size_t>(q.columns.record[k]);
       const double x = q.columns.value[k];
@@ -57,13 +58,12 @@ void residual_right_hand_side(MIXED_EQUATIONS& q)
   }
 }
 
-/// Adds G^-1 of one structure to C.
-void add_inverse(std::int64_t first, const COMPONENTS& components, PRODUCT_ROWS& rows, MIXED_EQUATIONS& q,
+/// Adds the rows begin .. end - 1 of G^-1 of one structure to C, each to the column of its equation.
+void add_inverse(std::int64_t first, std::int64_t begin, std::int64_t end, PRODUCT_ROWS& rows, MIXED_EQUATIONS& q,
                  std::vector<std::int64_t>& place)
 {
-  rows.refresh(components);
   const bool diagonal = rows.diagonal();
-  for (std::int64_t e = 0; e < rows.size(); ++e) {
+  for (std::int64_t e = begin; e < end; ++e) {
     const auto p = static_cast<std::size_t>(q.position_of(first + e));
     rows.move_to(e);
     if (diagonal) {
@@ -92,7 +92,7 @@ void scatter_effects(const MIXED_EQUATIONS& q, std::int64_t first, const std::ve
   for (std::size_t e = 0; e < u.size(); ++e) to[q.position_of(first + static_cast<std::int64_t>(e))] += u[e];
 }
 
-void K4MXXS(ERROR_HANDLER& eh, const FORMED& formed, MIXED_EQUATIONS& q)
+void K4MXXS(ERROR_HANDLER& eh, const FORMED& formed, int threads, MIXED_EQUATIONS& q)
 {
   const Frame here{eh, __func__};
   if (q.residual.empty()) {
@@ -100,20 +100,28 @@ void K4MXXS(ERROR_HANDLER& eh, const FORMED& formed, MIXED_EQUATIONS& q)
   } else {
     q.ri = 1.0;
     fill_residual(formed, q.residual);
-    if (q.solving != Solving::by_products) residual_cross_products(q);
+    if (q.solving != Solving::by_products) {
+      std::vector<std::vector<double>> work(static_cast<std::size_t>(threads));
+      share_runs(threads, q.n, columns_at_once, [&](std::int64_t begin, std::int64_t end, int t) {
+        auto& own = work[static_cast<std::size_t>(t)];
+        own.resize(static_cast<std::size_t>(q.n), 0.0);
+        residual_cross_products(q, static_cast<std::size_t>(begin), static_cast<std::size_t>(end), own);
+      });
+    }
     residual_right_hand_side(q);
   }
   const double scale = q.ri;
   std::transform(q.c0.begin(), q.c0.end(), q.c.value.begin(), [scale](double x) { return scale * x; });
 }
 
-void K4MXXG(ERROR_HANDLER& eh, const TERM_TABLE& terms, const VARIANCE_MODEL& model, const FORMED& formed, MIXED_EQUATIONS& q,
-            double& log_det_g)
+void K4MXXG(ERROR_HANDLER& eh, const TERM_TABLE& terms, const VARIANCE_MODEL& model, const FORMED& formed, int threads,
+            MIXED_EQUATIONS& q, double& log_det_g)
 {
   const Frame here{eh, __func__};
   log_det_g = 0.0;
   std::vector<std::uint8_t> emptied;
-  std::vector<std::int64_t> place(static_cast<std::size_t>(q.n));
+  std::vector<std::vector<std::int64_t>> place(static_cast<std::size_t>(threads));
+  for (auto& p : place) p.resize(static_cast<std::size_t>(q.n));
   for (std::size_t t = 0; t < model.terms.size(); ++t) {
     const std::int64_t first = first_equation(terms, model.terms[t]);
     if (model.terms[t].dropped) {
@@ -124,7 +132,12 @@ void K4MXXG(ERROR_HANDLER& eh, const TERM_TABLE& terms, const VARIANCE_MODEL& mo
     }
     log_det_g += formed.terms[t].log_determinant;
     if (q.solving == Solving::by_products) continue;
-    add_inverse(first, formed.terms[t].components, q.random[t], q, place);
+    q.random[t].refresh(formed.terms[t].components);
+    std::vector<PRODUCT_ROWS> rows(static_cast<std::size_t>(threads), q.random[t]);
+    share_runs(threads, q.random[t].size(), columns_at_once, [&](std::int64_t begin, std::int64_t end, int thread) {
+      const auto own = static_cast<std::size_t>(thread);
+      add_inverse(first, begin, end, rows[own], q, place[own]);
+    });
   }
   if (emptied.empty() || q.solving == Solving::by_products) return;
   for (std::size_t j = 0; j < static_cast<std::size_t>(q.n); ++j) {
@@ -134,10 +147,10 @@ void K4MXXG(ERROR_HANDLER& eh, const TERM_TABLE& terms, const VARIANCE_MODEL& mo
   }
 }
 
-void multiply_residual_part(const MIXED_EQUATIONS& q, const double* a, double* b, std::int64_t columns)
+void multiply_residual_part(const MIXED_EQUATIONS& q, const double* a, double* b, std::int64_t columns, int threads)
 {
   // The matrix is read once for a few columns at a time.
-  constexpr std::size_t together = 8;
+  constexpr std::int64_t together = 8;
   const auto n = static_cast<std::size_t>(q.n);
   const auto all = static_cast<std::size_t>(columns);
   std::fill(b, b + all * n, 0.0);
@@ -162,10 +175,14 @@ void multiply_residual_part(const MIXED_EQUATIONS& q, const double* a, double* b
       for (std::size_t m = 0; m < width; ++m) y[j + m * n] += sum[m];
     }
   };
-  std::size_t done = 0;
-  for (; done + together <= all; done += together)
-    multiply(std::integral_constant<std::size_t, together>{}, a + done * n, b + done * n);
-  for (; done < all; ++done) multiply(std::integral_constant<std::size_t, 1>{}, a + done * n, b + done * n);
+  share(threads, columns / together, [&](std::int64_t k, int) {
+    const auto from = static_cast<std::size_t>(k * together) * n;
+    multiply(std::integral_constant<std::size_t, together>{}, a + from, b + from);
+  });
+  share(threads, columns % together, [&](std::int64_t k, int) {
+    const auto from = static_cast<std::size_t>(columns - columns % together + k) * n;
+    multiply(std::integral_constant<std::size_t, 1>{}, a + from, b + from);
+  });
   if (q.ri == 1.0) return;
   std::transform(b, b + all * n, b, [ri = q.ri](double x) { return x * ri; });
 }

@@ -25,44 +25,53 @@ COMPONENT_ROWS::COMPONENT_ROWS(const SYMMETRIC& matrix) : matrix_(matrix)
       value_.resize(column_.size());
       break;
     }
-    case Shape::dense: {
-      longest_ = n;
-      column_.resize(static_cast<std::size_t>(n));
-      std::iota(column_.begin(), column_.end(), 0);
-      break;
-    }
+    case Shape::dense:
     case Shape::sparse: {
-      start_.assign(static_cast<std::size_t>(n) + 1, 0);
-      for (std::int64_t j = 0; j < n; ++j) {
-        for (std::int64_t k = matrix.start[j]; k < matrix.start[j + 1]; ++k) {
-          ++start_[static_cast<std::size_t>(j) + 1];
-          if (matrix.row[k] != j) ++start_[static_cast<std::size_t>(matrix.row[k]) + 1];
-        }
-      }
-      for (std::size_t j = 0; j < static_cast<std::size_t>(n); ++j) {
-        longest_ = std::max(longest_, start_[j + 1]);
-        start_[j + 1] += start_[j];
-      }
-      column_.resize(static_cast<std::size_t>(start_.back()));
-      index_.resize(column_.size());
-      value_.resize(static_cast<std::size_t>(longest_));
-      // Column j's elements above the diagonal come from earlier columns, in rising order; then its own.
-      std::vector<std::int64_t> next(start_.begin(), start_.end() - 1);
-      const auto put = [&](std::int64_t row, std::int64_t column, std::int64_t at) {
-        const auto place = static_cast<std::size_t>(next[static_cast<std::size_t>(row)]++);
-        column_[place] = static_cast<std::int32_t>(column);
-        index_[place] = at;
-      };
-      for (std::int64_t j = 0; j < n; ++j) {
-        for (std::int64_t k = matrix.start[j]; k < matrix.start[j + 1]; ++k) {
-          if (matrix.row[k] != j) put(matrix.row[k], j, k);
-        }
-      }
-      for (std::int64_t j = 0; j < n; ++j) {
-        for (std::int64_t k = matrix.start[j]; k < matrix.start[j + 1]; ++k) put(j, matrix.row[k], k);
-      }
+      const auto full = std::make_shared<FULL_PATTERN>();
+      fill_pattern(*full);
+      full_ = full;
       break;
     }
+  }
+}
+
+void COMPONENT_ROWS::fill_pattern(FULL_PATTERN& full)
+{
+  const std::int64_t n = matrix_.n;
+  if (matrix_.shape == Shape::dense) {
+    longest_ = n;
+    full.column.resize(static_cast<std::size_t>(n));
+    std::iota(full.column.begin(), full.column.end(), 0);
+    return;
+  }
+  full.start.assign(static_cast<std::size_t>(n) + 1, 0);
+  for (std::int64_t j = 0; j < n; ++j) {
+    for (std::int64_t k = matrix_.start[j]; k < matrix_.start[j + 1]; ++k) {
+      ++full.start[static_cast<std::size_t>(j) + 1];
+      if (matrix_.row[k] != j) ++full.start[static_cast<std::size_t>(matrix_.row[k]) + 1];
+    }
+  }
+  for (std::size_t j = 0; j < static_cast<std::size_t>(n); ++j) {
+    longest_ = std::max(longest_, full.start[j + 1]);
+    full.start[j + 1] += full.start[j];
+  }
+  full.column.resize(static_cast<std::size_t>(full.start.back()));
+  full.index.resize(full.column.size());
+  value_.resize(static_cast<std::size_t>(longest_));
+  // Column j's elements above the diagonal come from earlier columns, in rising order; then its own.
+  std::vector<std::int64_t> next(full.start.begin(), full.start.end() - 1);
+  const auto put = [&](std::int64_t row, std::int64_t column, std::int64_t at) {
+    const auto place = static_cast<std::size_t>(next[static_cast<std::size_t>(row)]++);
+    full.column[place] = static_cast<std::int32_t>(column);
+    full.index[place] = at;
+  };
+  for (std::int64_t j = 0; j < n; ++j) {
+    for (std::int64_t k = matrix_.start[j]; k < matrix_.start[j + 1]; ++k) {
+      if (matrix_.row[k] != j) put(matrix_.row[k], j, k);
+    }
+  }
+  for (std::int64_t j = 0; j < n; ++j) {
+    for (std::int64_t k = matrix_.start[j]; k < matrix_.start[j + 1]; ++k) put(j, matrix_.row[k], k);
   }
 }
 
@@ -91,13 +100,13 @@ const COMPONENT_LINE& COMPONENT_ROWS::line(std::int64_t a)
       break;
     }
     case Shape::dense:
-      line_ = {matrix_.n, column_.data(), matrix_.values + a * matrix_.n, nullptr, a * matrix_.n};
+      line_ = {matrix_.n, full_->column.data(), matrix_.values + a * matrix_.n, nullptr, a * matrix_.n};
       break;
     case Shape::sparse: {
-      const std::int64_t count = start_[at + 1] - start_[at];
-      const std::int64_t* index = index_.data() + start_[at];
+      const std::int64_t count = full_->start[at + 1] - full_->start[at];
+      const std::int64_t* index = full_->index.data() + full_->start[at];
       for (std::int64_t k = 0; k < count; ++k) value_[static_cast<std::size_t>(k)] = matrix_.values[index[k]];
-      line_ = {count, column_.data() + start_[at], value_.data(), index, 0};
+      line_ = {count, full_->column.data() + full_->start[at], value_.data(), index, 0};
       break;
     }
   }
@@ -114,6 +123,16 @@ PRODUCT_ROWS::PRODUCT_ROWS(const COMPONENTS& components)
   }
   lines_.resize(rows_.size());
   digits_.assign(rows_.size(), -1);
+}
+
+PRODUCT_ROWS::PRODUCT_ROWS(const PRODUCT_ROWS& other)
+    : rows_(other.rows_),
+      sizes_(other.sizes_),
+      digits_(other.digits_.size(), -1),  // the rows are fetched anew, into buffers of their own
+      lines_(other.lines_.size()),
+      size_(other.size_),
+      keep_zeros_(other.keep_zeros_)
+{
 }
 
 void PRODUCT_ROWS::refresh(const COMPONENTS& components)

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "base/symmetric.h"
@@ -22,6 +23,7 @@ struct COMPONENT_LINE {
 };
 
 /// The rows of one component's inverse, both triangles, whatever its shape.  The pattern is kept, the values are read anew.
+/// A copy shares the pattern and has a present row of its own.
 class COMPONENT_ROWS {
  public:
   explicit COMPONENT_ROWS(const SYMMETRIC& matrix);
@@ -35,10 +37,17 @@ class COMPONENT_ROWS {
 
  private:
   SYMMETRIC matrix_;
+  struct FULL_PATTERN {
+    std::vector<std::int64_t> start;   // sparse: of the rows
+    std::vector<std::int32_t> column;  // of the rows; dense: 0, 1, ... n - 1
+    std::vector<std::int64_t> index;   // sparse
+  };
+  void fill_pattern(FULL_PATTERN& full);
+
   std::int64_t longest_ = 1;
-  std::vector<std::int64_t> start_;    // sparse: rows of the full pattern
-  std::vector<std::int32_t> column_;   // sparse: of the full pattern; dense: 0, 1, ... n - 1; else of the present row
-  std::vector<std::int64_t> index_;    // sparse: of the full pattern; banded: of the present row
+  std::shared_ptr<const FULL_PATTERN> full_;
+  std::vector<std::int32_t> column_;   // of the present row
+  std::vector<std::int64_t> index_;    // of the present row
   std::vector<double> value_;          // of the present row
   COMPONENT_LINE line_;
 };
@@ -47,6 +56,11 @@ class COMPONENT_ROWS {
 class PRODUCT_ROWS {
  public:
   explicit PRODUCT_ROWS(const COMPONENTS& components);
+  /// A copy walks by itself: one for each thread.
+  PRODUCT_ROWS(const PRODUCT_ROWS& other);
+  PRODUCT_ROWS(PRODUCT_ROWS&&) = default;
+  PRODUCT_ROWS& operator=(const PRODUCT_ROWS& other) { return *this = PRODUCT_ROWS(other); }
+  PRODUCT_ROWS& operator=(PRODUCT_ROWS&&) = default;
   void refresh(const COMPONENTS& components);
   std::int64_t size() const { return size_; }
   /// Whether every component is an identity or diagonal.

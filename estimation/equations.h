@@ -83,15 +83,15 @@ void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_T
                      const VARIANCE_MODEL& model, const FORMED& formed, MIXED_EQUATIONS& equations);
 
 /// K4MXXS: the residual part: c becomes W'R^-1 W, r0 and y0 follow.
-void K4MXXS(ERROR_HANDLER& eh, const FORMED& formed, MIXED_EQUATIONS& equations);
+void K4MXXS(ERROR_HANDLER& eh, const FORMED& formed, int threads, MIXED_EQUATIONS& equations);
 
 /// K4MXXG: adds G^-1 of every random term to c and sums log|G|; the equations of a dropped term are emptied.
-void K4MXXG(ERROR_HANDLER& eh, const TERM_TABLE& terms, const VARIANCE_MODEL& model, const FORMED& formed,
+void K4MXXG(ERROR_HANDLER& eh, const TERM_TABLE& terms, const VARIANCE_MODEL& model, const FORMED& formed, int threads,
             MIXED_EQUATIONS& equations, double& log_det_g);
 
 /// b = C_R a for columns in elimination order, C_R being the residual part of C.
 ///   a, b   n by columns, leading dimension n
-void multiply_residual_part(const MIXED_EQUATIONS& equations, const double* a, double* b, std::int64_t columns);
+void multiply_residual_part(const MIXED_EQUATIONS& equations, const double* a, double* b, std::int64_t columns, int threads);
 
 /// Model equations of a random structure: from the first equation of its term, as many as its product has.
 inline std::int64_t first_equation(const TERM_TABLE& terms, const TERM_STRUCTURE& structure)

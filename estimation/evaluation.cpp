@@ -190,7 +190,7 @@ void solve(const FIT_MODEL& in, const VARIANCE_MODEL& model, int threads, FIT_WO
     EFFECTS_SCRATCH scratch;
     ev.constant.assign(left.size(), 0.0);
     for (int round = 0; round < 2; ++round) {
-      multiply_residual_part(q, left.data(), step.data(), 1);
+      multiply_residual_part(q, left.data(), step.data(), 1, threads);
       if (round > 0) add_random_part(in, model, q, ev, -1.0, ev.constant.data(), step.data(), scratch);
       SMIFWD(q.factor, step.data(), 1, threads);
       SMIBCK(q.factor, step.data(), 1, threads);
@@ -248,14 +248,14 @@ void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int 
   for (std::size_t i = 0; i < ev.evaluated.size(); ++i) ev.evaluated[i] = model.parameters[i].value;
   {
     const Timed timed{in.timing, "K4MXXS", "K4MITR"};
-    K4MXXS(eh, ev.formed, q);
+    K4MXXS(eh, ev.formed, threads, q);
   }
   if (q.ri * q.y0 <= 1e-10) {
     eh.EH_ADD_MESSAGE({.text = "There is no Variance: Job may fail.", .etype = Etype::warning, .unique = true});
   }
   {
     const Timed timed{in.timing, "K4MXXG", "K4MITR"};
-    K4MXXG(eh, in.terms, model, ev.formed, q, ev.log_det_g);
+    K4MXXG(eh, in.terms, model, ev.formed, threads, q, ev.log_det_g);
   }
   if (std::isnan(q.ri * q.y0)) eh.warning("no idea what this is supposed to be catching, xsmd(1) is NaN");  // sic
   ev.log_det_r = -q.log_weights;
@@ -394,8 +394,8 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
       ev.inverse_diagonal[static_cast<std::size_t>(p)] = inverse[static_cast<std::size_t>(q.c.start[static_cast<std::size_t>(p)])];
     }
     if (mode > 0) return;
-    K4MSCG(eh, in, model, q, inverse, ev);
-    K4MSCR(eh, in, model, q, inverse, ev);
+    K4MSCG(eh, in, model, q, inverse, threads, ev);
+    K4MSCR(eh, in, model, q, inverse, threads, ev);
   }
   if (eh.terminate() || ev.fault > 0) return;
   {

@@ -152,14 +152,14 @@ void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& equat
 
 /// K4MSCG: the scores of the parameters of random terms; the factor holds C-inverse.
 ///   inverse  C-inverse on the pattern of C, aligned with it
-void K4MSCG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, MIXED_EQUATIONS& equations,
-            const std::vector<double>& inverse, EVALUATION& ev);
+void K4MSCG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations,
+            const std::vector<double>& inverse, int threads, EVALUATION& ev);
 
 /// K4MSCR: the scores of the parameters of the residual, but for a profiled variance.
 void K4MSCR(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, MIXED_EQUATIONS& equations,
-            const std::vector<double>& inverse, EVALUATION& ev);
+            const std::vector<double>& inverse, int threads, EVALUATION& ev);
 
 /// Halves of W C^-1 W' on the pattern of R^-1: x_r'C^-1 x_s is the sum of the elements (r, s) and (s, r); aligned with R^-1.
-void inverse_by_records(const MIXED_EQUATIONS& equations, const std::vector<double>& inverse, std::vector<double>& halves);
+void inverse_by_records(const MIXED_EQUATIONS& equations, const std::vector<double>& inverse, int threads, std::vector<double>& halves);
 
 }  // namespace tolvan

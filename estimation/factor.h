@@ -50,10 +50,12 @@ struct FACTOR {
   // How nodes meet and how they are shared among threads.
   std::vector<SBLOCK> blocks;                // by source
   std::vector<std::int64_t> block_start;     // of each source
-  std::vector<std::int64_t> incoming;        // blocks by target, sources rising
+  std::vector<std::int64_t> incoming;        // blocks by target, in the order in which it takes them up
   std::vector<std::int64_t> incoming_start;  // of each target
+  std::vector<std::int64_t> incoming_rest;   // of each target: behind the plain blocks of the subtrees, which come first
   struct TASK {
     std::int32_t begin, end;
+    double work;  // in flops, roughly
   };
   std::vector<TASK> tasks;        // runs of nodes made of whole subtrees
   std::vector<std::int32_t> top;  // the nodes above them, rising
@@ -132,7 +134,7 @@ class SQUARE_SWEEPS {
 
  private:
   struct WORK {
-    std::vector<double> block;        // n by columns of a tile; zero between sweeps
+    std::vector<double> block;        // n by columns of a tile, row by row; zero between sweeps
     std::vector<double> gathered;
     std::vector<std::uint8_t> marked; // by node; 0 between sweeps
     std::vector<std::int32_t> path;   // the nodes to go through

@@ -36,6 +36,23 @@ struct SCORE_PARTS {
     return any;
   }
 
+  /// How many sums there are in all.
+  std::size_t stored() const
+  {
+    std::size_t all = 0;
+    for (std::size_t c = 0; c < sums.size(); ++c) all += sums[c] != nullptr ? storage_[c].size() : 0;
+    return all;
+  }
+
+  /// Adds sums prepared for the same product.
+  void add(const SCORE_PARTS& other)
+  {
+    for (std::size_t c = 0; c < sums.size(); ++c) {
+      if (sums[c] == nullptr) continue;
+      for (std::size_t i = 0; i < storage_[c].size(); ++i) storage_[c][i] += other.storage_[c][i];
+    }
+  }
+
   /// Adds -0.5 (size/n_c d log|R_c| - S_c dRi) of every active parameter to its score; by scales S_c.
   void add_scores(const COMPONENTS& components, std::int64_t size, double by, INFORMATION& information)
   {

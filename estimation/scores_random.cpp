@@ -1,18 +1,23 @@
 // The score of the parameters of random terms.  Routine: K4MSCG.
 #include <algorithm>
+#include <array>
+#include <numeric>
 
 #include "estimation/evaluation.h"
 #include "estimation/score_parts.h"
+#include "estimation/share.h"
 
 namespace tolvan {
 namespace {
 
+constexpr std::size_t most_sums = 1 << 20;  // that are kept for every part of a structure's equations
+
 /// The equations of one structure in C-inverse plus u u'/s2, summed for every component that has parameters over the others:
 /// S_c(a, b) = sum over pairs of equations at levels a and b of c of T(e, f) times the inverse elements of the other components.
-void gather_pairs(std::int64_t first, PRODUCT_ROWS& rows, const MIXED_EQUATIONS& q, const std::vector<double>& inverse,
-                  const EVALUATION& ev, const std::vector<double*>& s, std::vector<double>& work)
+void gather_pairs(std::int64_t first, std::int64_t begin, std::int64_t end, PRODUCT_ROWS& rows, const MIXED_EQUATIONS& q,
+                  const std::vector<double>& inverse, const EVALUATION& ev, const std::vector<double*>& s, std::vector<double>& work)
 {
-  for (std::int64_t e = 0; e < rows.size(); ++e) {
+  for (std::int64_t e = begin; e < end; ++e) {
     const auto p = static_cast<std::size_t>(q.position_of(first + e));
     const auto from = static_cast<std::size_t>(q.c.start[p]);
     const auto to = static_cast<std::size_t>(q.c.start[p + 1]);
@@ -35,11 +40,11 @@ void gather_pairs(std::int64_t first, PRODUCT_ROWS& rows, const MIXED_EQUATIONS&
 
 /// tr(T G^-1) over the equations of one structure, T being C-inverse plus u u'/s2: all that the scale of a known matrix needs, at a
 /// fraction of the time and without room for the sums.
-double scaled_trace(std::int64_t first, PRODUCT_ROWS& rows, const MIXED_EQUATIONS& q, const std::vector<double>& inverse,
-                    const EVALUATION& ev, std::vector<double>& work)
+double scaled_trace(std::int64_t first, std::int64_t begin, std::int64_t end, PRODUCT_ROWS& rows, const MIXED_EQUATIONS& q,
+                    const std::vector<double>& inverse, const EVALUATION& ev, std::vector<double>& work)
 {
   double total = 0.0;
-  for (std::int64_t e = 0; e < rows.size(); ++e) {
+  for (std::int64_t e = begin; e < end; ++e) {
     const auto p = static_cast<std::size_t>(q.position_of(first + e));
     const auto from = static_cast<std::size_t>(q.c.start[p]);
     const double up = ev.solution[p] / ev.sigma2;
@@ -85,31 +90,53 @@ bool L_CHECK_XFA(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const TERM_STRU
 
 }  // namespace
 
-void K4MSCG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, MIXED_EQUATIONS& q, const std::vector<double>& inverse,
-            EVALUATION& ev)
+void K4MSCG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q,
+            const std::vector<double>& inverse, int threads, EVALUATION& ev)
 {
   const Frame here{eh, __func__};
   const Timed timed{in.timing, "K4MSCG", "K4MITR"};
-  std::vector<double> work(static_cast<std::size_t>(q.n), 0.0);
-  SCORE_PARTS parts;
+  std::vector<std::vector<double>> work(static_cast<std::size_t>(threads));
+  const auto work_of = [&](int thread) -> std::vector<double>& {
+    auto& own = work[static_cast<std::size_t>(thread)];
+    own.resize(static_cast<std::size_t>(q.n), 0.0);
+    return own;
+  };
+  std::vector<SCORE_PARTS> parts(static_cast<std::size_t>(sum_parts));
   for (std::size_t t = 0; t < model.terms.size(); ++t) {
     if (model.terms[t].dropped) continue;
     const COMPONENTS& components = ev.formed.terms[t].components;
     if (!L_CHECK_XFA(eh, model, model.terms[t], components, ev.fault)) return;
+    const std::int64_t first = first_equation(in.terms, model.terms[t]);
+    const std::int64_t size = q.random[t].size();
+    std::vector<PRODUCT_ROWS> rows(static_cast<std::size_t>(threads), q.random[t]);
     if (components.size() == 1 && components.front()->scales_alone()) {
       const auto& active = ev.information.active;
       const std::int64_t parameter = model.rows[static_cast<std::size_t>(model.terms[t].first_row)].first;
       const auto at = std::lower_bound(active.begin(), active.end(), parameter);
       if (at == active.end() || *at != parameter) continue;
-      const double trace = scaled_trace(first_equation(in.terms, model.terms[t]), q.random[t], q, inverse, ev, work);
+      std::array<double, sum_parts> traces{};
+      share_parts(threads, size, [&](std::int64_t part, std::int64_t begin, std::int64_t end, int thread) {
+        const auto own = static_cast<std::size_t>(thread);
+        traces[static_cast<std::size_t>(part)] = scaled_trace(first, begin, end, rows[own], q, inverse, ev, work_of(thread));
+      });
+      const double trace = std::accumulate(traces.begin(), traces.end(), 0.0);
       ev.information.score[static_cast<std::size_t>(at - active.begin())] +=
           -0.5 * (components.front()->score_part().front() - trace / ev.evaluated[static_cast<std::size_t>(parameter)]);
       continue;
     }
-    if (!parts.prepare(components, model.rows, model.terms[t].first_row, ev.information)) continue;
-    gather_pairs(first_equation(in.terms, model.terms[t]), q.random[t], q, inverse, ev, parts.sums, work);
+    if (!parts.front().prepare(components, model.rows, model.terms[t].first_row, ev.information)) continue;
+    if (parts.front().stored() > most_sums) {  // one set of them is enough
+      gather_pairs(first, 0, size, rows.front(), q, inverse, ev, parts.front().sums, work_of(0));
+    } else {
+      share_parts(threads, size, [&](std::int64_t part, std::int64_t begin, std::int64_t end, int thread) {
+        SCORE_PARTS& own = parts[static_cast<std::size_t>(part)];
+        if (part > 0) own.prepare(components, model.rows, model.terms[t].first_row, ev.information);
+        gather_pairs(first, begin, end, rows[static_cast<std::size_t>(thread)], q, inverse, ev, own.sums, work_of(thread));
+      });
+      for (std::size_t part = 1; part < parts.size(); ++part) parts.front().add(parts[part]);
+    }
     // d LogL / d theta = -0.5 (tr(G^-1 Gdot) - sum of T dGi)
-    parts.add_scores(components, q.random[t].size(), 1.0, ev.information);
+    parts.front().add_scores(components, size, 1.0, ev.information);
   }
 }
 

@@ -3,6 +3,7 @@
 
 #include "estimation/evaluation.h"
 #include "estimation/score_parts.h"
+#include "estimation/share.h"
 
 namespace tolvan {
 namespace {
@@ -86,34 +87,45 @@ void score_section(const VARIANCE_MODEL& model, std::size_t s, MIXED_EQUATIONS& 
 
 }  // namespace
 
-void inverse_by_records(const MIXED_EQUATIONS& q, const std::vector<double>& inverse, std::vector<double>& halves)
+void inverse_by_records(const MIXED_EQUATIONS& q, const std::vector<double>& inverse, int threads, std::vector<double>& halves)
 {
   const RESIDUAL_INVERSE& ri = q.residual;
-  halves.assign(ri.value.size(), 0.0);
-  std::vector<double> work(static_cast<std::size_t>(q.n), 0.0);
   const auto at = [](const std::vector<std::int64_t>& start, std::size_t i) { return static_cast<std::size_t>(start[i]); };
-  for (std::size_t j = 0; j < static_cast<std::size_t>(q.n); ++j) {
-    for (std::size_t k = at(q.c.start, j); k < at(q.c.start, j + 1); ++k) work[static_cast<std::size_t>(q.c.row[k])] = inverse[k];
-    work[j] *= 0.5;  // the diagonal belongs to both orders
-    for (std::size_t k = at(q.columns.start, j); k < at(q.columns.start, j + 1); ++k) {
-      const auto r = static_cast<std::size_t>(q.columns.record[k]);
-      const double x = q.columns.value[k];
-      for (std::size_t m = at(ri.start, r); m < at(ri.start, r + 1); ++m) {
-        const auto s = static_cast<std::size_t>(ri.record[m]);
-        double sum = 0.0;
-        for (std::size_t e = at(q.rows.start, s + 1); e-- > at(q.rows.start, s);) {
-          const auto i = static_cast<std::size_t>(q.rows.record[e]);
-          if (i < j) break;
-          sum += work[i] * q.rows.value[e];
+  // Records are shared by columns, so that each part of the columns has sums of its own.
+  std::vector<std::vector<double>> sums(static_cast<std::size_t>(sum_parts));
+  std::vector<std::vector<double>> spread(static_cast<std::size_t>(threads));
+  share_parts(threads, q.n, [&](std::int64_t part, std::int64_t begin, std::int64_t end, int thread) {
+    auto& own = sums[static_cast<std::size_t>(part)];
+    auto& work = spread[static_cast<std::size_t>(thread)];
+    own.assign(ri.value.size(), 0.0);
+    work.resize(static_cast<std::size_t>(q.n), 0.0);
+    for (auto j = static_cast<std::size_t>(begin); j < static_cast<std::size_t>(end); ++j) {
+      for (std::size_t k = at(q.c.start, j); k < at(q.c.start, j + 1); ++k) work[static_cast<std::size_t>(q.c.row[k])] = inverse[k];
+      work[j] *= 0.5;  // the diagonal belongs to both orders
+      for (std::size_t k = at(q.columns.start, j); k < at(q.columns.start, j + 1); ++k) {
+        const auto r = static_cast<std::size_t>(q.columns.record[k]);
+        const double x = q.columns.value[k];
+        for (std::size_t m = at(ri.start, r); m < at(ri.start, r + 1); ++m) {
+          const auto s = static_cast<std::size_t>(ri.record[m]);
+          double sum = 0.0;
+          for (std::size_t e = at(q.rows.start, s + 1); e-- > at(q.rows.start, s);) {
+            const auto i = static_cast<std::size_t>(q.rows.record[e]);
+            if (i < j) break;
+            sum += work[i] * q.rows.value[e];
+          }
+          own[m] += x * sum;
         }
-        halves[m] += x * sum;
       }
     }
+  });
+  halves.swap(sums.front());
+  for (std::size_t part = 1; part < sums.size(); ++part) {
+    for (std::size_t m = 0; m < halves.size(); ++m) halves[m] += sums[part][m];
   }
 }
 
 void K4MSCR(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, MIXED_EQUATIONS& q, const std::vector<double>& inverse,
-            EVALUATION& ev)
+            int threads, EVALUATION& ev)
 {
   const Frame here{eh, __func__};
   const Timed timed{in.timing, "K4MSCR", "K4MITR"};
@@ -128,7 +140,7 @@ void K4MSCR(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
   }
   // Nothing to do where all that R has is a profiled variance.
   std::vector<double> halves;
-  inverse_by_records(q, inverse, halves);
+  inverse_by_records(q, inverse, threads, halves);
   SCORE_PARTS parts;
   for (std::size_t s = 0; s < model.sections.size(); ++s) score_section(model, s, q, halves, ev, parts);
 }

@@ -21,7 +21,8 @@ using std::int32_t;
 using std::int64_t;
 
 constexpr int64_t group_columns = 256;  // columns of Z_RR gathered at a time
-constexpr int64_t group_tile = 80;      // columns of a group, or of a node, that one thread sums up at a time
+constexpr int64_t group_tile = 80;      // columns of a group that one thread sums up at a time
+constexpr int64_t square_tile = 40;     // columns of the square on a node's diagonal, likewise
 
 // Columns of Z_RR from the node's row `begin` on.
 struct GROUP {
@@ -284,7 +285,7 @@ void invert_node(INVERSION& run, int32_t s, int threads, INVERSE_WORK& work)
     for (int64_t i = 0; i < width; ++i)
       scaled[i + j * width] = m[i + j * width] * factor.reciprocal[node.first + i];
   }
-  const int64_t sums = tiled ? group_tile : width;
+  const int64_t sums = tiled ? square_tile : width;
   share(forked, (width + sums - 1) / sums, [&](int64_t k, int) {
     const int64_t j = k * sums, count = std::min(sums, width - j), rows = width - j;
     dgemm('T', 'N', rows, count, rows, 1.0, m + j + j * width, width, scaled + j + j * width, width, 0.0,

@@ -23,27 +23,21 @@ double K4MXIJ(const FACTOR& factor, int64_t i, int64_t j)
 void gather_inverse(const FACTOR& factor, const COEFFICIENTS& c, std::vector<double>& inverse, int threads)
 {
   inverse.resize(c.value.size());
-  threads = std::max(1, threads);
-  constexpr int64_t nodes_at_once = 64;
-  const auto nodes = static_cast<int64_t>(factor.nodes.size());
-  share(threads, (nodes + nodes_at_once - 1) / nodes_at_once, [&](int64_t k, int) {
-    for (int64_t s = k * nodes_at_once; s < std::min(nodes, (k + 1) * nodes_at_once); ++s) {
-      const SNODE& node = factor.nodes[s];
+  share_runs(std::max(1, threads), factor.n, 256, [&](int64_t begin, int64_t end, int) {
+    for (int64_t j = begin; j < end; ++j) {
+      const SNODE& node = factor.nodes[factor.node_of[j]];
       const int32_t* list = factor.row_list.data() + node.row_list;
-      for (int32_t j = node.first; j <= node.last; ++j) {
-        const double* column = factor.panel.data() + node.panel + (j - node.first) * node.rows;
-        int64_t place = 0;
-        for (int64_t p = c.start[j]; p < c.start[j + 1]; ++p) {
-          if (node.contiguous) {
-            place = c.row[p] - node.first;
-          } else {  // both lists rise: step on, in growing strides
-            int64_t step = 1;
-            while (place + step < node.rows && list[place + step] <= c.row[p]) step *= 2;
-            place =
-                std::upper_bound(list + place, list + std::min(place + step, node.rows), c.row[p]) - list - 1;
-          }
-          inverse[p] = column[place];
+      const double* column = factor.panel.data() + node.panel + (j - node.first) * node.rows;
+      int64_t place = 0;
+      for (int64_t p = c.start[j]; p < c.start[j + 1]; ++p) {
+        if (node.contiguous) {
+          place = c.row[p] - node.first;
+        } else {  // both lists rise: step on, in growing strides
+          int64_t step = 1;
+          while (place + step < node.rows && list[place + step] <= c.row[p]) step *= 2;
+          place = std::upper_bound(list + place, list + std::min(place + step, node.rows), c.row[p]) - list - 1;
         }
+        inverse[p] = column[place];
       }
     }
   });

@@ -87,12 +87,16 @@ bool reserve_work(ERROR_HANDLER& eh, const FACTOR& factor, int threads, std::vec
   return true;
 }
 
-ROW_PLACES place_rows(const FACTOR& factor, const SNODE& node, std::vector<int32_t>& map)
+ROW_PLACES place_rows(const FACTOR& factor, int32_t s, NODE_WORK& work)
 {
+  const SNODE& node = factor.nodes[s];
   if (node.contiguous) return {nullptr, node.first};
-  const int32_t* row = factor.row_list.data() + node.row_list;
-  for (int64_t r = 0; r < node.rows; ++r) map[row[r]] = static_cast<int32_t>(r);
-  return {map.data(), node.first};
+  if (work.mapped != s) {
+    const int32_t* row = factor.row_list.data() + node.row_list;
+    for (int64_t r = 0; r < node.rows; ++r) work.map[row[r]] = static_cast<int32_t>(r);
+    work.mapped = s;
+  }
+  return {work.map.data(), node.first};
 }
 
 void DSMINODEABS(const SNODE& node, const int32_t* rows, double* panel, PIVOT_RULE& rule, double* reciprocal,

@@ -4,8 +4,6 @@
 // is done, and in which order, depends on the shape of a node alone, never on the number of threads.
 #pragma once
 
-#include <omp.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -14,14 +12,15 @@
 
 #include "api/error_handler.h"
 #include "estimation/factor.h"
+#include "estimation/share.h"
 
 namespace tolvan {
 
 inline constexpr std::int32_t widest_panel = 160;  // columns of a node
 inline constexpr std::int64_t block_columns =
     80;                                         // columns factorised before the rest of the node is updated
-inline constexpr std::int64_t tile_rows = 512;  // rows of a large node that one thread works on at a time
-inline constexpr std::int64_t untiled_rows = 640;  // nodes of up to so many rows are one tile
+inline constexpr std::int64_t tile_rows = 256;  // rows of a large node that one thread works on at a time
+inline constexpr std::int64_t untiled_rows = 384;  // nodes of up to so many rows are one tile
 
 // Rows by width by rows above which threads share a node: some 100 microseconds of work.
 inline constexpr double fork_above = 4e6;
@@ -34,7 +33,8 @@ inline int useful_threads(const FACTOR& factor, int threads)
 
 /// What one thread works with; made once for an absorption, an inversion or a sweep.
 struct NODE_WORK {
-  std::vector<std::int32_t> map;     // place of each position in the rows of the node at hand
+  std::vector<std::int32_t> map;     // place of each position in the rows of the node `mapped`
+  std::int32_t mapped = -1;
   std::vector<std::int32_t> places;  // places of a run of rows
   std::vector<double> product;       // rows of a tile by columns of a node
   std::vector<double> scaled;        // columns of a node squared
@@ -48,8 +48,8 @@ struct ROW_PLACES {
   std::int32_t first = 0;
   std::int64_t operator()(std::int32_t row) const { return map ? map[row] : row - first; }
 };
-/// Fills the map with the rows of the node unless they are contiguous.
-ROW_PLACES place_rows(const FACTOR& factor, const SNODE& node, std::vector<std::int32_t>& map);
+/// Fills the map with the rows of a node unless they are contiguous, or in it already.
+ROW_PLACES place_rows(const FACTOR& factor, std::int32_t s, NODE_WORK& work);
 
 /// Which pivots are accepted.
 struct PIVOT_RULE {
@@ -72,9 +72,11 @@ void DSMINODEABS(const SNODE& node, const std::int32_t* rows, double* panel, PIV
 void NOTRANS(const SNODE& node, double* panel, const double* reciprocal, std::int64_t begin,
              std::int64_t end);
 
-/// Subtracts what a block takes from its target, without BLAS: for short and narrow blocks.
-void update_plain(const FACTOR& factor, const SBLOCK& block, const ROW_PLACES& places, double* target);
-/// The same through DGEMM, for the source's rows that stand in the rows `begin` to `end` of the target.
+/// Subtracts what a block takes from its target, for the source's rows that stand in the rows `begin` to `end` of the target:
+/// without BLAS, for short and narrow blocks.
+void update_plain(const FACTOR& factor, const SBLOCK& block, const ROW_PLACES& places, double* target,
+                  std::int64_t begin, std::int64_t end);
+/// The same through DGEMM.
 void update_blocked(const FACTOR& factor, const SBLOCK& block, const ROW_PLACES& places, double* target,
                     std::int64_t begin, std::int64_t end, NODE_WORK& work);
 /// Whether a block is done without BLAS.
@@ -83,18 +85,6 @@ inline bool is_plain(const FACTOR& factor, const SBLOCK& block)
   const SNODE& source = factor.nodes[block.source];
   const std::int64_t width = source.width();
   return width <= 2 || width * (block.end - block.begin) * (source.rows - block.begin) <= 4096;
-}
-
-/// Calls body(k, thread) for k = 0 .. count - 1, shared among threads.
-template <class Body>
-void share(int threads, std::int64_t count, Body&& body)
-{
-  if (threads <= 1 || count <= 1) {
-    for (std::int64_t k = 0; k < count; ++k) body(k, 0);
-    return;
-  }
-#pragma omp parallel for num_threads(threads) schedule(dynamic, 1)
-  for (std::int64_t k = 0; k < count; ++k) body(k, omp_get_thread_num());
 }
 
 /// Asks for a user's wish to stop, on the thread that made it and not more than once in 100 ms.

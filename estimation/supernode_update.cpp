@@ -38,10 +38,29 @@ void subtract_columns(const double* l, int64_t ld, const double* ld_of_c, int64_
   }
 }
 
+// The source's rows, from the block's first one on, that stand in the rows begin .. end - 1 of the target.
+struct ROW_RANGE {
+  int64_t from, to;
+};
+ROW_RANGE rows_within(const FACTOR& factor, const SBLOCK& block, int64_t begin, int64_t end)
+{
+  const SNODE& source = factor.nodes[block.source];
+  const SNODE& node = factor.nodes[block.target];
+  const int32_t* row = factor.row_list.data() + source.row_list;
+  const int32_t* target_row = factor.row_list.data() + node.row_list;
+  ROW_RANGE range{block.begin, source.rows};
+  if (begin > 0) range.from = std::lower_bound(row + range.from, row + range.to, target_row[begin]) - row;
+  if (end < node.rows) range.to = std::lower_bound(row + range.from, row + range.to, target_row[end]) - row;
+  return range;
+}
+
 }  // namespace
 
-void update_plain(const FACTOR& factor, const SBLOCK& block, const ROW_PLACES& places, double* target)
+void update_plain(const FACTOR& factor, const SBLOCK& block, const ROW_PLACES& places, double* target,
+                  int64_t begin, int64_t end)
 {
+  const auto [from, to] = rows_within(factor, block, begin, end);
+  if (from == to) return;
   const SNODE& source = factor.nodes[block.source];
   const SNODE& node = factor.nodes[block.target];
   const int32_t* row = factor.row_list.data() + source.row_list;
@@ -57,16 +76,16 @@ void update_plain(const FACTOR& factor, const SBLOCK& block, const ROW_PLACES& p
       for (int32_t i = 0; i < take; ++i) scaled[i] = lk[c + i * ld] * lk[k + i + i * ld];
       switch (take) {
         case 1:
-          subtract_columns<1>(lk, ld, scaled, c, ld, places, row, column);
+          subtract_columns<1>(lk, ld, scaled, std::max<int64_t>(c, from), to, places, row, column);
           break;
         case 2:
-          subtract_columns<2>(lk, ld, scaled, c, ld, places, row, column);
+          subtract_columns<2>(lk, ld, scaled, std::max<int64_t>(c, from), to, places, row, column);
           break;
         case 3:
-          subtract_columns<3>(lk, ld, scaled, c, ld, places, row, column);
+          subtract_columns<3>(lk, ld, scaled, std::max<int64_t>(c, from), to, places, row, column);
           break;
         default:
-          subtract_columns<4>(lk, ld, scaled, c, ld, places, row, column);
+          subtract_columns<4>(lk, ld, scaled, std::max<int64_t>(c, from), to, places, row, column);
       }
     }
   }
@@ -78,14 +97,11 @@ void update_blocked(const FACTOR& factor, const SBLOCK& block, const ROW_PLACES&
   const SNODE& source = factor.nodes[block.source];
   const SNODE& node = factor.nodes[block.target];
   const int32_t* row = factor.row_list.data() + source.row_list;
-  const int32_t* target_row = factor.row_list.data() + node.row_list;
   const double* l = factor.panel.data() + source.panel;
   const int64_t ld = source.rows;
   const int64_t width = source.width(), columns = block.end - block.begin;
 
-  int64_t from = block.begin, to = source.rows;
-  if (begin > 0) from = std::lower_bound(row + from, row + to, target_row[begin]) - row;
-  if (end < node.rows) to = std::lower_bound(row + from, row + to, target_row[end]) - row;
+  const auto [from, to] = rows_within(factor, block, begin, end);
   const int64_t rows = to - from;
   if (rows == 0) return;
 

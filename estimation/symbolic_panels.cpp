@@ -113,7 +113,7 @@ void form_tasks(FACTOR& factor)
       packed += work[s];
       task_work.back() = packed;
     } else {
-      factor.tasks.push_back({begin[s], s + 1});
+      factor.tasks.push_back({begin[s], s + 1, 0.0});
       task_work.push_back(packed = work[s]);
     }
   }
@@ -123,8 +123,23 @@ void form_tasks(FACTOR& factor)
   std::iota(sequence.begin(), sequence.end(), std::size_t{0});
   std::stable_sort(sequence.begin(), sequence.end(),
                    [&](auto a, auto b) { return task_work[a] > task_work[b]; });
-  for (const std::size_t k : sequence) sorted.push_back(factor.tasks[k]);
+  for (const std::size_t k : sequence) sorted.push_back({factor.tasks[k].begin, factor.tasks[k].end, task_work[k]});
   factor.tasks.swap(sorted);
+}
+
+// What a node takes up first: the blocks of the subtrees that are done without BLAS, in one go over the whole node.
+void split_incoming(FACTOR& factor)
+{
+  std::vector<std::uint8_t> above(factor.nodes.size(), 0);
+  for (const int32_t s : factor.top) above[s] = 1;
+  factor.incoming_rest.resize(factor.nodes.size());
+  for (std::size_t s = 0; s < factor.nodes.size(); ++s) {
+    const auto begin = factor.incoming.begin() + factor.incoming_start[s];
+    const auto rest = std::stable_partition(begin, factor.incoming.begin() + factor.incoming_start[s + 1], [&](int64_t b) {
+      return !above[factor.blocks[b].source] && is_plain(factor, factor.blocks[b]);
+    });
+    factor.incoming_rest[s] = rest - factor.incoming.begin();
+  }
 }
 
 }  // namespace
@@ -173,6 +188,7 @@ void form_panels(const LOWER_PATTERN& lower, const NODE_TREE& tree, FACTOR& fact
   }
   form_blocks(factor);
   form_tasks(factor);
+  split_incoming(factor);
 }
 
 }  // namespace tolvan

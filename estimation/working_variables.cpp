@@ -4,6 +4,7 @@
 
 #include "base/lapack.h"
 #include "estimation/evaluation.h"
+#include "estimation/share.h"
 
 namespace tolvan {
 namespace {
@@ -16,31 +17,58 @@ std::ptrdiff_t column_of(const INFORMATION& information, std::int64_t parameter)
   return at != active.end() && *at == parameter ? at - active.begin() : std::ptrdiff_t{-1};
 }
 
-constexpr std::size_t tile = 64;       // columns that are worked on at a time
-constexpr std::size_t stretch = 2048;  // rows, where a scaled copy is made
+constexpr std::size_t tile = 64;         // columns that are worked on at a time
+constexpr std::int64_t stretch = 2048;   // rows, where a scaled copy is made
 
 double dot(std::size_t n, const double* x, const double* y) { return ddot(static_cast<std::int64_t>(n), x, 1, y, 1); }
 
-/// Takes B'DB off the lower triangle by rows, B n x k: by tiles of columns, and by stretches of rows so that a copy of D B stays
-/// small.
-void subtract_weighted_products(std::size_t n, std::size_t k, const std::vector<double>& b, const std::vector<double>& d,
-                                std::vector<double>& packed)
+/// What tall_product works with, made once for many of them.
+struct TALL_WORK {
+  std::vector<std::vector<double>> sums;    // one a part of the rows
+  std::vector<std::vector<double>> scaled;  // one a thread
+};
+
+/// product = A'B, or A'DB with a diagonal D: A n x height, B n x width.  The rows are cut into parts with sums of their own.
+void tall_product(std::int64_t n, std::int64_t height, std::int64_t width, const double* a, const double* b, const double* d,
+                  int threads, TALL_WORK& work, std::vector<double>& product)
+{
+  work.sums.resize(static_cast<std::size_t>(sum_parts));
+  work.scaled.resize(static_cast<std::size_t>(threads));
+  share_parts(threads, n, [&](std::int64_t part, std::int64_t begin, std::int64_t end, int thread) {
+    auto& sum = work.sums[static_cast<std::size_t>(part)];
+    auto& scaled = work.scaled[static_cast<std::size_t>(thread)];
+    sum.assign(static_cast<std::size_t>(height * width), 0.0);
+    if (d == nullptr) {
+      if (begin < end) dgemm('T', 'N', height, width, end - begin, 1.0, a + begin, n, b + begin, n, 1.0, sum.data(), height);
+      return;
+    }
+    scaled.resize(static_cast<std::size_t>(stretch * width));
+    for (std::int64_t from = begin; from < end; from += stretch) {
+      const std::int64_t rows = std::min(stretch, end - from);
+      for (std::int64_t j = 0; j < width; ++j) {
+        const double* column = b + j * n + from;
+        double* to = scaled.data() + j * rows;
+        for (std::int64_t i = 0; i < rows; ++i) to[i] = d[from + i] * column[i];
+      }
+      dgemm('T', 'N', height, width, rows, 1.0, a + from, n, scaled.data(), rows, 1.0, sum.data(), height);
+    }
+  });
+  product.assign(static_cast<std::size_t>(height * width), 0.0);
+  for (const auto& sum : work.sums) {
+    for (std::size_t i = 0; i < product.size(); ++i) product[i] += sum[i];
+  }
+}
+
+/// Takes B'DB off the lower triangle by rows, B n x k, by tiles of columns.
+void subtract_weighted_products(std::int64_t n, std::size_t k, const std::vector<double>& b, const std::vector<double>& d,
+                                int threads, TALL_WORK& work, std::vector<double>& packed)
 {
   std::vector<double> product;
-  std::vector<double> db(std::min(stretch, n) * std::min(tile, k));
   for (std::size_t j0 = 0; j0 < k; j0 += tile) {
     const std::size_t width = std::min(tile, k - j0);
     const std::size_t height = k - j0;
-    product.assign(height * width, 0.0);
-    for (std::size_t from = 0; from < n; from += stretch) {
-      const std::size_t rows = std::min(stretch, n - from);
-      for (std::size_t j = 0; j < width; ++j) {
-        for (std::size_t i = 0; i < rows; ++i) db[j * rows + i] = d[from + i] * b[(j0 + j) * n + from + i];
-      }
-      dgemm('T', 'N', static_cast<std::int64_t>(height), static_cast<std::int64_t>(width), static_cast<std::int64_t>(rows), 1.0,
-            b.data() + j0 * n + from, static_cast<std::int64_t>(n), db.data(), static_cast<std::int64_t>(rows), 1.0, product.data(),
-            static_cast<std::int64_t>(height));
-    }
+    const double* from = b.data() + j0 * static_cast<std::size_t>(n);
+    tall_product(n, static_cast<std::int64_t>(height), static_cast<std::int64_t>(width), from, from, d.data(), threads, work, product);
     for (std::size_t j = 0; j < width; ++j) {
       for (std::size_t i = j0 + j; i < k; ++i) packed[i * (i + 1) / 2 + j0 + j] -= product[(i - j0) + j * height];
     }
@@ -48,13 +76,14 @@ void subtract_weighted_products(std::size_t n, std::size_t k, const std::vector<
 }
 
 /// R^-1 f for every column of a block of data parts, within its section.
-void times_residual_inverse(const MIXED_EQUATIONS& q, const WORKING_VARIABLES::DATA_BLOCK& block, std::vector<double>& rf)
+void times_residual_inverse(const MIXED_EQUATIONS& q, const WORKING_VARIABLES::DATA_BLOCK& block, int threads,
+                            std::vector<double>& rf)
 {
   const auto first = static_cast<std::size_t>(block.first);
   rf.resize(block.f.size());
-  for (std::size_t p = 0; p < block.parameter.size(); ++p) {
-    const double* f = block.f.data() + p * block.records;
-    double* to = rf.data() + p * block.records;
+  share(threads, std::ssize(block.parameter), [&](std::int64_t p, int) {
+    const double* f = block.f.data() + static_cast<std::size_t>(p) * block.records;
+    double* to = rf.data() + static_cast<std::size_t>(p) * block.records;
     for (std::size_t m = 0; m < block.records; ++m) {
       double sum = 0.0;
       const auto end = static_cast<std::size_t>(q.residual.start[first + m + 1]);
@@ -63,7 +92,7 @@ void times_residual_inverse(const MIXED_EQUATIONS& q, const WORKING_VARIABLES::D
       }
       to[m] = sum;
     }
-  }
+  });
 }
 
 /// Adds W'x to y, x the records of a section from `first` on.
@@ -209,7 +238,7 @@ void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, WO
     const WORKING_VARIABLES::DATA_BLOCK& block = working.data[d];
     const auto parts = static_cast<std::int64_t>(block.parameter.size());
     const auto records = static_cast<std::int64_t>(block.records);
-    times_residual_inverse(q, block, rf[d]);
+    times_residual_inverse(q, block, threads, rf[d]);
     std::vector<double> product(static_cast<std::size_t>(parts * parts));
     dgemm('T', 'N', parts, parts, records, 1.0, rf[d].data(), records, block.f.data(), records, 0.0, product.data(), parts);
     for (std::int64_t p = 0; p < parts; ++p) {
@@ -224,29 +253,30 @@ void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, WO
   // c_i = C_R a_i + W'R^-1 f_i for a tile of parameters.  None has both an a and an f.
   const auto form_tile = [&](std::size_t j0, std::size_t width, double* c) {
     if (j0 < a_end) {
-      multiply_residual_part(q, working.a.data() + j0 * n, c, static_cast<std::int64_t>(std::min(width, a_end - j0)));
+      multiply_residual_part(q, working.a.data() + j0 * n, c, static_cast<std::int64_t>(std::min(width, a_end - j0)), threads);
     }
     if (j0 + width > a_end) std::fill(c + (std::max(j0, a_end) - j0) * n, c + width * n, 0.0);
-    for (std::size_t j = j0; j < j0 + width; ++j) {
+    share(threads, static_cast<std::int64_t>(width), [&](std::int64_t column, int) {
+      const std::size_t j = j0 + static_cast<std::size_t>(column);
       const auto& [block, p] = part_of[j];
-      if (block == nullptr) continue;
+      if (block == nullptr) return;
       const std::vector<double>& values = rf[static_cast<std::size_t>(block - working.data.data())];
       add_to_equations(q, static_cast<std::size_t>(block->first), block->records, values.data() + p * block->records, c + (j - j0) * n);
-    }
+    });
   };
   // The rest of the corner is c_j'a_i.  The tiles are formed again for b_i = W'R^-1 w_i = alpha_i g + c_i, in the place of a_i, so
   // that there never are two matrices of equations by parameters.
   std::vector<double> c(n * std::min(tile, k));
   std::vector<double> product;
+  TALL_WORK work;
   for (std::size_t j0 = 0; j0 < k && a_end > 0; j0 += tile) {
     const std::size_t width = std::min(tile, k - j0);
     const bool random_only = std::all_of(working.has_a.begin() + static_cast<std::ptrdiff_t>(j0),
                                          working.has_a.begin() + static_cast<std::ptrdiff_t>(j0 + width), [](auto h) { return h != 0; });
     const std::size_t height = random_only ? j0 + width : a_end;
     form_tile(j0, width, c.data());
-    product.resize(height * width);
-    dgemm('T', 'N', static_cast<std::int64_t>(height), static_cast<std::int64_t>(width), q.n, 1.0, working.a.data(), q.n, c.data(), q.n,
-          0.0, product.data(), static_cast<std::int64_t>(height));
+    tall_product(q.n, static_cast<std::int64_t>(height), static_cast<std::int64_t>(width), working.a.data(), c.data(), nullptr, threads,
+                 work, product);
     for (std::size_t j = j0; j < j0 + width; ++j) {
       // A pair of two with an a once, at the later of them.
       for (std::size_t i = 0; i < height; ++i) {
@@ -265,7 +295,7 @@ void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, WO
   }
   // w_i'P w_j = w_i'R^-1 w_j - (L^-1 b_i)' D^-1 (L^-1 b_j): the forward sweep alone.
   SMIFWD(q.factor, b.data(), static_cast<std::int64_t>(k), threads);
-  subtract_weighted_products(n, k, b, q.factor.reciprocal, ev.information.ai);
+  subtract_weighted_products(q.n, k, b, q.factor.reciprocal, threads, work, ev.information.ai);
   for (double& x : ev.information.ai) x *= 0.5 / ev.sigma2;
 
   // The profiled residual variance: its derivative of V is H = V / s2, on the scale of the ratios y; so its row is

@@ -167,15 +167,17 @@ int main(int argc, char** argv)
   const double symbolic = least_seconds(rounds, 1, [&] { SYMBOLICABS2(eh, pattern, order, factor); });
   const Exact exact = exact_size(pattern, factor.order);
   fill(pattern, factor, c);
-  double numeric = 1e300, inverse = 1e300, solve = 1e300, gather = 1e300;
-  std::vector<double> b(static_cast<std::size_t>(pattern.n) * 4, 1.0), z;
+  double numeric = 1e300, inverse = 1e300, solve = 1e300, forward = 1e300, gather = 1e300;
+  constexpr std::int64_t many = 64;
+  std::vector<double> b(static_cast<std::size_t>(pattern.n * many), 1.0), z;
   for (int k = 0; k < std::max(2, rounds) && !eh.terminate(); ++k) {  // the first round makes the panels
     numeric =
         std::min(numeric, least_seconds(1, threads, [&] { K4MXXAIL(eh, c, control, factor, absorbed); }));
     solve = std::min(solve, least_seconds(1, threads, [&] {
-                       SMIFWD(factor, b.data(), 4, threads);
-                       SMIBCK(factor, b.data(), 4, threads);
+                       SMIFWD(factor, b.data(), 1, threads);
+                       SMIBCK(factor, b.data(), 1, threads);
                      }));
+    forward = std::min(forward, least_seconds(1, threads, [&] { SMIFWD(factor, b.data(), many, threads); }));
     inverse = std::min(inverse, least_seconds(1, threads, [&] { SMIREV(eh, factor, threads, {}); }));
     gather = std::min(gather, least_seconds(1, threads, [&] { gather_inverse(factor, c, z, threads); }));
   }
@@ -190,8 +192,9 @@ int main(int argc, char** argv)
               static_cast<double>(factor.panel_size), exact.flops, factor.nodes.size(), factor.blocks.size(),
               factor.row_list.size());
   std::printf(
-      "  ordering %.4f  symbolic %.4f  factor %.4f (%.1f Gflop/s)  solve 4 %.4f  inverse %.4f  gather %.4f\n",
-      ordering, symbolic, numeric, exact.flops / numeric / 1e9, solve, inverse, gather);
+      "  ordering %.4f  symbolic %.4f  factor %.4f (%.1f Gflop/s)  solve %.4f  forward %lld %.4f  inverse %.4f"
+      "  gather %.4f\n",
+      ordering, symbolic, numeric, exact.flops / numeric / 1e9, solve, static_cast<long long>(many), forward, inverse, gather);
   std::printf("  log determinant %.10g, peak memory %.0f MB\n", absorbed.log_determinant,
               peak_megabytes());
 #ifdef TOLVAN_HAVE_CHOLMOD

@@ -96,7 +96,7 @@ void check(const PATTERN& pattern, Kind kind, unsigned seed)
   EXPECT_LT(residual / scale, 30.0);
 
   // Right-hand sides that the solution reproduces: C x = b with b in the range of C.
-  const std::int64_t columns = 19;
+  const std::int64_t columns = 39;
   std::vector<double> x(static_cast<std::size_t>(n * columns)), b(x.size(), 0.0), left(x.size(), 0.0);
   std::mt19937 random(seed);
   for (double& v : x) v = static_cast<double>(random() % 2000) / 1000.0 - 1.0;
@@ -189,10 +189,14 @@ TEST(SparseFactor, ThreadsAndRepetitionLeaveTheBitsAlone)
     for (const int threads : {1, 1, 2, 4}) {
       Solved s;
       absorb(pattern, dense, threads, s);
-      std::vector<double> factor = s.factor.panel, b(static_cast<std::size_t>(n * 40));
+      std::vector<double> factor = s.factor.panel, b(static_cast<std::size_t>(n * 126));
       for (std::size_t k = 0; k < b.size(); ++k) b[k] = std::sin(static_cast<double>(k));
-      SMIFWD(s.factor, b.data(), 40, threads);
-      SMIBCK(s.factor, b.data(), 40, threads);
+      std::int64_t done = 0;
+      for (const std::int64_t columns : {1, 5, 40, 80}) {  // alone, one tile, two, more
+        SMIFWD(s.factor, b.data() + done * n, columns, threads);
+        SMIBCK(s.factor, b.data() + done * n, columns, threads);
+        done += columns;
+      }
       ERROR_HANDLER eh;
       SMIREV(eh, s.factor, threads, {});
       // The upper triangles of the squares are scratch before the inversion.
