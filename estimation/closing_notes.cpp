@@ -34,6 +34,7 @@ bool groups_are_singular(const FIT_MODEL& in, const VARIANCE_MODEL& model, const
 void note_edges(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_WORK& work, const FIT_STATE& fit)
 {
   for (const DEFINITE_ROW& row : work.update.definite) {
+    if (row.form != DefiniteForm::covariances) continue;
     const auto from = static_cast<std::size_t>(row.first);
     const auto to = from + static_cast<std::size_t>(row.levels * (row.levels + 1) / 2);
     if (to > fit.evaluated.size()) continue;

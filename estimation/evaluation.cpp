@@ -8,6 +8,7 @@
 #include "estimation/em_updates.h"
 #include "estimation/fault_texts.h"
 #include "estimation/iterative_mme.h"
+#include "estimation/keep_rows.h"
 #include "estimation/outliers.h"
 #include "estimation/section_variances.h"
 #include "varstruct/followers.h"
@@ -362,9 +363,7 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
     if (iteration == 1) {
       judge_starting_variances(eh, model, ev);
       K4MEMV(eh, in.options, model, ev.formed, work.em);
-      if (!work.em.chosen) {
-        for (const EM_STATE::ROW& row : work.em.rows) work.update.definite.push_back({row.first, row.levels});
-      }
+      list_definite(model, !work.em.chosen, work.update.definite);
     }
     list_active(model, ev);
     set_units(model, q, ev);

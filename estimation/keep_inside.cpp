@@ -15,13 +15,14 @@ constexpr double least_share = 2e-5;   // the least eigenvalue of the matrix bet
 constexpr double edge = 1e-4;          // of the same eigenvalue: next to nothing
 constexpr double relaxation = 1.6;     // of the method of multipliers
 constexpr double close_enough = 1e-10;
+constexpr double outside = 1e-6;       // share of the limit by which rounding may miss it
 constexpr double most_work = 2e9;      // multiplications, which limit the rounds
 
 /// Coordinates in which the present matrix V = C C' is the identity, C = D^1/2 U L^1/2 with U L U' the matrix of correlations, and
 /// the least variance b that each of them may keep.
 struct WHITENED {
   std::int64_t n = 0;
-  std::vector<double> c, inverse;  // C and C^-1, by columns
+  std::vector<double> inverse;     // C^-1, by columns
   std::vector<double> least;       // b
   double smallest = 0.0;           // eigenvalue of the correlations
   bool sound = false;
@@ -56,7 +57,6 @@ WHITENED whiten(std::int64_t n, const std::vector<double>& present)
   std::vector<std::int32_t> iwork;
   if (dsyevd('V', 'L', n, u.data(), n, eigenvalue.data(), work, iwork) != 0 || !(eigenvalue.front() > 0.0)) return w;
   w.smallest = eigenvalue.front();
-  w.c = u;
   w.inverse.resize(u.size());
   w.least.resize(eigenvalue.size());
   for (std::int64_t j = 0; j < n; ++j) {
@@ -64,7 +64,6 @@ WHITENED whiten(std::int64_t n, const std::vector<double>& present)
     w.least[static_cast<std::size_t>(j)] = std::max(shrinkage, std::min(1.0, least_share / l));
     for (std::int64_t i = 0; i < n; ++i) {
       const double v = u[at(i, j)];
-      w.c[at(i, j)] = v * root[static_cast<std::size_t>(i)] * std::sqrt(l);
       w.inverse[at(j, i)] = v / (root[static_cast<std::size_t>(i)] * std::sqrt(l));
     }
   }
@@ -112,26 +111,29 @@ class Projection {
   std::vector<std::int32_t> iwork_;
 };
 
-/// The packed elements by rows of C Y C' for every element y of a symmetric Y, off-diagonal ones counted by root 2 so that lengths
-/// are those of the whole matrix: m x m by columns.
-std::vector<double> packed_by_elements(const WHITENED& w, std::int64_t m)
+/// What one unit of each free element is in the coordinates, C^-1 E C^-T, its elements counted as below: m x p by columns.
+std::vector<double> by_elements(const WHITENED& w, const std::vector<std::size_t>& elements)
 {
-  std::vector<double> t(static_cast<std::size_t>(m * m));
-  const auto c = [&](std::int64_t i, std::int64_t j) { return w.c[static_cast<std::size_t>(i + j * w.n)]; };
-  std::size_t next = 0;
-  for (std::int64_t k = 0; k < w.n; ++k) {
-    for (std::int64_t l = 0; l <= k; ++l) {
+  std::vector<double> a;
+  const auto c = [&](std::int64_t i, std::int64_t j) { return w.inverse[static_cast<std::size_t>(i + j * w.n)]; };
+  std::size_t k = 0, next = 0;
+  for (std::int64_t k1 = 0; k1 < w.n; ++k1) {
+    for (std::int64_t k2 = 0; k2 <= k1; ++k2, ++k) {
+      if (next == elements.size() || elements[next] != k) continue;
+      ++next;
       for (std::int64_t i = 0; i < w.n; ++i) {
         for (std::int64_t j = 0; j <= i; ++j) {
-          t[next++] = k == l ? c(i, k) * c(j, k) : (c(i, k) * c(j, l) + c(i, l) * c(j, k)) * std::sqrt(0.5);
+          const double x = k1 == k2 ? c(i, k1) * c(j, k1) : c(i, k1) * c(j, k2) + c(i, k2) * c(j, k1);
+          a.push_back(i == j ? x : x * std::sqrt(2.0));
         }
       }
     }
   }
-  return t;
+  return a;
 }
 
-/// Between a symmetric matrix by columns and its elements counted as above.
+/// Between a symmetric matrix by columns and its elements, off-diagonal ones counted by root 2 so that lengths are those of the
+/// whole matrix.
 void to_elements(std::int64_t n, const std::vector<double>& a, std::vector<double>& y)
 {
   std::size_t k = 0;
@@ -166,41 +168,54 @@ bool at_edge(std::int64_t n, const std::vector<double>& packed)
   return !w.sound || w.smallest < edge;
 }
 
-bool nearest_inside(std::int64_t n, const std::vector<double>& present, const std::vector<double>& target, std::vector<double> s,
-                    std::vector<double>& next)
+bool nearest_inside(std::int64_t n, const std::vector<double>& present, const std::vector<double>& target,
+                    const std::vector<std::size_t>& elements, const std::vector<double>& s, std::vector<double>& next)
 {
   const WHITENED w = whiten(n, present);
-  if (!w.sound) return false;
+  if (!w.sound || elements.empty()) return false;
   const std::int64_t m = n * (n + 1) / 2;
-  const auto mm = static_cast<std::size_t>(m * m);
+  const auto p = static_cast<std::int64_t>(elements.size());
+  const auto pp = static_cast<std::size_t>(p * p);
 
-  // Q = T' S T, and its trace for the weight of the multipliers.
-  const std::vector<double> t = packed_by_elements(w, m);
-  std::vector<double> half(mm), q(mm);
-  dgemm('N', 'N', m, m, m, 1.0, s.data(), m, t.data(), m, 0.0, half.data(), m);
-  dgemm('T', 'N', m, m, m, 1.0, t.data(), m, half.data(), m, 0.0, q.data(), m);
-  double trace = 0.0;
-  for (std::int64_t i = 0; i < m; ++i) trace += q[static_cast<std::size_t>(i * (m + 1))];
-  const double rho = trace / static_cast<double>(m);
+  // y = A d + c, d the change of the elements, c the present matrix less the limit.  rho weighs A'A like S.
+  const std::vector<double> a = by_elements(w, elements);
+  std::vector<double> gram(pp), x(s), q(s);
+  dgemm('T', 'N', p, p, m, 1.0, a.data(), m, a.data(), m, 0.0, gram.data(), p);
+  std::vector<double> l = gram;
+  if (dpotrf('L', p, l.data(), p) != 0) return false;
+  dtrsm('L', 'L', 'N', 'N', p, p, 1.0, l.data(), p, x.data(), p);
+  dtrsm('L', 'L', 'T', 'N', p, p, 1.0, l.data(), p, x.data(), p);
+  double rho = 0.0;
+  for (std::int64_t i = 0; i < p; ++i) rho += x[static_cast<std::size_t>(i * (p + 1))];
+  rho /= static_cast<double>(p);
   if (!(rho > 0.0) || !std::isfinite(rho)) return false;
+  for (std::size_t i = 0; i < pp; ++i) q[i] += rho * gram[i];
+  if (dpotrf('L', p, q.data(), p) != 0) return false;
 
-  std::vector<double> goal(static_cast<std::size_t>(m)), force(goal), y(goal), z(goal), multiplier(goal.size(), 0.0), before(goal);
-  std::vector<double> whole = above_limit(w, target);
-  to_elements(n, whole, goal);
-  dgemv('N', m, m, 1.0, q.data(), m, goal.data(), 1, 0.0, force.data(), 1);
-  for (std::int64_t i = 0; i < m; ++i) q[static_cast<std::size_t>(i * (m + 1))] += rho;
-  if (dpotrf('L', m, q.data(), m) != 0) return false;
-
+  std::vector<double> goal(static_cast<std::size_t>(p)), force(goal), d(goal);
+  for (std::size_t i = 0; i < goal.size(); ++i) goal[i] = target[elements[i]] - present[elements[i]];
+  dgemv('N', p, p, 1.0, s.data(), p, goal.data(), 1, 0.0, force.data(), 1);
+  std::vector<double> whole(static_cast<std::size_t>(n * n), 0.0);
+  for (std::int64_t i = 0; i < n; ++i) whole[static_cast<std::size_t>(i * (n + 1))] = 1.0 - w.least[static_cast<std::size_t>(i)];
+  std::vector<double> c(static_cast<std::size_t>(m)), y(c), z(c), pull(c), multiplier(c.size(), 0.0), before(c);
+  to_elements(n, whole, c);
+  z = c;
+  dgemv('N', m, p, 1.0, a.data(), m, goal.data(), 1, 1.0, z.data(), 1);
+  const double length = std::sqrt(ddot(m, z.data(), 1, z.data(), 1)) + 1.0;
   Projection project(n);
+  to_square(n, z, whole);
   if (!project(whole)) return false;
   to_elements(n, whole, z);
-  const double length = std::sqrt(ddot(m, goal.data(), 1, goal.data(), 1)) + 1.0;
-  const auto rounds = static_cast<int>(std::clamp(most_work / static_cast<double>(m * m), 100.0, 5000.0));
+  const auto rounds = static_cast<int>(std::clamp(most_work / static_cast<double>(p * (2 * m + p)), 100.0, 5000.0));
   for (int round = 0; round < rounds; ++round) {
-    // y: the quadratic model with the multipliers; z: inside the limit.
-    for (std::size_t i = 0; i < y.size(); ++i) y[i] = force[i] + rho * (z[i] - multiplier[i]);
-    dtrsm('L', 'L', 'N', 'N', m, 1, 1.0, q.data(), m, y.data(), m);
-    dtrsm('L', 'L', 'T', 'N', m, 1, 1.0, q.data(), m, y.data(), m);
+    // d and y: the quadratic model with the multipliers; z: inside the limit.
+    for (std::size_t i = 0; i < y.size(); ++i) pull[i] = z[i] - multiplier[i] - c[i];
+    d = force;
+    dgemv('T', m, p, rho, a.data(), m, pull.data(), 1, 1.0, d.data(), 1);
+    dtrsm('L', 'L', 'N', 'N', p, 1, 1.0, q.data(), p, d.data(), p);
+    dtrsm('L', 'L', 'T', 'N', p, 1, 1.0, q.data(), p, d.data(), p);
+    y = c;
+    dgemv('N', m, p, 1.0, a.data(), m, d.data(), 1, 1.0, y.data(), 1);
     before = z;
     for (std::size_t i = 0; i < y.size(); ++i) {
       y[i] = relaxation * y[i] + (1.0 - relaxation) * before[i];
@@ -217,18 +232,20 @@ bool nearest_inside(std::int64_t n, const std::vector<double>& present, const st
     }
     if (apart + moved <= close_enough * length) break;
   }
+  if (!std::all_of(d.begin(), d.end(), [](double each) { return std::isfinite(each); })) return false;
 
-  to_square(n, z, whole);
-  for (std::int64_t i = 0; i < n; ++i) whole[static_cast<std::size_t>(i * (n + 1))] += w.least[static_cast<std::size_t>(i)];
-  const std::vector<double> v = sandwich(n, w.c, whole);
-  next.resize(static_cast<std::size_t>(m));
-  std::size_t k = 0;
-  for (std::int64_t i = 0; i < n; ++i) {
-    for (std::int64_t j = 0; j <= i; ++j, ++k) {
-      next[k] = 0.5 * (v[static_cast<std::size_t>(i + j * n)] + v[static_cast<std::size_t>(j + i * n)]);
-      if (!std::isfinite(next[k])) return false;
-    }
+  // What is left outside after the rounds is pulled back towards the present matrix.
+  double share = 1.0;
+  for (int halving = 0; halving < 60; ++halving) {
+    y = c;
+    dgemv('N', m, p, share, a.data(), m, d.data(), 1, 1.0, y.data(), 1);
+    to_square(n, y, whole);
+    for (std::int64_t i = 0; i < n; ++i) whole[static_cast<std::size_t>(i * (n + 1))] += outside * w.least[static_cast<std::size_t>(i)];
+    if (dpotrf('L', n, whole.data(), n) == 0) break;
+    share *= 0.9;
   }
+  next = present;
+  for (std::size_t i = 0; i < d.size(); ++i) next[elements[i]] += share * d[i];
   return true;
 }
 

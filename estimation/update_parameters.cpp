@@ -4,8 +4,9 @@
 #include <algorithm>
 #include <cmath>
 
-#include "base/lapack.h"
 #include "base/text.h"
+#include "estimation/keep_rows.h"
+#include "estimation/newton_step.h"
 #include "estimation/restraints.h"
 
 namespace tolvan {
@@ -21,7 +22,6 @@ constexpr double most_damping = 1e6;
 constexpr int most_shortening = 40;
 constexpr double furthest_correlation = 0.4;  // that a correlation may want to go in one step
 constexpr double near_gain = 5.0;             // of LogL: the last step came near the optimum
-constexpr std::size_t many = 48;  // parameters from which the work is done by blocks
 
 /// L_PENALTY: the damping number by the change of LogL, and the multiplier of the information's diagonal it gives.
 void L_PENALTY(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION& information, AIOPT& aiopt, UPDATE_STATE& state)
@@ -57,95 +57,14 @@ void L_PENALTY(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATI
   for (std::int64_t i = 0; i < information.count(); ++i) information.at(i, i) *= state.multiplier;
 }
 
-/// b becomes A^-1 b for many parameters at once; false, with both as they were, where a pivot is lost.
-bool solve_blocked(const std::vector<double>& a, std::vector<double>& b)
-{
-  const auto n = static_cast<std::int64_t>(b.size());
-  std::vector<double> l = a;
-  if (dpotrf('L', n, l.data(), n) != 0) return false;
-  for (std::int64_t i = 0; i < n; ++i) {
-    const auto at = static_cast<std::size_t>(i + i * n);
-    if (l[at] * l[at] <= (std::fabs(a[at]) + 1e-9) * 1e-8) return false;
-  }
-  dtrsm('L', 'L', 'N', 'N', n, 1, 1.0, l.data(), n, b.data(), n);
-  dtrsm('L', 'L', 'T', 'N', n, 1, 1.0, l.data(), n, b.data(), n);
-  return true;
-}
-
-/// The joint Newton step of the parameters that are not held, the held ones having moved by `taken`:
-/// delta_o = AI_oo^-1 (score_o - AI_oh delta_h), all of it in units.
-void solve_step(const INFORMATION& information, const std::vector<std::uint8_t>& open, const std::vector<double>& taken,
-                std::vector<double>& delta)
-{
-  std::vector<std::size_t> o;
-  const auto k = static_cast<std::size_t>(information.count());
-  for (std::size_t i = 0; i < k; ++i) {
-    if (open[i]) o.push_back(i);
-  }
-  const auto n = o.size();
-  std::vector<double> a(n * n);
-  std::vector<double> b(n);
-  const auto ai = [&](std::size_t i, std::size_t j) {
-    return information.at(static_cast<std::int64_t>(i), static_cast<std::int64_t>(j));
-  };
-  for (std::size_t i = 0; i < n; ++i) {
-    b[i] = information.score[o[i]];
-    for (std::size_t h = 0; h < k; ++h) {
-      if (!open[h] && taken[h] != 0.0) b[i] -= ai(o[i], h) * taken[h];
-    }
-    for (std::size_t j = 0; j < n; ++j) a[i * n + j] = ai(o[i], o[j]);
-  }
-  if (n >= many && solve_blocked(a, b)) {
-    for (std::size_t i = 0; i < n; ++i) delta[o[i]] = b[i];
-    return;
-  }
-  // Cholesky of the open block; a lost pivot leaves that parameter where it is.
-  std::vector<std::uint8_t> good(n, 1);
-  for (std::size_t i = 0; i < n; ++i) {
-    const double tolerance = (std::fabs(a[i * n + i]) + 1e-9) * 1e-9;
-    for (std::size_t j = 0; j <= i; ++j) {
-      if (!good[j]) continue;
-      double sum = a[i * n + j];
-      for (std::size_t m = 0; m < j; ++m) {
-        if (good[m]) sum -= a[i * n + m] * a[j * n + m];
-      }
-      if (j < i) {
-        a[i * n + j] = sum / a[j * n + j];
-      } else if (sum > tolerance) {
-        a[i * n + i] = std::sqrt(sum);
-      } else {
-        good[i] = 0;
-      }
-    }
-  }
-  for (std::size_t i = 0; i < n; ++i) {
-    if (!good[i]) continue;
-    for (std::size_t m = 0; m < i; ++m) {
-      if (good[m]) b[i] -= a[i * n + m] * b[m];
-    }
-    b[i] /= a[i * n + i];
-  }
-  for (std::size_t i = n; i-- > 0;) {
-    if (!good[i]) {
-      b[i] = 0.0;
-      continue;
-    }
-    for (std::size_t m = i + 1; m < n; ++m) {
-      if (good[m]) b[i] -= a[m * n + i] * b[m];
-    }
-    b[i] /= a[i * n + i];
-  }
-  for (std::size_t i = 0; i < n; ++i) delta[o[i]] = b[i];
-}
-
 /// Whether a loading or a correlation wants to go further than its information can be trusted: a loading more than a few times its
-/// own size up, or far through zero.  Values and steps in units, where a loading of 1 gives a record as much variance as the residual.
+/// own size up, or far through zero.  Elements of matrices that are placed as a whole are left out.  Values and steps in units, where a loading of 1 gives a record as much variance as the residual.
 bool runs_away(const INFORMATION& information, const VARIANCE_MODEL& model, const std::vector<std::uint8_t>& open,
-                       const std::vector<double>& delta)
+               const std::vector<std::uint8_t>& placed, const std::vector<double>& delta)
 {
   for (std::size_t i = 0; i < delta.size(); ++i) {
     const VARIANCE_PARAMETER& v = model.parameters[static_cast<std::size_t>(information.active[i])];
-    if (!open[i]) continue;
+    if (!open[i] || placed[i]) continue;
     if (v.type == ParamType::R && std::fabs(delta[i]) > furthest_correlation) return true;
     if (v.type != ParamType::L) continue;
     const double x = v.value / information.unit[i];
@@ -179,67 +98,6 @@ double settled_value(const VARIANCE_MODEL& model, std::int64_t parameter, double
     if (plain || definite) return nothing * unit;
   }
   return value;
-}
-
-/// The information on `inside` left when the open parameters besides them have followed: A_ii - A_io A_oo^-1 A_oi, by columns.
-bool reduced_information(const INFORMATION& information, const std::vector<std::uint8_t>& open, const std::vector<std::size_t>& inside,
-                         std::vector<double>& s)
-{
-  std::vector<std::size_t> others;
-  for (std::size_t i = 0; i < open.size(); ++i) {
-    if (open[i] && !std::binary_search(inside.begin(), inside.end(), i)) others.push_back(i);
-  }
-  const auto m = static_cast<std::int64_t>(inside.size()), o = static_cast<std::int64_t>(others.size());
-  const auto block = [&](const std::vector<std::size_t>& rows, const std::vector<std::size_t>& columns) {
-    std::vector<double> a;
-    a.reserve(rows.size() * columns.size());
-    for (const std::size_t j : columns) {
-      for (const std::size_t i : rows) a.push_back(information.at(static_cast<std::int64_t>(i), static_cast<std::int64_t>(j)));
-    }
-    return a;
-  };
-  s = block(inside, inside);
-  if (o == 0) return true;
-  std::vector<double> a = block(others, others), b = block(others, inside);
-  if (dpotrf('L', o, a.data(), o) != 0) return false;
-  dtrsm('L', 'L', 'N', 'N', o, m, 1.0, a.data(), o, b.data(), o);
-  dgemm('T', 'N', m, m, o, -1.0, b.data(), o, b.data(), o, 1.0, s.data(), m);
-  return true;
-}
-
-/// Unstructured matrices that the joint step would take out of their space go to the nearest one inside instead and stay there, while
-/// the other parameters are solved for again: the quadratic model is then maximised under that restraint, one matrix after the other.
-void keep_rows_inside(const INFORMATION& information, const VARIANCE_MODEL& model, const std::vector<DEFINITE_ROW>& rows,
-                      std::vector<std::uint8_t>& open, std::vector<double>& taken, std::vector<double>& delta)
-{
-  std::vector<std::size_t> inside;
-  std::vector<double> present, target, s, next;
-  for (const DEFINITE_ROW& row : rows) {
-    const auto count = static_cast<std::size_t>(row.levels * (row.levels + 1) / 2);
-    const auto first = std::lower_bound(information.active.begin(), information.active.end(), row.first);
-    const auto place = static_cast<std::size_t>(first - information.active.begin());
-    inside.clear();
-    present.clear();
-    target.clear();
-    for (std::size_t i = place; i < place + count && i < open.size() && open[i]; ++i) {
-      const VARIANCE_PARAMETER& v = model.parameters[static_cast<std::size_t>(information.active[i])];
-      inside.push_back(i);
-      present.push_back(v.value);
-      target.push_back(v.value + delta[i] * information.unit[i]);
-    }
-    const bool whole = inside.size() == count && information.active[place + count - 1] == row.first + static_cast<std::int64_t>(count) - 1;
-    if (!whole || !leaves_space(row.levels, present, target)) continue;
-    if (!reduced_information(information, open, inside, s)) continue;
-    for (std::size_t j = 0; j < count; ++j) {
-      for (std::size_t i = 0; i < count; ++i) s[i + j * count] /= information.unit[inside[i]] * information.unit[inside[j]];
-    }
-    if (!nearest_inside(row.levels, present, target, s, next)) continue;
-    for (std::size_t i = 0; i < count; ++i) {
-      open[inside[i]] = 0;
-      taken[inside[i]] = (next[i] - present[i]) / information.unit[inside[i]];
-    }
-    solve_step(information, open, taken, delta);
-  }
 }
 
 }  // namespace
@@ -306,11 +164,12 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     for (double& s : information.score) s *= std::ldexp(1.0, -state.shortening);
   }
   double damping = state.shortening > 0 ? least_damping * std::ldexp(1.0, std::min(2 * (state.shortening - 1), 26)) : 0.0;
+  const std::vector<std::uint8_t> placed = placed_parameters(information, state.definite, open);
   for (const INFORMATION plain = information;; damping = std::max(10.0 * damping, least_damping)) {
     information = plain;
     if (damping > 0.0) add_to_diagonal(damping, information);
     solve_step(information, open, taken, delta);
-    if (damping >= most_damping || !runs_away(information, model, open, delta)) break;
+    if (damping >= most_damping || !runs_away(information, model, open, placed, delta)) break;
   }
   const auto hold = [&](std::size_t i) {
     restrained[i] = 1;
@@ -337,7 +196,7 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
       result[i] = ruled;
       if (short_of <= 1e-10) continue;
       const double measure = first_stage ? short_of : short_of / std::max(std::fabs(in.value), 1e-10);
-      if (k >= many) cut.emplace_back(measure, i);
+      if (k >= many_parameters) cut.emplace_back(measure, i);
       if (worst == k || measure > worst_measure) {
         worst = i;
         worst_measure = measure;

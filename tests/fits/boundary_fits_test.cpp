@@ -63,6 +63,10 @@ TEST(BoundaryFits, UnstructuredReachesWhatItsSubmodelsReach)
     const std::vector<double> longer = trace(data, "us(site):id(line)", ",\"extra\":25");
     ASSERT_FALSE(longer.empty());
     EXPECT_NEAR(best.back(), longer.back(), 2e-3);
+    const std::vector<double> correlated = trace(data, "corgh(site):id(line)", "");  // the same matrices by correlations
+    ASSERT_FALSE(correlated.empty());
+    EXPECT_LE(correlated.size(), 15U);
+    EXPECT_NEAR(correlated.back(), longer.back(), 2e-3);
     for (const char* submodel : {"fa(site,1):id(line)", "corh(site):id(line)", "rr(site,1):id(line)"}) {
       const std::vector<double> sub = trace(data, submodel, ",\"extra\":3");
       ASSERT_FALSE(sub.empty()) << submodel;
