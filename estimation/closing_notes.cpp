@@ -6,12 +6,14 @@
 #include <string>
 
 #include "base/text.h"
+#include "estimation/convergence.h"
 #include "estimation/em_updates.h"
 #include "estimation/fault_texts.h"
 
 namespace tolvan {
 namespace {
 
+constexpr double settled_move = 0.01;        // relative, of a parameter
 constexpr std::int64_t factor_effects = 15;  // internal code of factor models with equations of their own
 
 /// Whether a pedigree with genetic groups has singular equations.
@@ -65,14 +67,7 @@ void judge_status(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_WORK
     fit.status += "; Possibly a local maxima";
   }
   if (fit.end != FitEnd::converged) return;
-  for (std::size_t i = 0; i < work.update.change.size(); ++i) {
-    const bool held = static_cast<std::int64_t>(i) == model.residual_parameter && model.profiled;
-    if (held || !is_free(model.parameters[i].constraint) || (i < fit.bound.size() && fit.bound[i] == 'B')) continue;
-    if (std::fabs(work.update.change[i]) > 0.01) {
-      fit.status = text("Warning: ", fit.status, "; Parameters Not Converged");
-      break;
-    }
-  }
+  if (!parameters_settled(model, work.update, ev, settled_move)) fit.status = text("Warning: ", fit.status, "; Parameters Not Converged");
   if (one_pass && fit.status.find("performed") != std::string::npos && work.aiopt(Ai::restrained) == 0) {
     fit.status += " Parameters unchanged after one iteration.";
   }

@@ -1,5 +1,6 @@
 #include "estimation/convergence.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
@@ -9,8 +10,29 @@ namespace {
 constexpr double no_change = 1e-4;   // of LogL
 constexpr double no_move = 0.01;     // of a parameter, relative
 constexpr int still_enough = 3;
+constexpr double bound_share = 1e-4;  // of its unit: a variance that is pulled to zero has got there
 
 }  // namespace
+
+bool is_at_bound(const VARIANCE_MODEL& model, const UPDATE_STATE& update, const EVALUATION& ev, std::size_t i)
+{
+  if (i >= update.pulled.size() || update.pulled[i] < 2) return false;
+  if (model.parameters[i].type == ParamType::R) return true;
+  const auto& active = ev.information.active;
+  const auto at = std::lower_bound(active.begin(), active.end(), static_cast<std::int64_t>(i));
+  if (at == active.end() || *at != static_cast<std::int64_t>(i)) return false;
+  return std::fabs(ev.evaluated[i]) < bound_share * ev.information.unit[static_cast<std::size_t>(at - active.begin())];
+}
+
+bool parameters_settled(const VARIANCE_MODEL& model, const UPDATE_STATE& update, const EVALUATION& ev, double move)
+{
+  for (std::size_t i = 0; i < update.change.size(); ++i) {
+    const bool held = static_cast<std::int64_t>(i) == model.residual_parameter && model.profiled;
+    if (held || !is_free(model.parameters[i].constraint) || is_at_bound(model, update, ev, i)) continue;
+    if (std::fabs(update.change[i]) > move) return false;
+  }
+  return true;
+}
 
 bool has_converged(std::int64_t n, double logl, double reset_step, FIT_WORK& work, CONVERGENCE& state)
 {

@@ -146,7 +146,7 @@ void K4MWVR(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const MIXED_EQUATION
             WORKING_VARIABLES& working);
 
 /// K4MWVA: the average-information matrix 0.5 w_i'P w_j / s2 of all active parameters, by absorbing their working variables, whose
-/// a it uses up.
+/// a it uses up, and the quadratic parts 0.5 w_i'P y / s2 of their scores.
 void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& equations, WORKING_VARIABLES& working, int threads,
             EVALUATION& ev);
 

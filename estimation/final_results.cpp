@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "estimation/convergence.h"
 #include "estimation/outliers.h"
 #include "varstruct/followers.h"
 
@@ -194,10 +195,8 @@ void bound_letters(const VARIANCE_MODEL& model, const FIT_WORK& work, const EVAL
     fit.bound[i] = constraint_letters[static_cast<std::size_t>(v.constraint)];
     if (!is_free(v.constraint) || i >= work.update.pulled.size()) continue;
     const auto& active = ev.information.active;
-    const auto at = std::lower_bound(active.begin(), active.end(), static_cast<std::int64_t>(i));
-    if (at == active.end() || *at != static_cast<std::int64_t>(i)) continue;
-    const double small = 1e-4 * ev.information.unit[static_cast<std::size_t>(at - active.begin())];
-    if (work.update.pulled[i] >= 2 && (v.type == ParamType::R || std::fabs(ev.evaluated[i]) < small)) {
+    if (!std::binary_search(active.begin(), active.end(), static_cast<std::int64_t>(i))) continue;
+    if (is_at_bound(model, work.update, ev, i)) {
       fit.bound[i] = 'B';
     } else if (work.update.pulled[i] >= 1) {
       fit.bound[i] = '?';

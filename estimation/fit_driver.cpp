@@ -24,6 +24,9 @@ constexpr double base_needed = 120000.0;
 constexpr std::int64_t last_retry_marker = 4;
 constexpr std::int64_t retries = 3;
 constexpr std::int64_t most_modified_notes = 10;
+constexpr std::int64_t most_settling = 5;
+constexpr double far_move = 0.05;          // that a parameter may still have to go when LogL has converged, relative
+constexpr const char* not_converged = " Warning: LogL not converged";
 constexpr double fall_seen = 1e-5;         // of LogL from the best evaluation: the step was too long
 constexpr double fall_reported = 2e-4;     // more than this, and the best evaluation is reported instead of the last
 
@@ -35,6 +38,7 @@ struct ITERATION {
   std::int64_t failed = 0;           // failed evaluations so far
   std::int64_t repeats = 0;          // of the present pass
   std::int64_t singular_at_first = -1;
+  std::int64_t settling = 0;         // iterations made for parameters that still moved when LogL had converged
   double reset_step = 1.0;
   double started = 0.0;
   std::int64_t modified = 0;         // unstructured matrices made positive definite so far
@@ -312,12 +316,20 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
     if (converged) {
       fit.status = "LogL Converged; ";
       fit.end = FitEnd::converged;
+    } else if (it.settling > 0) {
+      fit.status = not_converged;
+      fit.end = FitEnd::not_converged;
     }
     if (it.final_pass) {
       if (!converged && singular > 0) fit.status = "Warning: iteration aborted because of singularities in AI matrix";
       return;
     }
     if (!converged) continue;
+    // LogL is flat at its top: it may have settled while a parameter still is far from its place.
+    if (it.extra <= 0 && it.settling < most_settling && !parameters_settled(call.model, work.update, ev, far_move)) {
+      ++it.settling;
+      continue;
+    }
     if (it.extra <= 0) {
       if (!final_pass_due(work)) return;
       it.limit = it.n + 1;

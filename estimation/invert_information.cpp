@@ -131,6 +131,7 @@ INFORMATION in_units(INFORMATION information)
   for (std::int64_t i = 0; i < information.count(); ++i) {
     const double unit = information.unit[static_cast<std::size_t>(i)];
     information.score[static_cast<std::size_t>(i)] *= unit;
+    if (!information.quadratic.empty()) information.quadratic[static_cast<std::size_t>(i)] *= unit;
     for (std::int64_t j = 0; j <= i; ++j) information.at(i, j) *= unit * information.unit[static_cast<std::size_t>(j)];
   }
   return information;
@@ -158,10 +159,12 @@ void fold_followers(const VARIANCE_MODEL& model, INFORMATION& information)
     }
   }
   kept.score.assign(kept.active.size(), 0.0);
+  kept.quadratic.assign(information.quadratic.empty() ? 0 : kept.active.size(), 0.0);
   kept.ai.assign(kept.active.size() * (kept.active.size() + 1) / 2, 0.0);
   for (std::size_t i = 0; i < k; ++i) {
     for (const PARAMETER_SHARE& a : shares[i]) {
       kept.score[static_cast<std::size_t>(a.of)] += a.by * information.score[i];
+      if (!kept.quadratic.empty()) kept.quadratic[static_cast<std::size_t>(a.of)] += a.by * information.quadratic[i];
       for (std::size_t j = 0; j < k; ++j) {  // both triangles, each kept pair once
         for (const PARAMETER_SHARE& b : shares[j]) {
           if (b.of <= a.of)

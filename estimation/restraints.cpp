@@ -62,6 +62,12 @@ double step_from_negative(const RESTRAINT_INPUT& in, double n)
 
 }  // namespace
 
+double loading_change(double x, double delta)
+{
+  const double size = std::max(0.3 * std::sqrt(std::fabs(x + delta)), std::fabs(x));
+  return size > 0.0 ? std::fabs(delta) / size : 0.0;
+}
+
 bool in_first_stage(ParamType type)
 {
   return type == ParamType::R || type == ParamType::P || type == ParamType::L || type == ParamType::r;
@@ -80,8 +86,10 @@ RESTRAINT restrain_typed(const RESTRAINT_INPUT& in, double last, double lower)
       out.reset_step = true;
     } else if (std::fabs(n) > std::fabs(r) && std::fabs(r) >= std::fabs(last) && std::fabs(last) >= wide(0.994f)) {
       n = r;
-    } else if (std::fabs(n) > (std::fabs(r) + 2.0) / 3.0) {
-      n = n < 0.0 ? (r - 2.0) / 3.0 : (r + 2.0) / 3.0;
+    } else {
+      // No further than two thirds of the way to the bound.
+      const double furthest = std::fabs(r) + in.share * (1.0 - std::fabs(r)) * (2.0 / 3.0);
+      if (std::fabs(n) > furthest) n = std::copysign(furthest, n);
     }
     out.value = n;
   } else if (in.type == ParamType::P) {
@@ -93,10 +101,7 @@ RESTRAINT restrain_typed(const RESTRAINT_INPUT& in, double last, double lower)
       out.value = 0.1 * r;
       out.boundary = r < 2e-7;
     }
-  } else if (in.type == ParamType::L) {
-    const double size = std::max(0.3 * std::sqrt(std::fabs(out.value)), std::fabs(x));
-    out.loading_change = size > 0.0 ? std::fabs(in.delta) / size : 0.0;
-  } else if (out.value < lower) {
+  } else if (in.type == ParamType::r && out.value < lower) {
     out.value = (x + 2.0 * lower) / 3.0;
   }
   return out;

@@ -14,6 +14,7 @@ struct RESTRAINT_INPUT {
   ParamType type;
   ParamRole role;
   Constraint constraint;
+  double share = 1.0; // of the usual way that a step may go towards a bound, less after steps that lowered LogL
 };
 
 /// What they decided.
@@ -24,8 +25,10 @@ struct RESTRAINT {
   bool settled = false;    // a variance settled near zero: its code becomes B
   bool boundary = false;   // a parameter of type P noted at its boundary
   bool reset_step = false; // the step size goes back to its saved value
-  double loading_change = 0.0;
 };
+
+/// How much a step changes a loading, in its own size or a third of the root of where it leads, whichever is larger.
+double loading_change(double value, double delta);
 
 /// Whether a parameter is restrained in the first stage (types R, P, L, r) or by the sign rules of the second.
 bool in_first_stage(ParamType type);

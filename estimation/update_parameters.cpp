@@ -5,22 +5,21 @@
 #include <cmath>
 
 #include "base/text.h"
+#include "estimation/damped_step.h"
+#include "estimation/expected_information.h"
 #include "estimation/keep_rows.h"
 #include "estimation/newton_step.h"
+#include "estimation/residual_steps.h"
 #include "estimation/restraints.h"
 
 namespace tolvan {
 namespace {
 
-constexpr double loading_growth = 3.0;    // the most that a loading may grow in one step, in loadings and units
-constexpr double loading_fall = 0.9;      // the most that it may shrink by, besides one unit
 constexpr double near_one = 0.99;          // a correlation held beyond this is at its bound
 constexpr double nothing = 1e-20;          // of its unit: a variance that has settled at zero
+constexpr double settled_gain = 1.0;       // of LogL: a variance may settle at zero once an iteration changes no more than this
 constexpr double settled_ratio = 1e3;      // a variance this far above its unit may grow on: the residual's is going to zero
-constexpr double least_damping = 0.01;
-constexpr double most_damping = 1e6;
 constexpr int most_shortening = 40;
-constexpr double furthest_correlation = 0.4;  // that a correlation may want to go in one step
 constexpr double near_gain = 5.0;             // of LogL: the last step came near the optimum
 
 /// L_PENALTY: the damping number by the change of LogL, and the multiplier of the information's diagonal it gives.
@@ -57,36 +56,6 @@ void L_PENALTY(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATI
   for (std::int64_t i = 0; i < information.count(); ++i) information.at(i, i) *= state.multiplier;
 }
 
-/// Whether a loading or a correlation wants to go further than its information can be trusted: a loading more than a few times its
-/// own size up, or far through zero.  Elements of matrices that are placed as a whole are left out.  Values and steps in units, where a loading of 1 gives a record as much variance as the residual.
-bool runs_away(const INFORMATION& information, const VARIANCE_MODEL& model, const std::vector<std::uint8_t>& open,
-               const std::vector<std::uint8_t>& placed, const std::vector<double>& delta)
-{
-  for (std::size_t i = 0; i < delta.size(); ++i) {
-    const VARIANCE_PARAMETER& v = model.parameters[static_cast<std::size_t>(information.active[i])];
-    if (!open[i] || placed[i]) continue;
-    if (v.type == ParamType::R && std::fabs(delta[i]) > furthest_correlation) return true;
-    if (v.type != ParamType::L) continue;
-    const double x = v.value / information.unit[i];
-    const double up = x < 0.0 ? -delta[i] : delta[i];
-    if (up > loading_growth * (std::fabs(x) + 1.0) || -up > loading_fall * std::fabs(x) + 1.0) return true;
-  }
-  return false;
-}
-
-/// Adds the share `damping` of its own information to every diagonal element: of what is left when the profiled residual variance
-/// has been taken out, since a step along with that variance would be cut by far more than it is meant to be.
-void add_to_diagonal(double damping, INFORMATION& information)
-{
-  const std::int64_t h = information.held_out;
-  const double own = h >= 0 ? information.at(h, h) : 0.0;
-  for (std::int64_t i = 0; i < information.count(); ++i) {
-    if (i == h) continue;
-    const double with = own > 0.0 ? information.at(i, h) * information.at(i, h) / own : 0.0;
-    information.at(i, i) += damping * std::max(information.at(i, i) - with, 0.0);
-  }
-}
-
 /// What a variance that has settled at zero keeps.  The effects of a plain term are then zero with standard errors of zero; where
 /// other structures or a matrix with undefined directions stand behind it, it stays where it is.
 double settled_value(const VARIANCE_MODEL& model, std::int64_t parameter, double value, double unit)
@@ -119,6 +88,7 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
   aiopt(Ai::step_thousandths) = 1000;
   aiopt(Ai::restrained) = 0;
   aiopt(Ai::boundary) = 0;
+  const std::vector<double> ratio = data_ratios(model, information);
   information = in_units(std::move(information));
   const auto p = model.parameters.size();
   if (state.reference.size() != p) {
@@ -142,6 +112,8 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
   K4MAII(eh, true, iteration, information, model, aiopt, state, covariance, used);
   if (eh.terminate()) return;
 
+  make_expected(ratio, information);
+
   // The joint step includes the profiled residual variance, whose score is zero and whose own step is not applied:
   // a Newton step on the profile likelihood.  Restrained parameters are held at what the rules gave them and the others
   // solved again: first types R, P, L and r, then the rules by sign, until nothing new is restrained.
@@ -157,25 +129,20 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
   for (std::size_t i = 0; i < k; ++i) {
     if (!is_free(parameter(i).constraint)) open[i] = 0;
   }
-  // Far from the optimum, where factors can be rotated or correlations make up for each other, the information asks for steps of
-  // any size: its diagonal is raised until they are in reach (Levenberg 1944; Marquardt 1963).  Unlike cutting single steps this
-  // leaves the step as a whole uphill.  After a fall of LogL the step is halved besides.
-  if (state.shortening > 0) {
-    for (double& s : information.score) s *= std::ldexp(1.0, -state.shortening);
-  }
-  double damping = state.shortening > 0 ? least_damping * std::ldexp(1.0, std::min(2 * (state.shortening - 1), 26)) : 0.0;
-  const std::vector<std::uint8_t> placed = placed_parameters(information, state.definite, open);
-  for (const INFORMATION plain = information;; damping = std::max(10.0 * damping, least_damping)) {
-    information = plain;
-    if (damping > 0.0) add_to_diagonal(damping, information);
-    solve_step(information, open, taken, delta);
-    if (damping >= most_damping || !runs_away(information, model, open, placed, delta)) break;
-  }
+  damped_step(model, state.shortening, open, placed_parameters(information, state.definite, open), information, delta);
   const auto hold = [&](std::size_t i) {
-    restrained[i] = 1;
     open[i] = 0;
     taken[i] = (result[i].value - parameter(i).value) / information.unit[i];
   };
+  const auto restrain = [&](std::size_t i) {
+    restrained[i] = 1;
+    hold(i);
+  };
+  for (const auto& [i, value] : long_residual_steps(model, information, open, delta)) {
+    result[i].value = value * information.unit[i];
+    hold(i);
+  }
+  const double share = std::ldexp(1.0, -state.shortening);
   const auto pass = [&](bool first_stage) {
     std::size_t worst = k;
     double worst_measure = 0.0;
@@ -188,7 +155,7 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
       const auto at = static_cast<std::size_t>(information.active[i]);
       // The rules compare values with constants of their own, so they are told the value in its unit.
       const double unit = information.unit[i];
-      const RESTRAINT_INPUT in{v.value / unit, delta[i], state.reference[at] / unit, state.step, v.type, v.role, v.constraint};
+      const RESTRAINT_INPUT in{v.value / unit, delta[i], state.reference[at] / unit, state.step, v.type, v.role, v.constraint, share};
       RESTRAINT ruled = first_stage ? restrain_typed(in, state.last[at] / unit, 1e-7) : restrain_by_sign(in);
       const double short_of = std::fabs(ruled.value - (in.value + in.delta));
       ruled.value *= unit;
@@ -202,10 +169,10 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
         worst_measure = measure;
       }
     }
-    if (worst < k) hold(worst);
+    if (worst < k) restrain(worst);
     // Of very many parameters those that are cut back nearly as much go with it.
     for (const auto& [measure, i] : cut) {
-      if (i != worst && measure > 0.5 * worst_measure) hold(i);
+      if (i != worst && measure > 0.5 * worst_measure) restrain(i);
     }
     return worst < k;
   };
@@ -227,6 +194,7 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     held_more = held_more && near_optimum && !state.definite.empty();
   }
 
+  const bool may_settle = iteration > 1 && std::fabs(gain) < settled_gain;
   double largest_loading = 0.0;
   state.growth_capped = false;
   for (std::size_t i = 0; i < k; ++i) {
@@ -234,14 +202,16 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     VARIANCE_PARAMETER& v = parameter(i);
     if (!is_free(v.constraint)) continue;
     const auto at = static_cast<std::size_t>(information.active[i]);
+    const double unit = information.unit[i];
     RESTRAINT& taken_by = result[i];
-    if (!restrained[i]) taken_by.value = v.value + (open[i] ? delta[i] : taken[i]) * information.unit[i];
+    if (!restrained[i]) taken_by.value = v.value + (open[i] ? delta[i] : taken[i]) * unit;
     if (restrained[i]) ++aiopt(Ai::restrained);
     if (taken_by.boundary) ++aiopt(Ai::boundary);
     if (taken_by.reset_step) state.step = state.saved_step;
-    const bool grows = std::fabs(taken_by.value) > 10.0 * std::fabs(v.value) && std::fabs(v.value) < settled_ratio * information.unit[i];
+    const bool grows = std::fabs(taken_by.value) > 10.0 * std::fabs(v.value) && std::fabs(v.value) < settled_ratio * unit;
     if (restrained[i] && grows) state.growth_capped = true;
-    largest_loading = std::max(largest_loading, taken_by.loading_change);
+    // By the step that is taken, which others may have changed that were held after the loading's turn.
+    if (v.type == ParamType::L) largest_loading = std::max(largest_loading, loading_change(v.value / unit, (taken_by.value - v.value) / unit));
     const bool to_zero = v.role == ParamRole::variance && std::fabs(taken_by.value) < std::fabs(v.value);
     const bool to_one = v.type == ParamType::R && std::fabs(taken_by.value) > near_one;
     const bool pulled = restrained[i] && (to_zero || to_one);
@@ -251,9 +221,11 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     state.last[at] = v.value;
     v.value = taken_by.value;
     state.reference[at] = taken_by.reference_set ? taken_by.reference : v.value;
-    if (taken_by.settled) {
+    if (taken_by.settled && !may_settle) {
+      v.value = state.reference[at] = state.last[at];  // small enough, and its score may still turn round
+    } else if (taken_by.settled) {
       v.constraint = Constraint::B;
-      v.value = settled_value(model, information.active[i], v.value, information.unit[i]);
+      v.value = settled_value(model, information.active[i], v.value, unit);
     }
   }
   if (largest_loading > 0.1) ++aiopt(Ai::boundary);

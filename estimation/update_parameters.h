@@ -19,6 +19,7 @@ struct INFORMATION {
   std::vector<double> score;         // one an active parameter
   std::vector<double> ai;            // lower triangle by rows
   std::vector<double> unit;          // a natural unit of each parameter: 1 for a ratio, a residual variance for a variance
+  std::vector<double> quadratic;     // the part of each score that the data make, 0.5 y'P Vdot P y; empty where it is not known
   std::int64_t held_out = -1;        // position in `active` of the profiled residual variance, -1 for none
 
   std::int64_t count() const { return static_cast<std::int64_t>(active.size()); }

@@ -232,6 +232,10 @@ void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, WO
       ai(i, j) = working.alpha[i] * working.alpha[j] * ev.residual_square + working.alpha[i] * ga[j] + working.alpha[j] * ga[i];
     }
   }
+  // w_i'P y = w_i'R^-1 e: the part of the scores that the data make.
+  std::vector<double>& quadratic = ev.information.quadratic;
+  quadratic.resize(k);
+  for (std::size_t i = 0; i < k; ++i) quadratic[i] = working.alpha[i] * ev.residual_square + ga[i];
   std::vector<std::pair<const WORKING_VARIABLES::DATA_BLOCK*, std::size_t>> part_of(k, {nullptr, 0});
   std::vector<std::vector<double>> rf(working.data.size());  // R^-1 f
   for (std::size_t d = 0; d < working.data.size(); ++d) {
@@ -245,6 +249,7 @@ void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, WO
       const auto i = static_cast<std::size_t>(block.parameter[static_cast<std::size_t>(p)]);
       part_of[i] = {&block, static_cast<std::size_t>(p)};
       const double ef = dot(block.records, ev.residual.data() + block.first, rf[d].data() + p * records);
+      quadratic[i] += ef;
       for (std::size_t j = 0; j < k; ++j) ai(i, j) += (i == j ? 2.0 : 1.0) * working.alpha[j] * ef;
       for (std::int64_t o = 0; o <= p; ++o)
         ai(i, static_cast<std::size_t>(block.parameter[static_cast<std::size_t>(o)])) += product[static_cast<std::size_t>(p + o * parts)];
@@ -297,11 +302,13 @@ void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, WO
   SMIFWD(q.factor, b.data(), static_cast<std::int64_t>(k), threads);
   subtract_weighted_products(q.n, k, b, q.factor.reciprocal, threads, work, ev.information.ai);
   for (double& x : ev.information.ai) x *= 0.5 / ev.sigma2;
+  for (double& x : quadratic) x *= 0.5 / ev.sigma2;
 
   // The profiled residual variance: its derivative of V is H = V / s2, on the scale of the ratios y; so its row is
   // divided by s2, its diagonal twice.  Then AI(s2, s2) = nu / (2 s2^2).
   if (ev.information.held_out >= 0) {
     const std::int64_t s = ev.information.held_out;
+    quadratic[static_cast<std::size_t>(s)] /= ev.sigma2;
     ev.information.at(s, s) /= ev.sigma2;
     for (std::int64_t j = 0; j < ev.information.count(); ++j) ev.information.at(s, j) /= ev.sigma2;
   }
