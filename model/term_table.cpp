@@ -110,7 +110,8 @@ void SET_FACTOR_LEVELS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::
     // The factors follow; a level without a variance of its own, as all of rr() are, is bound to them by an equation more,
     // behind all others.
     if (factor.structure == "rr") factor.binding_rows = factor.levels;
-    const std::int64_t more = factor.order + factor.binding_rows;
+    // There are no more factors than levels.
+    const std::int64_t more = std::min(factor.order, std::max<std::int64_t>(factor.levels, 1)) + factor.binding_rows;
     if (__builtin_add_overflow(factor.levels, more, &factor.levels)) factor.levels = std::numeric_limits<std::int64_t>::max();
   }
 }

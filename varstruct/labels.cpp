@@ -106,7 +106,11 @@ void label_row(const FACTOR_TABLE& factors, const std::string& head, const STRUC
   std::vector<ParamType> types;
   for (std::int64_t k = 0; k < row.parameters; ++k)
     types.push_back(model.parameters[static_cast<std::size_t>(row.first + k)].type);
-  const std::vector<std::string> ends = row_label_ends(row, types);
+  std::vector<std::string> ends = row_label_ends(row, types);
+  // Of a model with a variance a level that has one level: the count alone does not tell it from a single variance.
+  const bool by_level = row.factor > 0 && model_request(factors.row(row.factor).structure).qualifier == 2;
+  if (by_level && row_parameters(row).form == VarianceForm::one_variance)
+    ends.back() = text('_', parameter_label_letters[static_cast<std::size_t>(types.back())], "_1");
   for (std::int64_t k = 0; k < row.parameters; ++k) {
     model.parameters[static_cast<std::size_t>(row.first + k)].label =
         text(head, word, ends[static_cast<std::size_t>(k)]);

@@ -18,6 +18,7 @@ constexpr std::int64_t iden = 0, sph = 15, cir = 22, mat = 23, rrnk = 30, xfa = 
 struct ASKED {
   const COMPONENT_MODEL* model = nullptr;
   std::int64_t variances = 0;  // behind its own parameters
+  bool by_level = false;       // they are of the levels, also where there is one level
   std::int64_t order = 1;
   std::int64_t size = 0;
   bool specifics_zero = false;  // rr()
@@ -50,7 +51,8 @@ void L_READ_REQUEST(ERROR_HANDLER& eh, const COMPONENT_REQUEST& request, ASKED& 
     return;
   }
   asked.model = found.model;
-  asked.variances = found.qualifier == 2 ? asked.size : found.qualifier;
+  asked.by_level = found.qualifier == 2;
+  asked.variances = asked.by_level ? asked.size : found.qualifier;
   asked.order = request.order > 0 ? request.order : found.order;
   if (asked.model->selector == rrnk) {
     asked.model = &component_models[xfa];
@@ -148,8 +150,9 @@ void NEWSTR(ERROR_HANDLER& eh, const COMPONENT_REQUEST& request, VARIANCE_MODEL&
   from.gamma = model.gamma;
   std::vector<VARIANCE_PARAMETER> parameters =
       default_parameters(*asked.model, asked.size, asked.order, asked.variances, from);
-  // The variance of a plain term is not reduced, as that of a named one is.
-  if (request.function.empty() && request.variance) parameters.back().value = from.base;
+  // The variance of a plain term is not reduced, as the one variance of a named model is.
+  if ((request.function.empty() && request.variance) || (asked.by_level && asked.variances == 1))
+    parameters.back().value = from.base;
   L_USER_VALUES(eh, request, asked, parameters);
   if (eh.terminate()) return;
   if (asked.specifics_zero) {
