@@ -35,6 +35,13 @@ constexpr std::string_view of_variable[] = {"name",
 constexpr std::string_view of_marker_file[] = {
     "name",   "file", "type", "skip", "header", "nokey", "cskip", "gidname",   "snpname",  "markers",   "range",     "ids",      "method", "gscale", "smode",
     "centre", "offset", "psd", "nsd", "precision", "save", "pev", "fbb", "fbboffset", "rtmethod", "mdfoffset", "hadamard", "giv", "ldet", "invert"};
+constexpr std::string_view of_pedigree_file[] = {
+    "name",  "type",  "skip",   "cskip",   "repeat", "alpha", "uppercase", "long", "aif",  "giv", "make", "method", "group",
+    "goffset", "dom", "xlinkr", "mgs", "inbred", "fgen", "bee", "self", "reduce", "sort", "trim"};
+// A file of markers may stand in this list, too.
+constexpr std::string_view of_grm_file[] = {"name",     "type",     "skip",   "dense", "psd",  "nsd",    "group", "savegiv",
+                                            "nullsing", "nonull",   "add",    "ldet",  "invert", "precision", "giv"};
+constexpr std::string_view of_vcm[] = {"term", "term_id", "values", "vcm_values"};
 constexpr std::string_view of_initial_value[] = {"term", "value", "constraint"};
 constexpr std::string_view of_part[] = {"terms"};
 constexpr std::string_view of_term[] = {
@@ -50,11 +57,12 @@ struct Teller {
   ERROR_HANDLER& eh;
   std::int64_t told = 0;
 
-  void keys(const JsonNode& object, std::span<const std::string_view> known)
+  void keys(const JsonNode& object, std::span<const std::string_view> known, std::span<const std::string_view> more = {})
   {
     if (!object.is(JsonType::object)) return;
     for (const auto& child : object.children()) {
       if (std::find(known.begin(), known.end(), child->name) != known.end()) continue;
+      if (std::find(more.begin(), more.end(), child->name) != more.end()) continue;
       if (++told <= most_told) eh.warning(text(json_path(*child), " is not a recognised key"));
     }
   }
@@ -115,6 +123,9 @@ void WARN_OF_UNKNOWN_KEYS(ERROR_HANDLER& eh, const JsonNode& root)
   });
   teller.list(root, "variables", of_variable);
   teller.list(root, "marker_file", of_marker_file);
+  teller.list(root, "pedigree_file", of_pedigree_file);
+  teller.each(root.find("grm_file"), [&](const JsonNode& entry) { teller.keys(entry, of_grm_file, of_marker_file); });
+  teller.list(root, "vcm", of_vcm);
   teller.list(root, "initial_values", of_initial_value);
   for (const JsonNode* model : models_of(root)) {
     teller.list(*model, "variables", of_variable);

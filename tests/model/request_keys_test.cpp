@@ -9,12 +9,13 @@ TEST(Request, KeysThatNothingReadsAreTold)
   Standardised s;
   standardise(R"j({"dataset":{"name":"d","nobs":1,"variables":[{"name":"y","field_typ":"x"}]},
       "data_file":{"name":"f.csv","skipp":1},"variables":[{"nam":"y"}],
-      "initial_values":[{"term":"a","val":1}],
+      "pedigree_file":{"name":"p.csv","selff":0.3},"grm_file":[{"name":"G.grm","centre":true,"prec":5}],
+      "vcm":[{"term":"a","values":[1],"id":1}],"initial_values":[{"term":"a","val":1}],
       "model":{"response":"y","fixed":{"terms":["a"],"zzz":1},"weights":"a+b",
         "random":{"terms":[{"term_name":"b","value":1},{"interaction":["c",{"term_name":"d","q":1}]},
           {"function":{"name":"idv","arguments":[{"value":"e","x":1}],"y":2},"initial_values":{"vals":1}}]}}})j", s);
   const char* const keys[] = {"dataset[1].nobs", "dataset[1].variables[1].field_typ", "data_file.skipp",
-                              "variables[1].nam", "initial_values[1].val", "model.fixed.zzz",
+                              "variables[1].nam", "pedigree_file.selff", "grm_file[1].prec", "vcm[1].id", "initial_values[1].val", "model.fixed.zzz",
                               "model.random.terms[1].value", "model.random.terms[2].interaction[2].q",
                               "model.random.terms[3].initial_values.vals",
                               "model.random.terms[3].function.y"};
