@@ -18,9 +18,8 @@ void add_unless_zero(JsonNode& node, std::string key, std::int64_t value)
   if (value != 0) node.add_value(std::move(key), value);
 }
 
-void add_record(JsonNode& list, const ERROR_MESSAGE& record)
+void fill_record(JsonNode& node, const ERROR_MESSAGE& record)
 {
-  JsonNode& node = list.add({}, JsonType::object);
   node.add_value("etype", static_cast<std::int64_t>(record.etype));
   node.add_value("ecode", static_cast<std::int64_t>(record.ecode));
   node.add_value("ecode_string", std::string(ecode_name(record.ecode)));
@@ -49,15 +48,34 @@ void ERROR_HANDLER::EH_ADD_TO_JPTR(JsonNode& node) const
   }
   if (messages_.empty()) return;
   JsonNode& list = node.add("messages", JsonType::array);
-  for (const ERROR_MESSAGE& record : messages_) add_record(list, record);
+  for (const ERROR_MESSAGE& record : messages_) fill_record(list.add({}, JsonType::object), record);
   add_names(node, stack_.entries);
 }
 
 std::string ERROR_HANDLER::EH_TO_JSTR() const
 {
-  JsonNode document(JsonType::object);
-  EH_ADD_TO_JPTR(document.add("error_information", JsonType::object));
-  return json_text(document);
+  // A message a row of bad data is millions of them: each is written on its own, so that no tree of all need stand.
+  ERROR_HANDLER head;
+  head.terminate_ = terminate_;
+  head.terminated_in_ = terminated_in_;
+  head.terminate_etype_ = terminate_etype_;
+  head.terminate_code_ = terminate_code_;
+  JsonNode node(JsonType::object);
+  head.EH_ADD_TO_JPTR(node);
+  std::string out = "{\"error_information\":" + json_text(node);
+  if (messages_.empty()) return out + "}";
+  out.back() = ',';
+  out += "\"messages\":[";
+  for (const ERROR_MESSAGE& record : messages_) {
+    node.set_object();
+    fill_record(node, record);
+    out += json_text(node);
+    out += ',';
+  }
+  out.back() = ']';
+  node.set_object();
+  add_names(node, stack_.entries);
+  return out + "," + json_text(node).substr(1) + "}";
 }
 
 }  // namespace tolvan
