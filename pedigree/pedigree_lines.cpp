@@ -13,6 +13,7 @@ namespace {
 constexpr std::size_t longest_line = std::size_t{1} << 20;
 constexpr std::size_t shown_of_a_line = 60;
 constexpr std::size_t fields_in_use = 4;
+constexpr std::int64_t most_faults = 100;  // lines at fault that are told; then reading ends
 
 /// What the lines are read with, and what was told once.
 struct READER {
@@ -21,6 +22,7 @@ struct READER {
   MISSING_TEXTS missing;
   std::vector<std::string> fields;  // of the line in hand; only the first `count` are in use
   std::size_t count = 0;
+  bool at_fault = false;            // the line in hand is
   bool told_separators = false;
   bool told_blanks = false;
 };
@@ -61,6 +63,7 @@ bool L_READLINE(ERROR_HANDLER& eh, READER& r, std::string_view line)
     if (is_blank(line.substr(0, slashes))) return false;
     eh.error(text("problem parsing \"//", line.substr(slashes + 2),
                   "\", move this text onto a seperate line"));  // sic
+    r.at_fault = true;
     return false;
   }
   if (is_blank(line)) return false;
@@ -103,7 +106,7 @@ std::int32_t code_of(const READER& r, NAME_CODES& names, std::string_view name)
 }
 
 /// L_FIELD_FOUR: the sex or the level of a line; an empty field is a male, a level of 0.
-void L_FIELD_FOUR(ERROR_HANDLER& eh, const READER& r, std::string_view field, PEDIGREE_LINE& line)
+void L_FIELD_FOUR(ERROR_HANDLER& eh, READER& r, std::string_view field, PEDIGREE_LINE& line)
 {
   const Frame here{eh, __func__};
   if (r.keys.sex_linked) {
@@ -119,7 +122,7 @@ void L_FIELD_FOUR(ERROR_HANDLER& eh, const READER& r, std::string_view field, PE
   } else {
     eh.error(text("Selfing value ", field, " is no level of selfing"));
   }
-  eh.continuation(text("pedigree line ", line.line));
+  r.at_fault = true;
 }
 
 /// L_LOOK_AT_THE_HEAD: warns of two-byte text; a byte order mark of UTF-8 is passed over.
@@ -170,32 +173,34 @@ void L_READ_PEDIGREE_LINES(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, PEDIGRE
   const auto skipped = static_cast<std::size_t>(keys.skip_fields);
   std::string_view line;
   const bool room = attempt([&] {
-    while (r.file.next_line(line)) {
+    std::int64_t faults = 0;
+    while (faults < most_faults && r.file.next_line(line)) {
       const std::int64_t number = r.file.line_number();
       if (number == 1 && marked) line.remove_prefix(3);
       if (number <= keys.skip) {
         if (number == 1) eh.note(text("pedigree header line: ", trim(line).substr(0, shown_of_a_line)));
         continue;
       }
+      r.at_fault = false;
       const bool found = L_READLINE(eh, r, line);
-      if (eh.terminate()) {
-        eh.continuation(text("pedigree line ", number));
-        return;
-      }
-      if (out.lines.empty() && looks_like_a_matrix(r, line)) {
+      if (out.lines.empty() && faults == 0 && looks_like_a_matrix(r, line)) {
         eh.error(text("expecting ", keys.name, " to be a pedigree file but found a GRM/GIV file instead"));
         return;
       }
-      if (!found) continue;
       const auto field = [&](std::size_t k) {
         return skipped + k < r.count ? std::string_view(r.fields[skipped + k]) : std::string_view();
       };
-      PEDIGREE_LINE& added = out.lines.emplace_back();
-      added.line = number;
-      added.id = code_of(r, out.names, field(0));
-      added.male = code_of(r, out.names, field(1));
-      added.female = code_of(r, out.names, field(2));
-      if (code) L_FIELD_FOUR(eh, r, field(3), added);
+      if (found) {
+        PEDIGREE_LINE& added = out.lines.emplace_back();
+        added.line = number;
+        added.id = code_of(r, out.names, field(0));
+        added.male = code_of(r, out.names, field(1));
+        added.female = code_of(r, out.names, field(2));
+        if (code) L_FIELD_FOUR(eh, r, field(3), added);
+      }
+      if (!r.at_fault) continue;
+      eh.continuation(text("pedigree line ", number));
+      if (++faults == most_faults) eh.continuation("further lines were not read");
     }
   });
   if (!room) return eh.out_of_memory();

@@ -50,7 +50,7 @@ void L_CHECK_LINES(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, const PEDIGREE_
 }
 
 /// L_DROP_REPEATS: keeps one line for each identity, in the place of the first; of a base individual that
-/// comes again with parents the latter count.
+/// comes again with parents the latter count.  Lines without an identity, which are told already, go.
 void L_DROP_REPEATS(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, PEDIGREE_LINES& lines)
 {
   const Frame here{eh, __func__};
@@ -61,6 +61,7 @@ void L_DROP_REPEATS(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, PEDIGREE_LINES
   std::size_t kept = 0;
   for (std::size_t k = 0; k < lines.lines.size(); ++k) {
     const PEDIGREE_LINE line = lines.lines[k];
+    if (line.id < 0) continue;
     std::int32_t& place = first[static_cast<std::size_t>(line.id)];
     if (place < 0) {
       place = static_cast<std::int32_t>(kept);
@@ -190,7 +191,6 @@ void AIPSRT(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, PEDIGREE_LINES& lines,
 {
   const Frame here{eh, __func__};
   L_CHECK_LINES(eh, keys, lines);
-  if (eh.terminate()) return;
   L_DROP_REPEATS(eh, keys, lines);
   if (eh.terminate()) return;
   constexpr std::int64_t least = 2;

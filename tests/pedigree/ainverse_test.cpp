@@ -263,6 +263,84 @@ TEST(Ainverse, TextbookPedigree)
   EXPECT_NEAR(out.logdet, -(2.0 * std::log(0.5) + std::log(0.75) + std::log(0.46875)), 1e-14);
 }
 
+/// Lines that are bred on: each generation mates the last in one way.
+struct Regular {
+  const char* name;
+  std::vector<double> printed;  // F of one generation after the other
+  PEDIGREE (*bred)(std::size_t generations);
+};
+
+void add(PEDIGREE& p, std::int32_t male, std::int32_t female, double sex = 0.0)
+{
+  p.id.push_back(static_cast<std::int32_t>(p.id.size()));
+  p.male.push_back(male);
+  p.female.push_back(female);
+  p.sex.push_back(sex);
+}
+
+/// A brother and a sister from each pair; the last row is a female of the last generation.
+PEDIGREE full_sibs(std::size_t generations)
+{
+  PEDIGREE p;
+  add(p, 0, 0, 0.0);
+  add(p, 0, 0, 1.0);
+  for (std::size_t t = 0; t <= generations; ++t) {
+    const auto last = static_cast<std::int32_t>(p.id.size());
+    add(p, last - 1, last, 0.0);
+    add(p, last - 1, last, 1.0);
+  }
+  return p;
+}
+
+/// One male on many females, all half sibs: each has one offspring, the first of them the next male.
+PEDIGREE half_sibs(std::size_t generations)
+{
+  PEDIGREE p;
+  std::size_t females = generations + 2;
+  for (std::size_t k = 0; k <= females; ++k) add(p, 0, 0);
+  for (std::size_t t = 0; t <= generations; ++t, --females) {
+    const auto first = static_cast<std::int32_t>(p.id.size() - females);  // row of the male
+    for (std::size_t k = 1; k <= females; ++k) add(p, first, first + static_cast<std::int32_t>(k));
+  }
+  return p;
+}
+
+PEDIGREE selfed(std::size_t generations)
+{
+  PEDIGREE p;
+  add(p, 0, 0);
+  for (std::size_t t = 1; t <= generations; ++t) add(p, static_cast<std::int32_t>(t), static_cast<std::int32_t>(t));
+  return p;
+}
+
+// Inbreeding of regular systems to the three digits printed in Falconer & Mackay (1996), Introduction to Quantitative
+// Genetics, 4th ed., table 5.1.  Of an X-linked locus brothers and sisters give females the same series (Wright 1933).
+TEST(Ainverse, RegularSystemsOfInbreeding)
+{
+  const Regular systems_of_inbreeding[] = {
+      {"selfing", {0.5, 0.75, 0.875, 0.938, 0.969, 0.984, 0.992}, selfed},
+      {"full sibs", {0.25, 0.375, 0.5, 0.594, 0.672, 0.734, 0.785, 0.826, 0.859, 0.886}, full_sibs},
+      {"half sibs", {0.125, 0.219, 0.305, 0.381, 0.449, 0.509, 0.563, 0.611, 0.654, 0.691}, half_sibs},
+  };
+  for (const Regular& each : systems_of_inbreeding) {
+    for (std::size_t t = 1; t <= each.printed.size(); ++t) {
+      SCOPED_TRACE(text(each.name, ", generation ", t));
+      PEDIGREE p = each.bred(t);
+      for (const bool x_linked : {false, true}) {
+        if (x_linked && each.bred != full_sibs) continue;
+        if (!x_linked) p.sex.clear();
+        if (x_linked) p = each.bred(t);
+        for (const bool by_sires : {true, false}) {
+          ERROR_HANDLER eh;
+          AINVERSE out;
+          ASSERT_EQ(K4MAIG(eh, p, {.by_sires = by_sires}, out), p.rows());
+          EXPECT_NEAR(out.inbreeding.back(), each.printed[t - 1], 0.0005 + 1e-12);
+        }
+      }
+    }
+  }
+}
+
 // Repeated selfing and brother-sister mating tend to full inbreeding, which is held short of 1.
 TEST(Ainverse, InbreedingIsHeldBelowOne)
 {

@@ -128,6 +128,17 @@ TEST(PedigreeFile, Complaints)
        "9999/3 the identity is missing in line 2\n"},
       {"a,0,0\nb,a,0\nb,0,a\n", csv,
        "!4/3 contradictory pedigree line b 0 a was given as b a 0\n9999/3 lines 3 and 2\n"},
+      {"a,0,0\nb,a,b\nc,a,0\n,a,0\nc,0,a\nd,d,0\n", csv,
+       "1/- Multiple successive COMMAs/TABs imply unknown parent\n"
+       "!4/3 an individual cannot be its own parent, faulty pedigree line 2\n"
+       "!4/3 failed to process the pedigree file,  having identified 4 individuals from 4 lines of pedigree file FILE\n"
+       "9999/3 the identity is missing in line 4\n"
+       "!4/3 an individual cannot be its own parent, faulty pedigree line 6\n"
+       "!4/3 contradictory pedigree line c 0 a was given as c a 0\n9999/3 lines 5 and 3\n"},
+      {"s,0,0,3\nd,0,0,2\n// a remark\nx,s,d,no\ny,s // here\n", csv + R"(,"xlinkr":"1")",
+       "!4/3 Invalid Sex Code in pedigree field 4.\n9999/3 pedigree line 1\n"
+       "!4/3 Invalid Sex Code in pedigree field 4.\n9999/3 pedigree line 4\n"
+       "!4/3 problem parsing \"// here\", move this text onto a seperate line\n9999/3 pedigree line 5\n"},
       {"a,0,0\nb,a,0\n", csv + R"(,"alpha":1)",
        "!4/3 an ALPHA pedigree must contain more than 2 individuals\n"},
       {"b,a,0\na,0,0\n", csv,
