@@ -36,18 +36,54 @@ Problem set_options(const FitArguments& arguments, Json& request)
   return {};
 }
 
-/// Files of markers are named as seen from the request, too.  The name of an entry stays: model terms use it.
-void find_markers(const FitArguments& arguments, Json& request)
+/// Calls for each object of a list of the request that may also be its only entry.
+template <class Work>
+void each_entry(Json& request, const char* key, Work&& work)
 {
-  Json* list = request.find("marker_file");
+  Json* list = request.find(key);
   if (list == nullptr) return;
-  const auto find = [&](Json& entry) {
-    const Json* file = entry.string_at("file");
-    if (file == nullptr) file = entry.string_at("name");
-    if (entry.is(JsonKind::object) && file != nullptr) entry.set("file", json_string(beside(arguments.request, file->text)));
+  const auto at = [&](Json& entry) {
+    if (entry.is(JsonKind::object)) work(entry);
   };
-  if (list->is(JsonKind::object)) find(*list);
-  if (list->is(JsonKind::array)) std::for_each(list->items.begin(), list->items.end(), find);
+  if (list->is(JsonKind::object)) at(*list);
+  if (list->is(JsonKind::array)) std::for_each(list->items.begin(), list->items.end(), at);
+}
+
+/// All files of the request are named as seen from it, wherever the driver is started.  The name of a matrix stays: model
+/// terms use it.
+void find_files(const FitArguments& arguments, Json& request)
+{
+  const auto seen = [&](const std::string& name) { return json_string(beside(arguments.request, name)); };
+  const auto set_seen = [&](Json& entry, const char* key) {
+    if (const Json* name = entry.string_at(key)) entry.set(key, seen(name->text));
+  };
+  if (Json* file = request.find("data_file")) set_seen(*file, "name");
+  std::set<std::string> markers;
+  each_entry(request, "marker_file", [&](Json& entry) {
+    if (const Json* name = entry.string_at("name")) markers.insert(name->text);
+  });
+  for (const char* list : {"marker_file", "grm_file", "pedigree_file"}) {
+    each_entry(request, list, [&](Json& entry) {
+      const Json* type = entry.string_at("type");
+      if (type != nullptr && type->text == "ft_data") return;
+      set_seen(entry, "trim");
+      Json* file = entry.find("file");
+      const Json* name = entry.string_at("name");
+      if (file != nullptr && file->is(JsonKind::array)) {
+        for (Json& each : file->items) {
+          if (each.is(JsonKind::string)) each.text = beside(arguments.request, each.text);
+        }
+      } else if (file != nullptr) {
+        set_seen(entry, "file");
+      } else if (name != nullptr) {
+        entry.set("file", seen(name->text));
+      }
+    });
+  }
+  each_entry(request, "mbf", [&](Json& entry) {  // a definition may name markers by their entry
+    const Json* file = entry.string_at("file");
+    if (file != nullptr && !markers.contains(file->text)) set_seen(entry, "file");
+  });
 }
 
 /// The part of name=file.csv before its sign.
@@ -113,13 +149,7 @@ Problem prepare_request(const FitArguments& arguments, Request& out)
   std::optional<Json> request = read_json(out.document);
   if (request && request->is(JsonKind::object)) {
     if (const Json* title = request->string_at("title")) out.title = title->text;
-    // A data file is named as seen from the request, wherever the driver is started.
-    if (Json* file = request->find("data_file")) {
-      if (const Json* name = file->string_at("name")) {
-        file->set("name", json_string(beside(arguments.request, name->text)));
-      }
-    }
-    find_markers(arguments, *request);
+    find_files(arguments, *request);
     if (Problem p = check_dataset_names(arguments, *request)) return p;
     if (Problem p = add_datasets(arguments, *request, out)) return p;
     if (Problem p = set_options(arguments, *request)) return p;

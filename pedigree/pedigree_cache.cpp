@@ -26,8 +26,8 @@ constexpr int key_bits_from = 2;  // above the flags: a hash of the keys
 
 std::string cache_of(const PEDIGREE_KEYS& keys)
 {
-  const std::size_t slash = keys.name.find_last_of('/');
-  return (slash == std::string::npos ? std::string() : keys.name.substr(0, slash + 1)) + "ainverse.bin";
+  const std::size_t slash = keys.path.find_last_of('/');
+  return (slash == std::string::npos ? std::string() : keys.path.substr(0, slash + 1)) + "ainverse.bin";
 }
 
 /// FNV-1a, over bytes behind others.
@@ -141,8 +141,8 @@ bool L_AIPEDA_READ_PEDIGREE_INFO_FROM_FILE(ERROR_HANDLER& eh, const PEDIGREE_KEY
     const auto time = bytes.take<std::int64_t>();
     const std::string_view before(contents.data(), contents.size() - bytes.left.size());
     const auto hash = bytes.take<std::uint64_t>();
-    sound = bytes.sound && hash == hash_more(hash_of_nothing, before) && bytes.left.empty() && source == keys.name && size == file_size(keys.name) &&
-            time == file_time(keys.name);
+    sound = bytes.sound && hash == hash_more(hash_of_nothing, before) && bytes.left.empty() && source == keys.path && size == file_size(keys.path) &&
+            time == file_time(keys.path);
   });
   if (!room) eh.out_of_memory();
   if (sound) {
@@ -186,9 +186,9 @@ void L_AIPEDA_WRITE_PEDIGREE_INFO_TO_FILE(ERROR_HANDLER& eh, const PEDIGREE_KEYS
       put_text(out, label);
       flush(chunk);
     }
-    put_text(out, keys.name);
-    put(out, file_size(keys.name));
-    put(out, file_time(keys.name));
+    put_text(out, keys.path);
+    put(out, file_size(keys.path));
+    put(out, file_time(keys.path));
     flush(0);
     put(out, hash);
     flush(0);

@@ -19,7 +19,8 @@ namespace tolvan {
 
 /// What an entry of pedigree_file asks for.
 struct PEDIGREE_KEYS {
-  std::string name;
+  std::string name;              // of the matrix, which model terms use
+  std::string path;              // of the file, the name unless `file` tells another
   bool comma_separated = false;  // type ft_csv
   std::int64_t skip = 0;         // lines at the head
   std::int64_t skip_fields = 0;  // fields at the head of each line

@@ -26,7 +26,8 @@ void L_READ_SOURCE(ERROR_HANDLER& eh, const JsonNode& entry, PEDIGREE_KEYS& keys
   if (name == nullptr) return REPORT_JSON_ERROR(eh, entry, "name");
   if (!name->is(JsonType::string) || is_blank(name->text()))
     return REPORT_JSON_ERROR(eh, *name, {"the name of a file"});
-  keys.name = name->text();
+  keys.name = keys.path = name->text();
+  if (const std::string file = L_TEXT_UNDER(eh, entry, "file"); !is_blank(file)) keys.path = file;
   const JsonNode* type = given_value(entry, "type");
   keys.comma_separated = type != nullptr && type->is_text("ft_csv");
   if (!keys.comma_separated && (type == nullptr || !type->is_text("ft_text"))) {

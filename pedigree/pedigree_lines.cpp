@@ -162,12 +162,12 @@ void L_READ_PEDIGREE_LINES(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, PEDIGRE
 {
   const Frame here{eh, __func__};
   bool marked = false;
-  L_LOOK_AT_THE_HEAD(eh, keys.name, marked);
+  L_LOOK_AT_THE_HEAD(eh, keys.path, marked);
   if (eh.terminate()) return;
   READER r{.keys = keys, .file = {}, .missing = {}, .fields = {}};
   r.file.limit_lines(longest_line);
-  r.file.open(keys.name);
-  eh.note(text("reading pedigree file ", keys.name,
+  r.file.open(keys.path);
+  eh.note(text("reading pedigree file ", keys.path,
                keys.skip > 0 ? text(": skipping ", keys.skip, " lines") : std::string()));
   const bool code = keys.sex_linked || keys.levels();
   const auto skipped = static_cast<std::size_t>(keys.skip_fields);
@@ -184,7 +184,7 @@ void L_READ_PEDIGREE_LINES(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, PEDIGRE
       r.at_fault = false;
       const bool found = L_READLINE(eh, r, line);
       if (out.lines.empty() && faults == 0 && looks_like_a_matrix(r, line)) {
-        eh.error(text("expecting ", keys.name, " to be a pedigree file but found a GRM/GIV file instead"));
+        eh.error(text("expecting ", keys.path, " to be a pedigree file but found a GRM/GIV file instead"));
         return;
       }
       const auto field = [&](std::size_t k) {
@@ -205,8 +205,8 @@ void L_READ_PEDIGREE_LINES(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, PEDIGRE
   });
   if (!room) return eh.out_of_memory();
   if (r.file.error().empty() || eh.terminate()) return;
-  eh.error(text("error reading from ", keys.grandsire ? "DamMGS" : keys.name), Ecode::io_error);
-  eh.continuation(text(keys.name, ", line ", r.file.line_of_fault(), ": ", r.file.error()));
+  eh.error(text("error reading from ", keys.grandsire ? "DamMGS" : keys.path), Ecode::io_error);
+  eh.continuation(text(keys.path, ", line ", r.file.line_of_fault(), ": ", r.file.error()));
 }
 
 }  // namespace tolvan

@@ -99,7 +99,7 @@ void L_WRITE_SORTED_PEDIGREE(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, const
                              const std::vector<std::string>& labels)
 {
   const Frame here{eh, __func__};
-  const std::string path = without_extension(keys.name) + ".srt";
+  const std::string path = without_extension(keys.path) + ".srt";
   const std::vector<bool> is_parent = parents_of(pedigree);
   FileWriter file;
   file.open(path);
@@ -120,7 +120,7 @@ void L_WRITE_SORTED_PEDIGREE(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, const
 void L_AIPEDA_WRITE_DIAGONAL_AINVERSE(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, const FIT_PEDIGREE& p)
 {
   const Frame here{eh, __func__};
-  const std::string path = without_extension(keys.name) + ".aif";
+  const std::string path = without_extension(keys.path) + ".aif";
   // The inbreeding of the sex-linked inverse is that at an X-linked locus; the autosomal one stands beside
   // it.
   std::vector<double> autosomal;
@@ -151,7 +151,7 @@ void L_AIPEDA_WRITE_DIAGONAL_AINVERSE(ERROR_HANDLER& eh, const PEDIGREE_KEYS& ke
 void L_AIPEDA_WRITE_GIV(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, const FIT_PEDIGREE& p)
 {
   const Frame here{eh, __func__};
-  const std::string root = without_extension(keys.name);
+  const std::string root = without_extension(keys.path);
   const SPARSE_MTX_LLIST& a = p.inverse.matrix;
   L_WRITE_ELEMENTS(eh, root + "_A.giv", [&](auto&& put) {
     for (std::int64_t i = 0; i < a.order; ++i) {

@@ -30,7 +30,7 @@ void L_CHECK_LINES(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, const PEDIGREE_
     if (line.id < 0) {
       if (++without_identity == 1) {
         eh.error(text("failed to process the pedigree file,  having identified ", lines.names.size(),
-                      " individuals from ", line.line, " lines of pedigree file ", keys.name));
+                      " individuals from ", line.line, " lines of pedigree file ", keys.path));
       }
       if (without_identity <= most_rows_told)
         eh.continuation(text("the identity is missing in line ", line.line));
@@ -198,7 +198,7 @@ void AIPSRT(ERROR_HANDLER& eh, const PEDIGREE_KEYS& keys, PEDIGREE_LINES& lines,
     eh.error(keys.alpha ? std::string("an ALPHA pedigree must contain more than 2 individuals")
                         : text("failed to process the pedigree file,  having identified ", lines.names.size(),
                                " individuals from ", std::ssize(lines.lines), " lines of pedigree file ",
-                               keys.name));
+                               keys.path));
     return;
   }
   L_LIST_PARENTS(eh, keys, lines, out);

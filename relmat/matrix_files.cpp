@@ -38,7 +38,8 @@ void L_READ_MATRIX_KEYS(ERROR_HANDLER& eh, const JsonNode& entry, MATRIX_KEYS& k
     REPORT_JSON_ERROR(eh, *name, {"the name of a file or a dataset"});
     return;
   }
-  keys.name = name->text();
+  keys.name = keys.path = name->text();
+  if (const std::string file = L_TEXT_UNDER(eh, entry, "file"); !is_blank(file)) keys.path = file;
   if (const JsonNode* type = given_value(entry, "type")) keys.type = type->text();
   for (const char* key : {"dense", "psd", "nsd", "savegiv", "nullsing", "nonull", "invert"}) {
     const JsonNode* node = given_value(entry, key);
@@ -100,7 +101,7 @@ const MATRIX_KIND* L_FIND_FILE(ERROR_HANDLER& eh, const std::string& name, std::
 bool L_READ_FROM_FILE(ERROR_HANDLER& eh, const MATRIX_KEYS& keys, MATRIX_INPUT& in)
 {
   const Frame here{eh, __func__};
-  const MATRIX_KIND* kind = L_FIND_FILE(eh, keys.name, in.origin);
+  const MATRIX_KIND* kind = L_FIND_FILE(eh, keys.path, in.origin);
   if (kind == nullptr) return false;
   const std::string path = in.origin;
   if (kind->coding == Coding_of_file::text) {

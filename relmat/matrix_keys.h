@@ -18,7 +18,8 @@
 namespace tolvan {
 
 struct MATRIX_KEYS {
-  std::string name;
+  std::string name;            // of the matrix, which model terms use
+  std::string path;            // of the file, the name unless `file` tells another
   std::string type;            // "ft_data" for a dataset, else a file
   std::int64_t skip = 0;       // lines at the head of a text file
   bool dense = false;          // three columns of a dataset are no elements; an inverse is stored dense

@@ -351,6 +351,25 @@ class Grm(InAFolder):
             self.assertIn(says, run.stderr)
 
 
+class FilesOfARequest(InAFolder):
+    def test_all_are_named_as_seen_from_the_request(self):
+        self.write("d.csv", "line,y\n" + "".join(f"{line},{y}\n" for line, y in zip("123" * 4, (3, 5, 4, 3.5, 4, 4.5, 2.5, 5.5, 4, 3, 6, 5))))
+        self.write("p.csv", "1,0,0\n2,0,0\n3,1,2\n")
+        self.write("g.grm", "1\n0 1\n0.5 0.5 1\n")
+        self.write("c1.grr", "id a b\n1 0 1\n2 1 1\n3 2 0\n")
+        self.write("c2.grr", "id c\n3 1\n2 2\n1 0\n")
+        found = []
+        for key, entry in (("pedigree_file", {"name": "p.csv", "type": "ft_csv"}), ("grm_file", {"name": "g.grm"}),
+                           ("marker_file", {"name": "G", "file": ["c1.grr", "c2.grr"], "mdfoffset": 0.5})):
+            request = self.write("r.json", {"data_file": {"name": "d.csv", "skip": 1}, "variables": [
+                {"name": "line", "field_type": "vt_integer_factor_1_to_n", "number_of_levels": 3}, {"name": "y"}],
+                key: entry, "model": {"response": "y", "random": f"vm(line,{entry['name']})"}})
+            run = tolvan("fit", request, "--json")
+            self.assertIn(run.returncode, (0, 4), run.stderr)
+            found.append(json.loads(run.stdout)["scalars"]["SCALAR_LOGLIK"])
+        self.assertAlmostEqual(found[0], found[1], 7)
+
+
 class Failures(InAFolder):
     def refused(self, code, *arguments, says=""):
         run = tolvan("fit", *arguments)
