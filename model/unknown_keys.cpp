@@ -36,7 +36,7 @@ constexpr std::string_view of_marker_file[] = {
     "name",   "file", "type", "skip", "header", "nokey", "cskip", "gidname",   "snpname",  "markers",   "range",     "ids",      "method", "gscale", "smode",
     "centre", "offset", "psd", "nsd", "precision", "save", "pev", "fbb", "fbboffset", "rtmethod", "mdfoffset", "hadamard", "giv", "ldet", "invert"};
 constexpr std::string_view of_pedigree_file[] = {
-    "name",  "type",  "skip",   "cskip",   "repeat", "alpha", "uppercase", "long", "aif",  "giv", "make", "method", "group",
+    "name",  "file", "type",  "skip",   "cskip",   "repeat", "alpha", "uppercase", "long", "aif",  "giv", "make", "method", "group",
     "goffset", "dom", "xlinkr", "mgs", "inbred", "fgen", "bee", "self", "reduce", "sort", "trim"};
 // A file of markers may stand in this list, too.
 constexpr std::string_view of_grm_file[] = {"name",     "type",     "skip",   "dense", "psd",  "nsd",    "group", "savegiv",
