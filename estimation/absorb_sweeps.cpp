@@ -19,7 +19,10 @@ constexpr int64_t tile_columns = 32;    // right-hand sides that go through toge
 constexpr int64_t rows_at_once = 512;   // of a large node above the subtrees, for one thread
 constexpr int64_t sums_at_once = 40;    // columns of such a node
 constexpr double shared_above = 2e5;    // multiplications in a node that are worth sharing
+constexpr int64_t transposed_rows = 64; // at a time
 constexpr int lanes = 4;                // buffers in which the subtrees leave what belongs further up
+
+constexpr int64_t narrow_square = 24;   // columns of a node whose square is solved without BLAS
 
 // A node this narrow, or a lone right-hand side on a small one, is done without BLAS.
 bool is_plain(const SNODE& node, int64_t columns)
@@ -54,7 +57,7 @@ void forward_square(const FACTOR& factor, const SNODE& node, const SIDES& b)
   const double* l = factor.panel.data() + node.panel;
   const int64_t width = node.width();
   double* top = b.x + node.first * b.columns;
-  if (b.columns > 1 && !is_plain(node, b.columns)) {
+  if (b.columns > 1 && width > narrow_square) {
     dtrsm('R', 'L', 'T', 'U', b.columns, width, 1.0, l, node.rows, top, b.columns);
     return;
   }
@@ -73,6 +76,13 @@ void forward_rows(const FACTOR& factor, const SNODE& node, const SIDES& b, int64
   const double* l = factor.panel.data() + node.panel;
   const double* top = b.x + node.first * b.columns;
   if (rows == 0) return;
+  if (b.columns == 1 && is_plain(node, 1)) {
+    for (int64_t k = 0; k < width; ++k) {
+      const double* lk = l + k * ld;
+      for (int64_t r = begin; r < end; ++r) *b.row(row[r]) -= lk[r] * top[k];
+    }
+    return;
+  }
   if (is_plain(node, b.columns)) {
     for (int64_t r = begin; r < end; ++r) {
       double* x = b.row(row[r]);
@@ -106,6 +116,15 @@ void backward(const FACTOR& factor, const SNODE& node, const SIDES& b, int threa
   for (int64_t k = 0; k < width; ++k) {
     for (int64_t c = 0; c < columns; ++c) top[c + k * columns] *= reciprocal[k];
   }
+  if (columns == 1 && is_plain(node, 1)) {
+    for (int64_t k = width - 1; k >= 0; --k) {
+      const double* lk = l + k * ld;
+      double sum = top[k];
+      for (int64_t r = k + 1; r < ld; ++r) sum -= lk[r] * b.x[row[r]];
+      top[k] = sum;
+    }
+    return;
+  }
   if (is_plain(node, columns)) {
     for (int64_t k = width - 1; k >= 0; --k) {
       const double* lk = l + k * ld;
@@ -128,15 +147,13 @@ void backward(const FACTOR& factor, const SNODE& node, const SIDES& b, int threa
       }
     });
   }
-  if (columns > 1) {
+  if (columns > 1 && width > narrow_square) {
     dtrsm('R', 'L', 'N', 'U', columns, width, 1.0, l, ld, top, columns);
     return;
   }
   for (int64_t k = width - 1; k >= 0; --k) {
     const double* lk = l + k * ld;
-    double sum = top[k];
-    for (int64_t r = k + 1; r < width; ++r) sum -= lk[r] * top[r];
-    top[k] = sum;
+    for (int64_t r = k + 1; r < width; ++r) subtract(columns, lk[r], top + r * columns, top + k * columns);
   }
 }
 
@@ -150,14 +167,20 @@ int64_t longest_node(const FACTOR& factor)
 // Columns of b, n by count, to rows, and back.
 void to_rows(const double* b, int64_t n, int64_t count, double* x)
 {
-  for (int64_t c = 0; c < count; ++c) {
-    for (int64_t p = 0; p < n; ++p) x[p * count + c] = b[p + c * n];
+  for (int64_t from = 0; from < n; from += transposed_rows) {
+    const int64_t to = std::min(n, from + transposed_rows);
+    for (int64_t c = 0; c < count; ++c) {
+      for (int64_t p = from; p < to; ++p) x[p * count + c] = b[p + c * n];
+    }
   }
 }
 void to_columns(const double* x, int64_t n, int64_t count, double* b)
 {
-  for (int64_t c = 0; c < count; ++c) {
-    for (int64_t p = 0; p < n; ++p) b[p + c * n] = x[p * count + c];
+  for (int64_t from = 0; from < n; from += transposed_rows) {
+    const int64_t to = std::min(n, from + transposed_rows);
+    for (int64_t c = 0; c < count; ++c) {
+      for (int64_t p = from; p < to; ++p) b[p + c * n] = x[p * count + c];
+    }
   }
 }
 

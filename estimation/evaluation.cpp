@@ -367,13 +367,12 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
     }
     list_active(model, ev);
     set_units(model, q, ev);
-    WORKING_VARIABLES working;
     {
       const Timed part{in.timing, "K4MWVG", "K4MITR"};
-      K4MWVG(eh, in, model, q, ev, working);
-      K4MWVR(eh, model, q, ev, working);
+      K4MWVG(eh, in, model, q, ev, work.working);
+      K4MWVR(eh, model, q, ev, work.working);
     }
-    K4MWVA(eh, in, q, working, threads, ev);
+    K4MWVA(eh, in, q, work.working, threads, ev);
     if (eh.terminate()) return;
   }
   if (work.aiopt(Ai::outliers) > 1 && work.aiopt(Ai::final_pass) > 0) {
@@ -387,7 +386,7 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
     ev.inverse_diagonal.resize(static_cast<std::size_t>(q.n));
   }
   {
-    std::vector<double> inverse;
+    std::vector<double>& inverse = work.inverse;
     gather_inverse(q.factor, q.c, inverse, threads);
     for (std::int64_t p = 0; p < q.n; ++p) {
       ev.inverse_diagonal[static_cast<std::size_t>(p)] = inverse[static_cast<std::size_t>(q.c.start[static_cast<std::size_t>(p)])];

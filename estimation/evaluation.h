@@ -66,6 +66,27 @@ struct UPDATE_START {
   INFORMATION information;  // followers folded into their masters
 };
 
+/// The working variables of the active parameters as alpha_i e + W a_i + f_i, e = y - W b being the residuals.
+///
+/// w_i = Hdot_i P y (Gilmour, Thompson & Cullis 1995).  For a parameter of G it is Z Gdot G^-1 u, which is W a_i with a_i formed
+/// component by component: Gdot G^-1 is Rdot_c R_c^-1 along the component c that holds the parameter and the identity along the
+/// others.  For the profiled residual scale it is y less its fixed part, e + Z u; for a variance v of the whole residual e / v;
+/// for any other parameter of R it is f_i = Rdot R^-1 e within its section.  Since W'R^-1 e is G^-1 u in the equations of random
+/// terms and zero in the others, only the f_i need passes over the data.
+struct WORKING_VARIABLES {
+  std::vector<double> alpha;          // one an active parameter
+  std::vector<double> a;              // n by active, elimination order
+  std::vector<std::uint8_t> has_a;    // one an active parameter: whether its a is not all zero
+  struct DATA_BLOCK {                 // the f_i of one section, zero outside it
+    std::int64_t first = 0;           // row of the design
+    std::size_t records = 0;
+    std::vector<std::int64_t> parameter;  // positions among the active ones
+    std::vector<double> f;            // records by parameters
+  };
+  std::vector<DATA_BLOCK> data;
+  std::vector<double> tile;             // scratch of K4MWVA
+};
+
 /// What evaluations share with the fit driver.
 struct FIT_WORK {
   AIOPT aiopt;
@@ -82,6 +103,8 @@ struct FIT_WORK {
   double tolerance = 1e-8;                // t0 of the singularity rule, tightened once at most
   bool default_tolerance = true;
   CANCEL cancel;
+  std::vector<double> inverse;            // C-inverse on the pattern of C; as `working`, kept for its room alone
+  WORKING_VARIABLES working;
 };
 
 /// The unchanging inputs of a fit.
@@ -120,25 +143,7 @@ std::int64_t degrees_of_freedom(const FIT_MODEL& in, const VARIANCE_MODEL& model
 /// Takes the step from the best evaluation anew, with the damping that the update state now has: nothing is evaluated.
 void step_from_best(ERROR_HANDLER& eh, std::int64_t iteration, double gain, VARIANCE_MODEL& model, FIT_WORK& work);
 
-/// K4MWVG: the working variables of the active parameters as alpha_i e + W a_i + f_i, e = y - W b being the residuals.
-///
-/// w_i = Hdot_i P y (Gilmour, Thompson & Cullis 1995).  For a parameter of G it is Z Gdot G^-1 u, which is W a_i with a_i formed
-/// component by component: Gdot G^-1 is Rdot_c R_c^-1 along the component c that holds the parameter and the identity along the
-/// others.  For the profiled residual scale it is y less its fixed part, e + Z u; for a variance v of the whole residual e / v;
-/// for any other parameter of R it is f_i = Rdot R^-1 e within its section.  Since W'R^-1 e is G^-1 u in the equations of random
-/// terms and zero in the others, only the f_i need passes over the data.
-struct WORKING_VARIABLES {
-  std::vector<double> alpha;          // one an active parameter
-  std::vector<double> a;              // n by active, elimination order
-  std::vector<std::uint8_t> has_a;    // one an active parameter: whether its a is not all zero
-  struct DATA_BLOCK {                 // the f_i of one section, zero outside it
-    std::int64_t first = 0;           // row of the design
-    std::size_t records = 0;
-    std::vector<std::int64_t> parameter;  // positions among the active ones
-    std::vector<double> f;            // records by parameters
-  };
-  std::vector<DATA_BLOCK> data;
-};
+/// K4MWVG: forms the working variables, but for what K4MWVR adds.
 void K4MWVG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& equations,
             const EVALUATION& ev, WORKING_VARIABLES& working);
 /// K4MWVR: the residual part of the same.

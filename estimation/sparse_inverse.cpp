@@ -198,11 +198,12 @@ void add_rows(const GROUP& group, const PANEL& p, int64_t from, int64_t to)
 void multiply_in_place(INVERSION& run, const PANEL& p, const std::vector<GROUP>& groups, int64_t count,
                        int threads)
 {
-  const int64_t blocks = (p.below + tile_rows - 1) / tile_rows;  // about as many tiles, cut between groups
+  const int64_t tile = inverse_tile_rows(p.below);
+  const int64_t blocks = (p.below + tile - 1) / tile;  // about as many tiles, cut between groups
   share(threads, blocks, [&](int64_t k, int) {
     const auto cut = [&](int64_t at) {
       return std::partition_point(groups.begin(), groups.begin() + count,
-                                  [&](const GROUP& g) { return g.begin - p.width < at * tile_rows; }) -
+                                  [&](const GROUP& g) { return g.begin - p.width < at * tile; }) -
              groups.begin();
     };
     const int64_t first = cut(k), last = cut(k + 1);
@@ -219,13 +220,13 @@ void multiply_in_place(INVERSION& run, const PANEL& p, const std::vector<GROUP>&
 void multiply_gathered(INVERSION& run, int32_t s, const PANEL& p, int threads, INVERSE_WORK& work)
 {
   const FACTOR& factor = run.factor;
-  const bool tiled = p.below > untiled_rows;
+  const bool tiled = p.below > inverse_untiled_rows;
   for (int64_t b = factor.block_start[s], b_end = factor.block_start[s + 1];
        b < b_end && !run.watch.stop();) {
     const GROUP group = next_group(run, factor.nodes[s], b, b_end, threads, work);
     const int64_t columns = group.end - group.begin, rows = p.ld - group.begin;
     const int forked = static_cast<double>(rows) * columns * p.width > fork_above ? threads : 1;
-    const int64_t tile = tiled ? tile_rows : rows;
+    const int64_t tile = tiled ? inverse_tile_rows(p.below) : rows;
     share(forked, (rows + tile - 1) / tile, [&](int64_t k, int) {
       add_columns(group, p, group.begin + k * tile, std::min(group.begin + (k + 1) * tile, p.ld));
     });
@@ -244,11 +245,11 @@ void invert_node(INVERSION& run, int32_t s, int threads, INVERSE_WORK& work)
   const int64_t ld = node.rows, width = node.width(), below = ld - width;
   double* panel = factor.panel.data() + node.panel;
   double* y = work.y.data();
-  const bool tiled = below > untiled_rows;
+  const bool tiled = below > inverse_untiled_rows;
   const int forked = static_cast<double>(below) * width * below > fork_above ? threads : 1;
 
   if (below > 0) {
-    const int64_t tile = tiled ? tile_rows : below;
+    const int64_t tile = tiled ? inverse_tile_rows(below) : below;
     share(forked, (below + tile - 1) / tile, [&](int64_t k, int) {
       const int64_t from = k * tile, rows = std::min(tile, below - from);
       for (int64_t j = 0; j < width; ++j) {

@@ -19,8 +19,11 @@ namespace tolvan {
 inline constexpr std::int32_t widest_panel = 160;  // columns of a node
 inline constexpr std::int64_t block_columns =
     80;                                         // columns factorised before the rest of the node is updated
-inline constexpr std::int64_t tile_rows = 256;  // rows of a large node that one thread works on at a time
-inline constexpr std::int64_t untiled_rows = 384;  // nodes of up to so many rows are one tile
+// Rows of a large node that one thread works on at a time, and how many make it large: more for the factor, where
+// threads need not wait for each other.
+inline constexpr std::int64_t tile_rows = 512, untiled_rows = 640;
+inline constexpr std::int64_t inverse_untiled_rows = 384;
+inline std::int64_t inverse_tile_rows(std::int64_t below) { return std::max<std::int64_t>(256, below / 8); }
 
 // Rows by width by rows above which threads share a node: some 100 microseconds of work.
 inline constexpr double fork_above = 4e6;

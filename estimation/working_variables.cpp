@@ -269,9 +269,11 @@ void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, WO
       add_to_equations(q, static_cast<std::size_t>(block->first), block->records, values.data() + p * block->records, c + (j - j0) * n);
     });
   };
-  // The rest of the corner is c_j'a_i.  The tiles are formed again for b_i = W'R^-1 w_i = alpha_i g + c_i, in the place of a_i, so
-  // that there never are two matrices of equations by parameters.
-  std::vector<double> c(n * std::min(tile, k));
+  // The rest of the corner is c_j'a_i.  Tiles, if there are several, are formed again for b_i = W'R^-1 w_i = alpha_i g + c_i,
+  // in the place of a_i, so that there never are two large matrices of equations by parameters.
+  const bool one_tile = k <= tile;
+  std::vector<double>& c = working.tile;
+  c.resize(n * std::min(tile, k));
   std::vector<double> product;
   TALL_WORK work;
   for (std::size_t j0 = 0; j0 < k && a_end > 0; j0 += tile) {
@@ -290,10 +292,14 @@ void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, WO
     }
   }
   std::vector<double>& b = working.a;
+  if (one_tile && a_end == 0) form_tile(0, k, c.data());
+  if (one_tile) b.swap(c);
   for (std::size_t j0 = 0; j0 < k; j0 += tile) {
     const std::size_t width = std::min(tile, k - j0);
-    form_tile(j0, width, c.data());
-    std::copy_n(c.data(), width * n, b.data() + j0 * n);
+    if (!one_tile) {
+      form_tile(j0, width, c.data());
+      std::copy_n(c.data(), width * n, b.data() + j0 * n);
+    }
     for (std::size_t j = j0; j < j0 + width; ++j) {
       if (working.alpha[j] != 0.0) daxpy(q.n, working.alpha[j], g, 1, b.data() + j * n, 1);
     }
