@@ -27,7 +27,9 @@ Problem make_request(const GrmArguments& arguments, std::string& request)
   request = "{\"marker_file\":{\"name\":" + quoted(arguments.markers.front()) + ",\"file\":[";
   for (const std::string& file : arguments.markers) request += (&file == arguments.markers.data() ? "" : ",") + quoted(file);
   request += "]";
-  const auto add = [&request](const char* key, const std::string& value) { request += std::string(",\"") + key + "\":" + value; };
+  const auto add = [&request](const char* key, const std::string& value) {
+    request += std::string(",\"") + key + "\":" + value;
+  };
   if (arguments.header) add("header", "true");
   if (arguments.no_label) add("nokey", "true");
   if (!arguments.label_column.empty()) add("gidname", quoted(arguments.label_column));

@@ -1,6 +1,8 @@
 // Routines: L_NUMBER_UNDER, L_COUNT_UNDER, L_CODE_UNDER, L_TEXT_UNDER.
 #include "data/entry_values.h"
 
+#include <algorithm>
+
 #include "base/text.h"
 #include "data/request_values.h"
 #include "model/request.h"
@@ -46,9 +48,9 @@ std::optional<double> L_NUMBER_UNDER(ERROR_HANDLER& eh, const JsonNode& entry, s
 std::int64_t L_COUNT_UNDER(ERROR_HANDLER& eh, const JsonNode& entry, std::string_view key, bool negative)
 {
   const Frame here{eh, __func__};
-  constexpr double most = 1e15;  // what is larger is no count of anything
-  const std::optional<double> x = L_NUMBER_UNDER(eh, entry, key, true, negative ? -HUGE_VAL : 0.0);
-  return x && std::abs(*x) <= most ? static_cast<std::int64_t>(*x) : 0;
+  constexpr double most = 1e15;  // a double tells integers apart up to there, and nothing is counted beyond
+  const double x = L_NUMBER_UNDER(eh, entry, key, true, negative ? -HUGE_VAL : 0.0).value_or(0.0);
+  return static_cast<std::int64_t>(std::clamp(x, -most, most));
 }
 
 std::int64_t L_CODE_UNDER(ERROR_HANDLER& eh, const JsonNode& entry, std::string_view key, std::int64_t low,

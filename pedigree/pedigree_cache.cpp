@@ -141,8 +141,8 @@ bool L_AIPEDA_READ_PEDIGREE_INFO_FROM_FILE(ERROR_HANDLER& eh, const PEDIGREE_KEY
     const auto time = bytes.take<std::int64_t>();
     const std::string_view before(contents.data(), contents.size() - bytes.left.size());
     const auto hash = bytes.take<std::uint64_t>();
-    sound = bytes.sound && hash == hash_more(hash_of_nothing, before) && bytes.left.empty() && source == keys.path && size == file_size(keys.path) &&
-            time == file_time(keys.path);
+    sound = bytes.sound && hash == hash_more(hash_of_nothing, before) && bytes.left.empty() &&
+            source == keys.path && size == file_size(keys.path) && time == file_time(keys.path);
   });
   if (!room) eh.out_of_memory();
   if (sound) {

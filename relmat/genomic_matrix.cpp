@@ -129,15 +129,17 @@ void L_TELL_SINGULAR(ERROR_HANDLER& eh, const GENOMIC_MODEL& model)
   const Frame here{eh, __func__};
   const MARKER_KEYS& keys = model.keys;
   if (keys.psd || keys.nsd || keys.diagonal_offset != 0.0 || !keys.hadamard.empty()) return;
-  const bool at_means = keys.offset == 0.0 && (keys.centring == Centring::means || (keys.centring == Centring::by_method &&
-                                                                                    keys.method != RelationshipMethod::dominance));
+  const bool at_means = keys.offset == 0.0 &&
+                        (keys.centring == Centring::means || (keys.centring == Centring::by_method &&
+                                                              keys.method != RelationshipMethod::dominance));
   const std::int64_t rank = std::min(model.summary.used, model.data.genotypes - (at_means ? 1 : 0));
   if (rank >= model.data.genotypes) return;
   eh.error("the GRM matrix is not positive definite");
   eh.continuation(
       "use the positive semi definite or negative semi definite options to invoke a different inversion");
   eh.continuation(text("its rank is ", rank, " at most, for ", model.data.genotypes, " genotypes: ",
-                       rank < model.summary.used ? "the regressors are centered at their means" : "there are too few regressors",
+                       rank < model.summary.used ? "the regressors are centered at their means"
+                                                 : "there are too few regressors",
                        "; mdfoffset adds to its diagonal"));
 }
 

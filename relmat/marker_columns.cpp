@@ -258,7 +258,8 @@ void L_FILL_COVARIATES(ERROR_HANDLER& eh, const MARKER_DATA& data, std::vector<d
     L_FILL_COLUMNS(eh, as_they_are, data, first, columns, z.data(), bytes);
     if (eh.terminate()) return;
     for (std::int64_t i = 0; i < n; ++i) {
-      for (std::int64_t j = 0; j < count; ++j) values[static_cast<std::size_t>(i * r + first + j)] = z[static_cast<std::size_t>(i + j * n)];
+      for (std::int64_t j = 0; j < count; ++j)
+        values[static_cast<std::size_t>(i * r + first + j)] = z[static_cast<std::size_t>(i + j * n)];
     }
   }
 }

@@ -103,7 +103,8 @@ void L_MATCH_GENOTYPES(ERROR_HANDLER& eh, const MARKER_DATA& first, MARKER_DATA&
       row_of.erase(at);
     }
     if (!row_of.empty()) {
-      const auto least = std::min_element(row_of.begin(), row_of.end(), [](const auto& a, const auto& b) { return a.second < b.second; });
+      const auto least = std::min_element(row_of.begin(), row_of.end(),
+                                          [](const auto& a, const auto& b) { return a.second < b.second; });
       return missing(std::string(least->first), other, first);
     }
     other.rows = std::move(rows);

@@ -171,7 +171,8 @@ bool is_of_markers(const JsonNode& entry)
   const JsonNode* name = given_value(entry, "name");
   const JsonNode* file = given_value(entry, "file");
   if (type != nullptr && type->is_text("ft_data")) return false;
-  if (file != nullptr && file->is(JsonType::array) && !file->packed() && file->size() > 0) file = file->children().front().get();
+  if (file != nullptr && file->is(JsonType::array) && !file->packed() && file->size() > 0)
+    file = file->children().front().get();
   if (file != nullptr && file->is(JsonType::string)) name = file;
   const std::string path = name != nullptr && name->is(JsonType::string) ? name->text() : std::string();
   if (is_marker_file(path)) return true;

@@ -133,13 +133,11 @@ struct Fit {
   std::string messages;
 };
 
-/// One fit; the part of the model besides the response is "random" unless the words say otherwise.
-Fit fit(const Herd& herd, bool with_groups, const std::string& terms, const std::string& keys,
-        const std::string& part = "random")
+/// Hands the records and the pedigree in.
+void hand_in(Host& host, const Herd& herd, bool with_groups, const std::string& keys)
 {
   std::ofstream("ped.csv") << herd.file(with_groups);
   std::filesystem::remove("ainverse.bin");
-  Host host;
   std::string named = dataset("d", herd.y.size(), {{"animal", 0}, {"mother", 0}, {"y", 0}});
   for (const char* factor : {"\"animal\"", "\"mother\""})
     named.replace(named.find(factor), 8,
@@ -150,6 +148,14 @@ Fit fit(const Herd& herd, bool with_groups, const std::string& terms, const std:
   values.insert(values.end(), herd.y.begin(), herd.y.end());
   host.info("{\"dataset\":" + named + R"(,"pedigree_file":{"name":"ped.csv","type":"ft_csv","sort":1)" + keys + "}}");
   host.matrix("d", values, static_cast<int>(herd.y.size()), 3);
+}
+
+/// One fit; the part of the model besides the response is "random" unless the words say otherwise.
+Fit fit(const Herd& herd, bool with_groups, const std::string& terms, const std::string& keys,
+        const std::string& part = "random")
+{
+  Host host;
+  hand_in(host, herd, with_groups, keys);
   EXPECT_LE(host.process("{\"model\":{\"response\":\"y\",\"" + part + "\":\"" + terms +
                          R"("},"options":{"extra":8,"maxiterations":100}})"),
             0)
@@ -273,6 +279,15 @@ TEST_F(PedigreeFits, GeneticGroups)
     is_the_maximum(fit(herd, true, "animal", ",\"group\":2,\"goffset\":-1" + reduce), herd, fixed, {direct});
     is_the_maximum(fit(herd, true, "animal", ",\"group\":2,\"goffset\":1" + reduce), herd, mean,
                    {herd.covariance(with_groups, false)});
+  }
+  // Solving by iteration can not tell which groups the mean stands for, and so not count them: it is refused.
+  for (const bool as_fixed : {true, false}) {
+    Host host;
+    hand_in(host, herd, true, as_fixed ? ",\"group\":2" : ",\"group\":2,\"goffset\":1");
+    const int status = host.process(R"({"model":{"response":"y","random":"animal"},"options":{"blup":4}})");
+    EXPECT_EQ(status == 4, as_fixed) << host.errors();
+    const std::string words = "solving by iteration with the singular variance structure of animal";
+    EXPECT_EQ(host.errors().find(words) != std::string::npos, as_fixed);
   }
 }
 

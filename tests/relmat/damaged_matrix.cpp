@@ -31,15 +31,18 @@ std::vector<MATRIX_CASE> make_cases()
   constexpr auto single = Coding_of_file::single_precision;
   constexpr auto twofold = Coding_of_file::double_precision;
   return {
-      {"elements.giv", true, Coding_of_file::text, false, "!LDET 1.5\n!GROUP 1\n1 1 2.5\n2 1 -1\n\n2 2 3 /x\n3,3 1d0\n4 1 .5\n4 4 2\n", 4},
+      {"elements.giv", true, Coding_of_file::text, false,
+       "!LDET 1.5\n!GROUP 1\n1 1 2.5\n2 1 -1\n\n2 2 3 /x\n3,3 1d0\n4 1 .5\n4 4 2\n", 4},
       {"triangle.giv", true, Coding_of_file::text, false, "2\n-1 2\n0 -1, 2\n3*0 1\n", 4},
       {"diagonal.giv", true, Coding_of_file::text, false, "2\n4\n0.5\n1\n", 4},
       {"square.grm", false, Coding_of_file::text, false, "head\n!lde 3\n2 1 0\n1 2 0.5\n0 0.5 2\n", 3},
       {"singular.grm", false, Coding_of_file::text, true, "1\n1 1\n0.5 0.5 1\n1.5 1.5 1.5 3\n", 6},
       {"dense.bgiv", true, single, false, records<float>({{4}, {1, 3}, {0.5, 0, 2}}), 3},
-      {"elements.sgrm", false, single, false, records<float>({{1, 1, 4}, {2, 1, 1}, {2, 2, 3}, {3, 3, 2}}), 3},
+      {"elements.sgrm", false, single, false, records<float>({{1, 1, 4}, {2, 1, 1}, {2, 2, 3}, {3, 3, 2}}),
+       3},
       {"dense.dgrm", false, twofold, true, records<double>({{4}, {1, 3}, {0.5, 0, 2}}), 3},
-      {"elements.dgiv", true, twofold, false, records<double>({{1, 1, 4}, {2, 1, 1}, {2, 2, 3}, {3, 1, 0.5}, {3, 3, 2}}), 3},
+      {"elements.dgiv", true, twofold, false,
+       records<double>({{1, 1, 4}, {2, 1, 1}, {2, 2, 3}, {3, 1, 0.5}, {3, 3, 2}}), 3},
   };
 }
 
@@ -53,7 +56,9 @@ std::string fault_of_messages(const ERROR_HANDLER& eh, const std::string& path, 
     internal = internal || m.etype == Etype::internal;
   }
   if (internal) return "an internal error: " + all;
-  const bool of_the_matrix = all.find("error = ") != std::string::npos || all.find("singular in row ") != std::string::npos || all.find("not finite") != std::string::npos ||
+  const bool of_the_matrix = all.find("error = ") != std::string::npos ||
+                             all.find("singular in row ") != std::string::npos ||
+                             all.find("not finite") != std::string::npos ||
                              all.find("issue calculating the log determinant") != std::string::npos;
   if (all.find(path) == std::string::npos && (while_reading || !of_the_matrix)) return "the file is not told: " + all;
   if (!lines_are_told(eh)) return "the line is not told: " + all;
