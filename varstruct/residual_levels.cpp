@@ -83,7 +83,16 @@ void L_FIND_LEVELS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FAC
   std::vector<KEY> keys(n);
   for (std::size_t i = 0; i < n; ++i) {
     keys[i] = key_of(plan, store, design, rows[i]);
-    if (!is_no_value(keys[i].x)) continue;
+    if (!is_no_value(keys[i].x)) {
+      if (!plan.coded || keys[i].x <= static_cast<double>(plan.levels)) continue;
+      // Data keep levels beyond the declared ones, with a warning; a place in the layout they have not.
+      const FACTOR_ROW& f = factors.row(component.factor);
+      const std::int64_t record = design.record[static_cast<std::size_t>(rows[i])];
+      eh.error(text("misspecification of model term ", f.shown(), ", actual number of levels exceeds the number declared [",
+                    plan.levels, "], after processing ", record, " of ", store.records(), " records"));
+      eh.continuation(text("level ", keys[i].x, " of ", component_label(f), " in data record ", record));
+      return;
+    }
     eh.error("R structures do not match records in data.");
     eh.continuation(text("data record ", design.record[static_cast<std::size_t>(rows[i])],
                          " has no level in ", component_label(factors.row(component.factor))));
