@@ -56,7 +56,11 @@ bool has_converged(std::int64_t n, double logl, double reset_step, FIT_WORK& wor
                         aiopt(Ai::restrained) <= 2 && aiopt(Ai::boundary) == 0;
   const bool simple = d_stable < wide(0.001f) && aiopt(Ai::restrained) <= 1 && std::llabs(thousandths - 1000) < 501;
   if (m <= 1) work.update.step = reset_step;
-  return (standard || simple || state.still >= still_enough) && !work.update.growth_capped;
+  // Two evaluations may have the same LogL on either side of a ridge: the next step must not promise more either, and what was
+  // better before must have been reached again.
+  const double tolerance = wide(0.002f) * static_cast<double>(n);
+  const bool at_top = work.update.expected_gain < tolerance && work.best_logl - logl < tolerance;
+  return (((standard || simple) && at_top) || state.still >= still_enough) && !work.update.growth_capped;
 }
 
 double damp_towards_saved(const std::vector<double>& failed, VARIANCE_MODEL& model, FIT_WORK& work)

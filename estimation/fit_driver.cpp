@@ -27,6 +27,7 @@ constexpr std::int64_t most_modified_notes = 10;
 constexpr std::int64_t most_settling = 5;
 constexpr double far_move = 0.05;          // that a parameter may still have to go when LogL has converged, relative
 constexpr const char* not_converged = " Warning: LogL not converged";
+constexpr std::int64_t most_singular_in_a_row = 3;  // evaluations while the iteration passes over a ridge
 constexpr double fall_seen = 1e-5;         // of LogL from the best evaluation: the step was too long
 constexpr double fall_reported = 2e-4;     // more than this, and the best evaluation is reported instead of the last
 
@@ -39,6 +40,8 @@ struct ITERATION {
   std::int64_t repeats = 0;          // of the present pass
   std::int64_t singular_at_first = -1;
   std::int64_t settling = 0;         // iterations made for parameters that still moved when LogL had converged
+  std::int64_t singular_in_a_row = 0;  // evaluations whose information was singular, after one where it was not
+  bool clean_before = false;
   double reset_step = 1.0;
   double started = 0.0;
   std::int64_t modified = 0;         // unstructured matrices made positive definite so far
@@ -204,6 +207,16 @@ void L_ACCEPT(ERROR_HANDLER& eh, FIT_CALL& call, const EVALUATION& ev, FIT_WORK&
   }
 }
 
+/// Parameters that a step passing over a ridge could not tell apart take part again: a correlation near zero beside a nugget, say.
+void free_dependent(VARIANCE_MODEL& model, FIT_WORK& work)
+{
+  for (std::size_t i = 0; i < model.parameters.size() && i < work.latest.parameters.size(); ++i) {
+    Constraint& code = model.parameters[i].constraint;
+    if (code == Constraint::S) code = work.latest.parameters[i].constraint;
+  }
+  work.update.first_singular.clear();
+}
+
 /// Whether something is wanted that only a final pass forms.
 bool final_pass_due(const FIT_WORK& work)
 {
@@ -283,13 +296,18 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
       eh.warning(text(singular, " singularities in AI matrix"));
       return;  // further iterations were asked for, and there is nothing more to find
     }
-    if (singular > 0 && call.options(Slot::aisingularities) == 0) {
+    const bool passing = singular > 0 && it.n >= 2 && it.singular_in_a_row < most_singular_in_a_row &&
+                         (it.clean_before || it.singular_in_a_row > 0);
+    it.singular_in_a_row = passing ? it.singular_in_a_row + 1 : 0;
+    it.clean_before = singular == 0;
+    if (passing) free_dependent(call.model, work);
+    if (singular > 0 && !passing && call.options(Slot::aisingularities) == 0) {
       fit.status = "Singularity in Average Information Matrix";
       fit.end = FitEnd::failed;
       fit.fault = -1;
       return;
     }
-    if (singular > 0) {
+    if (singular > 0 && !passing) {
       eh.EH_ADD_MESSAGE({.text = text(singular, " singularities in AI matrix"), .etype = Etype::warning, .unique = true});
     }
     if (ev.sigma2 < wide(0.001f) && it.limit >= 2 && it.n >= 2) {
@@ -312,7 +330,7 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
       return;
     }
     work.previous_logl = ev.logl;
-    const bool converged = has_converged(it.n, ev.logl, it.reset_step, work, it.convergence) && !repeated;
+    const bool converged = has_converged(it.n, ev.logl, it.reset_step, work, it.convergence) && !repeated && !passing;
     if (converged) {
       fit.status = "LogL Converged; ";
       fit.end = FitEnd::converged;

@@ -91,6 +91,21 @@ void factorise(const std::vector<double>& tolerance, std::vector<std::uint8_t>& 
   }
 }
 
+/// The parameter in use, besides i, whose information is the most like that of i; -1 for none.
+std::int64_t most_alike(const INFORMATION& information, const std::vector<std::uint8_t>& used, std::int64_t i)
+{
+  std::int64_t best = -1;
+  double largest = 0.0;
+  for (std::int64_t j = 0; j < information.count(); ++j) {
+    if (j == i || !used[static_cast<std::size_t>(j)]) continue;
+    const double r2 = information.at(i, j) * information.at(i, j) / (information.at(i, i) * information.at(j, j));
+    if (r2 <= largest) continue;
+    largest = r2;
+    best = j;
+  }
+  return best;
+}
+
 /// Inverse from the factor: columns of the identity through both triangles.
 void invert(const std::vector<std::uint8_t>& used, const std::vector<double>& l, std::vector<double>& inverse)
 {
@@ -220,7 +235,22 @@ void K4MAII(ERROR_HANDLER& eh, bool update, std::int64_t iteration, INFORMATION&
   }
   std::vector<double> l = information.ai;
   std::vector<std::int64_t> lost;
+  const std::vector<std::uint8_t> before = used;
   factorise(tolerance, used, l, lost);
+  const auto residual = std::find_if(lost.begin(), lost.end(), [&](std::int64_t i) {
+    return information.active[static_cast<std::size_t>(i)] == model.residual_parameter;
+  });
+  if (residual != lost.end()) {
+    const std::int64_t other = most_alike(information, before, *residual);
+    if (other >= 0) {
+      used = before;
+      used[static_cast<std::size_t>(other)] = 0;
+      l = information.ai;
+      lost.clear();
+      factorise(tolerance, used, l, lost);
+      lost.push_back(other);
+    }
+  }
   for (const std::int64_t i : lost) leave_out(i, true);
 
   // A correlation about which the data say next to nothing beside its score is held.  Both are what is left once the parameters

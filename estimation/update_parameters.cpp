@@ -100,6 +100,7 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
   state.change.assign(p, 0.0);
   state.largest_change = 0.0;
 
+  const INFORMATION plain = information;
   L_PENALTY(eh, iteration, gain, information, aiopt, state);
   const double c = std::min(state.step, 1.0 / state.step);
   if (c < 1.0) {
@@ -177,25 +178,34 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     return worst < k;
   };
   // One parameter is held at a time, the one that its rule cuts back most: with it held the others may well step away from zero,
-  // or turn round, as the other parameter of ARMA(1,1) does on the ridge where the two are equal.  Matrices kept in their space are
-  // let go and placed anew as long as more parameters get held; far from the optimum they stay, since the quadratic model does not
-  // reach to where the rules hold the others.
+  // or turn round, as the other parameter of ARMA(1,1) does on the ridge where the two are equal.  Once a variance is held at zero,
+  // what was held because of the step that the variance had wanted is let go and judged anew; matrices that are kept in their space
+  // only near the optimum, since the quadratic model does not reach to where the rules hold the others.
   const bool near_optimum = iteration > 1 && gain < near_gain;
   const std::vector<std::uint8_t> takes_part = open;
+  std::vector<std::uint8_t> matrix(k, 0);
   for (bool held_more = true; held_more;) {
     for (std::size_t i = 0; i < k; ++i) {
-      if (takes_part[i] && !restrained[i]) open[i] = 1;
+      const bool again = matrix[i] ? near_optimum : in_first_stage(parameter(i).type);
+      if (!takes_part[i] || open[i] || !again) continue;
+      open[i] = 1;
+      restrained[i] = matrix[i] = 0;
     }
     solve_step(information, open, taken, delta);
+    const std::vector<std::uint8_t> unplaced = open;
     keep_rows_inside(information, model, state.definite, open, taken, delta);
+    for (std::size_t i = 0; i < k; ++i) {
+      if (unplaced[i] && !open[i]) matrix[i] = 1;
+    }
+    while (pass(true)) {
+    }
     held_more = false;
-    while (pass(true)) held_more = true;
     while (pass(false)) held_more = true;
-    held_more = held_more && near_optimum && !state.definite.empty();
   }
 
   const bool may_settle = iteration > 1 && std::fabs(gain) < settled_gain;
   double largest_loading = 0.0;
+  std::vector<double> moved(k, 0.0);  // in units
   state.growth_capped = false;
   for (std::size_t i = 0; i < k; ++i) {
     if (static_cast<std::int64_t>(i) == information.held_out || !used[i]) continue;
@@ -218,6 +228,7 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     state.pulled[at] = pulled ? state.pulled[at] + 1 : 0;
     if (v.value != 0.0) state.change[at] = (taken_by.value - v.value) / v.value;
     state.largest_change = std::max(state.largest_change, std::fabs(state.change[at]));
+    moved[i] = (taken_by.value - v.value) / information.unit[i];
     state.last[at] = v.value;
     v.value = taken_by.value;
     state.reference[at] = taken_by.reference_set ? taken_by.reference : v.value;
@@ -229,6 +240,18 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     }
   }
   if (largest_loading > 0.1) ++aiopt(Ai::boundary);
+
+  // s'd - d'AI d/2 of the step d taken, the profiled residual variance following.
+  state.expected_gain = 0.0;
+  for (std::size_t i = 0; i < k; ++i) {
+    const double step = static_cast<std::int64_t>(i) == information.held_out ? delta[i] : moved[i];
+    double curvature = 0.0;
+    for (std::size_t j = 0; j < k; ++j) {
+      const double other = static_cast<std::int64_t>(j) == information.held_out ? delta[j] : moved[j];
+      curvature += plain.at(static_cast<std::int64_t>(i), static_cast<std::int64_t>(j)) * other;
+    }
+    state.expected_gain += step * (plain.score[i] - 0.5 * curvature);
+  }
 }
 
 }  // namespace tolvan

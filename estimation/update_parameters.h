@@ -48,6 +48,7 @@ struct UPDATE_STATE {
   std::vector<int> pulled;         // consecutive updates in which the rules pulled a variance towards zero or held a correlation near one
   std::vector<double> change;      // relative change that the last step would make
   double largest_change = 0.0;
+  double expected_gain = 0.0;      // of LogL by the last step, by the quadratic model
   bool growth_capped = false;      // a parameter wanted to grow by more than a step may: not at its optimum
   std::string first_singular;      // label of the first parameter without information
   std::vector<DEFINITE_ROW> definite;  // unstructured matrices whose step is kept in their space, where EM was not asked for

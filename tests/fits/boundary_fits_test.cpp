@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <random>
 #include <string>
 #include <vector>
@@ -39,6 +40,48 @@ std::vector<double> one_factor_trial(unsigned seed)
   site.insert(site.end(), line.begin(), line.end());
   site.insert(site.end(), y.begin(), y.end());
   return site;
+}
+
+/// A field of rows and columns with autoregressive residuals, and a nugget.
+std::vector<double> field_trial(unsigned seed, int rows, int columns, double along_rows, double along_columns, double nugget)
+{
+  std::mt19937 random(seed);
+  std::normal_distribution<double> normal;
+  const auto place = [columns](int r, int c) { return static_cast<std::size_t>(r * columns + c); };
+  std::vector<double> row, column, e(place(rows, 0));
+  for (int r = 0; r < rows; ++r) {
+    for (int c = 0; c < columns; ++c) {
+      row.push_back(r + 1);
+      column.push_back(c + 1);
+      double& here = e[place(r, c)];
+      here = normal(random);
+      if (c > 0) here = along_columns * e[place(r, c - 1)] + std::sqrt(1.0 - along_columns * along_columns) * here;
+    }
+  }
+  for (int r = 1; r < rows; ++r) {
+    for (int c = 0; c < columns; ++c) {
+      double& here = e[place(r, c)];
+      here = along_rows * e[place(r - 1, c)] + std::sqrt(1.0 - along_rows * along_rows) * here;
+    }
+  }
+  for (double& each : e) each += nugget * normal(random);
+  row.insert(row.end(), column.begin(), column.end());
+  row.insert(row.end(), e.begin(), e.end());
+  return row;
+}
+
+/// The LogL of every iteration of a field trial with a nugget.
+std::vector<double> field_trace(const std::vector<double>& data, int rows, int columns, const std::string& options)
+{
+  Host host;
+  const auto records = data.size() / 3;
+  host.info("{\"dataset\":" + dataset("d", records, {{"row", rows}, {"column", columns}, {"y", 0}}) + "}");
+  host.matrix("d", data, static_cast<int>(records), 3);
+  host.process(R"j({"model":{"response":"y","fixed":"mu","random":"row+units","residual":"ar1(row):ar1(column)"},)j"
+               R"j("options":{"maximum_number_of_threads":1,"maxiterations":60)j" +
+               options + "}}");
+  EXPECT_EQ(host.errors().find("singularities in AI matrix"), std::string::npos) << host.errors();
+  return host.reals("TABLE_TRACE:LOGL");
 }
 
 /// The LogL of every iteration.
@@ -83,6 +126,30 @@ TEST(BoundaryFits, UnstructuredReachesWhatItsSubmodelsReach)
     mended_below += !mended.empty() && mended.back() < best.back() - 1.0 ? 1 : 0;
   }
   EXPECT_GT(mended_below, 0) << "these trials no longer show what the EM updates are for";
+}
+
+/// A nugget beside correlated residuals: variances that go to zero, correlations that pass through it, where the two can't be told
+/// apart.  The fit ends at the top whichever way it comes.
+TEST(BoundaryFits, NuggetsBesideCorrelatedResiduals)
+{
+  struct Case {
+    int rows, columns;
+    double along_rows, along_columns, nugget;
+  };
+  const Case cases[] = {{10, 10, 0.7, 0.95, 0.0}, {9, 10, 0.6, 0.3, 1.0}, {13, 5, -0.5, 0.0, 0.0}, {6, 5, 0.7, 0.3, 0.5},
+                        {11, 7, 0.95, 0.95, 0.0}, {13, 14, -0.5, -0.5, 0.5}};
+  for (const Case& c : cases) {
+    for (unsigned seed = 1; seed <= 4; ++seed) {
+      SCOPED_TRACE(testing::Message() << c.rows << " x " << c.columns << ", " << c.along_rows << ", seed " << seed);
+      const std::vector<double> data = field_trial(seed, c.rows, c.columns, c.along_rows, c.along_columns, c.nugget);
+      const std::vector<double> best = field_trace(data, c.rows, c.columns, "");
+      const std::vector<double> longer = field_trace(data, c.rows, c.columns, ",\"extra\":25");
+      ASSERT_FALSE(best.empty());
+      ASSERT_FALSE(longer.empty());
+      EXPECT_LE(best.size(), 30U);
+      EXPECT_NEAR(best.back(), longer.back(), 0.02);
+    }
+  }
 }
 
 }  // namespace
