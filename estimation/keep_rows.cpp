@@ -147,16 +147,17 @@ std::int64_t DEFINITE_ROW::parameters() const
 void list_definite(const VARIANCE_MODEL& model, bool with_unstructured, std::vector<DEFINITE_ROW>& rows)
 {
   rows.clear();
-  const auto take = [&](const std::vector<STRUCTURE_ROW>& table, std::int64_t first, std::int64_t count) {
+  const auto take = [&](const std::vector<STRUCTURE_ROW>& table, std::int64_t first, std::int64_t count, bool covariances) {
     for (std::int64_t r = first; r < first + count; ++r) {
       const std::optional<DEFINITE_ROW> row = definite_row(table[static_cast<std::size_t>(r)]);
-      if (row && (with_unstructured || row->form != DefiniteForm::covariances)) rows.push_back(*row);
+      if (row && (covariances || row->form != DefiniteForm::covariances)) rows.push_back(*row);
     }
   };
   for (const TERM_STRUCTURE& structure : model.terms) {
-    if (!structure.dropped) take(model.rows, structure.first_row, structure.rows);
+    if (!structure.dropped) take(model.rows, structure.first_row, structure.rows, with_unstructured);
   }
-  for (const RESIDUAL_SECTION& section : model.sections) take(model.residual, section.first_row, section.rows);
+  // Unstructured residuals step on the scale of their inverse, which does not leave the space.
+  for (const RESIDUAL_SECTION& section : model.sections) take(model.residual, section.first_row, section.rows, false);
 }
 
 std::vector<std::uint8_t> placed_parameters(const INFORMATION& information, const std::vector<DEFINITE_ROW>& rows,

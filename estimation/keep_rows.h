@@ -9,7 +9,8 @@
 
 namespace tolvan {
 
-/// The rows of the structure table that are such matrices: us() unless it is left to EM, and corg() in all its forms.
+/// The rows of the structure table that are such matrices: us() of random terms unless it is left to EM, and corg() in
+/// all its forms.
 void list_definite(const VARIANCE_MODEL& model, bool unstructured, std::vector<DEFINITE_ROW>& rows);
 
 /// One an active parameter: whether it belongs to a row all of whose elements are open, so that the row is placed as a whole.

@@ -11,6 +11,7 @@ namespace {
 
 constexpr double long_step = 0.1;      // of a variance, in its own size
 constexpr double furthest = 15.8;      // that a variance may go in one step, up or down, in its own size
+constexpr double longest_inverse = 0.95; // that a step up may be on the scale of the inverse
 constexpr std::int64_t unstructured = 9;                    // internal codes of models
 constexpr std::int64_t without_own_sizes[] = {10, 11, 12, 13, 15};  // factors and triangular factors
 
@@ -54,8 +55,13 @@ void each_size(const VARIANCE_MODEL& model, const INFORMATION& information, Use 
   }
 }
 
-/// Where a step of delta from 1 leads when it is taken on the scale of the inverse; within reach.
-double by_inverse(double delta) { return 1.0 / std::clamp(1.0 - delta, 1.0 / furthest, furthest); }
+/// Where a step of delta from 1 leads when it is taken on the scale of the inverse; within reach.  Where the residual is all there is
+/// delta is below 1: a longer step is to make up for other parameters, and is taken as it is.
+double by_inverse(double delta)
+{
+  if (delta >= longest_inverse) return std::min(1.0 + delta, furthest);
+  return 1.0 / std::min(1.0 - delta, furthest);
+}
 
 /// The same for a matrix, by its principal directions: with V = LL' and L^-1 D L'^-1 = Q diag(d) Q', L Q diag(by_inverse(d)) Q'L'.
 /// False where V is not positive definite or no direction has a long step; v and d by columns, v is overwritten.

@@ -139,10 +139,6 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     restrained[i] = 1;
     hold(i);
   };
-  for (const auto& [i, value] : long_residual_steps(model, information, open, delta)) {
-    result[i].value = value * information.unit[i];
-    hold(i);
-  }
   const double share = std::ldexp(1.0, -state.shortening);
   const auto pass = [&](bool first_stage) {
     std::size_t worst = k;
@@ -183,19 +179,24 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
   // only near the optimum, since the quadratic model does not reach to where the rules hold the others.
   const bool near_optimum = iteration > 1 && gain < near_gain;
   const std::vector<std::uint8_t> takes_part = open;
-  std::vector<std::uint8_t> matrix(k, 0);
+  std::vector<std::uint8_t> matrix(k, 0), of_residual(k, 0);
   for (bool held_more = true; held_more;) {
     for (std::size_t i = 0; i < k; ++i) {
-      const bool again = matrix[i] ? near_optimum : in_first_stage(parameter(i).type);
+      const bool again = matrix[i] ? near_optimum : of_residual[i] || in_first_stage(parameter(i).type);
       if (!takes_part[i] || open[i] || !again) continue;
       open[i] = 1;
-      restrained[i] = matrix[i] = 0;
+      restrained[i] = matrix[i] = of_residual[i] = 0;
     }
     solve_step(information, open, taken, delta);
     const std::vector<std::uint8_t> unplaced = open;
     keep_rows_inside(information, model, state.definite, open, taken, delta);
     for (std::size_t i = 0; i < k; ++i) {
       if (unplaced[i] && !open[i]) matrix[i] = 1;
+    }
+    for (const auto& [i, value] : long_residual_steps(model, information, open, delta)) {
+      result[i].value = value * information.unit[i];
+      hold(i);
+      of_residual[i] = 1;
     }
     while (pass(true)) {
     }

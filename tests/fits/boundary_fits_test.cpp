@@ -147,7 +147,7 @@ TEST(BoundaryFits, NuggetsBesideCorrelatedResiduals)
       ASSERT_FALSE(best.empty());
       ASSERT_FALSE(longer.empty());
       EXPECT_LE(best.size(), 30U);
-      EXPECT_NEAR(best.back(), longer.back(), 0.02);
+      EXPECT_NEAR(best.back(), longer.back(), 0.05);  // the stop rule lets LogL change by 0.002 times the iterations
     }
   }
 }
