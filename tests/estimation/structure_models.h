@@ -23,6 +23,7 @@ struct Part {
   std::vector<double> x = {};  // coordinates of a metric model
   std::int64_t with_data = 0;  // the first so many levels have data; 0: all
   const AINV_MTX* matrix = nullptr;
+  std::vector<double> y = {};  // the second dimension of a metric model
 };
 
 /// A model: random products, and the residual by sections; extra_scale adds a variance outside each section's rows.
@@ -62,7 +63,7 @@ inline STRUCTURE_ROW row_of(const Part& part, Built& b)
   row.matrix = part.matrix;
   if (!part.x.empty()) {
     row.coordinates = static_cast<std::int64_t>(b.model.coordinates.size());
-    b.model.coordinates.push_back({part.x, {}});
+    b.model.coordinates.push_back({part.x, part.y});
   }
   for (const double v : part.values) {
     // A zero is a structural one and stays.
@@ -128,8 +129,10 @@ inline Built build(const Case& c, unsigned seed)
     records += section.records;
     b.model.sections.push_back(section);
   }
-  if (c.residual.size() == 1 && b.model.residual_parameter < 0 && c.residual[0].size() == 1 && c.residual[0][0].code == 0) {
-    b.model.residual_parameter = b.model.residual[0].first;
+  if (c.residual.size() == 1 && b.model.residual_parameter < 0) {
+    for (const STRUCTURE_ROW& row : b.model.residual) {
+      if (row.model == 0 && row.parameters == 1) b.model.residual_parameter = row.first;
+    }
   }
   if (c.missing > 0) {
     term("mv_estimates", c.missing, Block::sparse);
