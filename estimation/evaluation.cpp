@@ -8,16 +8,19 @@
 #include "estimation/em_updates.h"
 #include "estimation/fault_texts.h"
 #include "estimation/iterative_mme.h"
+#include "estimation/keep_followers.h"
 #include "estimation/keep_rows.h"
 #include "estimation/outliers.h"
 #include "estimation/section_variances.h"
 #include "varstruct/followers.h"
+#include "varstruct/parameter_files.h"
 
 namespace tolvan {
 namespace {
 
 constexpr int repeats_of_damping = 10;
 constexpr std::int64_t out_of_memory_absorbing = 100001;
+constexpr std::int64_t structure_does_not_fit = 44;
 constexpr std::int64_t not_positive_definite = 1008;  // fault of a variance matrix that has lost its definiteness
 
 /// The list of parameters that take part, and the one held out of the update.
@@ -345,6 +348,11 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
   const int threads = static_cast<int>(std::max<std::int64_t>(1, work.aiopt(Ai::threads)));
   MIXED_EQUATIONS& q = work.equations;
 
+  if (iteration == 1 && !links_are_alike(model)) {
+    eh.error("Parameter constraints link parameters of different types!");
+    ev.fault = structure_does_not_fit;
+    return;
+  }
   double second = work.best_logl;
   L_DROP_SMALL(eh, in, iteration, model);
   for (int repeats = 0;; ++repeats) {
@@ -403,6 +411,7 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
     K4MUPD(eh, iteration, iteration > 1 ? ev.logl - work.previous_logl : 0.0, ev.information, model, work.aiopt, work.update);
     if (!work.em.rows.empty()) K4MEMM(eh, in, q, ev, model, work.update, work.em);
   }
+  keep_followers_inside(eh, ev.evaluated, iteration > 1 ? ev.logl - work.previous_logl : 0.0, model, work.aiopt, work.update);
   set_followers(model, false);
   work.aiopt(Ai::held_out) = ev.information.held_out + 1;
 }
@@ -424,7 +433,9 @@ void step_from_best(ERROR_HANDLER& eh, std::int64_t iteration, double gain, VARI
   work.update.shortening = shortening;
   work.update.step = step;
   work.update.saved_step = saved_step;
+  const std::vector<double> best = parameter_values(model);
   K4MUPD(eh, iteration, gain, work.best.information, model, work.aiopt, work.update);
+  keep_followers_inside(eh, best, gain, model, work.aiopt, work.update);
   set_followers(model, false);
 }
 

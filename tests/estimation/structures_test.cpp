@@ -96,6 +96,7 @@ TEST(Structures, EveryModelAgreesAsEffectAndAsResidual)
       {"agau", {17, 6, 4, {0.4, 0.6}, 1, 2, x, 0, nullptr, y}, true},
       {"lvr", {19, 6, 4, {0.1}, 1, 7, x}, true},
       {"cir", {22, 6, 4, {3.1}, 1, 5, x, 0, nullptr, y}, true},
+      {"mtrn", {23, 6, 4, {0.7, 0.8}, 2, 9, x, 0, nullptr, y}, true},
       {"diag", {24, 8, 4, {0.5, 0.9, 1.4, 0.3}}, false},
       {"us", {25, 9, 4, {1.0, 0.3, 0.8, -0.2, 0.1, 1.3, 0.2, 0.0001, 0.4, 0.7}}, false},
       {"sfa", {26, 10, 4, {0.6, 0.5, 0.7, 0.4, 0.9, 1.2, 0.8, 1.1}}, false},

@@ -144,6 +144,16 @@ TEST(StructureRequests, ALinearModelOfVariances)
   }
 }
 
+// A size and a correlation cannot be the same parameter.
+TEST(StructureRequests, LinksOfDifferentTypesAreRefused)
+{
+  const Trial trial;
+  Host host;
+  trial.fit(host, "corh(env):id(geno)", R"(,"vcc_constraint":["1 2"])");
+  EXPECT_GT(host.status, 0);
+  EXPECT_NE(host.errors().find("Parameter constraints link parameters of different types!"), std::string::npos) << host.errors();
+}
+
 // The matrix a I + b J from a program is that of corv().
 TEST(StructureRequests, AProgramOfTheUser)
 {
