@@ -83,7 +83,7 @@ inline constexpr auto option_table = [] {
       integer_option("display",         Slot::display,         15, harmless),
       integer_option("extra",           Slot::extra,            1, built),
       integer_option("freegh",          Slot::freegh,           5, harmless),
-      integer_option("gdense",          Slot::gdense,           1, unbuilt),
+      integer_option("gdense",          Slot::gdense,           1, built),
       integer_option("gkrige",          Slot::gkrige,           1, harmless),
       integer_option("glmm",            Slot::glmm,             2, harmless),  // families
       integer_option("idlimit",         Slot::idlimit,          4, built),

@@ -77,7 +77,8 @@ struct MIXED_EQUATIONS {
 };
 
 /// SETUP_EQUATIONS: lays the terms out, finds pattern, order and factor, and forms what stays the same; once a fit.
-/// Fixed terms are dense until their count would pass the limit of the option dense (800 by default).
+/// Fixed terms are dense until their count would pass the limit of the option dense (800 by default); the option gdense makes the
+/// first random structure dense as well.
 ///   formed  the structures at the starting values, whose patterns hold for the whole fit
 void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TABLE& terms, const DESIGN_MTX& design,
                      const VARIANCE_MODEL& model, const FORMED& formed, MIXED_EQUATIONS& equations);

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <limits>
 
+#include "base/memory.h"
 #include "base/text.h"
 #include "estimation/equations.h"
 #include "estimation/order_equations.h"
@@ -20,9 +21,35 @@ struct INNER_DESIGN {
   std::vector<double> value;           // aligned with design.value
 };
 
+/// L_GDENSE: marks the equations of the first random structure as dense, as the option gdense asks, where the machine can hold
+/// their triangle; gives their number.  Lagrangian equations need an order of their own and stay sparse.
+std::int64_t L_GDENSE(ERROR_HANDLER& eh, const TERM_TABLE& terms, const VARIANCE_MODEL& model, const FORMED& formed,
+                      std::int64_t dense, std::vector<std::uint8_t>& is_dense)
+{
+  const Frame here{eh, __func__};
+  constexpr double bytes_of_element = 36.0;  // of the triangle: in C, in its residual part, in the factor, the row
+  if (model.terms.empty()) return 0;
+  const TERM_STRUCTURE& structure = model.terms.front();
+  const TERM_ROW& term = terms.rows[static_cast<std::size_t>(structure.term)];
+  const std::int64_t size = structure_size(model, structure);
+  const auto order = static_cast<double>(dense + size);
+  const bool bound = std::any_of(formed.terms.front().components.begin(), formed.terms.front().components.end(),
+                                 [](const auto& component) { return !component->lagrangian().empty(); });
+  if (bound || 0.5 * order * order * bytes_of_element > static_cast<double>(machine_memory_bytes())) {
+    eh.note(text("random model term ", term.name, " is moved to the sparse block"));
+    return 0;
+  }
+  const std::int64_t first = first_equation(terms, structure);
+  std::fill(is_dense.begin() + first, is_dense.begin() + first + size, std::uint8_t{1});
+  eh.note(text(term.name, " is included in the dense equations"));
+  return size;
+}
+
 /// L_PLACE_TERMS: decides which equations are dense and numbers all in inner order.
-void L_PLACE_TERMS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TABLE& terms, MIXED_EQUATIONS& q,
-                   std::int64_t& dense)
+///   dense   in all
+///   fixed   of them fixed
+void L_PLACE_TERMS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TABLE& terms, const VARIANCE_MODEL& model,
+                   const FORMED& formed, MIXED_EQUATIONS& q, std::int64_t& dense, std::int64_t& fixed)
 {
   const Frame here{eh, __func__};
   const std::int64_t asked = options(Slot::dense);
@@ -49,6 +76,8 @@ void L_PLACE_TERMS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TAB
     for (std::size_t e = from; e < to; ++e) is_dense[e] = 1;
     dense += term.equations;
   }
+  fixed = dense;
+  if (options(Slot::gdense) > 0) dense += L_GDENSE(eh, terms, model, formed, dense, is_dense);
   q.inner.resize(n);
   std::int32_t sparse_next = 0;
   auto dense_next = static_cast<std::int32_t>(q.n - dense);
@@ -402,10 +431,11 @@ void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_T
   const Frame here{eh, __func__};
   q.n = terms.equations;
   std::int64_t dense = 0;
-  L_PLACE_TERMS(eh, options, terms, q, dense);
+  std::int64_t dense_fixed = 0;
+  L_PLACE_TERMS(eh, options, terms, model, formed, q, dense, dense_fixed);
   if (eh.terminate()) return;
   q.dense = dense;
-  choose_shifts(terms, design, dense, q);
+  choose_shifts(terms, design, dense_fixed, q);
   lay_out_residual(design, formed, q.residual);
   const INNER_DESIGN d = inner_design(design, q);
   std::int64_t most = -1;

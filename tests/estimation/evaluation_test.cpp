@@ -35,6 +35,7 @@ struct Shape {
   int missing = 0;                      // responses that mv estimates
   bool nested = false;                  // the second fixed factor repeats the first: a singular fixed part
   std::int64_t dense_limit = 0;
+  bool dense_random = false;            // the first random factor is in the dense block
 };
 
 Model make(const Shape& shape, std::int64_t records, unsigned seed)
@@ -43,6 +44,7 @@ Model make(const Shape& shape, std::int64_t records, unsigned seed)
   std::normal_distribution<double> normal;
   Model m;
   m.options(Slot::dense) = shape.dense_limit;
+  m.options(Slot::gdense) = shape.dense_random ? 1 : 0;
   std::int64_t next = 0;
   const auto term = [&](std::string name, std::int64_t levels, Block block) {
     TERM_ROW row;
@@ -165,6 +167,8 @@ const std::vector<std::pair<const char*, Shape>> shapes = {
     {"missing responses", {{3, 1}, {5}, false, 4}},
     {"singular fixed part", {{4, 2}, {6, 3}, false, 0, true}},
     {"weighted, missing and singular, fixed effects in the sparse block", {{4, 2, 1}, {6, 3}, true, 3, true, 3}},
+    {"a random factor in the dense block", {{4, 1}, {7, 5}, false, 0, false, 0, true}},
+    {"the same, weighted, missing and singular", {{4, 2, 1}, {6, 3}, true, 3, true, 0, true}},
 };
 
 TEST(Evaluation, AgreesWithTheDenseDefinitions)
@@ -177,6 +181,13 @@ TEST(Evaluation, AgreesWithTheDenseDefinitions)
       for (std::size_t t = 0; t < shape.random.size(); ++t) gamma.push_back(m.variance.parameters[t].value);
       Evaluated e;
       evaluate(m, gamma, e, true);
+      EXPECT_EQ(e.work.equations.dense - (shape.dense_random ? shape.random[0] : 0), shape.dense_limit == 0 ? m.terms.fixed_equations : 1);
+      Evaluated shared;  // the bits of several threads
+      shared.work.aiopt(Ai::threads) = 3;
+      evaluate(m, gamma, shared);
+      EXPECT_EQ(shared.ev.logl, e.ev.logl);
+      EXPECT_EQ(shared.ev.information.score, e.ev.information.score);
+      EXPECT_EQ(shared.ev.information.ai, e.ev.information.ai);
       const DenseResult d = dense_reml(m.dense, gamma);
       const bool model_order = shape.dense_limit == 0;  // else other columns of X are left out, which moves log|X'V^-1 X|
       EXPECT_EQ(static_cast<double>(e.ev.nu), d.nu);
