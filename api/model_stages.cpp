@@ -26,11 +26,12 @@ std::vector<std::vector<double>> observed_responses(const DESIGN_MTX& design, st
   std::vector<double> response = design.response;
   for (std::size_t r = 0; r < response.size(); ++r) response[r] = design.beside_offset(r);
   for (const std::int64_t row : design.mv) response[static_cast<std::size_t>(row)] = no_value;
-  if (design.trait.empty()) return {std::move(response)};
-  // A trait's values stand at the data records, so that those of one record meet.
-  std::vector<std::vector<double>> out(traits, std::vector<double>(static_cast<std::size_t>(design.data_records), no_value));
+  if (traits == 1) return {std::move(response)};
+  // A trait's values stand at the units, so that those of one unit meet.
+  const std::int64_t units = design.stacked > 0 ? (design.data_records - 1) / design.stacked + 1 : design.data_records;
+  std::vector<std::vector<double>> out(traits, std::vector<double>(static_cast<std::size_t>(units), no_value));
   for (std::size_t r = 0; r < response.size(); ++r) {
-    out[static_cast<std::size_t>(design.trait[r] - 1)][static_cast<std::size_t>(design.record[r] - 1)] = response[r];
+    out[static_cast<std::size_t>(design.trait_of(r) - 1)][static_cast<std::size_t>(design.unit_of(r) - 1)] = response[r];
   }
   return out;
 }
@@ -193,6 +194,7 @@ void form_parameters(ERROR_HANDLER& eh, CORE_DATA& core)
 {
   std::vector<std::string> names;
   for (const std::int64_t row : core.model_info.responses) names.push_back(core.factors.row(row).shown());
+  for (std::int64_t t = 2; t <= core.model_info.stacked; ++t) names.push_back(names.front());
   std::vector<double> starting;
   STARTE(eh, 0.0, 0.0, observed_responses(core.design, names.size()), names, starting);
   if (eh.terminate()) return;
@@ -221,10 +223,11 @@ void adjust_parameters(ERROR_HANDLER& eh, CORE_DATA& core)
   if (eh.terminate()) return;
   HOLD_PARAMETERS(eh, core.options, core.variances);
   if (eh.terminate()) return;
-  FIX_NULL_STRUCTURES(eh, core.terms, core.design, core.variances);
   CHECK_FACTOR_PRODUCTS(eh, core.terms, core.variances);
   if (eh.terminate()) return;
   BIND_ZERO_SPECIFICS(eh, core.factors, core.terms, core.design, core.variances);
+  if (eh.terminate()) return;
+  FIX_NULL_STRUCTURES(eh, core.terms, core.design, core.variances);
   if (eh.terminate()) return;
   STRUCTURECHECK(eh, core.options, core.terms, core.design, core.variances);
   if (eh.terminate()) return;

@@ -240,7 +240,7 @@ std::string components_part(Engine& engine)
   add("AIC", engine.real("SCALAR_AIC"));
   add("BIC", engine.real("SCALAR_BIC"));
   if (!facts.empty()) out += paragraph(facts + ".");
-  return out + paragraph("% is the change in the last iteration; C: P positive, U free, F fixed by the user, B at its bound, C constrained, S "
+  return out + paragraph("% is the change in the last iteration; C: P positive, U free, F fixed by the user or by the structure, B at its bound, C constrained, S "
                          "without information.");
 }
 

@@ -76,7 +76,7 @@ void print_variance_components(Engine& engine)
   };
   constexpr Code codes[] = {
       {"B", "fixed at a boundary"},
-      {"F", "fixed by the user"},
+      {"F", "fixed, by the user or by the structure"},
       {"?", "liable to change from P to B"},
       {"C", "constrained by the user"},
       {"U", "unbounded"},
@@ -142,7 +142,8 @@ void print_summary(Engine& engine)
         base == 0.0 ? "" : "  relative to a base of " + number_cell(base, 0));
   }
   if (const auto df = engine.integer("SCALAR_DF")) row("Residual df", std::to_string(*df));
-  if (const auto sigma2 = engine.real("SCALAR_SIGMA2"))
+  // Where the residual has variances of its own the one that all else is counted in is 1, and says nothing.
+  if (const auto sigma2 = engine.real("SCALAR_SIGMA2"); sigma2 && *sigma2 != 1.0)
     row("Residual variance", number_cells(std::vector{*sigma2})[0]);
   if (aic) {
     row("AIC", number_cell(*aic, 4),

@@ -29,12 +29,21 @@ struct DESIGN_MTX {
   std::vector<double> weight;        // empty: all 1
   std::vector<std::int64_t> record;  // data record of each analysis record, from 1
   std::vector<std::int32_t> trait;   // trait of each analysis record, from 1; empty with one response
+  std::int64_t stacked = 0;          // traits that stand in one response, a data record each, by turns; 0: none do
   std::vector<std::int64_t> mv;   // analysis records (from 0) whose response is estimated, in equation order
   std::int64_t data_records = 0;  // records of the data store
   std::int64_t negative_weights = 0;  // records whose weight was below 0; it is 0 here
   std::int64_t zero_weights = 0;      // records whose weight was 0 as it came
 
   std::int64_t rows() const { return static_cast<std::int64_t>(start.size()) - 1; }
+  /// The trait of an analysis record, from 1.
+  std::int64_t trait_of(std::size_t row) const
+  {
+    if (stacked > 0) return (record[row] - 1) % stacked + 1;
+    return trait.empty() ? 1 : trait[row];
+  }
+  /// What its traits belong to, from 1: the data record, or as many of them as there are traits in one response.
+  std::int64_t unit_of(std::size_t row) const { return stacked > 0 ? (record[row] - 1) / stacked + 1 : record[row]; }
   /// What the terms of a linear model have to explain of a response: what is left of it beside the offset.
   double beside_offset(std::size_t row) const { return offset.empty() ? response[row] : response[row] - offset[row]; }
   std::span<const std::int32_t> equations(std::int64_t row) const

@@ -124,7 +124,7 @@ void REPORT_MISSING_VALUES(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const 
         eh.note(count_line(counts));
       }
       tell_the_rest(eh, counts);
-      if (counts.removed > 0 && info.responses.size() > 1) {
+      if (counts.removed > 0 && info.traits() > 1) {
         eh.warning(
             "it is not safe to remove missing values with a multivariate analysis because the residual structure "
             "(units.Traits) may be destroyed");

@@ -102,6 +102,7 @@ void AIDSGN(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TABLE&
   DMT_SETUP(eh, design, records * traits, plan.elements + (has_mv ? 1 : 0));
   if (eh.terminate()) return;
   design.data_records = records;
+  design.stacked = info.stacked;
 
   MISSING_COUNTS counts;
   counts.treatment = missing_treatment(options);
@@ -115,7 +116,7 @@ void AIDSGN(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TABLE&
     const bool filled = r >= records - store.filled();  // a plot that mv estimates; nothing is known of it
     std::int64_t lost = 0;
     for (std::int64_t t = 0; t < traits; ++t) {
-      row.state.trait = t + 1;
+      row.state.trait = info.stacked > 0 ? r % info.stacked + 1 : t + 1;
       const double response = read_source(plan.sources, plan.responses[static_cast<std::size_t>(t)], row.state);
       const bool lacks = !filled && lacks_design_values(plan, is_no_value(response), row.state, missing);
       const RecordFate fate =

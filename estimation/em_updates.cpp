@@ -28,18 +28,51 @@ bool is_sound(std::vector<double> a, std::int64_t n)
   return true;
 }
 
-/// A symmetric matrix by columns out of one value an element of the packed lower triangle, by rows.
+/// A symmetric matrix by columns out of one value an element (i, j) of the lower triangle, from 0.
 template <class Value>
 std::vector<double> unpacked(std::int64_t n, Value value)
 {
   std::vector<double> a(static_cast<std::size_t>(n * n));
-  std::size_t k = 0;
   for (std::int64_t i = 0; i < n; ++i) {
-    for (std::int64_t j = 0; j <= i; ++j, ++k) {
-      a[static_cast<std::size_t>(i + j * n)] = a[static_cast<std::size_t>(j + i * n)] = value(k, i == j);
+    for (std::int64_t j = 0; j <= i; ++j) {
+      a[static_cast<std::size_t>(i + j * n)] = a[static_cast<std::size_t>(j + i * n)] = value(i, j);
     }
   }
   return a;
+}
+
+/// The place of element (i, j), i at least j, both from 0, in a packed lower triangle by rows.
+std::int64_t triangle_place(std::int64_t i, std::int64_t j)
+{
+  return i * (i + 1) / 2 + j;
+}
+
+/// The place of a parameter among the active ones; -1: it is none of them.
+std::int64_t active_place(const INFORMATION& information, std::size_t parameter)
+{
+  const auto p = static_cast<std::int64_t>(parameter);
+  const auto at = std::lower_bound(information.active.begin(), information.active.end(), p);
+  return at != information.active.end() && *at == p ? at - information.active.begin() : -1;
+}
+
+/// The levels (from 0) of an unstructured row that EM can serve: all of them, or those that move as a whole where the others are
+/// held and have no covariance with them; none where that is not so.
+std::vector<std::int64_t> moving_levels(const EM_STATE::ROW& row, const INFORMATION& information, const VARIANCE_MODEL& model)
+{
+  const auto parameter = [&](std::int64_t i, std::int64_t j) { return static_cast<std::size_t>(row.first + triangle_place(i, j)); };
+  const auto moves = [&](std::size_t p) { return active_place(information, p) >= 0 && !follows(model.parameters[p]); };
+  std::vector<std::int64_t> levels;
+  for (std::int64_t i = 0; i < row.levels; ++i) {
+    const bool moving = moves(parameter(i, i));
+    for (std::int64_t j = 0; j < i; ++j) {
+      const bool both = moving && std::binary_search(levels.begin(), levels.end(), j);
+      const bool apart = !moves(parameter(i, j)) && model.parameters[parameter(i, j)].value == 0.0;
+      const bool neither = !moving && !std::binary_search(levels.begin(), levels.end(), j);
+      if (both ? !moves(parameter(i, j)) : !apart && !neither) return {};
+    }
+    if (moving) levels.push_back(i);
+  }
+  return levels;
 }
 
 /// The element of C at two positions; 0 off its pattern.
@@ -92,15 +125,17 @@ void K4MEMU(const std::vector<double>& sigma, const std::vector<double>& d, doub
   dgemm('N', 'N', levels, levels, levels, 2.0 / units, half.data(), levels, sigma.data(), levels, 1.0, next.data(), levels);
 }
 
-bool K4MEMP(const FIT_MODEL& in, const VARIANCE_MODEL& model, const EM_STATE::ROW& row, MIXED_EQUATIONS& q, const EVALUATION& ev,
-            const std::vector<double>& sigma, const std::vector<double>& d, std::vector<double>& next)
+bool K4MEMP(const FIT_MODEL& in, const VARIANCE_MODEL& model, const EM_STATE::ROW& row, const std::vector<std::int64_t>& levels,
+            MIXED_EQUATIONS& q, const EVALUATION& ev, const std::vector<double>& sigma, const std::vector<double>& d, std::vector<double>& next)
 {
   const TERM_STRUCTURE& structure = model.terms[static_cast<std::size_t>(row.structure)];
   const COMPONENTS& components = ev.formed.terms[static_cast<std::size_t>(row.structure)].components;
   const PRODUCT_BLOCK block = block_of(components, static_cast<std::size_t>(row.component));
   const std::int64_t first = first_equation(in.terms, structure);
-  const std::int64_t m = row.levels;
+  const std::int64_t m = std::ssize(levels);
   const std::int64_t mm = m * m;
+  std::vector<std::int64_t> among(static_cast<std::size_t>(row.levels), -1);  // of all levels: the place among those that move
+  for (std::int64_t i = 0; i < m; ++i) among[static_cast<std::size_t>(levels[static_cast<std::size_t>(i)])] = i;
   PRODUCT_ROWS& rows = q.random[static_cast<std::size_t>(row.structure)];
 
   // F(ij, kl) sums, over units a, the residual part of C at (i a, k a) times E[u_j u_l]; f is by columns, ij = i m + j.
@@ -110,7 +145,7 @@ bool K4MEMP(const FIT_MODEL& in, const VARIANCE_MODEL& model, const EM_STATE::RO
   std::vector<std::int64_t> at(static_cast<std::size_t>(m));
   for (std::int64_t o = 0; o < block.outer; ++o) {
     for (std::int64_t a = 0; a < block.inner; ++a) {
-      const auto equation = [&](std::int64_t level) { return (o * m + level) * block.inner + a; };
+      const auto equation = [&](std::int64_t level) { return (o * row.levels + levels[static_cast<std::size_t>(level)]) * block.inner + a; };
       for (std::int64_t i = 0; i < m; ++i) at[static_cast<std::size_t>(i)] = q.position_of(first + equation(i));
       for (std::int64_t i = 0; i < m; ++i) {
         const std::int64_t p = at[static_cast<std::size_t>(i)];
@@ -122,9 +157,9 @@ bool K4MEMP(const FIT_MODEL& in, const VARIANCE_MODEL& model, const EM_STATE::RO
         }
         rows.move_to(equation(i));
         rows.each([&](std::int64_t column, double g) {
-          if (column % block.inner == a && column / (block.inner * m) == o) {
-            left[static_cast<std::size_t>(i * m + (column / block.inner) % m)] -= g;
-          }
+          if (column % block.inner != a || column / (block.inner * row.levels) != o) return;
+          const std::int64_t k = among[static_cast<std::size_t>((column / block.inner) % row.levels)];
+          if (k >= 0) left[static_cast<std::size_t>(i * m + k)] -= g;
         });
       }
       for (std::int64_t i = 0; i < m; ++i) {
@@ -158,42 +193,37 @@ void K4MEMM(ERROR_HANDLER& eh, const FIT_MODEL& in, MIXED_EQUATIONS& q, const EV
             EM_STATE& em)
 {
   const Frame here{eh, __func__};
-  const std::vector<std::int64_t>& active = ev.information.active;
   std::vector<double> next;
   for (const EM_STATE::ROW& row : em.rows) {
-    const std::int64_t n = row.levels;
-    const auto from = static_cast<std::size_t>(row.first);
-    const auto count = static_cast<std::size_t>(n * (n + 1) / 2);
-    const auto at = std::lower_bound(active.begin(), active.end(), row.first);
-    const auto place = static_cast<std::size_t>(at - active.begin());
-    // All of the matrix moves, or the step and the mending of the structure serve it.
-    bool whole = place + count <= active.size();
-    for (std::size_t k = 0; whole && k < count; ++k) {
-      whole = active[place + k] == row.first + static_cast<std::int64_t>(k) && !follows(model.parameters[from + k]);
-    }
-    if (!whole) continue;
-    if (is_sound(unpacked(n, [&](std::size_t k, bool) { return model.parameters[from + k].value; }), n)) continue;
-    const std::vector<double> sigma = unpacked(n, [&](std::size_t k, bool) { return ev.evaluated[from + k]; });
+    const std::vector<std::int64_t> levels = moving_levels(row, ev.information, model);
+    const auto n = std::ssize(levels);
+    if (n == 0) continue;
+    const auto parameter = [&](std::int64_t i, std::int64_t j) {  // of two places among the levels, i at least j
+      return static_cast<std::size_t>(row.first + triangle_place(levels[static_cast<std::size_t>(i)], levels[static_cast<std::size_t>(j)]));
+    };
+    if (is_sound(unpacked(n, [&](std::int64_t i, std::int64_t j) { return model.parameters[parameter(i, j)].value; }), n)) continue;
+    const std::vector<double> sigma = unpacked(n, [&](std::int64_t i, std::int64_t j) { return ev.evaluated[parameter(i, j)]; });
     // A covariance stands twice in the matrix, its score is for both places.
-    const std::vector<double> d =
-        unpacked(n, [&](std::size_t k, bool diagonal) { return (diagonal ? 1.0 : 0.5) * ev.information.score[place + k]; });
+    const std::vector<double> d = unpacked(n, [&](std::int64_t i, std::int64_t j) {
+      return (i == j ? 1.0 : 0.5) * ev.information.score[static_cast<std::size_t>(active_place(ev.information, parameter(i, j)))];
+    });
     K4MEMU(sigma, d, row.units, n, next);
     if (em.expanded && row.structure >= 0) {
       const std::vector<double> plain = next;
-      if (!K4MEMP(in, model, row, q, ev, sigma, d, next) || !is_sound(next, n)) next = plain;
+      if (!K4MEMP(in, model, row, levels, q, ev, sigma, d, next) || !is_sound(next, n)) next = plain;
     }
     if (!is_sound(next, n)) continue;
     ++em.used;
-    std::size_t k = 0;
     for (std::int64_t i = 0; i < n; ++i) {
-      for (std::int64_t j = 0; j <= i; ++j, ++k) {
-        VARIANCE_PARAMETER& v = model.parameters[from + k];
-        const double old = ev.evaluated[from + k];
+      for (std::int64_t j = 0; j <= i; ++j) {
+        const std::size_t k = parameter(i, j);
+        VARIANCE_PARAMETER& v = model.parameters[k];
+        const double old = ev.evaluated[k];
         v.value = next[static_cast<std::size_t>(i + j * n)];
         v.constraint = v.constraint == Constraint::B ? Constraint::P : v.constraint;
-        state.reference[from + k] = v.value;
-        state.change[from + k] = old != 0.0 ? (v.value - old) / old : 0.0;
-        state.largest_change = std::max(state.largest_change, std::fabs(state.change[from + k]));
+        state.reference[k] = v.value;
+        state.change[k] = old != 0.0 ? (v.value - old) / old : 0.0;
+        state.largest_change = std::max(state.largest_change, std::fabs(state.change[k]));
       }
     }
   }

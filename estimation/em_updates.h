@@ -24,8 +24,9 @@ void K4MEMU(const std::vector<double>& sigma, const std::vector<double>& d, doub
 /// g = 2 D Sigma and F the information on alpha of the complete data; `next` holds the EM step and becomes alpha next alpha'.
 /// Where one record or correlated residuals tie several units, F leaves those ties out, which changes the way and not the end.
 /// False where F is singular; next is then as it was.
-bool K4MEMP(const FIT_MODEL& in, const VARIANCE_MODEL& model, const EM_STATE::ROW& row, MIXED_EQUATIONS& equations,
-            const EVALUATION& ev, const std::vector<double>& sigma, const std::vector<double>& d, std::vector<double>& next);
+///   levels   those of the row (from 0, rising) that the matrices are of
+bool K4MEMP(const FIT_MODEL& in, const VARIANCE_MODEL& model, const EM_STATE::ROW& row, const std::vector<std::int64_t>& levels,
+            MIXED_EQUATIONS& equations, const EVALUATION& ev, const std::vector<double>& sigma, const std::vector<double>& d, std::vector<double>& next);
 
 /// K4MEMM: replaces the parameters of every unstructured row that is not positive definite after the step by the EM update.
 /// Call it with C-inverse in the factor, before followers take their masters' values.

@@ -20,6 +20,10 @@ std::string own_level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, c
                            std::int64_t given_row, std::int64_t level)
 {
   const FACTOR_ROW& given = factors.row(given_row);
+  if (given.kind == kind_linked && (given.structure == "fa" || given.structure == "rr")) {
+    const std::int64_t levels = given.levels - given.order - given.binding_rows;
+    if (level > levels) return text("factor", level - levels);
+  }
   if (given.copy && level > factors.row(given.source).levels) {
     if (level <= given.levels - given.added_rows) {
       if (given.matrix_rows > 0) return text(level);  // a row of a known matrix beyond the levels of the data
@@ -59,12 +63,27 @@ std::string own_level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, c
   }
 }
 
+/// The components that tell a level of a term apart, and its place (from 0) in their mixed radix: those of the term, or of the
+/// structure that it shares with others.
+struct LEVEL_PLACE {
+  std::int64_t from = 0, to = 0, place = 0;
+};
+
+LEVEL_PLACE place_of(const FACTOR_TABLE& factors, const TERM_ROW& term, std::int64_t level)
+{
+  const std::int64_t own = term.equations - term.added;
+  if (level <= own || term.added == 0) return {term.components().first, term.components().second, level - 1};
+  const auto [from, to] = term.structure();
+  std::int64_t all = 1;
+  for (std::int64_t i = from; i <= to; ++i) all *= factors.row(i).levels;
+  return {from, to, all - term.added + level - own - 1};
+}
+
 }  // namespace
 
 bool binds_a_level(const FACTOR_TABLE& factors, const TERM_ROW& term, std::int64_t level)
 {
-  const auto [from, to] = term.components();
-  std::int64_t rest = level - 1;
+  auto [from, to, rest] = place_of(factors, term, level);
   for (std::int64_t i = to; i >= from; --i) {
     const FACTOR_ROW& factor = factors.row(i);
     const std::int64_t n = factor.levels > 0 ? factor.levels : 1;
@@ -78,8 +97,7 @@ std::string level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const
                        const TERM_ROW& term, std::int64_t level)
 {
   // Mixed radix: the last component runs fastest.  Components are taken from the last to the first.
-  const auto [from, to] = term.components();
-  std::int64_t rest = level - 1;
+  auto [from, to, rest] = place_of(factors, term, level);
   std::string name;
   for (std::int64_t i = to; i >= from; --i) {
     const FACTOR_ROW& factor = factors.row(i);

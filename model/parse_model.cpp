@@ -68,6 +68,14 @@ std::int64_t count_traits(const JsonNode& response)
   return levels != nullptr && levels->is(JsonType::array) ? levels->size() : 1;
 }
 
+/// The traits that the option asmv says stand in one response, a record each, by turns; 0: none do.
+std::int64_t stacked_traits(const JsonNode& request, std::int64_t traits)
+{
+  const JsonNode* options = request.find("options");
+  const JsonNode* asmv = options != nullptr && options->is(JsonType::object) ? options->find("asmv") : nullptr;
+  return traits == 1 && asmv != nullptr && asmv->is(JsonType::integer) && asmv->integer() > 1 ? asmv->integer() : 0;
+}
+
 /// L_SET_FACTORS: the rows that every model has: the variables in request order, then the reserved factors.
 void L_SET_FACTORS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& model,
                    const std::vector<const JsonNode*>& responses)
@@ -95,6 +103,8 @@ void L_SET_FACTORS(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNode& mode
   parser.units = factors.count();
   std::int64_t traits = 0;
   for (const JsonNode* response : responses) traits += count_traits(*response);
+  parser.info.stacked = stacked_traits(parser.request, traits);
+  traits = std::max(traits, parser.info.stacked);
   if (traits > 1) {
     factors.rows.push_back({.name = words.VARIABLE_NAME_TRAIT, .reserved = Reserved::trait, .is_factor = true, .levels = traits});
     parser.info.trait = factors.count();
@@ -120,7 +130,7 @@ void L_ADD_RESPONSE(ERROR_HANDLER& eh, MODEL_PARSER& parser, std::int64_t row, c
     return;
   }
   seen.push_back(row);
-  if (parser.info.trait > 0) parser.factors.row(parser.info.trait).labels.push_back(name);
+  if (parser.info.trait > 0 && parser.info.stacked == 0) parser.factors.row(parser.info.trait).labels.push_back(name);
   TERM_ROW term{.code = static_cast<std::int32_t>(row), .block = Block::response, .name = name};
   parser.terms.rows.push_back(std::move(term));
 }

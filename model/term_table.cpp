@@ -106,7 +106,8 @@ void SET_FACTOR_LEVELS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, std::
       continue;
     }
     factor.levels = std::max(factors.row(factor.source).levels, factor.matrix_rows) + factor.added_rows;
-    if (!extends_levels(factor)) continue;
+    // Linked terms have the equations of the levels; those of factors are added when the structure is set up.
+    if (!extends_levels(factor) || factor.kind == kind_linked) continue;
     // The factors follow; a level without a variance of its own, as all of rr() are, is bound to them by an equation more,
     // behind all others.
     if (factor.structure == "rr") factor.binding_rows = factor.levels;

@@ -31,6 +31,8 @@ struct TERM_ROW {
   bool joins = false;  // holds and(): its design is added to the equations of the nearest term before it that has its own
   std::int64_t linked_head = -1;  // index of the first term of its linked group, whose structure it shares; -1: not linked
   std::int64_t structure_first = 0, structure_last = 0;  // factor rows of the structure where it has its own, str(); else 0
+  std::int64_t added = 0;  // of its equations, the last ones that no level of it has: factors of the structure that it shares,
+                           // and what binds levels to them
   std::int64_t condition = 0;  // of a residual section: the factor row of at() or sat() that tells its records; 0: all records
   const JsonNode* initial_values = nullptr;  // the node that may hold values, ps_constraints, ...; null: none
 
@@ -66,6 +68,9 @@ struct TERM_TABLE {
 struct MODEL_INFO {
   std::vector<std::int64_t> responses;  // factor rows of the response variables, one a trait
   std::int64_t trait = 0;               // factor row of the trait factor, 0 in a model with one response
+  std::int64_t stacked = 0;             // traits that stand in one response, a record each, by turns (option asmv); 0: none do
+  /// The traits: one a response, or those that stand in one.
+  std::int64_t traits() const { return stacked > 0 ? stacked : static_cast<std::int64_t>(responses.size()); }
   std::int64_t weights = 0;             // factor row, 0 for none
   std::int64_t offset = 0;              // factor row, 0 for none
   bool has_mv = false;

@@ -43,6 +43,7 @@ void TABLE_SLN(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_
     const TERM_ROW& term = terms.rows[i];
     if (term.block == Block::response || term.dropped) continue;
     const auto [from, to] = term.components();
+    binding[i] = term.added > 0 ? 1 : 0;
     for (std::int64_t f = from; f >= 1 && f <= to && f <= factors.count(); ++f) binding[i] |= factors.row(f).binding_rows > 0 ? 1 : 0;
     effects += term.equations;
     for (std::int64_t k = 1; binding[i] && k <= term.equations; ++k) effects -= binds_a_level(factors, term, k) ? 1 : 0;

@@ -98,6 +98,8 @@ std::string scalars_text(const OUTPUT_TABLE_STORE& store)
                            Line{"SCALAR_BIC", "Bayesian information criterion"}, Line{"SCALAR_DETC", "log|C|"}}) {
     const OUTPUT_SCALAR* scalar = store.find_scalar(line.name);
     if (scalar == nullptr) continue;
+    // 1 where the residual has variances of its own.
+    if (std::string_view(line.name) == "SCALAR_SIGMA2" && scalar->rval == 1.0) continue;
     const std::string value = scalar->type == ColumnType::integer ? edit_i(scalar->ival, 16) : edit_g(scalar->rval, 16, 8);
     out += text(' ', padded(line.words, 32), value, '\n');
   }

@@ -1,20 +1,56 @@
-// Structures of terms that no record has a design for.  Routine: FIX_NULL_STRUCTURES.
+// Parameters of levels and terms that no record has a design for.  Routine: FIX_NULL_STRUCTURES.
 #include <algorithm>
+#include <cmath>
 
+#include "base/text.h"
 #include "varstruct/followers.h"
+#include "varstruct/make_component.h"
 #include "varstruct/starting_values.h"
 
 namespace tolvan {
 
 namespace {
 
-/// Whether any record has one of so many equations.
-bool any_met(const std::vector<bool>& met, std::int64_t first, std::int64_t equations)
+constexpr std::int64_t most_levels = 1000;  // of a component whose derivatives are looked at
+constexpr double rounding = 1e-10;          // of the largest element of a derivative
+
+/// Which of the levels of a component the data speak of.
+std::vector<bool> levels_met(const std::vector<bool>& met, std::int64_t first, std::int64_t equations, std::int64_t levels,
+                             std::int64_t inner)
 {
+  std::vector<bool> out(static_cast<std::size_t>(levels), false);
   const std::int64_t end = std::min(first + equations, std::ssize(met));
   for (std::int64_t e = first; e < end; ++e)
-    if (met[static_cast<std::size_t>(e)]) return true;
-  return false;
+    if (met[static_cast<std::size_t>(e)]) out[static_cast<std::size_t>((e - first) / inner % levels)] = true;
+  return out;
+}
+
+/// L_FIND_USED: the parameters of a row on which the covariances among some of its levels depend.
+///   model  a copy: forming a component may mend its values
+std::vector<bool> L_FIND_USED(const STRUCTURE_ROW& row, const std::vector<bool>& levels, VARIANCE_MODEL model)
+{
+  std::vector<bool> used(static_cast<std::size_t>(row.parameters), true);
+  const std::int64_t n = row.size;
+  ERROR_HANDLER unheard;  // what is wrong with the row is told when it is formed for good
+  STRUCTURE_ROW copy = row;
+  FORM_CONTEXT context{.eh = unheard, .model = model, .row = copy, .iteration = 1, .ar_limit = 1.0, .bend = 0.0};
+  const std::unique_ptr<COMPONENT_MATRIX> component = row.own < 0 ? make_component(row, model) : nullptr;
+  if (component == nullptr || component->form(context) != Formed::done || component->inverse().n != n) return used;
+  std::vector<double> r(static_cast<std::size_t>(n * n)), derivative(r.size());
+  component->covariance(r.data());
+  for (std::int64_t k = 0; k < row.parameters; ++k) {
+    component->working(k, r.data(), derivative.data(), 1, n);  // Rdot R^-1 R
+    double largest = 0.0, among = 0.0;
+    for (std::int64_t j = 0; j < n; ++j) {
+      for (std::int64_t i = 0; i < n; ++i) {
+        const double x = std::fabs(derivative[static_cast<std::size_t>(i + j * n)]);
+        largest = std::max(largest, x);
+        if (levels[static_cast<std::size_t>(i)] && levels[static_cast<std::size_t>(j)]) among = std::max(among, x);
+      }
+    }
+    used[static_cast<std::size_t>(k)] = among > rounding * largest;
+  }
+  return used;
 }
 
 }  // namespace
@@ -24,25 +60,39 @@ void FIX_NULL_STRUCTURES(ERROR_HANDLER& eh, const TERM_TABLE& terms, const DESIG
   const Frame here{eh, __func__};
   const std::vector<bool> met = equations_met(design, terms.equations);
   // A parameter goes on where a structure that the data speak of uses it, too, as its own or through a follower.
-  std::vector<bool> of_null(model.parameters.size(), false), needed(model.parameters.size(), false);
+  std::vector<bool> unused(model.parameters.size(), false), needed(model.parameters.size(), false);
   for (const TERM_STRUCTURE& structure : model.terms) {
     const std::int64_t first = terms.rows[static_cast<std::size_t>(structure.term)].first;
-    const bool null = !any_met(met, first, structure_equations(terms, structure.term));
+    const std::int64_t equations = structure_equations(terms, structure.term);
+    std::int64_t inner = equations;
     for (std::int64_t r = structure.first_row; r < structure.first_row + structure.rows; ++r) {
       const STRUCTURE_ROW& row = model.rows[static_cast<std::size_t>(r)];
-      const auto mark = [&](std::int64_t p) { (null ? of_null : needed)[static_cast<std::size_t>(p)] = true; };
-      for (std::int64_t p = row.first; p < row.first + row.parameters; ++p) mark(p);
-      if (row.scale >= 0) mark(row.scale);
+      inner = std::max<std::int64_t>(inner / std::max<std::int64_t>(row.size, 1), 1);
+      const std::vector<bool> levels = levels_met(met, first, equations, row.size, inner);
+      const bool null = std::ranges::none_of(levels, [](bool x) { return x; });
+      std::vector<bool> used(static_cast<std::size_t>(row.parameters), !null);
+      const bool partly = !null && row.parameters > 1 && row.size <= most_levels && !std::ranges::all_of(levels, [](bool x) { return x; });
+      if (partly) used = L_FIND_USED(row, levels, model);
+      for (std::int64_t k = 0; k < row.parameters; ++k)
+        (used[static_cast<std::size_t>(k)] ? needed : unused)[static_cast<std::size_t>(row.first + k)] = true;
+      if (row.scale >= 0 && (row.scale < row.first || row.scale >= row.first + row.parameters))
+        (null ? unused : needed)[static_cast<std::size_t>(row.scale)] = true;
     }
   }
   for (std::size_t p = 0; p < model.parameters.size(); ++p) {
-    if (of_null[p] || !follows(model.parameters[p])) continue;
+    if (unused[p] || !follows(model.parameters[p])) continue;
     for (const PARAMETER_SHARE& share : made_of(model, static_cast<std::int64_t>(p))) needed[static_cast<std::size_t>(share.of)] = true;
   }
+  std::int64_t held = 0;
   for (std::size_t p = 0; p < model.parameters.size(); ++p) {
     Constraint& constraint = model.parameters[p].constraint;
-    if (of_null[p] && !needed[p] && is_free(constraint)) constraint = Constraint::F;
+    if (!unused[p] || needed[p] || !is_free(constraint)) continue;
+    constraint = Constraint::S;
+    // Any value will do as far as the data go: without covariances the levels at hand are by themselves.
+    if (model.parameters[p].role == ParamRole::covariance) model.parameters[p].value = model.parameters[p].start = 0.0;
+    ++held;
   }
+  if (held > 0) eh.note(text(held, " variance parameters are held: no record has a level that they are of"));
 }
 
 }  // namespace tolvan

@@ -27,9 +27,9 @@ KEY key_of(const LEVEL_PLAN& plan, const DATA_STORE& store, const DESIGN_MTX& de
   const auto r = static_cast<std::size_t>(row);
   switch (plan.reads) {
     case LEVEL_PLAN::Reads::units:
-      return {static_cast<double>(design.record[r]), 0.0};
+      return {static_cast<double>(design.unit_of(r)), 0.0};
     case LEVEL_PLAN::Reads::trait:
-      return {design.trait.empty() ? 1.0 : static_cast<double>(design.trait[r]), 0.0};
+      return {static_cast<double>(design.trait_of(r)), 0.0};
     case LEVEL_PLAN::Reads::column: {
       const auto data = store.row(design.record[r] - 1);
       KEY key{data[plan.column], plan.pair ? data[plan.second] : 0.0};

@@ -20,7 +20,7 @@ using Rows = std::vector<std::int64_t>;  // of the design, from 0
 double level_of(const DATA_STORE& store, const DESIGN_MTX& design, std::int64_t condition, std::int64_t row)
 {
   const auto r = static_cast<std::size_t>(row);
-  if (condition == trait_condition) return design.trait.empty() ? 1.0 : static_cast<double>(design.trait[r]);
+  if (condition == trait_condition) return static_cast<double>(design.trait_of(r));
   return store.row(design.record[r] - 1)[static_cast<std::size_t>(condition - 1)];
 }
 
@@ -124,7 +124,7 @@ void L_PLACE_SECTION(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const F
   const bool all_levels = residual.sections.size() == 1;
   const std::size_t n = section.components.size();
   const RESIDUAL_COMPONENT& first = section.components.front();
-  if (n == 1 && is_units(factors, first.factor) && !is_metric(first.function) && info.responses.size() == 1) {
+  if (n == 1 && is_units(factors, first.factor) && !is_metric(first.function) && info.traits() == 1) {
     section.components.front().size = records;  // in whatever order
     std::iota(place.begin(), place.end(), std::int64_t{0});
     return;
@@ -282,7 +282,7 @@ void NOT_AUTOAR_MODEL_CHECKS(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, con
                              const VARIANCE_MODEL& model)
 {
   const Frame here{eh, __func__};
-  const auto traits = static_cast<std::int64_t>(info.responses.size());
+  const std::int64_t traits = info.traits();
   if (is_multivariate_residual(factors, residual.sections.front()) && residual.sections.size() == 1) {
     const std::int64_t found = model.residual.size() == 2 ? model.residual[1].size : 0;
     if (found != traits) {

@@ -150,7 +150,7 @@ void L_SETTLE_SCALE(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const FACTOR_
   const Frame here{eh, __func__};
   const bool sigma = options(Slot::varscale) > 0;
   const bool gamma_asked = !sigma && options.given[static_cast<std::size_t>(Slot::varscale)];
-  const bool several = residual.sections.size() > 1 || info.responses.size() > 1;
+  const bool several = residual.sections.size() > 1 || info.traits() > 1;
   residual.gamma = !sigma;
   if (several && gamma_asked) {
     eh.error("gamma scale cannot be used when there are multiple error variances");
@@ -199,7 +199,7 @@ void NOT_AUTOAR(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const MODEL_INFO
   residual.is_default = true;
   RESIDUAL_TERM section;
   section.components.push_back({.factor = units_row(factors)});
-  if (info.responses.size() > 1) {
+  if (info.traits() > 1) {
     section.components.push_back({.factor = info.trait, .function = "us"});
     eh.warning("assuming I x US variable structure for Residual");
   }
@@ -248,13 +248,17 @@ void HAVE_RCOV(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const VARIABLE_TAB
                const FACTOR_TABLE& factors, const MODEL_INFO& info, const RESIDUAL_MODEL& residual)
 {
   const Frame here{eh, __func__};
-  const auto traits = static_cast<std::int64_t>(info.responses.size());
+  const std::int64_t traits = info.traits();
   const RESIDUAL_TERM& first = residual.sections.front();
   const bool asmv = options(Slot::asmv) > 0;
   const bool asuv = options(Slot::asuv) > 0;
   const bool multivariate = is_multivariate_residual(factors, first);
   if (asmv && (residual.sections.size() != 1 || !multivariate)) {
     eh.error("the ASMV qualifier may only be used with a units.us() residual");
+    return;
+  }
+  if (options(Slot::asmv) > 1 && options(Slot::asmv) != traits) {
+    eh.error(text("the option asmv tells of ", options(Slot::asmv), " traits, the model has ", traits));
     return;
   }
   if (asuv && options(RealSlot::adjust) != 0.0) {

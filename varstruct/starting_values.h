@@ -45,8 +45,8 @@ void FORCE_GAMMA_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& request, cons
                                 const TERM_TABLE& terms, const DATA_STORE& store, const DESIGN_MTX& design,
                                 VARIANCE_MODEL& model);
 
-/// FIX_NULL_STRUCTURES: fixes the parameters that only structures have of which no record has an equation, such as that of
-/// zero(): the likelihood does not depend on them.
+/// FIX_NULL_STRUCTURES: holds the parameters (code S) on which the likelihood does not depend since no record has the levels that
+/// they are of: all of a term such as zero(), some of diag() over a factor with an empty level.
 void FIX_NULL_STRUCTURES(ERROR_HANDLER& eh, const TERM_TABLE& terms, const DESIGN_MTX& design, VARIANCE_MODEL& model);
 
 /// STRUCTURECHECK: the last check of the table before the fit.  Where the information matrix is not damped,

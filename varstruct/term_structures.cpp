@@ -40,7 +40,7 @@ struct PART {
 /// rr().
 std::int64_t levels_of_data(const FACTOR_TABLE& factors, const FACTOR_ROW& f)
 {
-  if (f.structure != "fa" && f.structure != "rr") return f.levels;
+  if ((f.structure != "fa" && f.structure != "rr") || f.kind == kind_linked) return f.levels;
   if (f.copy) return factors.row(f.source).levels;
   return (f.levels - f.order) / (f.structure == "rr" ? 2 : 1);
 }

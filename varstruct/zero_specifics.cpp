@@ -26,9 +26,10 @@ std::int64_t zero_specifics(const STRUCTURE_ROW& row, const VARIANCE_MODEL& mode
   return count;
 }
 
-/// What is added to one component of a term, with the equations before and behind one of its levels.
+/// What is added to one component of a term, with the equations before and behind one of its levels; or, without levels, to the
+/// end of a term.
 struct ADDITION {
-  std::int64_t levels = 0;  // of the component, before
+  std::int64_t levels = 0;  // of the component, before; 0: all behind the equations of the term
   std::int64_t more = 0;
   std::int64_t inner = 1;   // equations of the components behind it
 };
@@ -36,7 +37,7 @@ struct ADDITION {
 /// The new place of an equation within its term.
 std::int64_t moved(const ADDITION& a, std::int64_t equation)
 {
-  if (a.more == 0) return equation;
+  if (a.more == 0 || a.levels == 0) return equation;
   const std::int64_t outer = equation / (a.levels * a.inner);
   return equation + outer * a.more * a.inner;
 }
@@ -52,7 +53,9 @@ void L_RENUMBER(ERROR_HANDLER& eh, const std::vector<ADDITION>& additions, TERM_
     if (term.joins) continue;
     const ADDITION& a = additions[t];
     term.first = terms.equations;
-    if (a.more > 0) term.equations += term.equations / a.levels * a.more;
+    const std::int64_t added = a.levels == 0 ? a.more * a.inner : term.equations / a.levels * a.more;
+    term.equations += added;
+    if (a.levels == 0) term.added += added;
     terms.equations += term.equations;
   }
   constexpr std::int64_t most_equations = std::numeric_limits<std::int32_t>::max();
@@ -112,23 +115,36 @@ void BIND_ZERO_SPECIFICS(ERROR_HANDLER& eh, FACTOR_TABLE& factors, TERM_TABLE& t
   bool any = false;
   for (const TERM_STRUCTURE& structure : model.terms) {
     const TERM_ROW& term = terms.rows[static_cast<std::size_t>(structure.term)];
+    const bool linked = term.linked_head >= 0;
     for (std::int64_t r = structure.first_row; r < structure.first_row + structure.rows; ++r) {
       STRUCTURE_ROW& row = model.rows[static_cast<std::size_t>(r)];
-      if (row.model != xfa) continue;
+      if (row.model != xfa || row.factor == 0) continue;
       const EXTENDED_LAYOUT layout = extended_layout(row, model);
-      const std::int64_t more = zero_specifics(row, model) - layout.lagrangian();
-      if (more <= 0) continue;
-      if (term.linked_head >= 0 || row.factor == 0) {
-        eh.not_implemented(text("a specific variance of zero in ", term.name, ", whose structure several terms share, is not implemented"));
+      const std::int64_t bound = std::max<std::int64_t>(zero_specifics(row, model) - layout.lagrangian(), 0);
+      std::int64_t inner = 1;
+      for (std::int64_t i = r + 1; i < structure.first_row + structure.rows; ++i) inner *= model.rows[static_cast<std::size_t>(i)].size;
+      FACTOR_ROW& factor = factors.row(row.factor);
+      // Linked terms have equations for the levels alone.
+      const std::int64_t more = linked ? layout.size() + bound - layout.levels : bound;
+      if (more == 0) continue;
+      row.size += bound;
+      factor.binding_rows += linked ? layout.lagrangian() + bound : bound;
+      factor.levels += more;
+      any = true;
+      if (!linked) {
+        additions[static_cast<std::size_t>(structure.term)] = {.levels = row.size - bound, .more = more, .inner = inner};
+        continue;
+      }
+      if (r != structure.first_row) {
+        eh.not_implemented(text("fa() and rr() behind another component of a structure that terms share (", term.name,
+                                ") are not implemented"));
         return;
       }
-      ADDITION& a = additions[static_cast<std::size_t>(structure.term)];
-      a = {.levels = row.size, .more = more, .inner = 1};
-      for (std::int64_t i = r + 1; i < structure.first_row + structure.rows; ++i) a.inner *= model.rows[static_cast<std::size_t>(i)].size;
-      row.size += more;
-      factors.row(row.factor).binding_rows += more;
-      factors.row(row.factor).levels += more;
-      any = true;
+      std::size_t last = static_cast<std::size_t>(structure.term);  // of the group, with equations
+      for (std::size_t t = last; t < terms.rows.size(); ++t) {
+        if (terms.rows[t].linked_head == term.linked_head && !terms.rows[t].joins) last = t;
+      }
+      additions[last] = {.levels = 0, .more = more, .inner = inner};
     }
   }
   if (any) L_RENUMBER(eh, additions, terms, design);

@@ -10,7 +10,8 @@
 namespace tolvan {
 
 /// BIND_ZERO_SPECIFICS: gives every level of fa() whose specific variance is fixed at zero the equation that binds it to the
-/// factors, behind all others of its component, and numbers the equations of the model anew; those of rr() are there already.
+/// factors, behind all others of its component, and numbers the equations of the model anew; those of rr() are there already.  Terms
+/// that share fa() or rr() get the equations of factors and bindings here, behind those of the last of them.
 ///   factors, terms  level counts, first equations and counts of equations are brought up to date
 ///   design          equations get their new numbers
 /// Called once, when starting values and constraints are final.

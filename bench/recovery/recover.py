@@ -1,6 +1,6 @@
 """Recovery of variance parameters: simulated data, 50 seeds a structure, means of the estimates against what was simulated.
 
-    python3 bench/recovery/recover.py LIBRARY [--seeds 50] [--only TEXT] [--all]
+    python3 bench/recovery/recover.py LIBRARY [--seeds 50] [--first 1] [--only TEXT,TEXT] [--all]
 
 Needs numpy.  Prints, for every structure, its parameters, the largest bias in standard errors of the mean, how many runs said
 "converged" without a reservation, ended with some parameter at a bound or without information, or failed; with --all every
@@ -315,17 +315,18 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("library")
     parser.add_argument("--seeds", type=int, default=50)
-    parser.add_argument("--only", default="")
+    parser.add_argument("--first", type=int, default=1, help="the first seed")
+    parser.add_argument("--only", default="", help="structures whose names hold one of these texts, between commas")
     parser.add_argument("--all", action="store_true")
     args = parser.parse_args()
     bad = tested = beyond2 = beyond3 = 0
     print("| structure | parameters | largest bias/se | beyond 2 | converged | at a bound | failed |")
     print("|---|---|---|---|---|---|---|")
     for position, (name, (make, truth, options, *transform)) in enumerate(STRUCTURES.items()):
-        if args.only not in name:
+        if not any(text in name for text in args.only.split(",")):
             continue
         estimates, failed, converged, bound = [], 0, 0, 0
-        for seed in range(1, args.seeds + 1):
+        for seed in range(args.first, args.first + args.seeds):
             variables, data, model = make(np.random.default_rng([seed, position]))
             answer = fit(args.library, variables, data, model, options)
             if answer is None:

@@ -104,7 +104,6 @@ code B - fixed at a boundary             F - fixed by user
 
  LogL                              -162.41769    
  Residual degrees of freedom                  230
- Residual variance                  1.0000000    
  Akaike information criterion       336.83537    
    with variance parameters                     6
  Bayesian information criterion     357.46385    
