@@ -80,9 +80,9 @@ void print_variance_components(Engine& engine)
       {"?", "liable to change from P to B"},
       {"C", "constrained by the user"},
       {"U", "unbounded"},
-      {"Z", "fixed at zero"},
+      {"Z", "positive, let go near zero"},
       {"S", "singular information matrix"},
-      {"H", "held in the last update"},
+      {"H", "held"},
   };
   for (const Code& code : codes) {
     for (const std::string& bound : bounds) {

@@ -47,6 +47,11 @@ ALTERNATIVES L_READ_FACTOR(ERROR_HANDLER& eh, MODEL_PARSER& parser, const JsonNo
 {
   const Frame here{eh, __func__};
   const JsonNode* value = supplied_value(function, argument);
+  if (block == Block::residual && value != nullptr && value->is(JsonType::integer) && value->integer() > 0) {
+    // A number of levels: the records are taken as they stand.
+    FACTOR_ROW sized{.name = text(value->integer()), .kind = kind_linked, .is_factor = true, .levels = value->integer()};
+    return {COMPONENT{.row = ADD_FACTOR_ROW(eh, parser, std::move(sized)), .name = text(value->integer())}};
+  }
   if (!is_term_argument(value)) {
     eh.error(text("Unrecognised argument in ", shown));
     return {};

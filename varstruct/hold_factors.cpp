@@ -49,21 +49,6 @@ void hold_cholesky_factors(const FACTOR_TRIANGLE& theta, std::int64_t n, std::ve
   }
 }
 
-/// Takes a level whose own variance is at its bound out of the regressions of those behind it, which its predecessors stand for:
-/// with e_i = u_i + sum over k before i of u_ki u_k next to 0, u_ij u_i is -u_ij times that sum.
-void leave_to_predecessors(const FACTOR_TRIANGLE& theta, std::int64_t n, std::int64_t i)
-{
-  for (std::int64_t j = i + 1; j <= n; ++j) {
-    VARIANCE_PARAMETER& u = theta(j, i);
-    if (!is_free(u.constraint)) continue;
-    for (std::int64_t k = 1; k < i; ++k) {
-      if (is_free(theta(j, k).constraint)) theta(j, k).value -= u.value * theta(i, k).value;
-    }
-    u.value = 0.0;
-    u.constraint = Constraint::B;
-  }
-}
-
 /// Row by row V_jk = -sum over i before j of u_ij V_ik, V_jj = 1 / D_j - sum of u_ij V_ij.
 void hold_precision_factors(const FACTOR_TRIANGLE& theta, std::int64_t n, std::vector<int>& times)
 {
@@ -85,9 +70,7 @@ void hold_precision_factors(const FACTOR_TRIANGLE& theta, std::int64_t n, std::v
     VARIANCE_PARAMETER& d = theta(j, j);
     double most = smallest > 0.0 ? largest_ratio * smallest : d.value;
     if (explained > 0.0) most = std::min(most, (1.0 - least_share) / (least_share * explained));
-    const bool was_free = is_free(d.constraint);
     hold(d, most, true, times[static_cast<std::size_t>(j - 1)]);
-    if (was_free && d.constraint == Constraint::B && j > 1) leave_to_predecessors(theta, n, j);
     whole(j, j) = explained + (d.value > 0.0 ? 1.0 / d.value : 0.0);
   }
 }

@@ -20,8 +20,7 @@ using FACTOR_TRIANGLE = PackedLower<VARIANCE_PARAMETER>;
 ///   times  of each level, kept by the caller
 void hold_cholesky_factors(const FACTOR_TRIANGLE& theta, std::int64_t n, std::vector<int>& times);
 
-/// V^-1 = U D U': no 1 / D_j below 1e-5 of V_jj, and no D_j above a million times the smallest one.  A D that is fixed at its bound
-/// takes its row of U with it (0, code B): the levels before it stand for it in the regressions of those behind.
+/// V^-1 = U D U': no 1 / D_j below 1e-5 of V_jj, and no D_j above a million times the smallest one.
 void hold_precision_factors(const FACTOR_TRIANGLE& theta, std::int64_t n, std::vector<int>& times);
 
 }  // namespace tolvan

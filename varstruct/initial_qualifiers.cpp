@@ -225,8 +225,8 @@ void APPLY_QUALIFIERS(ERROR_HANDLER& eh, const QUALIFIER_DATA& data, const IVALU
   if (given.sing % 2 != 0) {
     eh.error(text("invalid number of levels for SING option, was expecting an even number, observed = ",
                   given.sing));
-  } else if (given.sing != 0) {
-    eh.not_implemented(text("sing of ", term, " is not implemented"));
+  } else if (given.sing != 0 && (range.section >= 0 || !given.subsection.empty())) {
+    eh.not_implemented(text("sing of ", term, range.section >= 0 ? ", in the residual," : ", together with subsection,", " is not implemented"));
   }
   if (eh.terminate()) return;
   if (!given.subsection.empty()) L_SUBSECTION(eh, data, given.subsection, term, range, model);

@@ -185,6 +185,17 @@ void L_CHECK_VALUES(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, double unit)
   }
 }
 
+/// The row of one component in the structure of its term; without rows when it has none.
+PARAMETER_RANGE range_of_part(const PARAMETER_RANGE& whole, std::int64_t factor)
+{
+  for (std::int64_t r = whole.first_row; whole.rows != nullptr && factor > 0 && r < whole.first_row + whole.row_count; ++r) {
+    const STRUCTURE_ROW& row = (*whole.rows)[static_cast<std::size_t>(r)];
+    if (row.factor != factor) continue;
+    return {.rows = whole.rows, .first_row = r, .row_count = 1, .first = row.first, .count = row.parameters, .section = whole.section};
+  }
+  return {};
+}
+
 /// The one term of the request's residual, which has no row in the term table; null without one.
 const JsonNode* residual_term(const JsonNode& request)
 {
@@ -243,16 +254,32 @@ void FORCE_GAMMA_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& request, cons
   if (eh.terminate()) return;
 
   const QUALIFIER_DATA places{factors, terms, store, design};
-  const auto apply = [&](const JsonNode& node, const std::string& name, const PARAMETER_RANGE& range) {
-    IVALUE_DATA data;
-    SAVE_INITIAL_VALUES(eh, node, data);
-    if (eh.terminate() || data.empty()) return;
+  const auto apply_data = [&](const IVALUE_DATA& data, const std::string& name, const PARAMETER_RANGE& range) {
     if (range.rows == nullptr) {
       eh.error(text("no structure vector set up for ", name, ", cannot apply variance structure qualifiers"));
       return;
     }
     L_SET_PARAMETERS(eh, data, name, range, model);
     if (!eh.terminate()) APPLY_QUALIFIERS(eh, places, data, name, range, model);
+  };
+  const auto apply = [&](const JsonNode& node, const std::string& name, const PARAMETER_RANGE& range) {
+    IVALUE_DATA data;
+    SAVE_INITIAL_VALUES(eh, node, data);
+    if (!eh.terminate() && !data.empty()) apply_data(data, name, range);
+  };
+  const auto apply_parts = [&](const TERM_ROW& term, const PARAMETER_RANGE& range) {
+    std::vector<TERM_PART> parts;
+    TERM_PARTS(eh, term, parts);
+    for (const TERM_PART& part : parts) {
+      if (eh.terminate()) return;
+      const PARAMETER_RANGE own = range_of_part(range, part.factor);
+      const std::string name = part.factor > 0 ? factors.row(part.factor).shown() : term.name;
+      if (own.row_count == 0) {
+        eh.error(text("cant find ID for partial term (", name, ") - something went wrong when saving initial values"));
+        return;
+      }
+      apply_data(part.data, name, own);
+    }
   };
   for (std::size_t i = 0; i < terms.rows.size(); ++i) {
     const TERM_ROW& term = terms.rows[i];
@@ -269,8 +296,10 @@ void FORCE_GAMMA_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& request, cons
     }
     const auto structure = std::find_if(model.terms.begin(), model.terms.end(),
                                         [index](const TERM_STRUCTURE& s) { return s.term == index; });
-    apply(*term.initial_values, term.name,
-          structure == model.terms.end() ? PARAMETER_RANGE{} : parameters_of(model, *structure));
+    const PARAMETER_RANGE range = structure == model.terms.end() ? PARAMETER_RANGE{} : parameters_of(model, *structure);
+    apply(*term.initial_values, term.name, range);
+    if (eh.terminate()) return;
+    apply_parts(term, range);
     if (eh.terminate()) return;
   }
   for (const RESIDUAL_SECTION& section : model.sections) {
@@ -279,7 +308,10 @@ void FORCE_GAMMA_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& request, cons
                                ? terms.rows[static_cast<std::size_t>(section.term)].initial_values
                                : residual_term(request);
     if (node == nullptr) continue;
-    apply(*node, section.name.empty() ? units_label(factors) : section.name, parameters_of(model, section));
+    const PARAMETER_RANGE range = parameters_of(model, section);
+    apply(*node, section.name.empty() ? units_label(factors) : section.name, range);
+    if (eh.terminate()) return;
+    if (section.term >= 0) apply_parts(terms.rows[static_cast<std::size_t>(section.term)], range);
     if (eh.terminate()) return;
   }
   set_followers(model);

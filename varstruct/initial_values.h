@@ -37,6 +37,15 @@ struct IVALUE_DATA {
 /// `initial_values` object.
 void SAVE_INITIAL_VALUES(ERROR_HANDLER& eh, const JsonNode& term, IVALUE_DATA& data);
 
+/// What a component of a term says about its own part of the structure.
+struct TERM_PART {
+  std::int64_t factor = 0;  // factor row of the component; 0: the term has none for it
+  IVALUE_DATA data;
+};
+
+/// TERM_PARTS: the components of a term, or of the structure that terms share, whose nodes in the request hold qualifiers.
+void TERM_PARTS(ERROR_HANDLER& eh, const TERM_ROW& term, std::vector<TERM_PART>& parts);
+
 /// GET_INITIAL_VALUES_FROM_JSON: lays the request's list of initial values and constraints over the
 /// parameters.
 void GET_INITIAL_VALUES_FROM_JSON(ERROR_HANDLER& eh, const JsonNode& request, const FACTOR_TABLE& factors,

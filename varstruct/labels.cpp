@@ -223,9 +223,12 @@ void VARIABLE_TABLE_GUTS(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const T
   };
   for (const TERM_STRUCTURE& structure : model.terms) {
     const std::string term = structure_label(factors, terms, structure.term);
+    const auto row_at = [&](std::int64_t r) -> const STRUCTURE_ROW& { return model.rows[static_cast<std::size_t>(structure.first_row + r)]; };
+    std::int64_t components = 0;
+    for (std::int64_t r = 0; r < structure.rows; ++r) components += row_at(r).doubling == 2 ? 0 : 1;
     for (std::int64_t r = 0; r < structure.rows; ++r) {
-      const STRUCTURE_ROW& row = model.rows[static_cast<std::size_t>(structure.first_row + r)];
-      label_row(factors, text(term, ';', component(structure.rows, row)), row, model);
+      const STRUCTURE_ROW& row = row_at(r);
+      label_row(factors, text(term, ';', component(components, row)), row, model);
     }
   }
   for (const RESIDUAL_SECTION& section : model.sections) {

@@ -49,7 +49,7 @@ struct STRUCTURE_ROW {
   std::int64_t order = 0;       // order, band or factor count as asked, at least 1; CORU, CORB, CORG: the correlations
   std::int64_t sub_code = 0;
   std::int64_t scale = -1;      // parameter that scales the row, -1 for none
-  std::int64_t doubling = 0;    // 2: a bivariate row
+  std::int64_t doubling = 0;    // 2: the identity over two halves of levels that share the matrix of the row behind
   std::int64_t selector = 0;    // model selector as asked (IDEN 0, AR 1, ...)
   std::int64_t factor = 0;      // factor row of the component, 0 for none
   std::int64_t coordinates = -1;  // in VARIANCE_MODEL::coordinates, -1 for a model without distances

@@ -183,8 +183,15 @@ void L_PRESORTED(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, std::int64_t re
   RESIDUAL_TERM& section = residual.sections[s];
   std::int64_t product = 1;
   for (RESIDUAL_COMPONENT& component : section.components) {
-    component.size = factors.row(component.factor).levels;
+    const FACTOR_ROW& factor = factors.row(component.factor);
+    component.size = is_units(factors, component.factor) ? records : factor.levels;
     product *= component.size;
+    if (!is_metric(component.function)) continue;
+    component.coordinates.x = factor.dist;
+    for (std::int64_t l = 1; factor.dist.empty() && l <= component.size; ++l) component.coordinates.x.push_back(static_cast<double>(l));
+    if (std::ssize(component.coordinates.x) == component.size) continue;
+    eh.error(text("wrong number of coordinates specified for ", factor.shown()));
+    return;
   }
   if (!residual.presorted) {
     eh.warning("Data is assumed presorted to match R structure sections");

@@ -78,7 +78,7 @@ void L_READ_SECTION(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const TERM_R
         std::find(std::begin(not_residual), std::end(not_residual), f.structure) != std::end(not_residual);
     const FACTOR_ROW& of = factors.row(original(factors, i));
     const bool reserved = of.reserved == Reserved::units || of.reserved == Reserved::trait;
-    const bool sized = f.kind == static_cast<std::int64_t>(DesignKind::lnk);
+    const bool sized = of.kind == static_cast<std::int64_t>(DesignKind::lnk);
     if (refused || (!reserved && !sized && data_row(factors, i) == 0)) {
       eh.error(text("unacceptable residual term: ", term.name));
       if (f.structure == "mthr" && !(to == from + 1 && i == to && is_units(factors, from) && is_trait(factors, to)))

@@ -3,6 +3,7 @@
 
 #include "base/numbers.h"
 #include "base/text.h"
+#include "varstruct/initial_values.h"
 #include "varstruct/labels.h"
 #include "varstruct/model_catalogue.h"
 #include "varstruct/starting_values.h"
@@ -170,6 +171,39 @@ void L_SETSTR_PLAIN(ERROR_HANDLER& eh, const SETUP& setup, const TERM_ROW& term,
   }
 }
 
+/// L_FIND_HALVED: the component whose levels are two halves that share one matrix (sing): the one that says so, or the one of so
+/// many levels where the term does; -1 for none.
+std::int64_t L_FIND_HALVED(ERROR_HANDLER& eh, const SETUP& setup, const TERM_ROW& term, const std::vector<PART>& parts)
+{
+  const Frame here{eh, __func__};
+  if (term.initial_values == nullptr) return -1;
+  IVALUE_DATA whole;
+  SAVE_INITIAL_VALUES(eh, *term.initial_values, whole);
+  if (eh.terminate()) return -1;
+  std::vector<TERM_PART> said;
+  TERM_PARTS(eh, term, said);
+  if (eh.terminate()) return -1;
+  std::int64_t levels = whole.sing, factor = 0;
+  for (const TERM_PART& part : said) {
+    if (part.data.sing == 0) continue;
+    levels = part.data.sing;
+    factor = part.factor;
+  }
+  if (levels == 0 || levels % 2 != 0) return -1;  // an odd number is told with the other qualifiers
+  for (std::size_t k = 0; k < parts.size(); ++k) {
+    const PART& part = parts[k];
+    const MODEL_REQUEST asked = model_request(part.function);
+    if (asked.model == nullptr || (factor > 0 && part.factor != factor)) continue;
+    if (levels_of_data(setup.factors, setup.factors.row(part.factor)) != levels) continue;
+    const bool by_level = asked.model->code == 6 || asked.model->code == 7 || part.matrix != nullptr || part.function == "fa" || part.function == "rr";
+    if (!by_level) return static_cast<std::int64_t>(k);
+    eh.not_implemented(text("sing of ", term.name, ", whose model is ", part.function, "(), is not implemented"));
+    return -1;
+  }
+  eh.error(text("SING tells of ", levels, " levels, but no component of ", term.name, " with a variance model has as many"));
+  return -1;
+}
+
 /// L_SETSTR_TERM: sets up the structure of one random term.
 void L_SETSTR_TERM(ERROR_HANDLER& eh, const SETUP& setup, const TERM_ROW& term, std::int64_t equations,
                    VARIANCE_MODEL& model)
@@ -189,15 +223,23 @@ void L_SETSTR_TERM(ERROR_HANDLER& eh, const SETUP& setup, const TERM_ROW& term, 
   // What has a variance by itself keeps it where no other component brings one.
   bool variance =
       std::none_of(parts.begin(), parts.end(), [](const PART& p) { return brings_variance(p.function); });
+  const std::int64_t halved = L_FIND_HALVED(eh, setup, term, parts);
+  if (eh.terminate()) return;
   for (const PART& part : parts) {
     const FACTOR_ROW& f = setup.factors.row(part.factor);
     const bool keeps = variance && part.scaled;
     const bool takes_values = !part.function.empty() || keeps;
+    const bool halves = &part - parts.data() == halved;
+    if (halves) {  // an identity over the two halves times the matrix of one
+      NEWSTR(eh, {.term = term.name, .function = "id", .levels = 2, .from = from}, model, model.rows);
+      if (eh.terminate()) return;
+      model.rows.back().doubling = 2;
+    }
     NEWSTR(eh,
            {.term = term.name,
             .function = part.function.empty() && !part.scaled ? std::string_view("id") : part.function,
             .variance = keeps,
-            .levels = levels_of_data(setup.factors, f),
+            .levels = levels_of_data(setup.factors, f) / (halves ? 2 : 1),
             .order = f.order,
             .factor = part.factor,
             .from = from,
