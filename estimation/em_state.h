@@ -6,7 +6,7 @@
 
 namespace tolvan {
 
-/// The rows that EM may serve, those of unstructured matrices and of triangular factors, and how often it did.
+/// The unstructured rows that EM may serve, and how often it did.
 struct EM_STATE {
   struct ROW {
     std::int64_t first = 0;      // parameter, from 0
@@ -14,8 +14,6 @@ struct EM_STATE {
     double units = 0.0;          // independent copies of the matrix: the product of the other components' sizes
     std::int64_t structure = -1; // in VARIANCE_MODEL::terms; -1: a row of the residual
     std::int64_t component = 0;  // of that term's product
-    std::int64_t model = 9;      // internal code: 9 unstructured, 11 chol(), 12 ante()
-    std::int64_t order = 0;      // of triangular factors
   };
   std::vector<ROW> rows;         // empty when EM was turned off
   bool chosen = false;           // the user asked for it; else it stands in where the step can't be kept in the space

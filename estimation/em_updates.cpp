@@ -11,7 +11,7 @@
 namespace tolvan {
 namespace {
 
-constexpr std::int64_t unstructured = 9, chol = 11, ante = 12;  // internal codes of models
+constexpr std::int64_t unstructured = 9;  // internal code of the model
 constexpr double least_share = 1e-5;      // of a variance: what the levels before must leave unexplained
 constexpr std::int64_t expanded_mode = 2;
 
@@ -92,10 +92,8 @@ void add_rows(const std::vector<STRUCTURE_ROW>& rows, std::int64_t first, const 
   for (const auto& component : components) size *= static_cast<double>(component->inverse().n);
   for (std::size_t c = 0; c < components.size(); ++c) {
     const STRUCTURE_ROW& row = rows[static_cast<std::size_t>(first) + c];
-    const bool factors = row.model == chol || row.model == ante;
-    if ((row.model != unstructured && !factors) || row.size < 1) continue;
-    em.rows.push_back({row.first, row.size, size / static_cast<double>(row.size), structure, static_cast<std::int64_t>(c), row.model,
-                       row.order});
+    if (row.model != unstructured || row.size < 1) continue;
+    em.rows.push_back({row.first, row.size, size / static_cast<double>(row.size), structure, static_cast<std::int64_t>(c)});
   }
 }
 
@@ -197,10 +195,6 @@ void K4MEMM(ERROR_HANDLER& eh, const FIT_MODEL& in, MIXED_EQUATIONS& q, const EV
   const Frame here{eh, __func__};
   std::vector<double> next;
   for (const EM_STATE::ROW& row : em.rows) {
-    if (row.model != unstructured) {
-      if (K4MEMF(in, q, ev, row, model, state, em.asked > 0, em.expanded)) ++em.used;
-      continue;
-    }
     const std::vector<std::int64_t> levels = moving_levels(row, ev.information, model);
     const auto n = std::ssize(levels);
     if (n == 0) continue;

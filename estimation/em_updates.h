@@ -1,5 +1,5 @@
 // The EM family of updates, which stands in for the average-information step of an unstructured matrix that the step would take
-// out of its space.  Routines: K4MEMV, K4MEMU, K4MEMP, K4MEMF, K4MEMM.
+// out of its space.  Routines: K4MEMV, K4MEMU, K4MEMP, K4MEMM.
 #pragma once
 
 #include <cstdint>
@@ -28,12 +28,6 @@ void K4MEMU(const std::vector<double>& sigma, const std::vector<double>& d, doub
 bool K4MEMP(const FIT_MODEL& in, const VARIANCE_MODEL& model, const EM_STATE::ROW& row, const std::vector<std::int64_t>& levels,
             MIXED_EQUATIONS& equations, const EVALUATION& ev, const std::vector<double>& sigma, const std::vector<double>& d,
             std::vector<double>& next);
-
-/// K4MEMF: takes the step of a row of ante(), or of chol() with all of its elements, in the elements of V where that stays positive
-/// definite, else, without a band, by expectation (if asked for; parameter-expanded).  True when it was the latter.  A row with held
-/// or linked elements stays as it is.
-bool K4MEMF(const FIT_MODEL& in, MIXED_EQUATIONS& equations, const EVALUATION& ev, const EM_STATE::ROW& row, VARIANCE_MODEL& model,
-            UPDATE_STATE& state, bool expectation, bool expanded);
 
 /// K4MEMM: replaces the parameters of every unstructured row that is not positive definite after the step by the EM update.
 /// Call it with C-inverse in the factor, before followers take their masters' values.

@@ -11,7 +11,9 @@ namespace tolvan {
 enum class DefiniteForm {
   covariances,         // its packed elements by rows
   correlations,        // those below the diagonal of ones; a common variance, if there is one, stands apart
-  scaled_correlations  // the same, with the variances of the levels behind them
+  scaled_correlations, // the same, with the variances of the levels behind them
+  factors,             // L and D of V = L D L', packed
+  precision_factors    // U and D of V^-1 = U D U', U_ij at (j, i)
 };
 
 /// A covariance or correlation matrix whose elements are parameters, from `first` on.

@@ -8,19 +8,29 @@
 #include <optional>
 
 #include "base/lapack.h"
+#include "estimation/factor_rows.h"
 #include "estimation/newton_step.h"
 
 namespace tolvan {
 namespace {
 
 constexpr std::int64_t unstructured = 9;     // internal code of us()
+constexpr std::int64_t chol = 11, ante = 12;
+constexpr double own_share = 2e-4;  // of a level's variance that factors of the inverse leave to it
 constexpr std::int64_t general_selector = 6;  // selector of corg()
+
+bool is_triangle(DefiniteForm form)
+{
+  return form == DefiniteForm::factors || form == DefiniteForm::precision_factors;
+}
 
 /// What the step has to know of a row of the structure table if it is such a matrix.
 std::optional<DEFINITE_ROW> definite_row(const STRUCTURE_ROW& row)
 {
   if (row.size < 1 || row.stepped > 0) return std::nullopt;
   if (row.model == unstructured) return DEFINITE_ROW{row.first, row.size, DefiniteForm::covariances};
+  if ((row.model == chol || row.model == ante) && row.size > 1 && row.order >= row.size - 1)
+    return DEFINITE_ROW{row.first, row.size, row.model == chol ? DefiniteForm::factors : DefiniteForm::precision_factors};
   if (row.model != 5 || row.selector != general_selector || row.segments >= 0 || row.size < 2) return std::nullopt;
   const std::int64_t pairs = row.size * (row.size - 1) / 2;
   if (row.parameters == pairs + row.size) return DEFINITE_ROW{row.first, row.size, DefiniteForm::scaled_correlations};
@@ -100,6 +110,11 @@ bool place(const DEFINITE_ROW& row, const std::vector<double>& value, const std:
   out.present.assign(size, 0.0);
   out.target.assign(size, 0.0);
   out.elements.clear();
+  if (is_triangle(row.form)) {
+    out.elements.resize(size);
+    std::iota(out.elements.begin(), out.elements.end(), std::size_t{0});
+    return as_covariances(row.form == DefiniteForm::precision_factors, n, value, step, s, out.present, out.target, out.information);
+  }
   if (row.form == DefiniteForm::scaled_correlations) {
     const auto variances = value.end() - n;
     if (std::any_of(variances, value.end(), [](double v) { return !(v > 0.0); })) return false;
@@ -123,10 +138,29 @@ bool place(const DEFINITE_ROW& row, const std::vector<double>& value, const std:
   return true;
 }
 
+/// Factors of the inverse can not be told apart where a level is left with next to no variance of its own: covariances give way.
+void keep_apart(std::int64_t n, std::vector<double>& v, std::vector<double>& factors)
+{
+  const auto at_edge = [&](std::int64_t i) { return factors[packed(i, i)] * v[packed(i, i)] * own_share > 1.0; };
+  bool any = factors.empty();
+  for (std::int64_t i = 0; i < n && !any; ++i) any = at_edge(i);
+  if (!any) return;
+  for (std::int64_t i = 0; i < n; ++i) {
+    for (std::int64_t j = 0; j < i; ++j) v[packed(i, j)] *= 1.0 - own_share;
+  }
+  factors = as_factors(true, n, v);
+}
+
 /// The row's parameters out of its packed elements.
-std::vector<double> parameters_of(const DEFINITE_ROW& row, const std::vector<double>& v)
+std::vector<double> parameters_of(const DEFINITE_ROW& row, std::vector<double> v)
 {
   if (row.form == DefiniteForm::covariances) return v;
+  if (is_triangle(row.form)) {
+    const bool of_precision = row.form == DefiniteForm::precision_factors;
+    std::vector<double> factors = as_factors(of_precision, row.levels, v);
+    if (of_precision) keep_apart(row.levels, v, factors);
+    return factors;
+  }
   std::vector<double> out;
   for (std::int64_t i = 0; i < row.levels; ++i) {
     for (std::int64_t j = 0; j < i; ++j) out.push_back(v[packed(i, j)] / std::sqrt(v[packed(i, i)] * v[packed(j, j)]));
@@ -195,6 +229,7 @@ void keep_rows_inside(const INFORMATION& information, const VARIANCE_MODEL& mode
     if (!leaves && row.form == DefiniteForm::covariances) continue;
     if (leaves && !nearest_inside(row.levels, matrix.present, matrix.target, matrix.elements, matrix.information, next)) continue;
     next = parameters_of(row, next);
+    if (next.empty()) continue;
     for (std::size_t i = 0; i < p; ++i) {
       open[inside[i]] = 0;
       taken[inside[i]] = (next[i] - value[i]) / information.unit[inside[i]];

@@ -9,8 +9,8 @@
 
 namespace tolvan {
 
-/// The rows of the structure table that are such matrices: us() of random terms unless it is left to EM, and corg() in
-/// all its forms.
+/// The rows of the structure table that are such matrices: us() of random terms unless it is left to EM, corg() in all its forms,
+/// and chol() and ante() with all of their elements.
 void list_definite(const VARIANCE_MODEL& model, bool unstructured, std::vector<DEFINITE_ROW>& rows);
 
 /// One an active parameter: whether it belongs to a row all of whose elements are open, so that the row is placed as a whole.

@@ -26,7 +26,7 @@ std::vector<bool> levels_met(const std::vector<bool>& met, std::int64_t first, s
   return out;
 }
 
-constexpr std::int64_t chol = 11, ante = 12;  // model codes: triangular factors
+constexpr std::int64_t corr = 5, chol = 11, ante = 12;  // model codes
 constexpr std::int64_t most_factor_levels = 40;
 constexpr double dependent = 1e-6;            // of a derivative that those before it span up to so much
 
@@ -123,7 +123,7 @@ void FIX_NULL_STRUCTURES(ERROR_HANDLER& eh, const TERM_TABLE& terms, const DESIG
         const auto p = static_cast<std::size_t>(row.first + k);
         (used[static_cast<std::size_t>(k)] ? needed : unused)[p] = true;
         const ParamRole role = model.parameters[p].role;
-        no_part[p] = role == ParamRole::covariance || (role == ParamRole::correlation && row.model == chol);
+        no_part[p] = role == ParamRole::covariance || (role == ParamRole::correlation && (row.model == chol || row.model == corr));
       }
       if (row.scale >= 0 && (row.scale < row.first || row.scale >= row.first + row.parameters))
         (null ? unused : needed)[static_cast<std::size_t>(row.scale)] = true;

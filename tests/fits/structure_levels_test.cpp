@@ -117,13 +117,13 @@ struct Sparse {
     std::mt19937 random(4);
     std::normal_distribution<double> normal;
     for (int g = 0; g < 50; ++g) {
-      const double f = normal(random);
+      const double f = normal(random), own[] = {0.9 * normal(random), 0.9 * normal(random), 0.9 * normal(random)};
       for (int t = 0; t < 6; ++t) {
         const double loading[] = {0.9, 0.5, 0.8};
         env.push_back(t % 3 == 2 ? 4 : t % 3 + 1);
         packed.push_back(t % 3 + 1);
         geno.push_back(g + 1);
-        y.push_back(2.0 + loading[t % 3] * f + 0.5 * normal(random) + normal(random));
+        y.push_back(2.0 + loading[t % 3] * f + own[t % 3] + normal(random));
       }
     }
   }
