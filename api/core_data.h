@@ -16,6 +16,7 @@
 #include "data/file_covariates.h"
 #include "data/read_data.h"
 #include "data/variable_table.h"
+#include "estimation/cross_validation.h"
 #include "estimation/fit_state.h"
 #include "model/factor_table.h"
 #include "model/term_table.h"
@@ -55,6 +56,7 @@ struct CORE_DATA {
   RESIDUAL_MODEL residual;
   VARIANCE_MODEL variances;
   FIT_STATE fit;
+  KCV_REQUEST cross_validation;
   TIMING_STORE timing;
   REPORT_FILES report_files;
   PARAMETER_FILES parameter_files;
@@ -72,6 +74,11 @@ struct CORE_DATA {
   CORE_DATA& operator=(const CORE_DATA&) = delete;
 
   bool prints(DebugPrint bit) const { return api_options.prints(bit); }
+  /// What the report files tell of; messages are those of the run.
+  RUN_REPORT report(const ERROR_HANDLER& messages) const
+  {
+    return {title, comments, messages, options, variables, summary, terms, design, variances, fit, tables, timing, parameter_files.order};
+  }
   /// Whether the request asks for no more than the set-up.
   bool preprocess_only() const { return options(Slot::process_stage) == 1; }
 };

@@ -307,10 +307,10 @@ void ERROR_HANDLER::EH_RERAISE(const NewMessage& given)
   EH_CLEAR_TERMINATE();
 }
 
-void ERROR_HANDLER::EH_ADD_ALL(const ERROR_HANDLER& other)
+void ERROR_HANDLER::EH_ADD_ALL(const ERROR_HANDLER& other, std::size_t from)
 {
   const std::size_t n = other.messages_.size();  // fixed before the first is added: other may be this
-  for (std::size_t k = 0; k < n; ++k) {
+  for (std::size_t k = from; k < n; ++k) {
     const ERROR_MESSAGE& each = other.messages_[k];
     EH_ADD_MESSAGE({.text = each.message,
                     .etype = each.etype,

@@ -121,8 +121,8 @@ class ERROR_HANDLER {
   /// EH_RERAISE: adds a message and takes the last failure of the same location back.
   /// The old message stays, no longer terminating and marked adjusted; without one the message is just added.
   void EH_RERAISE(const NewMessage& given);
-  /// EH_ADD_ALL: appends the messages of another handler.
-  void EH_ADD_ALL(const ERROR_HANDLER& other);
+  /// EH_ADD_ALL: appends the messages of another handler, or those behind the first so many of them.
+  void EH_ADD_ALL(const ERROR_HANDLER& other, std::size_t from = 0);
   /// EH_LAST_MESSAGE: the text of the last message that is no continuation.
   std::string EH_LAST_MESSAGE() const;
   /// EH_GET_MESSAGE: the message of a number counted from 1; null when out of range.

@@ -8,6 +8,7 @@
 #include "api/fit_options_table.h"
 #include "api/fit_options_values.h"
 #include "base/numbers.h"
+#include "base/random.h"
 #include "base/text.h"
 
 namespace tolvan {
@@ -18,8 +19,6 @@ constexpr std::int64_t default_knots = 50;
 constexpr std::int64_t default_predict_points = 21;
 /// More threads than this are never started: a runtime that cannot start one ends the process.
 constexpr std::int64_t most_threads = 16;
-/// The seeds of the run's random numbers.
-constexpr std::array<std::int64_t, 4> random_seeds{123456789, 362436069, 521288629, 88675123};
 
 std::int64_t machine_threads()
 {
@@ -82,33 +81,6 @@ void L_CHECK_BLUP(ERROR_HANDLER& eh, std::int64_t mode)
   eh.error(text("invalid value supplied, was expecting 0 (the variance parameters are estimated), 1 to 3 (solutions at the given "
                 "ones), 4 (solutions by conjugate gradients) or 5 to ",
                 most, " (solutions by Gauss-Seidel iteration with relaxation factor 0.5 to 1.9), supplied value = ", mode));
-}
-
-/// Whether an option's value asks for anything: 0, -1, false, null and what is empty do not.
-bool asks(const JsonNode& node)
-{
-  switch (node.type()) {
-    case JsonType::null:
-      return false;
-    case JsonType::logical:
-      return node.logical();
-    case JsonType::integer:
-      return node.integer() != 0 && node.integer() != -1;
-    case JsonType::real:
-      return node.number() != 0.0 && node.number() != -1.0;
-    case JsonType::string: {
-      const auto value = trim(node.text());
-      return !value.empty() && value != "0" && value != "-1";
-    }
-    case JsonType::array:
-      if (node.size() != 1) return node.size() > 1;
-      if (node.packed()) return node.number(0) != 0.0 && node.number(0) != -1.0;
-      // Deeper nesting is no value of any option.
-      return node.children().front()->is(JsonType::array) || asks(*node.children().front());
-    case JsonType::object:
-      return node.size() > 0;
-  }
-  return true;
 }
 
 /// L_READ_OPTION: reads one option into its slot.
@@ -185,8 +157,8 @@ void settle(ERROR_HANDLER& eh, FIT_OPTIONS& options)
   if (options(Slot::slot_25) == 9) options(Slot::slot_25) = 1;
   if (options(Flag::testmode)) options(Slot::slot_31) = 15;
   if (options(Slot::impute) > 0) {
-    eh.note(text("random number seed ", random_seeds[0], ", ", random_seeds[1], ", ", random_seeds[2], ", ",
-                 random_seeds[3]));
+    eh.note(text("random number seed ", default_seeds[0], ", ", default_seeds[1], ", ", default_seeds[2], ", ",
+                 default_seeds[3]));
   }
   if (options(Flag::design)) options(Slot::report) = 0;
   if (const std::int64_t form = options(Slot::txtform); form > 0) {

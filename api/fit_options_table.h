@@ -87,7 +87,7 @@ inline constexpr auto option_table = [] {
       integer_option("gkrige",          Slot::gkrige,           1, harmless),
       integer_option("glmm",            Slot::glmm,             2, harmless),  // families
       integer_option("idlimit",         Slot::idlimit,          4, built),
-      integer_option("impute",          Slot::impute,          10, unbuilt),
+      integer_option("impute",          Slot::impute,          10, built),
       integer_option("imregress",       Slot::imregress,       50, harmless),
       integer_option("kadj",            Slot::kadj,             1, harmless),  // denominator df
       integer_option("kenward",         Slot::kenward,          3, harmless),  // denominator df
@@ -156,7 +156,7 @@ inline constexpr auto option_table = [] {
       own_option("outfolder",        outfolder,        built),
 
       own_option("xml",               elsewhere, harmless),
-      own_option("kcv",               elsewhere, unbuilt),
+      own_option("kcv",               elsewhere, built),
       own_option("rowfactor",         elsewhere, built),
       own_option("columnfactor",      elsewhere, built),
       own_option("cinv",              cinv,      built),

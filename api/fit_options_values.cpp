@@ -166,4 +166,30 @@ void GET_VALUE_FROM_JPTR_INTEGERS(ERROR_HANDLER& eh, const JsonNode& node, std::
     complain(eh, "a list of integers", node);
 }
 
+bool asks(const JsonNode& node)
+{
+  switch (node.type()) {
+    case JsonType::null:
+      return false;
+    case JsonType::logical:
+      return node.logical();
+    case JsonType::integer:
+      return node.integer() != 0 && node.integer() != -1;
+    case JsonType::real:
+      return node.number() != 0.0 && node.number() != -1.0;
+    case JsonType::string: {
+      const auto value = trim(node.text());
+      return !value.empty() && value != "0" && value != "-1";
+    }
+    case JsonType::array:
+      if (node.size() != 1) return node.size() > 1;
+      if (node.packed()) return node.number(0) != 0.0 && node.number(0) != -1.0;
+      // Deeper nesting is no value of any option.
+      return node.children().front()->is(JsonType::array) || asks(*node.children().front());
+    case JsonType::object:
+      return node.size() > 0;
+  }
+  return true;
+}
+
 }  // namespace tolvan

@@ -27,4 +27,7 @@ void GET_VALUE_FROM_JPTR_STRING(ERROR_HANDLER& eh, const JsonNode& node, std::st
 /// list.
 void GET_VALUE_FROM_JPTR_INTEGERS(ERROR_HANDLER& eh, const JsonNode& node, std::vector<std::int64_t>& values);
 
+/// Whether an option's value asks for anything: 0, -1, false, null and what is empty do not.
+bool asks(const JsonNode& node);
+
 }  // namespace tolvan

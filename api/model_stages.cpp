@@ -72,6 +72,7 @@ void parse_model(ERROR_HANDLER& eh, CORE_DATA& core)
 void model_options(ERROR_HANDLER& eh, CORE_DATA& core)
 {
   refuse_key(eh, core.request, "fown");
+  if (!eh.terminate()) GET_KCV(eh, core.request.find("options"), core.cross_validation);
 }
 
 void check_model(ERROR_HANDLER&, CORE_DATA& core)
@@ -116,9 +117,6 @@ void print_data_summary(ERROR_HANDLER& eh, CORE_DATA& core)
 {
   if (core.prints(DebugPrint::data_summary)) {
     print_block("DATA SUMMARY", AIDDIS(eh, core.variables, core.summary));
-  }
-  if (core.communication.OUTPUT_TO_FILE) {
-    WRITE_DATA_SUMMARY(eh, core.report_files.stem + ".tvs", core.variables, core.summary);
   }
 }
 
@@ -243,19 +241,30 @@ void print_initial_values(ERROR_HANDLER& eh, CORE_DATA& core)
   print_block("JUST PRIOR TO AIWORK", printed);
 }
 
+namespace {
+
+FIT_CALL fit_call(CORE_DATA& core)
+{
+  return {.options = core.options,
+          .communication = core.communication,
+          .variables = core.variables,
+          .factors = core.factors,
+          .terms = core.terms,
+          .design = core.design,
+          .model = core.variances,
+          .timing = core.timing,
+          .tables = core.tables,
+          .files = &core.parameter_files,
+          .report = core.report_files.in_use ? &core.report_files.tlv : nullptr};
+}
+
+}  // namespace
+
 /// The hand-over to the fit driver.
 void fit(ERROR_HANDLER& eh, CORE_DATA& core)
 {
-  FIT_CALL call{.options = core.options,
-                .communication = core.communication,
-                .variables = core.variables,
-                .factors = core.factors,
-                .terms = core.terms,
-                .design = core.design,
-                .model = core.variances,
-                .timing = core.timing,
-                .tables = core.tables,
-                .files = &core.parameter_files};
+  FIT_CALL call = fit_call(core);
+  begin_primary_report(core.report(eh), core.report_files);
   AIWORK(eh, call, core.fit);
   if (!eh.terminate() && core.fit.usable)
     GBLUPEFFECTS(eh, core.genomic, core.matrices, core.factors, core.terms, core.fit, core.tables);
@@ -263,8 +272,10 @@ void fit(ERROR_HANDLER& eh, CORE_DATA& core)
     GBLUPREPORT(eh, core.genomic, core.matrices, core.factors, core.terms, core.fit, core.tables);
 }
 
-/// Cross-validation is asked for by an option, which is refused with the other options.
-void cross_validation(ERROR_HANDLER&, CORE_DATA&) {}
+void cross_validation(ERROR_HANDLER& eh, CORE_DATA& core)
+{
+  CROSSVALC(eh, core.cross_validation, fit_call(core), core.fit);
+}
 
 void variance_functions(ERROR_HANDLER& eh, CORE_DATA& core)
 {

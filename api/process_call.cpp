@@ -48,19 +48,7 @@ void L_EXIT_TAIL(ERROR_HANDLER& eh, const ERROR_HANDLER& messages, CORE_DATA& co
 
   TMG_STOP(core.timing, whole_run, whole_run);
   TMG_LOG(core.timing, "Finished");
-  const RUN_REPORT report{.title = core.title,
-                          .comments = core.comments,
-                          .messages = messages,
-                          .options = core.options,
-                          .variables = core.variables,
-                          .summary = core.summary,
-                          .terms = core.terms,
-                          .model = core.variances,
-                          .fit = core.fit,
-                          .store = core.tables,
-                          .timing = core.timing,
-                          .order = core.parameter_files.order};
-  WRITE_REPORT_FILES(eh, report, core.report_files);
+  WRITE_REPORT_FILES(eh, core.report(messages), core.report_files);
   if (core.prints(DebugPrint::timings)) stages::print_block("", TMG_TABLE(core.timing, "END OF AIDATA_BODY"));
   if (core.prints(DebugPrint::all_output_full)) {
     stages::print_block("ALL OUTPUT", OTST_TO_JSTR(eh, core.tables));

@@ -240,8 +240,8 @@ std::string components_part(Engine& engine)
   add("AIC", engine.real("SCALAR_AIC"));
   add("BIC", engine.real("SCALAR_BIC"));
   if (!facts.empty()) out += paragraph(facts + ".");
-  return out + paragraph("% is the change in the last iteration; C: P positive, U free, F fixed by the user or by the structure, B at its bound, C constrained, S "
-                         "without information.");
+  return out + paragraph("% is the change in the last iteration; C: P positive, U free, F held at its value by the request or by the model, B at its "
+                         "bound, C made of others, S without information.");
 }
 
 std::string effects_part(Engine& engine)
@@ -327,7 +327,7 @@ std::string residuals_part(const Residuals& residuals, const std::vector<Field>&
 Problem write_html_report(Engine& engine, const FitArguments& arguments, const Request& request, const Messages& messages)
 {
   const std::vector<Residuals> residuals = read_residuals(engine);
-  const std::vector<Field> fields = residuals.size() == 1 ? residual_fields(engine, arguments, request, residuals.front().all) : std::vector<Field>{};
+  const std::vector<Field> fields = residuals.size() == 1 ? residual_fields(engine, residuals.front().all) : std::vector<Field>{};
   const std::string title = request.title.empty() ? "Fit of " + arguments.request : request.title;
   std::string page = "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\"/>\n<title>" + escaped(title) + "</title>\n<style>" + style +
                      "</style>\n</head>\n<body>\n<h1>" + escaped(title) + "</h1>\n";

@@ -22,9 +22,9 @@ struct Field {
   std::int64_t rows = 0, columns = 0;
   std::vector<double> cells;  // row after row; not a number for an empty cell
 };
-/// The fields of a fit whose residual terms are products of two dimensions, where the data can be read again as a CSV file.
-std::vector<Field> residual_fields(Engine& engine, const FitArguments& arguments, const Request& request,
-                                   const std::vector<double>& residuals);
+/// The fields of a fit whose residual terms are products of two dimensions, as its tables tell them.
+///   residuals   by data record
+std::vector<Field> residual_fields(Engine& engine, const std::vector<double>& residuals);
 /// Half the mean squared difference of cells a displacement apart, for displacements up to half the field; rows of the answer
 /// are displacements in rows.
 std::vector<double> sample_variogram(const Field& field, std::int64_t& rows, std::int64_t& columns);

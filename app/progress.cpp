@@ -48,8 +48,11 @@ void Progress::iteration(std::string_view json)
   last_loglik_ = loglik;
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start_;
   char line[160];
-  std::snprintf(line, sizeof line, "iteration %3.0f   LogL %14.5f   change %12s   residual %#12.6g   %.1f s",
-                number("iteration"), loglik, change.c_str(), number("sigma2"), elapsed.count());
+  // Exactly 1 where the model has no one residual variance.
+  char residual[40] = "";
+  if (number("sigma2") != 1.0) std::snprintf(residual, sizeof residual, "   residual %#12.6g", number("sigma2"));
+  std::snprintf(line, sizeof line, "iteration %3.0f   LogL %14.5f   change %12s%s   %.1f s", number("iteration"), loglik, change.c_str(),
+                residual, elapsed.count());
   std::string text = line;
   if (!rewritten_) {
     std::fprintf(stderr, "%s\n", text.c_str());

@@ -25,6 +25,13 @@ void heading(const char* text)
   std::printf("\n%s\n", styled(stdout, Style::bold, text).c_str());
 }
 
+/// Whether the model has one residual variance to tell: with several sections, or a matrix of traits, the scalar is 1 throughout.
+bool one_residual_variance(Engine& engine)
+{
+  const auto sigma2 = engine.reals("TABLE_TRACE:SIGMA2");
+  return std::any_of(sigma2.begin(), sigma2.end(), [](double s) { return s != 1.0; }) || engine.real("SCALAR_SIGMA2").value_or(1.0) != 1.0;
+}
+
 void print_trace(Engine& engine)
 {
   constexpr std::size_t most_gammas = 4;
@@ -39,10 +46,11 @@ void print_trace(Engine& engine)
       {.heading = "Iteration", .cells = number_cells(iterations)},
       {.heading = "LogL", .cells = number_cells(loglik, 6)},
       {.heading = "Change", .cells = change},
-      {.heading = "Residual", .cells = number_cells(engine.reals("TABLE_TRACE:SIGMA2"))},
       {.heading = "DF", .cells = number_cells(engine.integers("TABLE_TRACE:DF"))},
       {.heading = "Restrained", .cells = number_cells(engine.integers("TABLE_TRACE:NCON"))},
   };
+  if (one_residual_variance(engine))
+    columns.insert(columns.begin() + 3, {.heading = "Residual", .cells = number_cells(engine.reals("TABLE_TRACE:SIGMA2"))});
   for (std::size_t k = 1; k <= most_gammas; ++k) {
     const auto gammas = engine.reals("TABLE_TRACE:gammas_" + std::to_string(k));
     if (gammas.empty()) break;
@@ -76,12 +84,12 @@ void print_variance_components(Engine& engine)
   };
   constexpr Code codes[] = {
       {"B", "fixed at a boundary"},
-      {"F", "fixed, by the user or by the structure"},
+      {"F", "held at its value, by the request or by the model"},
       {"?", "liable to change from P to B"},
-      {"C", "constrained by the user"},
+      {"C", "made of other parameters, or held by a constraint"},
       {"U", "unbounded"},
       {"Z", "positive, let go near zero"},
-      {"S", "singular information matrix"},
+      {"S", "without information in the data (singular information matrix)"},
       {"H", "held"},
   };
   for (const Code& code : codes) {
@@ -142,8 +150,7 @@ void print_summary(Engine& engine)
         base == 0.0 ? "" : "  relative to a base of " + number_cell(base, 0));
   }
   if (const auto df = engine.integer("SCALAR_DF")) row("Residual df", std::to_string(*df));
-  // Where the residual has variances of its own the one that all else is counted in is 1, and says nothing.
-  if (const auto sigma2 = engine.real("SCALAR_SIGMA2"); sigma2 && *sigma2 != 1.0)
+  if (const auto sigma2 = engine.real("SCALAR_SIGMA2"); sigma2 && one_residual_variance(engine))
     row("Residual variance", number_cells(std::vector{*sigma2})[0]);
   if (aic) {
     row("AIC", number_cell(*aic, 4),

@@ -179,7 +179,11 @@ void FileWriter::abandon()
 {
   file_.reset();
   if (!beside_.empty()) ::unlink(beside_.c_str());
+  if (shown_ && earlier_.empty()) ::unlink(path_.c_str());
+  if (shown_ && !earlier_.empty()) ::rename(earlier_.c_str(), path_.c_str());
   beside_.clear();
+  earlier_.clear();
+  shown_ = false;
 }
 
 bool FileWriter::fail()
@@ -227,13 +231,41 @@ bool FileWriter::write(std::string_view s)
   return std::fwrite(s.data(), 1, s.size(), file_.get()) == s.size() || fail();
 }
 
+bool FileWriter::show()
+{
+  if (!file_) return false;
+  errno = 0;
+  if (std::fflush(file_.get()) != 0) return fail();
+  if (shown_ || beside_.empty()) return true;
+  std::string earlier;
+  int linked = -1;
+  for (int k = 1; k <= 1000 && linked != 0; ++k) {
+    earlier = text(path_, ".earlier", k);
+    linked = ::link(path_.c_str(), earlier.c_str());
+    if (linked != 0 && errno != EEXIST) break;
+  }
+  if (linked != 0 && errno != ENOENT) return true;
+  if (linked != 0) earlier.clear();  // there is none
+  if (::rename(beside_.c_str(), path_.c_str()) != 0) {
+    if (!earlier.empty()) ::unlink(earlier.c_str());
+    return fail();
+  }
+  shown_ = true;
+  earlier_ = std::move(earlier);
+  beside_.clear();
+  return true;
+}
+
 bool FileWriter::commit()
 {
   if (!file_) return false;
   errno = 0;
   if (std::fclose(file_.release()) != 0) return fail();
   if (!beside_.empty() && ::rename(beside_.c_str(), path_.c_str()) != 0) return fail();
+  if (!earlier_.empty()) ::unlink(earlier_.c_str());
   beside_.clear();
+  earlier_.clear();
+  shown_ = false;
   return true;
 }
 

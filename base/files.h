@@ -79,6 +79,9 @@ class FileWriter {
   bool open(const std::string& path);
   /// After the first fault writing does nothing: it is enough to look at commit().
   bool write(std::string_view s);
+  /// Shows what is written so far under the file's name, for one who follows it.  The earlier file waits beside it until
+  /// commit() and comes back without; where files can not have two names the new one stays beside as ever.
+  bool show();
   /// Puts the file in its place; false, with error(), if any step since open() failed.
   bool commit();
   const std::string& error() const { return error_; }
@@ -88,7 +91,9 @@ class FileWriter {
   void abandon();
   FileHandle file_;
   std::string path_;
-  std::string beside_;  // the neighbour; empty where the path is no regular file and is written in place
+  std::string beside_;  // the neighbour; empty where the path is no regular file and is written in place, and once shown
+  std::string earlier_;  // where the earlier file waits; empty: none
+  bool shown_ = false;
   std::string error_;
 };
 

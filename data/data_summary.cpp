@@ -55,7 +55,7 @@ void AIDSUM(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_STORE
   }
 }
 
-std::string AIDDIS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_SUMMARY& summary)
+std::string AIDDIS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_SUMMARY& summary, std::size_t most_levels)
 {
   const Frame here{eh, __func__};
   std::string lines =
@@ -75,7 +75,7 @@ std::string AIDDIS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DAT
   }
   for (std::size_t v = 0; v < summary.size(); ++v) {
     const VARIABLE& variable = variables.rows[v];
-    if (!variable.is_factor() || summary[v].level_counts.empty()) continue;
+    if (!variable.is_factor() || summary[v].level_counts.empty() || summary[v].level_counts.size() > most_levels) continue;
     lines += text("\n ", variable.name, "\n Level                                Count\n");
     for (std::size_t l = 0; l < summary[v].level_counts.size(); ++l) {
       std::string label = GET_LEVEL_NAME(eh, variable, static_cast<std::int64_t>(l) + 1);

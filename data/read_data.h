@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -44,8 +45,9 @@ using DATA_SUMMARY = std::vector<VARIABLE_SUMMARY>;
 /// AIDSUM: counts records, missing values, zeros and levels of every variable; plots that were filled in don't count.
 void AIDSUM(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_STORE& store,
             DATA_SUMMARY& summary);
-/// AIDDIS: the data summary as text: a line a variable, and the level counts of factors.
-std::string AIDDIS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_SUMMARY& summary);
+/// AIDDIS: the data summary as text: a line a variable, and the level counts of factors of at most so many levels.
+std::string AIDDIS(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const DATA_SUMMARY& summary,
+                   std::size_t most_levels = std::numeric_limits<std::size_t>::max());
 /// WRITE_DATA_SUMMARY: writes the text of AIDDIS to a file.
 void WRITE_DATA_SUMMARY(ERROR_HANDLER& eh, const std::string& path, const VARIABLE_TABLE& variables,
                         const DATA_SUMMARY& summary);

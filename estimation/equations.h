@@ -83,6 +83,9 @@ struct MIXED_EQUATIONS {
 void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TABLE& terms, const DESIGN_MTX& design,
                      const VARIANCE_MODEL& model, const FORMED& formed, MIXED_EQUATIONS& equations);
 
+/// Takes the responses of a design that differs in nothing else from the one that was laid out: their products and sizes.
+void take_responses(const DESIGN_MTX& design, MIXED_EQUATIONS& equations);
+
 /// K4MXXS: the residual part: c becomes W'R^-1 W, r0 and y0 follow.
 void K4MXXS(ERROR_HANDLER& eh, const FORMED& formed, int threads, MIXED_EQUATIONS& equations);
 

@@ -11,6 +11,7 @@
 #include "estimation/evaluation.h"
 #include "estimation/fault_texts.h"
 #include "estimation/final_results.h"
+#include "estimation/imputation.h"
 #include "estimation/iterative_mme.h"
 #include "estimation/keep_parameters.h"
 #include "reports/result_tables.h"
@@ -133,7 +134,7 @@ void L_TRACE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_WORK& work, const EVAL
   row.step = work.update.step;
   row.gammas = ev.evaluated;
   fit.trace.push_back(std::move(row));
-  HANDLE_TRACE(eh, call.communication, fit, it.limit, call.tables);
+  HANDLE_TRACE(eh, call.communication, fit, it.limit, call.report, call.tables);
 }
 
 /// L_RETRY: goes back towards the saved parameters after a failed evaluation; false when no retry is left.
@@ -391,6 +392,7 @@ void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& 
       } else {
         note_criteria(own, in, call.model, work, fit);
       }
+      if (call.options(Slot::impute) > 0 && fit.mode == 0 && fit.end == FitEnd::converged) K4MIMPT(own, call, in, work, fit);
       STORE_FIT_SCALARS(own, call.model, fit, call.tables);
       AIDRPT(own, call.variables, call.factors, call.terms, call.design, call.model, fit, call.tables);
       if (call.options.inverse_table) {

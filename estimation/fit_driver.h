@@ -28,6 +28,7 @@ struct FIT_CALL {
   TIMING_STORE& timing;
   OUTPUT_TABLE_STORE& tables;   // receives the trace, the result tables and the scalars
   PARAMETER_FILES* files = nullptr;  // kept up to date during the fit; null: none
+  FileWriter* report = nullptr;      // receives a line an iteration; null: none
 };
 
 /// AIWORK: fits a model by iterated average-information REML and stores its tables and scalars.

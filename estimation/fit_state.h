@@ -57,6 +57,7 @@ struct FIT_STATE {
   std::vector<char> bound;            // letter of the column C of the components table
   std::int64_t parameters_estimated = 0;  // t of AIC and BIC
   double aic = 0.0, bic = 0.0;
+  std::int64_t imputations = 0;       // rounds whose averages the results are; 0: none
   std::string first_singular_label;   // parameter of the first AI singularity, empty for none
 };
 

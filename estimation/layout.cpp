@@ -348,39 +348,6 @@ void bind_after(const TERM_TABLE& terms, const VARIANCE_MODEL& model, const FORM
   }
 }
 
-/// W'R0^-1 y and y'R0^-1 y of the shifted response, log-weights and the count of records used.
-void response_products(const DESIGN_MTX& design, MIXED_EQUATIONS& q)
-{
-  const auto rows = static_cast<std::size_t>(design.rows());
-  std::vector<double> y(rows);
-  std::vector<std::uint8_t> estimated(rows, 0);
-  for (const std::int64_t r : design.mv) estimated[static_cast<std::size_t>(r)] = 1;
-  q.y.resize(rows);
-  q.records = 0;
-  q.y0 = 0.0;
-  q.log_weights = 0.0;
-  for (std::size_t r = 0; r < rows; ++r) {
-    const double w = weight_of(design, r);
-    const double shifted = estimated[r] ? 0.0 : design.beside_offset(r) - q.shift;
-    q.y0 += w * shifted * shifted;
-    y[r] = w * shifted;
-    q.y[r] = shifted;
-    if (w > 0.0) {
-      ++q.records;
-      if (w != 1.0) q.log_weights += std::log(w);
-    }
-  }
-  q.mean_square_y = q.records > 0 && q.y0 > 0.0 ? q.y0 / static_cast<double>(q.records) : 1.0;
-  q.r0.assign(static_cast<std::size_t>(q.n), 0.0);
-  for (std::size_t p = 0; p < static_cast<std::size_t>(q.n); ++p) {
-    double sum = 0.0;
-    for (auto k = static_cast<std::size_t>(q.columns.start[p]); k < static_cast<std::size_t>(q.columns.start[p + 1]); ++k) {
-      sum += q.columns.value[k] * y[static_cast<std::size_t>(q.columns.record[k])];
-    }
-    q.r0[p] = sum;
-  }
-}
-
 /// The mean square of the non-zero design values of every random term.
 void design_sizes(const TERM_TABLE& terms, MIXED_EQUATIONS& q)
 {
@@ -424,6 +391,39 @@ bool products_are_smaller(const FORMED& formed, const DESIGN_MTX& design, std::i
 }
 
 }  // namespace
+
+/// W'R0^-1 y and y'R0^-1 y of the shifted response, log-weights and the count of records used.
+void take_responses(const DESIGN_MTX& design, MIXED_EQUATIONS& q)
+{
+  const auto rows = static_cast<std::size_t>(design.rows());
+  std::vector<double> y(rows);
+  std::vector<std::uint8_t> estimated(rows, 0);
+  for (const std::int64_t r : design.mv) estimated[static_cast<std::size_t>(r)] = 1;
+  q.y.resize(rows);
+  q.records = 0;
+  q.y0 = 0.0;
+  q.log_weights = 0.0;
+  for (std::size_t r = 0; r < rows; ++r) {
+    const double w = weight_of(design, r);
+    const double shifted = estimated[r] ? 0.0 : design.beside_offset(r) - q.shift;
+    q.y0 += w * shifted * shifted;
+    y[r] = w * shifted;
+    q.y[r] = shifted;
+    if (w > 0.0) {
+      ++q.records;
+      if (w != 1.0) q.log_weights += std::log(w);
+    }
+  }
+  q.mean_square_y = q.records > 0 && q.y0 > 0.0 ? q.y0 / static_cast<double>(q.records) : 1.0;
+  q.r0.assign(static_cast<std::size_t>(q.n), 0.0);
+  for (std::size_t p = 0; p < static_cast<std::size_t>(q.n); ++p) {
+    double sum = 0.0;
+    for (auto k = static_cast<std::size_t>(q.columns.start[p]); k < static_cast<std::size_t>(q.columns.start[p + 1]); ++k) {
+      sum += q.columns.value[k] * y[static_cast<std::size_t>(q.columns.record[k])];
+    }
+    q.r0[p] = sum;
+  }
+}
 
 void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_TABLE& terms, const DESIGN_MTX& design,
                      const VARIANCE_MODEL& model, const FORMED& formed, MIXED_EQUATIONS& q)
@@ -481,7 +481,7 @@ void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_T
     if (q.columns.start.empty()) q.columns = by_columns(d, q.n, nullptr);
   }
   if (!q.residual.empty() || q.solving != Solving::by_factor) q.rows = by_records(q.columns, design.rows());
-  response_products(design, q);
+  take_responses(design, q);
   design_sizes(terms, q);
 }
 

@@ -1,4 +1,6 @@
 // The names that tables give to the levels of terms: level_name.
+#include <algorithm>
+
 #include "base/text.h"
 #include "model/term_table.h"
 
@@ -91,6 +93,26 @@ bool binds_a_level(const FACTOR_TABLE& factors, const TERM_ROW& term, std::int64
     rest /= n;
   }
   return false;
+}
+
+std::vector<std::int64_t> component_levels(const FACTOR_TABLE& factors, const TERM_ROW& term, std::int64_t level)
+{
+  // Mixed radix: the last component runs fastest.  Components are taken from the last to the first.
+  const auto [from, to] = term.components();
+  std::vector<std::int64_t> own(static_cast<std::size_t>(to - from + 1));
+  std::int64_t rest = level - 1;
+  for (std::int64_t i = to; i >= from; --i) {
+    const std::int64_t n = std::max<std::int64_t>(factors.row(i).levels, 1);
+    own[static_cast<std::size_t>(i - from)] = rest % n + 1;
+    rest /= n;
+  }
+  return own;
+}
+
+std::string component_level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, std::int64_t row,
+                                 std::int64_t level)
+{
+  return factors.row(row).is_factor ? own_level_name(eh, variables, factors, row, level) : std::string();
 }
 
 std::string level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,

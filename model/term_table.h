@@ -112,6 +112,12 @@ std::vector<std::int64_t> CHECK_FOR_INTERACTION_NO_MAIN(const FACTOR_TABLE& fact
 /// Whether a level (from 1) of a term is no effect but an equation that binds a level of fa() or rr() to its factors.
 bool binds_a_level(const FACTOR_TABLE& factors, const TERM_ROW& term, std::int64_t level);
 
+/// The levels (from 1) of the components of a term that make up one of its own, first component first.
+std::vector<std::int64_t> component_levels(const FACTOR_TABLE& factors, const TERM_ROW& term, std::int64_t level);
+/// The name of a level of one component of a term, by its factor row; empty for a covariate.
+std::string component_level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors, std::int64_t row,
+                                 std::int64_t level);
+
 /// The name of a level (from 1) of a term for tables: the labels of its factors joined with a dot; a
 /// covariate has none, and a term of covariates alone, mu among them, gives "1".
 std::string level_name(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,

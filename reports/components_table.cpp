@@ -56,6 +56,7 @@ void L_ADD_VARCOMP_FOOTNOTES(ERROR_HANDLER& eh, const FIT_STATE& fit, bool singu
                              OUTPUT_TABLE& t)
 {
   const Frame here{eh, __func__};
+  if (fit.imputations > 0) OTT_ADD_FOOTNOTE(eh, t, "The components reported above are the RBG averages");
   for (const char* line : code_footnotes) OTT_ADD_FOOTNOTE(eh, t, line);
   if (singular) OTT_ADD_FOOTNOTE(eh, t, "S means there is no information in the data for this parameter");
   if (scaling) {

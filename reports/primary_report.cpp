@@ -66,27 +66,48 @@ void add_table(ERROR_HANDLER& eh, const OUTPUT_TABLE_STORE& store, std::string_v
   out += text('\n', printed);
 }
 
-/// The lines of the iterations: at most eight parameters each.
-std::string iterations_text(const FIT_STATE& fit)
+/// The messages behind the first so many.
+std::string messages_text(const ERROR_HANDLER& messages, std::size_t from)
 {
-  constexpr std::size_t most = 8;
-  std::string out = " Iter         LogL       sigma2        DF  Restr  Parameters\n";
-  for (const ITERATION_ROW& row : fit.trace) {
-    const auto real = [](double x, int width, int digits) {
-      return is_no_value(x) ? padded("", static_cast<std::size_t>(width) - 2) + "NA" : edit_g(x, width, digits);
-    };
-    out += text(edit_i(row.iteration, 4), row.flag, real(row.logl, 13, 6), real(row.sigma2, 13, 5), edit_i(row.df, 9),
-                edit_i(row.restrained, 6), ' ');
-    for (std::size_t k = 0; k < std::min(most, row.gammas.size()); ++k) out += text(' ', edit_g(row.gammas[k], 11, 4));
-    if (row.gammas.size() > most) out += " ...";
-    while (out.back() == ' ') out.pop_back();
-    out += '\n';
+  ERROR_HANDLER part;
+  part.EH_ADD_ALL(messages, from);
+  return part.EH_PRINT_TEXT();
+}
+
+constexpr std::size_t most_levels_counted = 60;
+
+/// Title, comments, messages so far, data, model.
+std::string head_text(const RUN_REPORT& run)
+{
+  std::string out = text("tolvan ", version_tag, '\n');
+  if (!is_blank(run.title)) out += text(' ', run.title, '\n');
+  for (const std::string& line : run.comments) out += text(' ', line, '\n');
+  if (run.messages.count() > 0) {
+    heading(out, "Messages");
+    out += messages_text(run.messages, 0);
+  }
+  if (!run.summary.empty()) {
+    heading(out, "Data");
+    ERROR_HANDLER own;
+    out += AIDDIS(own, run.variables, run.summary, most_levels_counted);
+    for (const VARIABLE_SUMMARY& each : run.summary) {
+      if (each.level_counts.size() <= most_levels_counted) continue;
+      out += text("\n The counts of factors of more than ", most_levels_counted, " levels are in the .tvs file.\n");
+      break;
+    }
+  }
+  if (!run.terms.rows.empty()) {
+    heading(out, "Model");
+    out += PRTERRTXT(run.terms, run.model);
   }
   return out;
 }
 
-std::string scalars_text(const OUTPUT_TABLE_STORE& store)
+/// The scalars of the fit.  Where each section has variances of its own, or the residual a matrix, there is no one residual
+/// variance to tell: the scalar is then 1.
+std::string scalars_text(const RUN_REPORT& run)
 {
+  const bool one_variance = run.model.profiled || run.model.residual_parameter >= 0;
   struct Line {
     const char* name;
     const char* words;
@@ -96,10 +117,8 @@ std::string scalars_text(const OUTPUT_TABLE_STORE& store)
                            Line{"SCALAR_SIGMA2", "Residual variance"}, Line{"SCALAR_AIC", "Akaike information criterion"},
                            Line{"SCALAR_AIC_NPARAM", "  with variance parameters"},
                            Line{"SCALAR_BIC", "Bayesian information criterion"}, Line{"SCALAR_DETC", "log|C|"}}) {
-    const OUTPUT_SCALAR* scalar = store.find_scalar(line.name);
-    if (scalar == nullptr) continue;
-    // 1 where the residual has variances of its own.
-    if (std::string_view(line.name) == "SCALAR_SIGMA2" && scalar->rval == 1.0) continue;
+    const OUTPUT_SCALAR* scalar = run.store.find_scalar(line.name);
+    if (scalar == nullptr || (!one_variance && scalar->name == "SCALAR_SIGMA2")) continue;
     const std::string value = scalar->type == ColumnType::integer ? edit_i(scalar->ival, 16) : edit_g(scalar->rval, 16, 8);
     out += text(' ', padded(line.words, 32), value, '\n');
   }
@@ -166,36 +185,50 @@ std::string final_values_text(const VARIANCE_MODEL& model, const FIT_STATE& fit)
   return out;
 }
 
-std::string primary_report(ERROR_HANDLER& eh, const RUN_REPORT& run)
+void begin_primary_report(const RUN_REPORT& run, REPORT_FILES& files)
 {
-  std::string out = text("tolvan ", version_tag, '\n');
-  if (!is_blank(run.title)) out += text(' ', run.title, '\n');
-  for (const std::string& line : run.comments) out += text(' ', line, '\n');
+  if (!files.in_use) return;
+  std::string out = head_text(run);
+  heading(out, "Iterations");
+  out += " Iter         LogL       sigma2        DF  Restr  Parameters\n";
+  files.tlv.write(out);
+  files.tlv.show();
+  files.begun = true;
+  files.messages_told = static_cast<std::size_t>(run.messages.count());
+}
 
-  if (run.messages.count() > 0) {
-    heading(out, "Messages");
-    out += run.messages.EH_PRINT_TEXT();
-  }
-  if (!run.summary.empty()) {
-    heading(out, "Data");
-    ERROR_HANDLER own;
-    out += AIDDIS(own, run.variables, run.summary);
-  }
-  if (!run.terms.rows.empty()) {
-    heading(out, "Model");
-    out += PRTERRTXT(run.terms, run.model);
-  }
-  if (!run.fit.trace.empty()) {
-    heading(out, "Iterations");
-    out += iterations_text(run.fit);
-    out += final_values_text(run.model, run.fit);
+std::string iteration_line(const ITERATION_ROW& row)
+{
+  constexpr std::size_t most = 8;
+  const auto real = [](double x, int width, int digits) {
+    return is_no_value(x) ? padded("", static_cast<std::size_t>(width) - 2) + "NA" : edit_g(x, width, digits);
+  };
+  std::string out = text(edit_i(row.iteration, 4), row.flag, real(row.logl, 13, 6), real(row.sigma2, 13, 5), edit_i(row.df, 9),
+                         edit_i(row.restrained, 6), ' ');
+  for (std::size_t k = 0; k < std::min(most, row.gammas.size()); ++k) out += text(' ', edit_g(row.gammas[k], 11, 4));
+  if (row.gammas.size() > most) out += " ...";
+  return std::string(rtrim(out)) + '\n';
+}
+
+std::string rest_of_primary_report(ERROR_HANDLER& eh, const RUN_REPORT& run, const REPORT_FILES& files)
+{
+  std::string out;
+  if (!files.begun) {
+    out = head_text(run);
+  } else {
+    if (!run.fit.trace.empty()) out += final_values_text(run.model, run.fit);
+    if (static_cast<std::size_t>(run.messages.count()) > files.messages_told) {
+      heading(out, "Messages of the fit");
+      out += messages_text(run.messages, files.messages_told);
+    }
   }
   heading(out, "Results");
   const OUTPUT_SCALAR* message = run.store.find_scalar("SCALAR_FINAL_MESSAGE");
   if (message != nullptr) out += text(' ', trim(message->sval), '\n');
-  add_table(eh, run.store, "TABLE_VARCOMP", out);
-  for (const char* name : {"TABLE_STRATVAR", "TABLE_INCRWALD", "TABLE_CONDRWALD"}) add_table(eh, run.store, name, out);
-  if (const std::string scalars = scalars_text(run.store); !scalars.empty()) out += text('\n', scalars);
+  for (const char* name : {"TABLE_VARCOMP", "TABLE_VPARSUM", "TABLE_STRATVAR", "TABLE_INCRWALD", "TABLE_CONDRWALD"})
+    add_table(eh, run.store, name, out);
+  if (const std::string scalars = scalars_text(run); !scalars.empty()) out += text('\n', scalars);
+  add_table(eh, run.store, "TABLE_KCV", out);
   for (const auto& table : run.store.tables) {
     if (table->name.starts_with("TABLE_PREDICT")) add_table(eh, run.store, table->name, out);
   }

@@ -172,10 +172,14 @@ void WRITE_REPORT_FILES(ERROR_HANDLER& eh, const RUN_REPORT& run, REPORT_FILES& 
     with_own([&](ERROR_HANDLER& own) { L_WRITE_TABLE(own, run.store, "TABLE_SLN", files.stem, "sln", run.options(Slot::slnform)); });
     with_own([&](ERROR_HANDLER& own) { L_WRITE_TABLE(own, run.store, "TABLE_YHT", files.stem, "yht", run.options(Slot::yhtform)); });
     with_own([&](ERROR_HANDLER& own) { L_WRITE_TABLE(own, run.store, "TABLE_CINV_INFO", files.stem, "cii", 0); });
+    with_own([&](ERROR_HANDLER& own) { L_WRITE_TABLE(own, run.store, "TABLE_KCV", files.stem, "kcv", 0); });
     with_own([&](ERROR_HANDLER& own) { L_ADD_WALD_TABLES(own, run, files.stem); });
   }
+  if (!run.summary.empty()) {
+    with_own([&](ERROR_HANDLER& own) { WRITE_DATA_SUMMARY(own, files.stem + ".tvs", run.variables, run.summary); });
+  }
   with_own([&](ERROR_HANDLER& own) {
-    WRITE_RESIDUAL_REPORT(run.store, files.res);
+    WRITE_RESIDUAL_REPORT(run.design, run.model, run.store, files.res);
     L_COMMIT(own, files.stem + ".res", files.res);
   });
   with_own([&](ERROR_HANDLER& own) {
@@ -199,7 +203,7 @@ void WRITE_REPORT_FILES(ERROR_HANDLER& eh, const RUN_REPORT& run, REPORT_FILES& 
     });
   }
   with_own([&](ERROR_HANDLER& own) {
-    files.tlv.write(primary_report(own, run));
+    files.tlv.write(rest_of_primary_report(own, run, files));
     L_COMMIT(own, files.stem + ".tlv", files.tlv);
   });
 }

@@ -4,9 +4,11 @@
 //   .tlv  the primary report          .res  residual statistics      .vvp  variances of variance parameters
 //   .sln  the table of solutions      .yht  the fitted values        .aov  Wald tests, added at its end
 //   .veo  the equation order          .log  process times            .cii  equations of the terms in C-inverse
+//   .tvs  the summary of the data     .kcv  cross-validation
 //
 // Files that a run opens at its start appear under their names when it ends; until then, and when anything fails, the
-// earlier ones stay.
+// earlier ones stay.  The primary report alone is shown while it is written, so that a fit can be followed; the earlier
+// one waits beside it.
 #pragma once
 
 #include <string>
@@ -33,6 +35,8 @@ struct REPORT_FILES {
   bool in_use = false;
   std::string stem;  // folder and root of the names
   FileWriter tlv, vvp, veo, res;
+  std::size_t messages_told = 0;  // in the primary report
+  bool begun = false;             // the primary report, up to the heading of the iterations
 };
 
 /// What the reports tell of.
@@ -44,6 +48,7 @@ struct RUN_REPORT {
   const VARIABLE_TABLE& variables;
   const DATA_SUMMARY& summary;
   const TERM_TABLE& terms;
+  const DESIGN_MTX& design;
   const VARIANCE_MODEL& model;
   const FIT_STATE& fit;
   const OUTPUT_TABLE_STORE& store;
@@ -66,9 +71,14 @@ void WRITE_REPORT_FILES(ERROR_HANDLER& eh, const RUN_REPORT& run, REPORT_FILES& 
 std::string PRTERRTXT(const TERM_TABLE& terms, const VARIANCE_MODEL& model);
 /// The parameters at the end of a fit, five a line.
 std::string final_values_text(const VARIANCE_MODEL& model, const FIT_STATE& fit);
-/// The primary report, from the comments to the timing table.
-std::string primary_report(ERROR_HANDLER& eh, const RUN_REPORT& run);
-/// WRITE_RESIDUAL_REPORT: the residual statistics of the table of fitted values, and the records that stand out.
-void WRITE_RESIDUAL_REPORT(const OUTPUT_TABLE_STORE& store, FileWriter& file);
+/// Starts the primary report of a fit that is about to begin: comments, messages so far, data, model, the heading of the
+/// iterations.  From here on it can be followed under its name.
+void begin_primary_report(const RUN_REPORT& run, REPORT_FILES& files);
+/// The line of one iteration: number, LogL, sigma2, degrees of freedom, restrained updates, at most eight parameters.
+std::string iteration_line(const ITERATION_ROW& row);
+/// What follows the iterations, down to the timing table; what stands before them, too, where no fit was begun.
+std::string rest_of_primary_report(ERROR_HANDLER& eh, const RUN_REPORT& run, const REPORT_FILES& files);
+/// WRITE_RESIDUAL_REPORT: statistics of the residuals of each section, by trait, and the records that stand out.
+void WRITE_RESIDUAL_REPORT(const DESIGN_MTX& design, const VARIANCE_MODEL& model, const OUTPUT_TABLE_STORE& store, FileWriter& file);
 
 }  // namespace tolvan

@@ -43,39 +43,65 @@ MOMENTS moments_of(const std::vector<double>& x)
   return m;
 }
 
+/// Columns of the table of fitted values.
+struct FITTED_COLUMNS {
+  const OUTPUT_TABLE& t;
+  std::int64_t record = t.find_column("RECORD"), fitted = t.find_column("YHAT"), residual = t.find_column("RESID"),
+               statistic = t.find_column("AOM");
+};
+
+/// The statistics of some rows of the table of fitted values, and those that stand out of them.
+std::string statistics_text(const FITTED_COLUMNS& columns, const std::vector<std::int64_t>& rows)
+{
+  const OUTPUT_TABLE& t = columns.t;
+  std::vector<double> x;
+  for (const std::int64_t r : rows) {
+    if (!is_no_value(t.real(r, columns.residual))) x.push_back(t.real(r, columns.residual));
+  }
+  const MOMENTS m = moments_of(x);
+  std::string out = text("     Count         Mean      Minimum      Maximum     Variance     Skewness     Kurtosis\n", edit_i(m.count, 10),
+                         edit_g(m.mean, 13, 5), edit_g(m.minimum, 13, 5), edit_g(m.maximum, 13, 5), edit_g(m.variance, 13, 5),
+                         edit_f(m.skewness, 13, 4), edit_f(m.kurtosis, 13, 4), '\n');
+  const double sd = std::sqrt(m.variance);
+  bool headed = false;
+  for (const std::int64_t r : rows) {
+    const double e = t.real(r, columns.residual);
+    if (is_no_value(e)) continue;
+    const double measure = columns.statistic > 0 ? t.real(r, columns.statistic) : sd > 0.0 ? (e - m.mean) / sd : 0.0;
+    if (is_no_value(measure) || std::fabs(measure) <= stands_out) continue;
+    if (!headed) out += " Records whose residual stands out\n    Record         Yhat     Residual    Statistic\n";
+    headed = true;
+    out += text(edit_i(t.integer(r, columns.record), 10), edit_g(t.real(r, columns.fitted), 13, 5), edit_g(e, 13, 5),
+                edit_f(measure, 13, 2), '\n');
+  }
+  return headed ? out : out + " No residual stands out.\n";
+}
+
 }  // namespace
 
-void WRITE_RESIDUAL_REPORT(const OUTPUT_TABLE_STORE& store, FileWriter& file)
+void WRITE_RESIDUAL_REPORT(const DESIGN_MTX& design, const VARIANCE_MODEL& model, const OUTPUT_TABLE_STORE& store, FileWriter& file)
 {
   const OUTPUT_TABLE* t = store.find_table("TABLE_YHT");
   if (t == nullptr) return;
-  const std::int64_t record = t->find_column("RECORD"), fitted = t->find_column("YHAT"), residual = t->find_column("RESID"),
-                     statistic = t->find_column("AOM");
-  // With several traits a record has a row for each, one after the other.
-  std::int64_t traits = 1;
-  while (traits < t->nrows && t->integer(traits + 1, record) == t->integer(1, record)) ++traits;
-  for (std::int64_t own = 1; own <= traits; ++own) {
-    std::vector<double> x;
-    for (std::int64_t r = own; r <= t->nrows; r += traits) {
-      if (!is_no_value(t->real(r, residual))) x.push_back(t->real(r, residual));
+  const FITTED_COLUMNS columns{*t};
+  // With several traits a record has a row of the table for each, one after the other.
+  const std::int64_t traits = design.trait.empty() ? 1 : *std::max_element(design.trait.begin(), design.trait.end());
+  for (std::size_t s = 0; s < model.sections.size(); ++s) {
+    const RESIDUAL_SECTION& section = model.sections[s];
+    std::vector<std::vector<std::int64_t>> rows(static_cast<std::size_t>(traits));
+    const std::int64_t end = std::min(section.first_record + section.records, design.rows());
+    for (std::int64_t i = section.first_record; i < end; ++i) {
+      const auto r = static_cast<std::size_t>(i);
+      const std::int64_t own = design.trait.empty() ? 1 : design.trait[r];
+      rows[static_cast<std::size_t>(own - 1)].push_back((design.record[r] - 1) * traits + own);
     }
-    const MOMENTS m = moments_of(x);
-    if (traits > 1) file.write(text(" Trait ", own, '\n'));
-    file.write("     Count         Mean      Minimum      Maximum     Variance     Skewness     Kurtosis\n");
-    file.write(text(edit_i(m.count, 10), edit_g(m.mean, 13, 5), edit_g(m.minimum, 13, 5), edit_g(m.maximum, 13, 5),
-                    edit_g(m.variance, 13, 5), edit_f(m.skewness, 13, 4), edit_f(m.kurtosis, 13, 4), '\n'));
-    const double sd = std::sqrt(m.variance);
-    bool headed = false;
-    for (std::int64_t r = own; r <= t->nrows; r += traits) {
-      const double e = t->real(r, residual);
-      if (is_no_value(e)) continue;
-      const double measure = statistic > 0 ? t->real(r, statistic) : sd > 0.0 ? (e - m.mean) / sd : 0.0;
-      if (is_no_value(measure) || std::fabs(measure) <= stands_out) continue;
-      if (!headed) file.write(" Records whose residual stands out\n    Record         Yhat     Residual    Statistic\n");
-      headed = true;
-      file.write(text(edit_i(t->integer(r, record), 10), edit_g(t->real(r, fitted), 13, 5), edit_g(e, 13, 5), edit_f(measure, 13, 2), '\n'));
+    if (model.sections.size() > 1) file.write(text(" Section ", s + 1, ": ", section.name.empty() ? section.label : section.name, '\n'));
+    for (std::size_t own = 0; own < rows.size(); ++own) {
+      if (rows[own].empty()) continue;
+      std::sort(rows[own].begin(), rows[own].end());
+      if (traits > 1) file.write(text(" Trait ", own + 1, '\n'));
+      file.write(statistics_text(columns, rows[own]));
     }
-    if (!headed) file.write(" No residual stands out.\n");
   }
 }
 

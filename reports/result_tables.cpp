@@ -40,6 +40,8 @@ void AIDRPT(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TAB
   TABLE_SLN(eh, variables, factors, terms, fit, store);
   if (eh.terminate()) return;
   AIDRST(eh, design, fit, store);
+  if (eh.terminate()) return;
+  STORE_FIELD_TABLES(eh, factors, design, model, store);
 }
 
 }  // namespace tolvan

@@ -1,5 +1,5 @@
 // The named tables and scalars that a fit leaves.  Routines: HANDLE_TRACE, STORE_INITIAL_VALUES_TABLE,
-// CHUNK_OF_AIDRPT, MATPRT, TABLE_SLN, AIDRST, AIDRPT, STORE_DESIGN_MTX_TABLE, STORE_FIT_SCALARS, WARNING.
+// CHUNK_OF_AIDRPT, MATPRT, TABLE_SLN, AIDRST, STORE_FIELD_TABLES, AIDRPT, STORE_DESIGN_MTX_TABLE, STORE_FIT_SCALARS, WARNING.
 #pragma once
 
 #include <string>
@@ -8,6 +8,7 @@
 #include "api/communication.h"
 #include "api/error_handler.h"
 #include "api/table_store.h"
+#include "base/files.h"
 #include "data/design_matrix.h"
 #include "data/variable_table.h"
 #include "estimation/fit_state.h"
@@ -17,9 +18,10 @@
 
 namespace tolvan {
 
-/// HANDLE_TRACE: adds the last row of the trace to TABLE_TRACE and hands it to the monitor.
+/// HANDLE_TRACE: adds the last row of the trace to TABLE_TRACE, hands it to the monitor and adds its line to the report.
+///   report   shown at once, for one who follows it; null: none
 void HANDLE_TRACE(ERROR_HANDLER& eh, COMMUNICATION& communication, const FIT_STATE& fit,
-                  std::int64_t iteration_limit, OUTPUT_TABLE_STORE& store);
+                  std::int64_t iteration_limit, FileWriter* report, OUTPUT_TABLE_STORE& store);
 /// FINISH_TRACE: sizes TABLE_TRACE to the rows made and adds the columns of the parameters.
 void FINISH_TRACE(ERROR_HANDLER& eh, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);
 /// STORE_INITIAL_VALUES_TABLE: registers TABLE_INITVALS; labels must be unique.
@@ -38,9 +40,13 @@ void AIDRST(ERROR_HANDLER& eh, const DESIGN_MTX& design, const FIT_STATE& fit, O
 /// MATPRT: registers for every structure with a matrix of its own TABLE_FACTOR_COVCOR (covariances below the diagonal,
 /// variances on it, correlations above, on the reported scale) and TABLE_FACTOR_EIGEN; from the second on with _2, _3 ...
 void MATPRT(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);
+/// STORE_FIELD_TABLES: registers for every residual section of two dimensions TABLE_FIELD, the rows and columns of its records,
+/// counted from 1; from the second on with _2, _3 ...  Fields of more than 40000 cells have none.
+void STORE_FIELD_TABLES(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const DESIGN_MTX& design, const VARIANCE_MODEL& model,
+                        OUTPUT_TABLE_STORE& store);
 /// STORE_DESIGN_MTX_TABLE: registers TABLE_DESIGN_MTX, the elements of the design by record (a row a trait) and equation.
 void STORE_DESIGN_MTX_TABLE(ERROR_HANDLER& eh, const DESIGN_MTX& design, OUTPUT_TABLE_STORE& store);
-/// AIDRPT: the result tables in their order: components, their variances, matrices of structures, solutions, fitted values.
+/// AIDRPT: the result tables in their order: components, their variances, matrices of structures, solutions, fitted values, fields.
 void AIDRPT(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
             const TERM_TABLE& terms, const DESIGN_MTX& design, const VARIANCE_MODEL& model,
             const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);

@@ -3,6 +3,7 @@
 
 #include "base/json.h"
 #include "base/text.h"
+#include "reports/report_files.h"
 #include "reports/result_tables.h"
 
 namespace tolvan {
@@ -54,7 +55,7 @@ std::string monitor_json(const ITERATION_ROW& row)
 }
 
 void HANDLE_TRACE(ERROR_HANDLER& eh, COMMUNICATION& communication, const FIT_STATE& fit,
-                  std::int64_t iteration_limit, OUTPUT_TABLE_STORE& store)
+                  std::int64_t iteration_limit, FileWriter* report, OUTPUT_TABLE_STORE& store)
 {
   const Frame here{eh, __func__};
   if (fit.trace.empty()) return;
@@ -63,6 +64,7 @@ void HANDLE_TRACE(ERROR_HANDLER& eh, COMMUNICATION& communication, const FIT_STA
   if (eh.terminate()) return;
   OUTPUT_TABLE& t = *store.find_table(table_name);
   const ITERATION_ROW& row = fit.trace.back();
+  if (report != nullptr && report->write(iteration_line(row))) report->show();
   OTT_NEXT_ROW(eh, t);
   OTT_SET_INTEGER_VALUES(eh, t, {row.iteration, row.df, row.restrained});
   OTT_SET_REAL_VALUES(eh, t, {row.logl, row.sigma2, row.dev_df});

@@ -1,24 +1,24 @@
 // Files of whole fits: what a run writes, what a later one takes up, what happens where no file can be written.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <cmath>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "fits/host.h"
+#include "support/files.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using tolvan_test::changed;
 using tolvan_test::dataset;
 using tolvan_test::Host;
+constexpr auto read = tolvan_test::read_whole;
 
 constexpr const char* model = R"({"response":"y","fixed":"mu+x","random":"site:us(trial)+line"})";
 
@@ -73,19 +73,6 @@ struct ReportFiles : testing::Test {
     host.status = status;
     return told;
   }
-  static std::string read(const fs::path& path)
-  {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-  }
-  static std::string changed(std::string s, const std::string& from, const std::string& to)
-  {
-    const std::size_t at = s.find(from);
-    EXPECT_NE(at, std::string::npos) << from;
-    return at == std::string::npos ? s : s.replace(at, from.size(), to);
-  }
   std::size_t files() const
   {
     return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder), fs::directory_iterator()));
@@ -115,9 +102,9 @@ TEST_F(ReportFiles, TheFamily)
   const std::string report = read("out/r.tlv");
   std::size_t at = 0;
   for (const char* words :
-       {" A trial of lines\n", " first remark\n second remark\n", "Messages", "Note: ", "Data", " Variable ", "Model",
+       {" A trial of lines\n", " first remark\n second remark\n", "Data", " Variable ", "Model",
         " Currently defined structures, COLS and LEVELS\n", " Model specification:  TERM LEVELS GAMMAS\n", " SECTIONS", "Iterations",
-        "LogL Converged", "Model_Term", "code B - fixed at a boundary", "Akaike", "END OF AIDATA_BODY", "Other"}) {
+        "Messages of the fit", "Note: ", "LogL Converged", "Model_Term", "code B - fixed at a boundary", "Akaike", "END OF AIDATA_BODY", "Other"}) {
     const std::size_t found = report.find(words, at);
     EXPECT_NE(found, std::string::npos) << words;
     if (found != std::string::npos) at = found;
@@ -222,15 +209,10 @@ TEST_F(ReportFiles, FaultsOfTheFileSystem)
   std::ofstream("r.tlv") << "an earlier report\n";
   Host host;
   hand_in(host);
-  struct rlimit had {};
-  getrlimit(RLIMIT_FSIZE, &had);
-  const auto handler = std::signal(SIGXFSZ, SIG_IGN);
-  struct rlimit small = had;
-  small.rlim_cur = 2500;
-  setrlimit(RLIMIT_FSIZE, &small);
-  host.process(std::string("{\"model\":") + model + R"(,"options":{"tmp_file_root":"r"}})");
-  setrlimit(RLIMIT_FSIZE, &had);
-  std::signal(SIGXFSZ, handler);
+  {
+    const tolvan_test::SmallDevice device(2500);
+    host.process(std::string("{\"model\":") + model + R"(,"options":{"tmp_file_root":"r"}})");
+  }
   EXPECT_EQ(host.status, 4);
   told = host.errors();
   EXPECT_NE(told.find("unable to write file r.tlv"), std::string::npos) << told;

@@ -2,13 +2,12 @@
 #include "reports/report_files.h"
 
 #include <cmath>
-#include <fstream>
-#include <sstream>
 
 #include "base/text.h"
 #include "reports/result_tables.h"
 #include "reports/small_fit.h"
 #include "support/checks.h"
+#include "support/files.h"
 
 namespace tolvan {
 namespace {
@@ -25,14 +24,8 @@ struct Reports : testing::Test {
   std::string title = "A title";
   std::vector<std::string> comments = {"one", "two"};
 
-  RUN_REPORT run() const { return {title, comments, eh, options, f.variables, summary, f.terms, f.model, f.fit, store, timing, order}; }
-  std::string read(const std::string& name) const
-  {
-    std::ifstream in(folder.path(name), std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-  }
+  RUN_REPORT run() const { return {title, comments, eh, options, f.variables, summary, f.terms, f.design, f.model, f.fit, store, timing, order}; }
+  std::string read(const std::string& name) const { return tolvan_test::read_whole(folder.path(name)); }
   void write(std::string_view mode)
   {
     REPORT_FILES files;
@@ -97,29 +90,105 @@ TEST_F(Reports, FormsOfTheTables)
   EXPECT_NE(read("r.yht").find("\n3,NA,NA,NA\n"), std::string::npos) << read("r.yht");
 }
 
+TEST_F(Reports, FitsCanBeFollowed)
+{
+  folder.file("r.tlv", "earlier\n");
+  COMMUNICATION communication;
+  const std::vector<ITERATION_ROW> rows = std::move(f.fit.trace);
+  f.fit.trace.clear();
+  {
+    REPORT_FILES files;
+    AIOPEN(eh, "ASIS", "r", folder.path(""), files);
+    eh.note("told before the fit");
+    begin_primary_report(run(), files);
+    EXPECT_NE(read("r.tlv").find("told before the fit"), std::string::npos);
+    EXPECT_TRUE(read("r.tlv").ends_with("  Restr  Parameters\n"));
+    for (const ITERATION_ROW& row : rows) {
+      f.fit.trace.push_back(row);
+      HANDLE_TRACE(eh, communication, f.fit, 20, &files.tlv, store);
+      EXPECT_TRUE(read("r.tlv").ends_with(iteration_line(row))) << row.iteration;
+    }
+    EXPECT_EQ(read("r.tlv.earlier1"), "earlier\n");
+    eh.note("told by the fit");
+    WRITE_REPORT_FILES(eh, run(), files);
+  }
+  const std::string report = read("r.tlv");
+  EXPECT_EQ(read("r.tlv.earlier1"), "");
+  std::size_t at = 0;
+  for (const std::string& words : {std::string("told before the fit"), iteration_line(rows[0]), iteration_line(rows[2]),
+                                   std::string(" Final parameter values:"), std::string("Messages of the fit"),
+                                   std::string("told by the fit"), std::string("Results"), std::string("END OF AIDATA_BODY")}) {
+    const std::size_t found = report.find(words, at);
+    ASSERT_NE(found, std::string::npos) << words << report;
+    at = found + words.size();
+  }
+  EXPECT_EQ(report.find("told before the fit", report.find("told before the fit") + 1), std::string::npos);
+}
+
+TEST_F(Reports, FollowedReportsAreWholeOrNotAtAll)
+{
+  // A run that breaks off, and one whose device fills while it iterates.
+  for (const bool full : {false, true}) {
+    folder.file("r.tlv", "earlier\n");
+    ERROR_HANDLER own;
+    {
+      REPORT_FILES files;
+      AIOPEN(own, "ASIS", "r", folder.path(""), files);
+      begin_primary_report(run(), files);
+      EXPECT_NE(read("r.tlv"), "earlier\n");
+      if (full) {
+        const tolvan_test::SmallDevice device(read("r.tlv").size() + 100);
+        COMMUNICATION communication;
+        for (int k = 0; k < 5; ++k) HANDLE_TRACE(own, communication, f.fit, 20, &files.tlv, store);
+        WRITE_REPORT_FILES(own, run(), files);
+      }
+    }
+    EXPECT_EQ(read("r.tlv"), "earlier\n") << full;
+    EXPECT_EQ(read("r.tlv.earlier1") + read("r.tlv.part1"), "");
+    EXPECT_EQ(own.terminate(), full);
+    if (full) {
+      EXPECT_TRUE(has_message(own, "unable to write file "));
+    }
+  }
+}
+
 TEST_F(Reports, ResidualsWithTheirMoments)
 {
-  // 1, 2, 3, 4, 10: mean 4, m2 = 10, m3 = 36, m4 = 278.8.
+  // Two traits of seven records; the records of two sections, the last two being the second.
+  // First section, second trait: 1, 2, 3, 4, 10: mean 4, m2 = 10, m3 = 36, m4 = 278.8.
   const std::int64_t id = OTST_REGISTER_TABLE(eh, store, "TABLE_YHT");
   OUTPUT_TABLE& t = store.table(id);
   OTT_ADD_COLUMN(eh, t, {.type = ColumnType::integer, .name = "RECORD"});
   OTT_ADD_COLUMN(eh, t, {.name = "YHAT"});
   OTT_ADD_COLUMN(eh, t, {.name = "RESID"});
+  DESIGN_MTX design;
+  VARIANCE_MODEL model;
   std::int64_t record = 0;
-  for (const double e : {1.0, 2.0, no_value, 3.0, 4.0, 10.0}) {
-    OTT_NEXT_ROW(eh, t);
-    OTT_SET_INTEGER_VALUES(eh, t, {++record});
-    OTT_SET_REAL_VALUES(eh, t, {5.0, e});
+  for (const double e : {1.0, 2.0, no_value, 3.0, 4.0, 10.0, 0.5, 0.75}) {
+    ++record;
+    for (const std::int32_t trait : {1, 2}) {
+      OTT_NEXT_ROW(eh, t);
+      OTT_SET_INTEGER_VALUES(eh, t, {record});
+      OTT_SET_REAL_VALUES(eh, t, {5.0, trait == 1 ? 100.0 : e});
+      design.record.push_back(record);
+      design.trait.push_back(trait);
+      design.start.push_back(0);
+    }
   }
+  model.sections = {{.first_record = 0, .records = 12, .label = "first"}, {.first_record = 12, .records = 4, .label = "second"}};
   FileWriter file;
   ASSERT_TRUE(file.open(folder.path("x.res")));
-  WRITE_RESIDUAL_REPORT(store, file);
+  WRITE_RESIDUAL_REPORT(design, model, store, file);
   ASSERT_TRUE(file.commit());
   const std::vector<std::string> lines = split(read("x.res"), '\n');
-  ASSERT_GE(lines.size(), 3u);
-  EXPECT_EQ(lines[1], text(edit_i(5, 10), edit_g(4.0, 13, 5), edit_g(1.0, 13, 5), edit_g(10.0, 13, 5), edit_g(12.5, 13, 5),
+  ASSERT_GE(lines.size(), 18u);
+  EXPECT_EQ(lines[0], " Section 1: first");
+  EXPECT_EQ(lines[5], " Trait 2");
+  EXPECT_EQ(lines[7], text(edit_i(5, 10), edit_g(4.0, 13, 5), edit_g(1.0, 13, 5), edit_g(10.0, 13, 5), edit_g(12.5, 13, 5),
                            edit_f(36.0 / std::pow(10.0, 1.5), 13, 4), edit_f(2.788, 13, 4)));
-  EXPECT_EQ(lines[2], " No residual stands out.");
+  EXPECT_EQ(lines[8], " No residual stands out.");
+  EXPECT_EQ(lines[9], " Section 2: second");
+  EXPECT_EQ(lines[16].substr(0, 36), text(edit_i(2, 10), edit_g(0.625, 13, 5), edit_g(0.5, 13, 5)));
 }
 
 TEST_F(Reports, ModelListing)

@@ -23,7 +23,7 @@ struct Tables : testing::Test {
     f.fit.trace.clear();
     for (const ITERATION_ROW& row : rows) {
       f.fit.trace.push_back(row);
-      HANDLE_TRACE(eh, communication, f.fit, 20, store);
+      HANDLE_TRACE(eh, communication, f.fit, 20, nullptr, store);
     }
     FINISH_TRACE(eh, f.fit, store);
   }
@@ -141,10 +141,10 @@ TEST_F(Tables, TraceOutgrowsTheRoomItWasGiven)
 {
   f.fit.trace.resize(1);
   const ITERATION_ROW row = f.fit.trace.front();
-  HANDLE_TRACE(eh, communication, f.fit, -5, store);
+  HANDLE_TRACE(eh, communication, f.fit, -5, nullptr, store);
   for (int k = 0; k < 60; ++k) {
     f.fit.trace.push_back(row);
-    HANDLE_TRACE(eh, communication, f.fit, -5, store);
+    HANDLE_TRACE(eh, communication, f.fit, -5, nullptr, store);
   }
   FINISH_TRACE(eh, f.fit, store);
   EXPECT_TRUE(clean(eh));
@@ -167,7 +167,7 @@ TEST(Monitor, ReceivesTheRow)
   OUTPUT_TABLE_STORE store;
   COMMUNICATION communication;
   communication.monitor = [](std::int32_t* result, const char*, std::int32_t) { *result = 3; };
-  HANDLE_TRACE(eh, communication, f.fit, 20, store);
+  HANDLE_TRACE(eh, communication, f.fit, 20, nullptr, store);
   EXPECT_TRUE(has_message(eh, "User sent an abort code"));
   EXPECT_EQ(store.find_table("TABLE_TRACE")->nrows, 1);  // stored before the monitor is asked
 }
