@@ -32,7 +32,7 @@ std::vector<Field> residual_fields(Engine& engine, const std::vector<double>& re
   std::vector<Field> fields;
   for (int k = 1; k <= most_fields; ++k) {
     const std::string name = k == 1 ? "TABLE_FIELD" : "TABLE_FIELD_" + std::to_string(k);
-    const auto document = read_json(engine.json("OPTIONAL:" + name).value_or(""));
+    const auto document = read_json(engine.json(name).value_or(""));
     const Json* table = document ? document->find(name) : nullptr;
     if (!table) break;
     const auto record = engine.integers(name + ":RECORD"), row = engine.integers(name + ":ROW"), column = engine.integers(name + ":COLUMN");

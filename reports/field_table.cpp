@@ -39,7 +39,11 @@ void STORE_FIELD_TABLES(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const DE
     if (eh.terminate()) return;
     OUTPUT_TABLE& t = store.table(id);
     OTT_ADD_TITLE(eh, t, text("Field of ", section.name.empty() ? section.label : section.name));
-    const auto name = [&](const STRUCTURE_ROW& row) { return factors.row(row.factor).shown(); };
+    const auto name = [&](const STRUCTURE_ROW& row) {
+      std::int64_t f = row.factor;
+      while (factors.row(f).source > 0) f = factors.row(f).source;
+      return factors.row(f).shown();
+    };
     OTT_ADD_COLUMN(eh, t, {.type = ColumnType::integer, .name = "RECORD", .heading = "Record", .format = "I9"});
     OTT_ADD_COLUMN(eh, t, {.type = ColumnType::integer, .name = "ROW", .heading = name(rows), .format = "I6"});
     OTT_ADD_COLUMN(eh, t, {.type = ColumnType::integer, .name = "COLUMN", .heading = name(columns), .format = "I6"});

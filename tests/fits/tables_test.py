@@ -1,23 +1,18 @@
-"""All tables of a fit through the exports: their order, names, headings, formats, titles and footnotes against the list of
-tables, and identities between them.  Usage: tables_test.py LIBRARY [host's folder] [tables.tsv]"""
+"""All tables of runs through the exports: their order, names, headings, formats, titles and footnotes against the lists
+tables.tsv, table_order.tsv and table_notes.tsv, and identities between them.  Usage: tables_test.py LIBRARY [folder of the lists]"""
 import csv
 import math
 import os
 import random
+import re
 import sys
+import tempfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "reference"))
 from host import Host  # noqa: E402
 
 MISSING = -1e-37
-CODES = ["code B - fixed at a boundary             F - fixed by user",
-         "     ? - liable to change from P to B    P - positive definite",
-         "     C - Constrained by user             U - unbounded ",
-         "     S - Singular Information matrix"]
-ORDER = ["TABLE_DESIGN_MTX", "TABLE_INITVALS", "TABLE_TRACE", "TABLE_VARCOMP", "TABLE_VARVAR", "TABLE_FACTOR_COVCOR",
-         "TABLE_FACTOR_EIGEN", "TABLE_FACTOR_COVCOR_2", "TABLE_FACTOR_EIGEN_2", "TABLE_SLN", "TABLE_YHT", "TABLE_CINV_INFO",
-         "TABLE_CINV"]
 SCALARS = ["SCALAR_LOGLIK", "SCALAR_SIGMA2", "SCALAR_DF", "SCALAR_AIC", "SCALAR_AIC_NPARAM", "SCALAR_BIC", "SCALAR_DETC",
            "SCALAR_CONVERGENCE_FLG", "SCALAR_FINAL_MESSAGE"]
 failures = []
@@ -47,51 +42,121 @@ def data(seed=3):
     return rows
 
 
-def fit(library, options):
+def fit(library, options, model=None, names=None, rows=None, more=""):
     host = Host(library)
     host.initialise()
-    names = [("site", 3), ("line", 20), ("env", 3), ("block", 40), ("x", 0), ("y", 0)]
+    names = names or [("site", 3), ("line", 20), ("env", 3), ("block", 40), ("x", 0), ("y", 0)]
     variables = [{"name": n, "field_type": "vt_integer_factor_1_to_n", "number_of_levels": k} if k else {"name": n} for n, k in names]
-    rows = data()
+    rows = rows or data()
+    model = model or '{"response":"y","fixed":"mu+site+x","random":"us(site):line+corgh(env):block"}'
     host.input_info({"dataset": {"name": "d", "number_of_observations": len(rows), "storage_order": "so_row_major",
                                  "variables": variables}})
     host.input_real_2d("d", rows)
-    status = host.process('{"model":{"response":"y","fixed":"mu+site+x","random":"us(site):line+corgh(env):block"},"options":%s}' % options)
+    status = host.process('{"model":%s,"options":%s%s}' % (model, options, more))
     check(status <= 0, "status %d: %s" % (status, host.output_json("ERROR_INFORMATION")))
     return host
+
+
+def field(seed=5):
+    """plots of 8 rows and 10 columns, two of them lost"""
+    draw = random.Random(seed)
+    line = [draw.gauss(0, 1) for _ in range(20)]
+    rows = []
+    for k in range(80):
+        trend = math.sin(0.6 * (k // 10)) + math.cos(0.5 * (k % 10))
+        y = 5 + line[(7 * k) % 20] + trend + draw.gauss(0, 0.5)
+        rows.append([k // 10 + 1, k % 10 + 1, (7 * k) % 20 + 1, MISSING if k in (13, 57) else y])
+    return rows
 
 
 def full(host, name):
     return host.output_json(name)[name]
 
 
-def compare_with_list(host, listed):
-    available = host.output_json("AVAILABLE_OUTPUT")
-    tables = [name for name in available if name.startswith("TABLE_")]
-    check(tables == ORDER, "order of tables: %s" % tables)
-    check([name for name in available if name.startswith("SCALAR_")] == SCALARS, "order of scalars: %s" % list(available))
-    parameters = full(host, "TABLE_INITVALS")["nrows"]
-    for name in tables:
-        plain = name[:-2] if name.endswith("_2") else name
-        expected = [row for row in listed if row["name"] == plain and row["col_present"] != "outlier statistics asked"]
+def read_list(folder, name):
+    with open(os.path.join(folder, name), newline="") as file:
+        return list(csv.DictReader((line for line in file if not line.startswith("#")), delimiter="\t", quoting=csv.QUOTE_NONE))
+
+
+def pattern(text):
+    """a text of the lists, in which <...> stands for anything"""
+    return "".join(".+" if part.startswith("<") else re.escape(part) for part in re.split(r"(<\w+>)", text)) + "$"
+
+
+def same_texts(found, wanted, what):
+    check(len(found) == len(wanted) and all(re.match(pattern(w), f) for f, w in zip(found, wanted)), "%s: %s" % (what, found))
+
+
+def plain_name(name):
+    return re.sub(r"_\d+$", "", name)
+
+
+class Lists:
+    def __init__(self, folder):
+        self.columns = [row for row in read_list(folder, "tables.tsv") if row["kind"] == "table"]
+        self.order = read_list(folder, "table_order.tsv")
+        self.notes = read_list(folder, "table_notes.tsv")
+        self.met = set()
+
+    def compare(self, host, asked, repeats=1):
+        """tables and scalars of a run that was asked for these things"""
+        available = host.output_json("AVAILABLE_OUTPUT")
+        tables = [name for name in available if name.startswith("TABLE_")]
+        wanted = []
+        for row in self.order:
+            if row["asked_by"] not in asked or row["table"] in wanted:
+                continue
+            group = [row["table"]] + ([row["followed_by"]] if row["followed_by"] else [])
+            wanted += group
+            wanted += [name + "_%d" % k for k in range(2, repeats + 1) if row["followed_by"] for name in group]
+        check(tables == wanted, "order of tables of %s: %s" % (asked, tables))
+        if "fit" in asked:
+            check([name for name in available if name.startswith("SCALAR_")] == SCALARS, "order of scalars: %s" % list(available))
+        for name in tables:
+            self.met.add(plain_name(name))
+            self.compare_table(host, name, asked)
+
+    def compare_table(self, host, name, asked):
+        expected = [row for row in self.columns if row["name"] == plain_name(name)
+                    and (row["col_present"] != "outlier statistics asked" or "outlier" in asked)]
         table = full(host, name)
         columns = table["column_info"]["columns"]
-        if "<n>" in expected[-1]["column"] or "<j>" in expected[-1]["column"]:
+        mark = next((m for m in ("<n>", "<j>") if expected and m in expected[-1]["column"]), None)
+        if mark:  # one a parameter, or one a level
             last = expected.pop()
-            count = parameters if "<n>" in last["column"] else len(columns) - len(expected)
+            count = full(host, "TABLE_INITVALS")["nrows"] if mark == "<n>" else len(columns) - len(expected)
             for n in range(1, count + 1):
-                mark = "<n>" if "<n>" in last["column"] else "<j>"
                 expected.append({**last, "column": last["column"].replace(mark, str(n)), "heading": last["heading"].replace(mark, str(n))})
         check("ott_type_" + str(table["type"]).replace("ott_type_", "") == expected[0]["table_type"], name + ": type " + str(table["type"]))
-        titles = [t["text"] if isinstance(t, dict) else t for t in table.get("titles", [])]
-        check((titles[0] if titles else "").startswith(expected[0]["title"]), "%s: titles %s" % (name, titles))
-        found = [(c["name"], c["heading"], c["format"], c["type"].replace("ct_", "").replace("ict_", "")) for c in columns]
-        wanted = [(r["column"], r["heading"], r["format"], r["col_type"]) for r in expected]
-        for f, w in zip(found, wanted):
-            check(f[:3] == w[:3] and w[3] in f[3], "%s: column %s, expected %s" % (name, f, w))
-        check(len(found) == len(wanted), "%s: %d columns, expected %d" % (name, len(found), len(wanted)))
-        footnotes = [t["text"] if isinstance(t, dict) else t for t in table.get("footnotes", [])]
-        check(footnotes == (CODES if name == "TABLE_VARCOMP" else []), "%s: footnotes %s" % (name, footnotes))
+        found = [(c["name"], c["format"], c["type"].replace("ct_", "").replace("ict_", "")) for c in columns]
+        wanted = [(r["column"], r["format"], r["col_type"]) for r in expected]
+        check(found == wanted, "%s: columns %s, expected %s" % (name, found, wanted))
+        for c, r in zip(columns, expected):
+            check(re.match(pattern(r["heading"]), c["heading"]), "%s: heading of %s: %s" % (name, c["name"], c["heading"]))
+        for kind in ("title", "footnote"):
+            same_texts([t["text"] for t in table.get(kind + "s", [])],
+                       [n["text"] for n in self.notes
+                        if n["table"] == plain_name(name) and n["kind"] == kind and (n["when"] == "always" or n["when"] in asked)],
+                       "%ss of %s" % (kind, name))
+
+
+def marker_run(library, lists):
+    draw = random.Random(2)
+    genotypes = [[draw.randrange(3) for _ in range(30)] for _ in range(15)]
+    effect = [draw.gauss(0, 0.4) for _ in range(30)]
+    rows = []
+    for k in range(45):
+        value = sum(u * g for u, g in zip(effect, genotypes[k % 15]))
+        rows.append([k % 15 + 1, 10 + value + draw.gauss(0, 1)])
+    with tempfile.TemporaryDirectory() as folder:
+        path = os.path.join(folder, "geno.mkr")
+        with open(path, "w") as file:
+            file.write("id " + " ".join("m%d" % (j + 1) for j in range(30)) + "\n")
+            file.writelines("%d %s\n" % (i + 1, " ".join(map(str, g))) for i, g in enumerate(genotypes))
+        more = ',"marker_file":{"name":"G","file":"%s","markers":30,"header":true,"pev":true,"rtmethod":1,"mdfoffset":0.01}' % path
+        host = fit(library, "{}", '{"response":"y","fixed":"mu","random":"vm(line,G)"}', [("line", 15), ("y", 0)], rows, more)
+        if host.status <= 0:
+            lists.compare(host, {"fit", "markers"})
 
 
 def identities(host):
@@ -128,15 +193,31 @@ def identities(host):
 
 def main():
     library = sys.argv[1]
-    path = sys.argv[2] if len(sys.argv) > 2 else os.path.join(HERE, "..", "data_files", "tables.tsv")
-    with open(path, newline="") as file:
-        listed = [row for row in csv.DictReader(file, delimiter="\t", quoting=csv.QUOTE_NONE) if row["kind"] == "table"]
+    lists = Lists(sys.argv[2] if len(sys.argv) > 2 else os.path.join(HERE, "..", "data_files"))
     host = fit(library, '{"design":true,"cinv":1}')
-    compare_with_list(host, listed)
+    lists.compare(host, {"fit", "design", "matrix", "cinv"}, repeats=2)
     identities(host)
-    plain = fit(library, "{}")
-    for name in ("TABLE_DESIGN_MTX", "TABLE_CINV", "TABLE_CINV_INFO"):
-        check(name not in plain.output_json("AVAILABLE_OUTPUT"), name + " stands unasked")
+    lists.compare(fit(library, "{}"), {"fit", "matrix"}, repeats=2)
+    lists.compare(fit(library, '{"process_stage":"preprocess","design":true}'), {"preprocess", "design"})
+
+    plots = [("row", 8), ("column", 10), ("line", 20), ("y", 0)]
+    spatial = '{"response":"y","fixed":"mu+mv","random":"line","residual":"ar1(row):ar1(column)"}'
+    host = fit(library, '{"outlier":true,"impute":3}', spatial, plots, field())
+    lists.compare(host, {"fit", "field", "outlier", "impute"})
+    record, row, column = (host.output_integer("TABLE_FIELD:" + name) for name in ("RECORD", "ROW", "COLUMN"))
+    check(sorted(record) == list(range(1, 81)), "records of the field")
+    check(all(row[i] == (r - 1) // 10 + 1 and column[i] == (r - 1) % 10 + 1 for i, r in enumerate(record)), "places of the field")
+    check([c["heading"] for c in full(host, "TABLE_FIELD")["column_info"]["columns"]] == ["Record", "row", "column"], "names of its sides")
+    lists.compare(fit(library, '{"kcv":4}', spatial, plots, field()), {"fit", "field", "kcv"})
+
+    # A term with a level for each record can not be told from the residual.
+    rows = [[k + 1, k % 20 + 1, r[3]] for k, r in enumerate(field()) if r[3] != MISSING]
+    host = fit(library, '{"aisingularities":1}', '{"response":"y","fixed":"mu","random":"plot+line"}', [("plot", 80), ("line", 20), ("y", 0)], rows)
+    lists.compare(host, {"fit", "singular"})
+
+    marker_run(library, lists)
+    unmet = {row["table"] for row in lists.order} - lists.met
+    check(not unmet, "no run left %s" % unmet)
     for line in failures:
         print("FAILED", line)
     print("%d failures" % len(failures))
