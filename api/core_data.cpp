@@ -47,7 +47,7 @@ std::string key_that_asks_for_files(const CORE_DATA& core)
   if (core.api_options.root_named && !core.api_options.clean_up_asked) return "tmp_file_root";
   const JsonNode* options = core.request.find("options");
   if (options == nullptr || !options->is(JsonType::object)) return {};
-  constexpr std::array<const char*, 6> keys = {"outfolder", "continue", "final", "tsv", "msv", "logfile"};
+  constexpr std::array<const char*, 7> keys = {"outfolder", "continue", "final", "tsv", "msv", "logfile", "cmat"};
   for (const char* key : keys) {
     const JsonNode* node = options->find(key);
     if (node != nullptr && option_asks(*node)) return key;

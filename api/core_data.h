@@ -40,6 +40,7 @@ struct CORE_DATA {
   // The run's own.
   std::string title, part_id;
   std::vector<std::string> comments;  // a line each
+  std::vector<std::string> responses;  // their names, one a trait
   std::string file_root;
   FIT_OPTIONS options;
   PRIMARY_DATA primary;
@@ -77,7 +78,7 @@ struct CORE_DATA {
   /// What the report files tell of; messages are those of the run.
   RUN_REPORT report(const ERROR_HANDLER& messages) const
   {
-    return {title, comments, messages, options, variables, summary, terms, design, variances, fit, tables, timing, parameter_files.order};
+    return {title, comments, responses, messages, options, variables, summary, terms, design, variances, fit, tables, timing, parameter_files.order};
   }
   /// Whether the request asks for no more than the set-up.
   bool preprocess_only() const { return options(Slot::process_stage) == 1; }

@@ -124,7 +124,7 @@ inline constexpr auto option_table = [] {
       real_option("scale",     RealSlot::scale,     1.0,  harmless),
       real_option("step_size", RealSlot::step_size, 0.1,  built),
 
-      flag_option("vrb",                 Flag::vrb,                 harmless),
+      flag_option("vrb",                 Flag::vrb,                 built),
       flag_option("design",              Flag::design,              built),
       flag_option("spatial",             Flag::spatial,             harmless),
       flag_option("twoway",              Flag::twoway,              harmless),
@@ -139,7 +139,7 @@ inline constexpr auto option_table = [] {
       one_option("fcon",    Slot::fcon,    unbuilt),
       one_option("outlier", Slot::outlier, built),
       one_option("wvr",     Slot::wvr,     harmless),
-      one_option("cmat",    Slot::cmat,    unbuilt),
+      one_option("cmat",    Slot::cmat,    built),
       one_option("camat",   Slot::camat,   unbuilt),
 
       own_option("continue",         file,             built),

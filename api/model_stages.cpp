@@ -7,7 +7,6 @@
 #include "estimation/fit_driver.h"
 #include "model/request.h"
 #include "reports/check_tables.h"
-#include "reports/genomic_report.h"
 #include "relmat/match_levels.h"
 #include "relmat/reduce_inverse.h"
 #include "reports/result_tables.h"
@@ -62,9 +61,8 @@ void parse_model(ERROR_HANDLER& eh, CORE_DATA& core)
   NEW_PARSE_LINEAR_MODEL(eh, core.communication, core.request, core.variables, core.factors, core.terms,
                          core.model_info);
   if (eh.terminate()) return;
-  for (const std::int64_t row : core.model_info.responses) {
-    core.parameter_files.response += text(core.parameter_files.response.empty() ? "" : " ", core.factors.row(row).shown());
-  }
+  for (const std::int64_t row : core.model_info.responses) core.responses.push_back(core.factors.row(row).shown());
+  core.parameter_files.response = join(core.responses, " ");
   if (!eh.terminate()) NAME_PEDIGREE_FACTORS(eh, core.matrices, core.factors, core.variables);
   if (!eh.terminate()) NAME_MARKER_FACTORS(eh, core.matrices, core.factors, core.variables);
 }
@@ -255,6 +253,7 @@ FIT_CALL fit_call(CORE_DATA& core)
           .timing = core.timing,
           .tables = core.tables,
           .files = &core.parameter_files,
+          .genomic = {&core.genomic, &core.matrices},
           .report = core.report_files.in_use ? &core.report_files.tlv : nullptr};
 }
 
@@ -266,10 +265,6 @@ void fit(ERROR_HANDLER& eh, CORE_DATA& core)
   FIT_CALL call = fit_call(core);
   begin_primary_report(core.report(eh), core.report_files);
   AIWORK(eh, call, core.fit);
-  if (!eh.terminate() && core.fit.usable)
-    GBLUPEFFECTS(eh, core.genomic, core.matrices, core.factors, core.terms, core.fit, core.tables);
-  if (!eh.terminate() && core.fit.usable)
-    GBLUPREPORT(eh, core.genomic, core.matrices, core.factors, core.terms, core.fit, core.tables);
 }
 
 void cross_validation(ERROR_HANDLER& eh, CORE_DATA& core)

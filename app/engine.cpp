@@ -127,4 +127,12 @@ std::string Engine::scalar_text(const std::string& id)
   return value ? value->text : "";
 }
 
+std::string Engine::table_title(const std::string& table)
+{
+  const auto document = read_json(json(table + ":TITLES").value_or(""));
+  const Json* titles = document ? document->find("titles") : nullptr;
+  const Json* text = titles && !titles->items.empty() ? titles->items.front().string_at("text") : nullptr;
+  return text ? text->text : "";
+}
+
 }  // namespace tolvan::driver

@@ -34,6 +34,7 @@ class Engine {
   std::vector<std::int32_t> integers(std::string_view id);
   std::vector<std::string> strings(const std::string& table, const std::string& column);
   std::string scalar_text(const std::string& id);  // of a string scalar
+  std::string table_title(const std::string& table);  // the first one; empty for none
 
  private:
   std::int32_t status_ = 0;

@@ -28,7 +28,7 @@ constexpr const char* style =
     "table{border-collapse:collapse;font-variant-numeric:tabular-nums}"
     "th,td{padding:.15em .8em;text-align:right;border-bottom:1px solid #eee}th{border-bottom:1px solid #888}"
     "th.l,td.l{text-align:left}.figures{display:flex;flex-wrap:wrap;gap:1em}"
-    "figure{margin:0;width:460px;break-inside:avoid}figcaption{font-size:12px;color:#555;text-align:center}"
+    "figure{margin:0;width:460px;break-inside:avoid}figcaption{font-size:12px;color:#555;text-align:center}.name{white-space:nowrap;margin-right:.8em}"
     "svg{width:100%;height:auto;font:11px system-ui,sans-serif}svg .head{font-size:13px;font-weight:600}"
     ".grid{stroke:#e6e6e6}.frame{fill:none;stroke:#888}.line{fill:none;stroke-width:1.5}"
     ".point{fill:#1f5fa8;fill-opacity:.55}.guide{stroke:#b2182b;stroke-width:1.2}.bar{fill:#8fb3d9;stroke:#1f5fa8}"
@@ -153,6 +153,10 @@ std::string judgement(Engine& engine, const std::vector<Residuals>& residuals, c
     out += paragraph("The fit converged.", "good");
   } else if (converged) {
     out += paragraph("The likelihood converged but some variance parameters were still moving: look at the column % below.", "warn");
+  } else if (flag && *flag == 0 && final_message.find("RBG") != std::string::npos) {
+    out += paragraph("The fit converged. Its results are averages over rounds of imputation of the missing responses.", "good");
+  } else if (flag && *flag == 0 && final_message.find("BLUP") != std::string::npos) {
+    out += paragraph("The effects were solved for; the variance parameters were taken as given and not estimated.", "good");
   } else if (flag && *flag == 2) {
     out += paragraph("The fit did not converge. Its numbers are those of the last iteration and should not be relied on.", "warn");
   } else {
@@ -216,8 +220,11 @@ std::string trace_part(Engine& engine)
     gammas.push_back(std::move(values));
   }
   auto names = engine.strings("TABLE_VARCOMP", "LABEL");
+  const std::size_t parameters = names.size();
   if (names.size() > gammas.size()) names.resize(gammas.size());
   out += line_figure({"Variance parameters by iteration", "iteration", "parameter"}, x, gammas, names);
+  if (parameters > names.size())
+    return out + "</div>\n" + paragraph("Of " + std::to_string(parameters) + " variance parameters the first " + std::to_string(names.size()) + " are drawn.");
   return out + "</div>\n";
 }
 
@@ -322,6 +329,16 @@ std::string residuals_part(const Residuals& residuals, const std::vector<Field>&
   return out;
 }
 
+std::string cross_validation_part(Engine& engine)
+{
+  const auto cv = engine.reals("TABLE_KCV:CVEFFECT"), standard = engine.reals("TABLE_KCV:STNDEFFECT");
+  if (cv.empty() || cv.size() != standard.size()) return {};
+  return "<h2>Cross-validation</h2>\n" + paragraph(engine.table_title("TABLE_KCV") + ".") + "<div class=\"figures\">\n" +
+         scatter_figure({"Effects of the fit against those predicted without their data", "predicted", "fit"}, thinned(cv), thinned(standard),
+                        {true, 0.0, 1.0}) +
+         "</div>\n";
+}
+
 }  // namespace
 
 Problem write_html_report(Engine& engine, const FitArguments& arguments, const Request& request, const Messages& messages)
@@ -336,6 +353,7 @@ Problem write_html_report(Engine& engine, const FitArguments& arguments, const R
   page += components_part(engine);
   page += trace_part(engine);
   page += effects_part(engine);
+  page += cross_validation_part(engine);
   for (const Residuals& each : residuals) page += residuals_part(each, fields);
   page += "</body>\n</html>\n";
 

@@ -157,6 +157,9 @@ void print_summary(Engine& engine)
         parameters ? "  with " + std::to_string(*parameters) + " parameters" : "");
   }
   if (const auto bic = engine.real("SCALAR_BIC")) row("BIC", number_cell(*bic, 4));
+  for (const char* table : {"TABLE_VPARSUM", "TABLE_KCV"}) {
+    if (const std::string title = engine.table_title(table); !title.empty()) std::printf("\n%s\n", title.c_str());
+  }
   const std::string message = engine.scalar_text("SCALAR_FINAL_MESSAGE");
   if (!message.empty()) std::printf("\n%s\n", tidied(message).c_str());
 }

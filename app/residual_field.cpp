@@ -39,10 +39,7 @@ std::vector<Field> residual_fields(Engine& engine, const std::vector<double>& re
     if (record.empty() || row.size() != record.size() || column.size() != record.size()) break;
     Field field{"", heading_of(*table, "ROW"), heading_of(*table, "COLUMN"), *std::max_element(row.begin(), row.end()),
                 *std::max_element(column.begin(), column.end()), {}};
-    if (const Json* titles = table->find("titles"); titles && !titles->items.empty()) {
-      const Json* title = titles->items.front().string_at("text");
-      if (title) field.name = title->text;
-    }
+    field.name = engine.table_title(name);
     if (field.name.starts_with("Field of ")) field.name.erase(0, 9);
     field.cells.assign(static_cast<std::size_t>(field.rows * field.columns), nothing);
     for (std::size_t i = 0; i < record.size(); ++i) {

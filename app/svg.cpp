@@ -33,7 +33,7 @@ std::vector<double> ticks(double from, double to)
   const double power = std::pow(10.0, std::floor(std::log10(rough)));
   const double step = power * (rough / power < 1.5 ? 1.0 : rough / power < 3.5 ? 2.0 : rough / power < 7.5 ? 5.0 : 10.0);
   std::vector<double> out;
-  for (double k = std::ceil(from / step); k * step <= to + 1e-9 * step && out.size() < 20; k += 1.0) out.push_back(k * step);
+  for (double k = std::ceil(from / step); k * step <= to + 1e-9 * step && out.size() < 20; k += 1.0) out.push_back(k * step + 0.0);  // 0, not -0
   return out;
 }
 
@@ -98,6 +98,14 @@ class Figure {
   std::string out_;
 };
 
+/// To three digits.
+std::string short_number(double x)
+{
+  char text[32];
+  std::snprintf(text, sizeof text, "%.3g", x);
+  return text;
+}
+
 /// From blue over white to red; a number in [-1, 1].
 std::string colour(double v)
 {
@@ -158,7 +166,7 @@ std::string line_figure(const Axes& axes, const std::vector<double>& x, const st
     if (y.size() != x.size()) continue;
     const std::string paint = colours[s % std::size(colours)];
     if (s < names.size())
-      legend += "<span style=\"color:" + paint + "\">&#9632;</span> " + escaped(names[s]) + (s + 1 < names.size() ? ", " : "");
+      legend += "<span class=\"name\"><span style=\"color:" + paint + "\">&#9632;</span> " + escaped(names[s]) + "</span> ";
     std::string points, dots;
     for (std::size_t k = 0; k < x.size(); ++k) {
       if (!std::isfinite(y[k])) continue;
@@ -240,8 +248,8 @@ std::string heat_map_figure(const Axes& axes, const std::vector<double>& cells, 
                  at(y2 - y1) + "\"/>");
     }
   }
-  const std::string cold = smallest < 0.0 ? "blue " + escaped(general_cell(-size)) + ", " : "";
-  return figure.finish(cold + "white 0, red " + escaped(general_cell(size)) + "; grey: no value");
+  const std::string cold = smallest < 0.0 ? "blue " + escaped(short_number(-size)) + ", " : "";
+  return figure.finish(cold + "white 0, red " + escaped(short_number(size)) + "; grey: no value");
 }
 
 }  // namespace tolvan::driver

@@ -252,7 +252,8 @@ void CROSSVALC(ERROR_HANDLER& eh, const KCV_REQUEST& request, const FIT_CALL& ca
   const std::vector<std::uint8_t> known = known_responses(call.design);
   const DEALT dealt = deal(call.factors, term, of, call.design, known, request.folds,
                            request.has_seed ? WICHMANN_HILL(request.seed) : WICHMANN_HILL(default_seeds));
-  const std::int64_t folds = 1 + *std::max_element(dealt.fold.begin(), dealt.fold.end());
+  std::int64_t folds = 0;
+  for (const std::int64_t fold : dealt.fold) folds = std::max(folds, fold + 1);
   if (folds < request.folds) eh.note(text("cross-validation of ", of.name, " has a fold for each of its ", folds, " levels with data"));
 
   std::vector<double> predicted(static_cast<std::size_t>(term.equations), no_value);

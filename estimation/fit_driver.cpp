@@ -7,6 +7,7 @@
 #include "base/clock.h"
 #include "base/text.h"
 #include "estimation/closing_notes.h"
+#include "estimation/coefficient_file.h"
 #include "estimation/convergence.h"
 #include "estimation/evaluation.h"
 #include "estimation/fault_texts.h"
@@ -394,11 +395,13 @@ void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& 
       }
       if (call.options(Slot::impute) > 0 && fit.mode == 0 && fit.end == FitEnd::converged) K4MIMPT(own, call, in, work, fit);
       STORE_FIT_SCALARS(own, call.model, fit, call.tables);
-      AIDRPT(own, call.variables, call.factors, call.terms, call.design, call.model, fit, call.tables);
+      AIDRPT(own, call.variables, call.factors, call.terms, call.design, call.model, fit, call.genomic, call.tables);
       if (call.options.inverse_table) {
         const auto threads = static_cast<int>(std::max<std::int64_t>(1, work.aiopt(Ai::threads)));
         AIRCINV(own, call.terms, work.equations, threads, call.tables);
       }
+      if (call.options(Slot::cmat) > 0 && call.files != nullptr && call.files->in_use)
+        WRITE_CMAT(own, work.equations, text(call.files->folder(), "CMAT.bin"));
       if (call.files != nullptr) SAVE_PARAMETERS(own, call.model, fit.evaluated, *call.files);
       TMG_LOG(call.timing, " TLV/SLN/YHT written");
     }

@@ -10,6 +10,7 @@
 #include "estimation/fit_state.h"
 #include "model/factor_table.h"
 #include "model/term_table.h"
+#include "reports/result_tables.h"
 #include "reports/timing.h"
 #include "varstruct/parameter_files.h"
 #include "varstruct/parameter_table.h"
@@ -28,6 +29,7 @@ struct FIT_CALL {
   TIMING_STORE& timing;
   OUTPUT_TABLE_STORE& tables;   // receives the trace, the result tables and the scalars
   PARAMETER_FILES* files = nullptr;  // kept up to date during the fit; null: none
+  GENOMIC_RESULTS genomic = {};      // markers whose effects are told
   FileWriter* report = nullptr;      // receives a line an iteration; null: none
 };
 

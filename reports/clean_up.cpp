@@ -14,6 +14,8 @@ constexpr std::array<std::string_view, 16> extensions = {"csv", "tv",  "tvk", "t
                                                          "rsv", "sln", "tmp", "tsv", "veo", "vvp",
                                                          "xml", "yht", "log", "aov"};
 constexpr std::size_t saved_parameters = 4;
+// Files that are this engine's alone.
+constexpr std::array<std::string_view, 4> own_extensions = {"tvs", "kcv", "cii", "vrb"};
 static_assert(extensions[saved_parameters] == "msv");
 
 /// A file that is not there or that cannot be deleted is none of our business; a folder stays.
@@ -32,6 +34,7 @@ void CLEAN_TMP_FILES(ERROR_HANDLER& eh, std::string_view root)
   for (std::size_t k = 0; k < extensions.size(); ++k) {
     if (k != saved_parameters) delete_file(text(root, ".", extensions[k]));
   }
+  for (const std::string_view extension : own_extensions) delete_file(text(root, ".", extension));
   delete_file("fort.19");
   delete_file("fort.7");
 }

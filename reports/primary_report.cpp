@@ -132,14 +132,25 @@ std::string PRTERRTXT(const TERM_TABLE& terms, const VARIANCE_MODEL& model)
   std::string out = " Currently defined structures, COLS and LEVELS\n";
   const std::size_t width = widest(terms.rows, 24, [](const TERM_ROW& t) -> const std::string& { return t.name; });
   std::int64_t number = 0;
-  const auto list = [&](const std::vector<STRUCTURE_ROW>& rows) {
-    for (const STRUCTURE_ROW& row : rows) {
-      out += text(edit_i(++number, 5), "  ", padded(row_label(model, row), width), ' ', padded(model_name(row), 5),
-                  edit_i(row.parameters, 6), edit_i(row.size, 9), '\n');
+  // A row without parameters has no label of its own: it goes by the name of its term or section.
+  std::vector<std::string> random(model.rows.size()), residual(model.residual.size());
+  for (const TERM_STRUCTURE& structure : model.terms) {
+    for (std::int64_t r = structure.first_row; r < structure.first_row + structure.rows; ++r)
+      random[static_cast<std::size_t>(r)] = terms.rows[static_cast<std::size_t>(structure.term)].name;
+  }
+  for (const RESIDUAL_SECTION& section : model.sections) {
+    for (std::int64_t r = section.first_row; r < section.first_row + section.rows; ++r)
+      residual[static_cast<std::size_t>(r)] = section.name.empty() ? section.label : section.name;
+  }
+  const auto list = [&](const std::vector<STRUCTURE_ROW>& rows, const std::vector<std::string>& names) {
+    for (std::size_t r = 0; r < rows.size(); ++r) {
+      const std::string label = row_label(model, rows[r]);
+      out += text(edit_i(++number, 5), "  ", padded(label.empty() ? names[r] : label, width), ' ', padded(model_name(rows[r]), 5),
+                  edit_i(rows[r].parameters, 6), edit_i(rows[r].size, 9), '\n');
     }
   };
-  list(model.rows);
-  list(model.residual);
+  list(model.rows, random);
+  list(model.residual, residual);
   if (model.parameters.empty()) return out + "Model specification: GAMMAS is not allocated\n";
 
   out += " Model specification:  TERM LEVELS GAMMAS\n";

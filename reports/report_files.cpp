@@ -97,6 +97,63 @@ void L_WRITE_TABLE(ERROR_HANDLER& eh, const OUTPUT_TABLE_STORE& store, std::stri
   L_COMMIT(eh, text(stem, '.', extension), file);
 }
 
+/// L_WRITE_EQUATIONS_OF_TERMS: the .cii file: the equations of the terms in C-inverse.
+void L_WRITE_EQUATIONS_OF_TERMS(ERROR_HANDLER& eh, const OUTPUT_TABLE_STORE& store, const std::string& name)
+{
+  const Frame here{eh, __func__};
+  const OUTPUT_TABLE* t = store.find_table("TABLE_CINV_INFO");
+  if (t == nullptr) return;
+  FileWriter file;
+  if (!file.open(name)) {
+    eh.error(text("unable to open file ", name, " for output"), Ecode::io_error);
+    eh.continuation(file.error());
+    return;
+  }
+  std::string printed;
+  OTT_PRETTY_PRINT(eh, *t, printed);
+  file.write(printed);
+  L_COMMIT(eh, name, file);
+}
+
+/// One line an item, fields between tabs, numbers with all their digits: for programs that take results up.
+std::string brief_dump(const OUTPUT_TABLE_STORE& store)
+{
+  std::string out;
+  for (const auto& scalar : store.scalars) {
+    out += text("scalar\t", scalar->name, '\t');
+    if (scalar->type == ColumnType::integer) out += text(scalar->ival);
+    if (scalar->type == ColumnType::real) out += text(scalar->rval);
+    if (scalar->type == ColumnType::string) out += std::string(trim(scalar->sval));
+    out += '\n';
+  }
+  for (const auto& [word, name] : {std::pair{"component", "TABLE_VARCOMP"}, {"effect", "TABLE_SLN"}}) {
+    const OUTPUT_TABLE* t = store.find_table(name);
+    for (std::int64_t row = 1; t != nullptr && row <= t->nrows; ++row) {
+      out += word;
+      for (std::int64_t k = 1; k <= t->ncols(); ++k) {
+        out += '\t';
+        switch (t->column(k).type) {
+          case ColumnType::integer: out += text(t->integer(row, k)); break;
+          case ColumnType::real: out += is_no_value(t->real(row, k)) ? "NA" : text(t->real(row, k)); break;
+          default: out += t->string(row, k);
+        }
+      }
+      out += '\n';
+    }
+  }
+  return out;
+}
+
+/// L_AIDRPT_BRIEF_DUMP: the .vrb file.
+void L_AIDRPT_BRIEF_DUMP(ERROR_HANDLER& eh, const OUTPUT_TABLE_STORE& store, const std::string& stem)
+{
+  const Frame here{eh, __func__};
+  FileWriter file;
+  if (!OPENTXTCSV(eh, stem, "vrb", file)) return;
+  file.write(brief_dump(store));
+  L_COMMIT(eh, stem + ".vrb", file);
+}
+
 /// The packed triangle of the variances of variance parameters, in lines of (5G16.8).
 std::string variances_text(const OUTPUT_TABLE_STORE& store)
 {
@@ -171,15 +228,16 @@ void WRITE_REPORT_FILES(ERROR_HANDLER& eh, const RUN_REPORT& run, REPORT_FILES& 
   if (run.fit.usable) {
     with_own([&](ERROR_HANDLER& own) { L_WRITE_TABLE(own, run.store, "TABLE_SLN", files.stem, "sln", run.options(Slot::slnform)); });
     with_own([&](ERROR_HANDLER& own) { L_WRITE_TABLE(own, run.store, "TABLE_YHT", files.stem, "yht", run.options(Slot::yhtform)); });
-    with_own([&](ERROR_HANDLER& own) { L_WRITE_TABLE(own, run.store, "TABLE_CINV_INFO", files.stem, "cii", 0); });
+    with_own([&](ERROR_HANDLER& own) { L_WRITE_EQUATIONS_OF_TERMS(own, run.store, files.stem + ".cii"); });
     with_own([&](ERROR_HANDLER& own) { L_WRITE_TABLE(own, run.store, "TABLE_KCV", files.stem, "kcv", 0); });
+    if (run.options(Flag::vrb)) with_own([&](ERROR_HANDLER& own) { L_AIDRPT_BRIEF_DUMP(own, run.store, files.stem); });
     with_own([&](ERROR_HANDLER& own) { L_ADD_WALD_TABLES(own, run, files.stem); });
   }
   if (!run.summary.empty()) {
     with_own([&](ERROR_HANDLER& own) { WRITE_DATA_SUMMARY(own, files.stem + ".tvs", run.variables, run.summary); });
   }
   with_own([&](ERROR_HANDLER& own) {
-    WRITE_RESIDUAL_REPORT(run.design, run.model, run.store, files.res);
+    WRITE_RESIDUAL_REPORT(run.design, run.model, run.responses, run.store, files.res);
     L_COMMIT(own, files.stem + ".res", files.res);
   });
   with_own([&](ERROR_HANDLER& own) {

@@ -4,7 +4,7 @@
 //   .tlv  the primary report          .res  residual statistics      .vvp  variances of variance parameters
 //   .sln  the table of solutions      .yht  the fitted values        .aov  Wald tests, added at its end
 //   .veo  the equation order          .log  process times            .cii  equations of the terms in C-inverse
-//   .tvs  the summary of the data     .kcv  cross-validation
+//   .tvs  the summary of the data     .kcv  cross-validation         .vrb  a brief dump for programs
 //
 // Files that a run opens at its start appear under their names when it ends; until then, and when anything fails, the
 // earlier ones stay.  The primary report alone is shown while it is written, so that a fit can be followed; the earlier
@@ -43,6 +43,7 @@ struct REPORT_FILES {
 struct RUN_REPORT {
   const std::string& title;
   const std::vector<std::string>& comments;
+  const std::vector<std::string>& responses;  // their names, one a trait
   const ERROR_HANDLER& messages;
   const FIT_OPTIONS& options;
   const VARIABLE_TABLE& variables;
@@ -79,6 +80,8 @@ std::string iteration_line(const ITERATION_ROW& row);
 /// What follows the iterations, down to the timing table; what stands before them, too, where no fit was begun.
 std::string rest_of_primary_report(ERROR_HANDLER& eh, const RUN_REPORT& run, const REPORT_FILES& files);
 /// WRITE_RESIDUAL_REPORT: statistics of the residuals of each section, by trait, and the records that stand out.
-void WRITE_RESIDUAL_REPORT(const DESIGN_MTX& design, const VARIANCE_MODEL& model, const OUTPUT_TABLE_STORE& store, FileWriter& file);
+///   responses   their names, one a trait
+void WRITE_RESIDUAL_REPORT(const DESIGN_MTX& design, const VARIANCE_MODEL& model, const std::vector<std::string>& responses,
+                           const OUTPUT_TABLE_STORE& store, FileWriter& file);
 
 }  // namespace tolvan

@@ -35,6 +35,7 @@ MOMENTS moments_of(const std::vector<double>& x)
   }
   m.minimum = *std::min_element(x.begin(), x.end());
   m.maximum = *std::max_element(x.begin(), x.end());
+  if (std::fabs(m.mean) < 1e-10 * std::max(m.maximum, -m.minimum)) m.mean = 0.0;  // what rounding leaves of nothing
   if (m.count > 1) m.variance = m2 * n / (n - 1.0);
   if (m2 > 0.0) {
     m.skewness = m3 / std::pow(m2, 1.5);
@@ -59,9 +60,13 @@ std::string statistics_text(const FITTED_COLUMNS& columns, const std::vector<std
     if (!is_no_value(t.real(r, columns.residual))) x.push_back(t.real(r, columns.residual));
   }
   const MOMENTS m = moments_of(x);
+  const auto cell = [](double x) {  // justified under its heading
+    const std::string digits(trim(edit_g(x, 13, 5)));
+    return std::string(13 - std::min<std::size_t>(13, digits.size()), ' ') + digits;
+  };
   std::string out = text("     Count         Mean      Minimum      Maximum     Variance     Skewness     Kurtosis\n", edit_i(m.count, 10),
-                         edit_g(m.mean, 13, 5), edit_g(m.minimum, 13, 5), edit_g(m.maximum, 13, 5), edit_g(m.variance, 13, 5),
-                         edit_f(m.skewness, 13, 4), edit_f(m.kurtosis, 13, 4), '\n');
+                         cell(m.mean), cell(m.minimum), cell(m.maximum), cell(m.variance), edit_f(m.skewness, 13, 4),
+                         edit_f(m.kurtosis, 13, 4), '\n');
   const double sd = std::sqrt(m.variance);
   bool headed = false;
   for (const std::int64_t r : rows) {
@@ -71,7 +76,7 @@ std::string statistics_text(const FITTED_COLUMNS& columns, const std::vector<std
     if (is_no_value(measure) || std::fabs(measure) <= stands_out) continue;
     if (!headed) out += " Records whose residual stands out\n    Record         Yhat     Residual    Statistic\n";
     headed = true;
-    out += text(edit_i(t.integer(r, columns.record), 10), edit_g(t.real(r, columns.fitted), 13, 5), edit_g(e, 13, 5),
+    out += text(edit_i(t.integer(r, columns.record), 10), cell(t.real(r, columns.fitted)), cell(e),
                 edit_f(measure, 13, 2), '\n');
   }
   return headed ? out : out + " No residual stands out.\n";
@@ -79,7 +84,8 @@ std::string statistics_text(const FITTED_COLUMNS& columns, const std::vector<std
 
 }  // namespace
 
-void WRITE_RESIDUAL_REPORT(const DESIGN_MTX& design, const VARIANCE_MODEL& model, const OUTPUT_TABLE_STORE& store, FileWriter& file)
+void WRITE_RESIDUAL_REPORT(const DESIGN_MTX& design, const VARIANCE_MODEL& model, const std::vector<std::string>& responses,
+                           const OUTPUT_TABLE_STORE& store, FileWriter& file)
 {
   const OUTPUT_TABLE* t = store.find_table("TABLE_YHT");
   if (t == nullptr) return;
@@ -99,7 +105,7 @@ void WRITE_RESIDUAL_REPORT(const DESIGN_MTX& design, const VARIANCE_MODEL& model
     for (std::size_t own = 0; own < rows.size(); ++own) {
       if (rows[own].empty()) continue;
       std::sort(rows[own].begin(), rows[own].end());
-      if (traits > 1) file.write(text(" Trait ", own + 1, '\n'));
+      if (traits > 1) file.write(text(" Trait ", own + 1, own < responses.size() ? ": " + responses[own] : "", '\n'));
       file.write(statistics_text(columns, rows[own]));
     }
   }

@@ -2,6 +2,7 @@
 #include "reports/result_tables.h"
 
 #include "base/numbers.h"
+#include "reports/genomic_report.h"
 
 namespace tolvan {
 
@@ -29,7 +30,7 @@ void STORE_FIT_SCALARS(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT
 
 void AIDRPT(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
             const TERM_TABLE& terms, const DESIGN_MTX& design, const VARIANCE_MODEL& model,
-            const FIT_STATE& fit, OUTPUT_TABLE_STORE& store)
+            const FIT_STATE& fit, const GENOMIC_RESULTS& genomic, OUTPUT_TABLE_STORE& store)
 {
   const Frame here{eh, __func__};
   if (!fit.usable) return;
@@ -37,11 +38,17 @@ void AIDRPT(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TAB
   if (eh.terminate()) return;
   MATPRT(eh, model, fit, store);
   if (eh.terminate()) return;
+  ERROR_HANDLER own;  // a file of markers that can not be written takes no other table away
+  if (genomic.models != nullptr && genomic.matrices != nullptr) {
+    GBLUPEFFECTS(own, *genomic.models, *genomic.matrices, factors, terms, fit, store);
+    if (!own.terminate()) GBLUPREPORT(own, *genomic.models, *genomic.matrices, factors, terms, fit, store);
+  }
   TABLE_SLN(eh, variables, factors, terms, fit, store);
   if (eh.terminate()) return;
   AIDRST(eh, design, fit, store);
   if (eh.terminate()) return;
   STORE_FIELD_TABLES(eh, factors, design, model, store);
+  if (!eh.terminate()) eh.EH_ADD_ALL(own);
 }
 
 }  // namespace tolvan

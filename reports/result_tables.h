@@ -14,6 +14,8 @@
 #include "estimation/fit_state.h"
 #include "model/factor_table.h"
 #include "model/term_table.h"
+#include "relmat/genomic_matrix.h"
+#include "relmat/structure_matrices.h"
 #include "varstruct/parameter_table.h"
 
 namespace tolvan {
@@ -46,10 +48,16 @@ void STORE_FIELD_TABLES(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const DE
                         OUTPUT_TABLE_STORE& store);
 /// STORE_DESIGN_MTX_TABLE: registers TABLE_DESIGN_MTX, the elements of the design by record (a row a trait) and equation.
 void STORE_DESIGN_MTX_TABLE(ERROR_HANDLER& eh, const DESIGN_MTX& design, OUTPUT_TABLE_STORE& store);
-/// AIDRPT: the result tables in their order: components, their variances, matrices of structures, solutions, fitted values, fields.
+/// Markers and matrices of a fit whose effects are told; null: none.
+struct GENOMIC_RESULTS {
+  const GENOMIC_MODELS* models = nullptr;
+  const AINV_MTXS* matrices = nullptr;
+};
+
+/// AIDRPT: the result tables in their order: components, their variances, matrices of structures, effects of markers, solutions, fitted values, fields.
 void AIDRPT(ERROR_HANDLER& eh, const VARIABLE_TABLE& variables, const FACTOR_TABLE& factors,
             const TERM_TABLE& terms, const DESIGN_MTX& design, const VARIANCE_MODEL& model,
-            const FIT_STATE& fit, OUTPUT_TABLE_STORE& store);
+            const FIT_STATE& fit, const GENOMIC_RESULTS& genomic, OUTPUT_TABLE_STORE& store);
 /// WARNING: works out the final status of a run from a text and stores SCALAR_CONVERGENCE_FLG and
 /// SCALAR_FINAL_MESSAGE.
 ///   text               the fit's status, or the stage that a stopped run had reached

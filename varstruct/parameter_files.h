@@ -34,6 +34,9 @@ struct PARAMETER_FILES {
   std::string msv, esv;  // names of tables to write where none stands yet; empty for none
   SAVED_ORDER order;     // of the equations, as read, then as in use
   bool fault_told = false;
+
+  /// The folder of the run, with its slash; empty for the working folder.
+  std::string folder() const { return base.find('/') == std::string::npos ? std::string() : base.substr(0, base.rfind('/') + 1); }
 };
 
 /// What TSVIO_WRITE writes, by its operation code.

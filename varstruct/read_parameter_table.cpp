@@ -232,8 +232,9 @@ bool touches_constraints(const std::vector<VARIANCE_PARAMETER>& edited, const VA
   for (std::size_t i = 0; i < edited.size(); ++i) {
     const VARIANCE_PARAMETER &p = edited[i], &had = model.parameters[i];
     if (p.constraint != had.constraint || p.master != had.master || p.coefficient != had.coefficient) return true;
-    if (p.master < 0) continue;
-    const double follows = p.coefficient * edited[static_cast<std::size_t>(p.master)].value;
+    if (!tolvan::follows(p)) continue;
+    double follows = 0.0;
+    for (const PARAMETER_SHARE& share : made_of(model, static_cast<std::int64_t>(i))) follows += share.by * edited[static_cast<std::size_t>(share.of)].value;
     if (std::fabs(p.value - follows) > 1e-6 * std::fabs(follows) + 1e-8) return true;
   }
   return false;

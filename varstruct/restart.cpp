@@ -17,9 +17,8 @@ bool is_table(std::string_view name)
 }
 
 /// The name of the file that an option asks for: as given, with the extension behind it, or in the folder of the run.
-std::string find_file(const std::string& asked, std::string_view extension, const std::string& base)
+std::string find_file(const std::string& asked, std::string_view extension, const std::string& folder)
 {
-  const std::string folder = base.find('/') == std::string::npos ? std::string() : base.substr(0, base.rfind('/') + 1);
   for (const std::string& start : {std::string(), folder}) {
     for (const std::string_view end : {std::string_view(), extension}) {
       const std::string name = text(start, asked, end);
@@ -36,7 +35,7 @@ void L_TAKE_UP(ERROR_HANDLER& eh, const FileOption& option, std::string_view ext
 {
   const Frame here{eh, __func__};
   const bool own = option.file == default_name;
-  const std::string name = own ? text(files.base, extension) : find_file(option.file, extension, files.base);
+  const std::string name = own ? text(files.base, extension) : find_file(option.file, extension, files.folder());
   const bool table = is_table(name) || (extension != ".rsv" && !lower(name).ends_with(".rsv"));
   if (!files.in_use) {
     eh.internal(text("attempting to call ", table ? "TSVIO_READ" : "AIDCON_RETRIEVE", " when there are no files to read from"));

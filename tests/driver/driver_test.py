@@ -515,6 +515,21 @@ class Pages(InAFolder):
         variogram = next(svg for title, svg in figures.items() if title.startswith("Sample variogram"))
         self.assertEqual(len([r for r in variogram.iter("rect") if r.get("fill")]), 5 * 6)
 
+    def test_cross_validation_and_imputation(self):
+        request, *data = self.field()
+        document = json.loads(pathlib.Path(request).read_text())
+        document["model"]["random"] = "ar1v(row)"
+        document["options"] = {"maxiterations": 40, "kcv": 4, "impute": 3}
+        document["model"]["residual"] = "idv(units)"
+        request.write_text(json.dumps(document))
+        text, root, figures = self.page("more.html", request, *data)
+        self.assertIn("averages over rounds of imputation", text)
+        self.assertIn("Effects of the fit against those predicted without their data", figures)
+        self.assertIn("k-fold Cross Validation for", text)
+        printed = tolvan("fit", request, *data).stdout
+        self.assertIn("k-fold Cross Validation for", printed)
+        self.assertIn("Variance parameter summary from 3 iterations", printed)
+
     def test_pages_that_can_not_be_written(self):
         run = tolvan("fit", OATS / "request.json", "--html", self.folder / "none" / "page.html")
         self.assertEqual(run.returncode, 6)

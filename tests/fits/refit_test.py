@@ -1,8 +1,10 @@
-"""Cross-validation and imputation through the exports, against their definitions.  Usage: refit_test.py LIBRARY"""
+"""Cross-validation, imputation and the file of coefficients through the exports, against their definitions.  Usage: refit_test.py LIBRARY"""
 import math
 import os
 import random
+import struct
 import sys
+import tempfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "reference"))
@@ -193,9 +195,32 @@ def imputation(library):
     check("LogL Converged" in str(host.output_json("SCALAR_FINAL_MESSAGE")), "its status")
 
 
+def coefficients(library):
+    """the matrix C in its file: its inverse is what the table of C-inverse has"""
+    rows = draw_data()
+    with tempfile.TemporaryDirectory() as folder:
+        host = fit(library, {"response": "y", "fixed": "mu+mv", "random": "ar1v(place)"}, {"cmat": True, "cinv": 1, "outfolder": folder}, rows)
+        check(host.status <= 0, "cmat: %s" % host.output_json("ERROR_INFORMATION"))
+        with open(os.path.join(folder, "CMAT.bin"), "rb") as file:
+            data = file.read()
+    mark, n, count = struct.unpack_from("<8sqq", data)
+    check(mark == b"TLVCMAT1" and n == len(host.output_real("TABLE_SLN:EFFECT")) and len(data) == 24 + 24 * count, "head of the file")
+    c = [[0.0] * n for _ in range(n)]
+    for k in range(count):
+        row, column, value = struct.unpack_from("<qqd", data, 24 + 24 * k)
+        check(1 <= column <= row <= n, "element %d %d" % (row, column))
+        c[row - 1][column - 1] = c[column - 1][row - 1] = value
+    columns = {}
+    for i, j, v in zip(host.output_integer("TABLE_CINV:ROWID"), host.output_integer("TABLE_CINV:COLID"), host.output_real("TABLE_CINV:VALUES")):
+        if j not in columns:
+            columns[j] = solve(c, [1.0 if k == j - 1 else 0.0 for k in range(n)])
+        check(near(columns[j][i - 1], v, 1e-6), "inverse at %d %d: %g, %g" % (i, j, columns[j][i - 1], v))
+
+
 def main():
     cross_validation(sys.argv[1])
     imputation(sys.argv[1])
+    coefficients(sys.argv[1])
     for line in failures:
         print("FAILED", line)
     print("%d failures" % len(failures))

@@ -118,10 +118,15 @@ TEST_F(ReportFiles, TheFamily)
 
   // The tables between separators.
   Host other;
-  fit(other, R"("outfolder":"out","tmp_file_root":"s","txtform":2,"yhtform":1)");
+  fit(other, R"("outfolder":"out","tmp_file_root":"s","txtform":2,"yhtform":1,"vrb":true)");
   EXPECT_TRUE(read("out/s.sln").starts_with("Model_Term,Level,Effect,seEffect\nmu,1,"));
   EXPECT_TRUE(read("out/s.yht").starts_with("Record\tYhat\tResidual\tHat\n1\t"));
   EXPECT_FALSE(fs::exists("out/s.log"));
+  const std::string dump = read("out/s.vrb");
+  EXPECT_TRUE(dump.starts_with("scalar\tSCALAR_LOGLIK\t")) << dump;
+  EXPECT_NE(dump.find("\ncomponent\tline;IDV_V\t"), std::string::npos);
+  EXPECT_NE(dump.find("\neffect\tmu\t1\t"), std::string::npos);
+  EXPECT_FALSE(fs::exists("out/r.vrb"));
 }
 
 TEST_F(ReportFiles, RestartReachesTheSameOptimum)
@@ -182,6 +187,19 @@ TEST_F(ReportFiles, EditedTablesAreFollowed)
   EXPECT_EQ(held[held.size() - 2], 0.75);
   EXPECT_LT(second.real("SCALAR_LOGLIK"), first.real("SCALAR_LOGLIK"));
 
+  EXPECT_EQ(second.reals("TABLE_TRACE:gammas_4").front(), 0.75);  // where the fit began
+
+  // A value that stands in the file of values between runs: the fit begins there.
+  const std::string values = read("r.rsv");
+  std::string other = values;
+  other.replace(other.find(", G, ", other.find("line;IDV")) + 8, 16, "      0.62500000");
+  std::ofstream("r.rsv") << other;
+  Host begun;
+  const std::string begun_at = fit(begun, R"("tmp_file_root":"r","continue":"NoValueSupplied")");
+  EXPECT_NE(begun_at.find("restart values taken from r.rsv"), std::string::npos) << begun_at;
+  EXPECT_EQ(begun.reals("TABLE_TRACE:gammas_4").front(), 0.625);
+  EXPECT_NE(begun.json("TABLE_INITVALS:VALUES").find("0.625"), std::string::npos);
+
   // The same through the option hold, and refusals that end no run.
   std::ofstream("r.tsv") << changed(edited, ", F,", ", P,");
   Host third;
@@ -240,7 +258,7 @@ TEST_F(ReportFiles, CleanUpLeavesTheUsersTable)
   fit(host, R"("tmp_file_root":"r","msv":"NoValueSupplied","clean_up_sa_files":true)");
   EXPECT_LE(host.status, 0);
   EXPECT_TRUE(fs::exists("r.msv"));
-  for (const char* name : {"r.tlv", "r.rsv", "r.sln", "r.veo"}) EXPECT_FALSE(fs::exists(name)) << name;
+  for (const char* name : {"r.tlv", "r.rsv", "r.sln", "r.veo", "r.tvs"}) EXPECT_FALSE(fs::exists(name)) << name;
 }
 
 }  // namespace

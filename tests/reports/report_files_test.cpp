@@ -22,9 +22,9 @@ struct Reports : testing::Test {
   TIMING_STORE timing;
   SAVED_ORDER order;
   std::string title = "A title";
-  std::vector<std::string> comments = {"one", "two"};
+  std::vector<std::string> comments = {"one", "two"}, responses = {"y"};
 
-  RUN_REPORT run() const { return {title, comments, eh, options, f.variables, summary, f.terms, f.design, f.model, f.fit, store, timing, order}; }
+  RUN_REPORT run() const { return {title, comments, responses, eh, options, f.variables, summary, f.terms, f.design, f.model, f.fit, store, timing, order}; }
   std::string read(const std::string& name) const { return tolvan_test::read_whole(folder.path(name)); }
   void write(std::string_view mode)
   {
@@ -37,7 +37,7 @@ struct Reports : testing::Test {
 
 TEST_F(Reports, AppendAddsToWhatStands)
 {
-  AIDRPT(eh, f.variables, f.factors, f.terms, f.design, f.model, f.fit, store);
+  AIDRPT(eh, f.variables, f.factors, f.terms, f.design, f.model, f.fit, {}, store);
   write("ASIS");
   const std::string report = read("r.tlv"), residuals = read("r.res"), variances = read("r.vvp");
   EXPECT_NE(report.find(" A title\n one\n two\n"), std::string::npos) << report;
@@ -74,7 +74,7 @@ TEST_F(Reports, FilesAppearWhenTheRunEnds)
 
 TEST_F(Reports, FormsOfTheTables)
 {
-  AIDRPT(eh, f.variables, f.factors, f.terms, f.design, f.model, f.fit, store);
+  AIDRPT(eh, f.variables, f.factors, f.terms, f.design, f.model, f.fit, {}, store);
   f.variables.rows[0].labels = {};
   for (const auto& [form, first] :
        {std::pair{0, "Model_Term"}, {1, "Model_Term\tLevel\tEffect\tseEffect\nmu\t1\t10.000000\t1.0000000\n"},
@@ -178,17 +178,17 @@ TEST_F(Reports, ResidualsWithTheirMoments)
   model.sections = {{.first_record = 0, .records = 12, .label = "first"}, {.first_record = 12, .records = 4, .label = "second"}};
   FileWriter file;
   ASSERT_TRUE(file.open(folder.path("x.res")));
-  WRITE_RESIDUAL_REPORT(design, model, store, file);
+  WRITE_RESIDUAL_REPORT(design, model, {"grain", "straw"}, store, file);
   ASSERT_TRUE(file.commit());
   const std::vector<std::string> lines = split(read("x.res"), '\n');
   ASSERT_GE(lines.size(), 18u);
   EXPECT_EQ(lines[0], " Section 1: first");
-  EXPECT_EQ(lines[5], " Trait 2");
-  EXPECT_EQ(lines[7], text(edit_i(5, 10), edit_g(4.0, 13, 5), edit_g(1.0, 13, 5), edit_g(10.0, 13, 5), edit_g(12.5, 13, 5),
-                           edit_f(36.0 / std::pow(10.0, 1.5), 13, 4), edit_f(2.788, 13, 4)));
+  EXPECT_EQ(lines[5], " Trait 2: straw");
+  EXPECT_EQ(lines[7], text(edit_i(5, 10), "       4.0000       1.0000       10.000       12.500", edit_f(36.0 / std::pow(10.0, 1.5), 13, 4),
+                           edit_f(2.788, 13, 4)));
   EXPECT_EQ(lines[8], " No residual stands out.");
   EXPECT_EQ(lines[9], " Section 2: second");
-  EXPECT_EQ(lines[16].substr(0, 36), text(edit_i(2, 10), edit_g(0.625, 13, 5), edit_g(0.5, 13, 5)));
+  EXPECT_EQ(lines[16].substr(0, 36), text(edit_i(2, 10), "      0.62500      0.50000"));
 }
 
 TEST_F(Reports, ModelListing)

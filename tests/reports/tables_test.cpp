@@ -2,6 +2,7 @@
 #include <fstream>
 #include <map>
 
+#include "base/json.h"
 #include "base/text.h"
 #include "reports/result_tables.h"
 #include "reports/small_fit.h"
@@ -28,7 +29,7 @@ struct Tables : testing::Test {
     FINISH_TRACE(eh, f.fit, store);
   }
   void expect_listed_columns(bool outliers);
-  void report() { AIDRPT(eh, f.variables, f.factors, f.terms, f.design, f.model, f.fit, store); }
+  void report() { AIDRPT(eh, f.variables, f.factors, f.terms, f.design, f.model, f.fit, {}, store); }
 
   const OUTPUT_TABLE& table(std::string_view name)
   {
@@ -112,11 +113,18 @@ void Tables::expect_listed_columns(bool outliers)
       EXPECT_EQ(column_type_name(column.type), row[9]) << column.name;
     }
   }
-  // Every table prints.
+  // Every table prints, and survives a trip through JSON.
   for (const auto& t : store.tables) {
     std::string out;
     OTT_PRETTY_PRINT(eh, *t, out);
     EXPECT_GT(out.size(), 20u);
+    const std::string json = OTT_TO_JSTR(eh, *t);
+    JsonError fault;
+    const auto tree = parse_json(json, fault);
+    ASSERT_NE(tree, nullptr) << fault.message;
+    OUTPUT_TABLE back;
+    OTT_SET_FROM_JPTR(eh, back, *tree->children().front());
+    EXPECT_EQ(OTT_TO_JSTR(eh, back), json);
   }
   EXPECT_TRUE(clean(eh));
 }

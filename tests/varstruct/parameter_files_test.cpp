@@ -196,6 +196,22 @@ TEST_F(Tables, ConstrainedModelsTakeValuesAlone)
   }
 }
 
+TEST_F(Tables, SumsOfParametersAreNotEdited)
+{
+  m.model.vcm = {{.parameter = 0, .coefficients = {1.0, 0.0}}, {.parameter = 1, .coefficients = {0.0, 1.0}},
+                 {.parameter = 3, .coefficients = {0.5, 2.0}}};
+  link_to_sum(m.model, 3, std::vector<PARAMETER_SHARE>{{0, 0.5}, {1, 2.0}});
+  set_followers(m.model);
+  save();
+  const std::string table = read_whole(tsv());
+  VARIANCE_MODEL model = fresh();
+  EXPECT_NE(read_table(table, model).find("restart values taken"), std::string::npos);
+  EXPECT_TRUE(same_values(model, m.model));
+  model = fresh();
+  EXPECT_NE(read_table(with_field(table, 4, 2, "9.0"), model).find("Illegal modifed .tsv/.rsv file; VCM constraints present."), std::string::npos);
+  EXPECT_TRUE(same_values(model, fresh()));
+}
+
 TEST_F(Tables, SubsetsAreLegalInTheirForm)
 {
   const std::string name = folder.path("run.esv");

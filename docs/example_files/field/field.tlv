@@ -6,12 +6,6 @@ Messages
 --------
     Note: reading field.csv as FREE FORMAT skipping 1 lines
 
-    Note: this job uses all of the 2 processor threads
-
-    Note: Akaike Information Criterion     206.89 (assuming 5 parameters).
-
-    Note: Bayesian Information Criterion     223.20 (assuming 193 degrees of freedom).
-
 Data
 ----
  Variable                          Records   Missing     Zeros         Mean      Minimum      Maximum
@@ -146,6 +140,14 @@ Iterations
  Final parameter values:
    2.2315143      0.62699240      0.59037567      0.68156295       1.0000000    
 
+Messages of the fit
+-------------------
+    Note: this job uses all of the 2 processor threads
+
+    Note: Akaike Information Criterion     206.89 (assuming 5 parameters).
+
+    Note: Bayesian Information Criterion     223.20 (assuming 193 degrees of freedom).
+
 Results
 -------
  LogL Converged;
@@ -172,7 +174,7 @@ code B - fixed at a boundary             F - fixed by user
 Time
 ----
 END OF AIDATA_BODY
-AIDATA_BODY                   0.03      1 calls)
+AIDATA_BODY                   1.43      1 calls)
 AIPEDA                        0.00      1 calls)
 INITFLL                       0.00      1 calls)
 GIV_GRM                       0.00      1 calls)
@@ -181,20 +183,20 @@ READ_DATA_FILE                0.00      1 calls)
 AIDSUM                        0.00      1 calls)
 REORDER_MODEL_TERMS           0.00      1 calls)
 K4MPRS                        0.00      1 calls)
-AIDSGN                        0.00      1 calls)
+AIDSGN                        0.01      1 calls)
 BIG_CHUNK_OF_AIDATA           0.00      1 calls)
-K4MITR                        0.01      8 calls)
+K4MITR                        1.36      8 calls)
 K4MSSF                        0.00      8 calls)
-REORDER_MATRIX                0.01      1 calls)
+REORDER_MATRIX                0.00      1 calls)
 K4MXXS                        0.00      8 calls)
 K4MXXG                        0.00      8 calls)
 K4MXXAIL                      0.00      8 calls)
 SMIFWD                        0.00      8 calls)
 K4MWVG                        0.00      8 calls)
-K4MWVA                        0.00      8 calls)
+K4MWVA                        1.07      8 calls)
 K4MSMI                        0.00      8 calls)
-K4MSCG                        0.00      8 calls)
-K4MSCR                        0.00      8 calls)
+K4MSCG                        0.17      8 calls)
+K4MSCR                        0.11      8 calls)
 K4MUPD                        0.00      8 calls)
 K4MRIE                        0.00      1 calls)
-Other                         0.02
+Other                         0.06

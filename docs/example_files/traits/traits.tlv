@@ -5,12 +5,6 @@ Messages
 --------
     Note: reading traits.csv as FREE FORMAT skipping 1 lines
 
-    Note: this job uses all of the 2 processor threads
-
-    Note: Akaike Information Criterion     336.84 (assuming 6 parameters).
-
-    Note: Bayesian Information Criterion     357.46 (assuming 230 degrees of freedom).
-
 Data
 ----
  Variable                          Records   Missing     Zeros         Mean      Minimum      Maximum
@@ -86,6 +80,14 @@ Iterations
   0.52780305      0.93040418       2.9381966      0.54270589      0.37388923    
    1.7795511    
 
+Messages of the fit
+-------------------
+    Note: this job uses all of the 2 processor threads
+
+    Note: Akaike Information Criterion     336.84 (assuming 6 parameters).
+
+    Note: Bayesian Information Criterion     357.46 (assuming 230 degrees of freedom).
+
 Results
 -------
  LogL Converged;
@@ -132,7 +134,7 @@ Eigenvalues of units.us(trait);US
 Time
 ----
 END OF AIDATA_BODY
-AIDATA_BODY                   0.03      1 calls)
+AIDATA_BODY                   0.86      1 calls)
 AIPEDA                        0.00      1 calls)
 INITFLL                       0.00      1 calls)
 GIV_GRM                       0.00      1 calls)
@@ -143,18 +145,18 @@ REORDER_MODEL_TERMS           0.00      1 calls)
 K4MPRS                        0.00      1 calls)
 AIDSGN                        0.00      1 calls)
 BIG_CHUNK_OF_AIDATA           0.00      1 calls)
-K4MITR                        0.01      4 calls)
+K4MITR                        0.82      4 calls)
 K4MSSF                        0.00      4 calls)
-REORDER_MATRIX                0.01      1 calls)
+REORDER_MATRIX                0.00      1 calls)
 K4MXXS                        0.00      4 calls)
 K4MXXG                        0.00      4 calls)
 K4MXXAIL                      0.00      4 calls)
 SMIFWD                        0.00      4 calls)
 K4MWVG                        0.00      4 calls)
-K4MWVA                        0.00      4 calls)
+K4MWVA                        0.61      4 calls)
 K4MSMI                        0.00      4 calls)
-K4MSCG                        0.00      4 calls)
-K4MSCR                        0.00      4 calls)
+K4MSCG                        0.08      4 calls)
+K4MSCR                        0.12      4 calls)
 K4MUPD                        0.00      4 calls)
-K4MRIE                        0.00      1 calls)
-Other                         0.02
+K4MRIE                        0.03      1 calls)
+Other                         0.01
