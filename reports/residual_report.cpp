@@ -60,8 +60,8 @@ std::string statistics_text(const FITTED_COLUMNS& columns, const std::vector<std
     if (!is_no_value(t.real(r, columns.residual))) x.push_back(t.real(r, columns.residual));
   }
   const MOMENTS m = moments_of(x);
-  const auto cell = [](double x) {  // justified under its heading
-    const std::string digits(trim(edit_g(x, 13, 5)));
+  const auto cell = [](double value) {  // justified under its heading
+    const std::string digits(trim(edit_g(value, 13, 5)));
     return std::string(13 - std::min<std::size_t>(13, digits.size()), ' ') + digits;
   };
   std::string out = text("     Count         Mean      Minimum      Maximum     Variance     Skewness     Kurtosis\n", edit_i(m.count, 10),
