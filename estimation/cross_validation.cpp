@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "api/fit_options_values.h"
+#include "base/clock.h"
 #include "base/random.h"
 #include "base/text.h"
 #include "estimation/final_results.h"
@@ -125,7 +126,7 @@ bool L_PREDICT(ERROR_HANDLER& eh, const FIT_CALL& call, const FIT_STATE& fit, co
   VARIANCE_MODEL model = at_final_values(call.model, fit);
   FIT_WORK work;
   work.aiopt(Ai::mode) = 1;
-  work.aiopt(Ai::threads) = call.options(Slot::maximum_number_of_threads);
+  work.aiopt(Ai::threads) = std::clamp<std::int64_t>(call.options(Slot::maximum_number_of_threads), 1, processor_threads());
   work.tolerance = fit.tolerance;
   work.default_tolerance = fit.tolerance == 1e-8;
   EVALUATION ev;

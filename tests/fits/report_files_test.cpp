@@ -237,6 +237,19 @@ TEST_F(ReportFiles, FaultsOfTheFileSystem)
   EXPECT_NE(told.find("unable to write file r.yht"), std::string::npos) << told;
   EXPECT_EQ(read("r.tlv"), "an earlier report\n");
   EXPECT_NE(host.real("SCALAR_LOGLIK"), 0.0);  // the results are there
+
+  // A device that takes next to nothing: every file is told, the fit is kept.
+  Host full;
+  hand_in(full);
+  {
+    const tolvan_test::SmallDevice device(100);
+    full.process(std::string("{\"model\":") + model + R"(,"options":{"tmp_file_root":"f"}})");
+  }
+  EXPECT_EQ(full.status, 4);
+  EXPECT_EQ(full.integer("SCALAR_CONVERGENCE_FLG"), 0);
+  EXPECT_EQ(full.reals("TABLE_SLN:EFFECT"), host.reals("TABLE_SLN:EFFECT"));
+  told = full.errors();
+  for (const char* name : {"f.tlv", "f.tvs", "f.sln", "f.yht", "f.rsv"}) EXPECT_NE(told.find(name), std::string::npos) << name << told;
   for (const auto& entry : fs::directory_iterator(folder)) EXPECT_EQ(entry.path().string().find(".part"), std::string::npos) << entry;
 }
 

@@ -129,16 +129,15 @@ Model
 Iterations
 ----------
  Iter         LogL       sigma2        DF  Restr  Parameters
-   1  -159.698       1.7127          193     1   0.1000      0.1000      0.1000      0.1000       1.000
-   2  -131.471       1.2699          193     1   0.1892      0.2936      0.2771      0.3000       1.000
-   3  -111.118       1.1589          193     1   0.3212      0.4837      0.4300      0.5000       1.000
-   4  -100.119       1.4346          193     0   0.6481      0.7130      0.6186      0.7000       1.000
-   5  -98.7464       1.3515          193     0    1.205      0.6261      0.5877      0.6818       1.000
-   6  -98.4794       1.3406          193     0    1.787      0.6286      0.5897      0.6812       1.000
-   7  -98.4443       1.3383          193     0    2.149      0.6274      0.5902      0.6815       1.000
-   8  -98.4432       1.3382          193     0    2.232      0.6270      0.5904      0.6816       1.000
+   1  -159.698       1.7127          193     2   0.1000      0.1000      0.1000      0.1000       1.000
+   2  -122.295       1.0191          193     2   0.3361      0.6127      0.3000      0.3000       1.000
+   3  -104.692      0.98275          193     1   0.7327      0.9263      0.5000      0.5000       1.000
+   4  -98.9005       1.3937          193     0    1.180      0.6759      0.6014      0.7000       1.000
+   5  -98.4794       1.3417          193     0    1.786      0.6289      0.5897      0.6818       1.000
+   6  -98.4443       1.3383          193     0    2.149      0.6275      0.5902      0.6815       1.000
+   7  -98.4432       1.3382          193     0    2.232      0.6270      0.5904      0.6816       1.000
  Final parameter values:
-   2.2315143      0.62699240      0.59037567      0.68156295       1.0000000    
+   2.2315125      0.62699362      0.59037558      0.68156321       1.0000000    
 
 Messages of the fit
 -------------------
@@ -154,7 +153,7 @@ Results
 
 Model_Term                  Gamma           Sigma              SE  Sigma/SE     %     C
 block;IDV_V               2.23151         2.98622         2.54977      1.17     4     P
-variety;IDV_V            0.626992        0.839044        0.190058      4.41     0     P
+variety;IDV_V            0.626994        0.839045        0.190059      4.41     0     P
 row:col;row.AR1_R        0.590376        0.590376    0.787084E-01      7.50     0     P
 row:col;col.AR1_R        0.681563        0.681563    0.598513E-01     11.39     0     P
 row:col;IDV_V             1.00000         1.33820        0.296593      4.51     0     P
@@ -165,16 +164,16 @@ code B - fixed at a boundary             F - fixed by user
 
  LogL                              -98.443179    
  Residual degrees of freedom                  193
- Residual variance                  1.3382039    
+ Residual variance                  1.3382037    
  Akaike information criterion       206.88636    
    with variance parameters                     5
  Bayesian information criterion     223.19981    
- log|C|                             163.60362    
+ log|C|                             163.60364    
 
 Time
 ----
 END OF AIDATA_BODY
-AIDATA_BODY                   1.43      1 calls)
+AIDATA_BODY                   0.01      1 calls)
 AIPEDA                        0.00      1 calls)
 INITFLL                       0.00      1 calls)
 GIV_GRM                       0.00      1 calls)
@@ -183,20 +182,20 @@ READ_DATA_FILE                0.00      1 calls)
 AIDSUM                        0.00      1 calls)
 REORDER_MODEL_TERMS           0.00      1 calls)
 K4MPRS                        0.00      1 calls)
-AIDSGN                        0.01      1 calls)
+AIDSGN                        0.00      1 calls)
 BIG_CHUNK_OF_AIDATA           0.00      1 calls)
-K4MITR                        1.36      8 calls)
-K4MSSF                        0.00      8 calls)
+K4MITR                        0.00      7 calls)
+K4MSSF                        0.00      7 calls)
 REORDER_MATRIX                0.00      1 calls)
-K4MXXS                        0.00      8 calls)
-K4MXXG                        0.00      8 calls)
-K4MXXAIL                      0.00      8 calls)
-SMIFWD                        0.00      8 calls)
-K4MWVG                        0.00      8 calls)
-K4MWVA                        1.07      8 calls)
-K4MSMI                        0.00      8 calls)
-K4MSCG                        0.17      8 calls)
-K4MSCR                        0.11      8 calls)
-K4MUPD                        0.00      8 calls)
+K4MXXS                        0.00      7 calls)
+K4MXXG                        0.00      7 calls)
+K4MXXAIL                      0.00      7 calls)
+SMIFWD                        0.00      7 calls)
+K4MWVG                        0.00      7 calls)
+K4MWVA                        0.00      7 calls)
+K4MSMI                        0.00      7 calls)
+K4MSCG                        0.00      7 calls)
+K4MSCR                        0.00      7 calls)
+K4MUPD                        0.00      7 calls)
 K4MRIE                        0.00      1 calls)
-Other                         0.06
+Other                         0.00

@@ -57,8 +57,8 @@ Model
 -----
  Currently defined structures, COLS and LEVELS
     1  trait:line               US        3        2
-    2                           IDEN      0       30
-    3                           IDEN      0      120
+    2  us(trait):line           IDEN      0       30
+    3  units:us(trait)          IDEN      0      120
     4  units.us(trait)          US        3        2
  Model specification:  TERM LEVELS GAMMAS
        mu                              1
@@ -73,12 +73,12 @@ Iterations
 ----------
  Iter         LogL       sigma2        DF  Restr  Parameters
    1  -166.432       1.0000          230     0   0.4952      0.5604       2.158      0.4952      0.5604       2.158
-   2  -162.662       1.0000          230     0   0.4983      0.8844       2.792      0.5083      0.3571       1.677
-   3  -162.419       1.0000          230     0   0.5261      0.9281       2.931      0.5405      0.3733       1.774
+   2  -162.489       1.0000          230     0   0.4894      0.8926       2.790      0.5438      0.3761       1.780
+   3  -162.418       1.0000          230     0   0.5277      0.9317       2.941      0.5426      0.3737       1.779
    4  -162.418       1.0000          230     0   0.5278      0.9304       2.938      0.5427      0.3739       1.780
  Final parameter values:
-  0.52780305      0.93040418       2.9381966      0.54270589      0.37388923    
-   1.7795511    
+  0.52780754      0.93041583       2.9381791      0.54271538      0.37387739    
+   1.7795685    
 
 Messages of the fit
 -------------------
@@ -93,12 +93,12 @@ Results
  LogL Converged;
 
 Model_Term                          Gamma           Sigma              SE  Sigma/SE     %     C
-trait:line;trait.US_V_1_1        0.527803        0.527803        0.175447      3.01     0     P
-trait:line;trait.US_C_2_1        0.930404        0.930404        0.338470      2.75     0     P
-trait:line;trait.US_V_2_2         2.93820         2.93820        0.893467      3.29     0     P
-units.us(trait);US_V_1_1         0.542706        0.542706    0.822841E-01      6.60     0     P
-units.us(trait);US_C_2_1         0.373889        0.373889        0.113900      3.28     0     P
-units.us(trait);US_V_2_2          1.77955         1.77955        0.272521      6.53     0     P
+trait:line;trait.US_V_1_1        0.527808        0.527808        0.175450      3.01     0     P
+trait:line;trait.US_C_2_1        0.930416        0.930416        0.338473      2.75     0     P
+trait:line;trait.US_V_2_2         2.93818         2.93818        0.893462      3.29     0     P
+units.us(trait);US_V_1_1         0.542715        0.542715    0.822863E-01      6.60     0     P
+units.us(trait);US_C_2_1         0.373877        0.373877        0.113902      3.28     0     P
+units.us(trait);US_V_2_2          1.77957         1.77957        0.272525      6.53     0     P
 code B - fixed at a boundary             F - fixed by user
      ? - liable to change from P to B    P - positive definite
      C - Constrained by user             U - unbounded
@@ -109,7 +109,7 @@ code B - fixed at a boundary             F - fixed by user
  Akaike information criterion       336.83537    
    with variance parameters                     6
  Bayesian information criterion     357.46385    
- log|C|                             129.11794    
+ log|C|                             129.11719    
 
 Covariance/Variance/Correlation Matrix trait:line;trait.US
       COLUMN        COLUMN
@@ -119,11 +119,11 @@ Covariance/Variance/Correlation Matrix trait:line;trait.US
 Eigenvalues of trait:line;trait.US
   Eigenvalue        %
        3.256    93.93
-      0.2105     6.07
+      0.2104     6.07
 
 Covariance/Variance/Correlation Matrix units.us(trait);US
       COLUMN        COLUMN
-      0.5427        0.3805
+      0.5427        0.3804
       0.3739         1.780
 
 Eigenvalues of units.us(trait);US
@@ -134,7 +134,7 @@ Eigenvalues of units.us(trait);US
 Time
 ----
 END OF AIDATA_BODY
-AIDATA_BODY                   0.86      1 calls)
+AIDATA_BODY                   0.01      1 calls)
 AIPEDA                        0.00      1 calls)
 INITFLL                       0.00      1 calls)
 GIV_GRM                       0.00      1 calls)
@@ -145,7 +145,7 @@ REORDER_MODEL_TERMS           0.00      1 calls)
 K4MPRS                        0.00      1 calls)
 AIDSGN                        0.00      1 calls)
 BIG_CHUNK_OF_AIDATA           0.00      1 calls)
-K4MITR                        0.82      4 calls)
+K4MITR                        0.00      4 calls)
 K4MSSF                        0.00      4 calls)
 REORDER_MATRIX                0.00      1 calls)
 K4MXXS                        0.00      4 calls)
@@ -153,10 +153,10 @@ K4MXXG                        0.00      4 calls)
 K4MXXAIL                      0.00      4 calls)
 SMIFWD                        0.00      4 calls)
 K4MWVG                        0.00      4 calls)
-K4MWVA                        0.61      4 calls)
+K4MWVA                        0.00      4 calls)
 K4MSMI                        0.00      4 calls)
-K4MSCG                        0.08      4 calls)
-K4MSCR                        0.12      4 calls)
+K4MSCG                        0.00      4 calls)
+K4MSCR                        0.00      4 calls)
 K4MUPD                        0.00      4 calls)
-K4MRIE                        0.03      1 calls)
-Other                         0.01
+K4MRIE                        0.00      1 calls)
+Other                         0.00
