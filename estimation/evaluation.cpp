@@ -12,6 +12,7 @@
 #include "estimation/keep_rows.h"
 #include "estimation/outliers.h"
 #include "estimation/section_variances.h"
+#include "estimation/supernode.h"
 #include "varstruct/followers.h"
 #include "varstruct/parameter_files.h"
 
@@ -345,8 +346,8 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
 {
   const Frame here{eh, __func__};
   const Timed timed{in.timing, "K4MITR"};
-  const int threads = static_cast<int>(std::max<std::int64_t>(1, work.aiopt(Ai::threads)));
   MIXED_EQUATIONS& q = work.equations;
+  const int threads = useful_threads(q.factor, static_cast<int>(std::max<std::int64_t>(1, work.aiopt(Ai::threads))));
 
   if (iteration == 1 && !links_are_alike(model)) {
     eh.error("Parameter constraints link parameters of different types!");

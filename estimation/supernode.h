@@ -28,10 +28,11 @@ inline std::int64_t inverse_tile_rows(std::int64_t below) { return std::max<std:
 // Rows by width by rows above which threads share a node: some 100 microseconds of work.
 inline constexpr double fork_above = 4e6;
 
-/// The threads that are worth waking for a factor.
+/// The threads that are worth waking for a factor, and for all else of an evaluation: below a few hundredths of a second they cost
+/// more than they do, much more where other programs run beside.
 inline int useful_threads(const FACTOR& factor, int threads)
 {
-  return factor.flops < 2e6 ? 1 : std::max(threads, 1);
+  return factor.flops < 1e8 ? 1 : std::max(threads, 1);
 }
 
 /// What one thread works with; made once for an absorption, an inversion or a sweep.

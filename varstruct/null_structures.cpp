@@ -91,7 +91,8 @@ std::vector<bool> L_FIND_USED(const STRUCTURE_ROW& row, const std::vector<bool>&
     for (std::size_t i = 0; i < levels.size(); ++i) {
       for (std::size_t j = 0; j <= i; ++j, ++k) {
         const bool is_held = !is_free(model.parameters[static_cast<std::size_t>(row.first + k)].constraint);
-        if (!is_held && (levels[i] && levels[j]) == with_data) order.push_back(k);
+        const bool speaks = used[static_cast<std::size_t>(k)];  // what is left of a derivative of 0 is rounding
+        if (!is_held && speaks && (levels[i] && levels[j]) == with_data) order.push_back(k);
       }
     }
   }

@@ -218,7 +218,7 @@ static void refusals(void)
       {WITH("") ",\"options\":{\"varscale\":[2]}}", "the option varscale is implemented for 0 and 1", "\"ecode\":4"},
       {WITH("") ",\"options\":{\"varscale\":-1}}", "the option varscale is implemented for 0 and 1", "\"ecode\":4"},
       {WITH("") ",\"options\":{\"ddf\":\"1\"}}", "the option ddf is not implemented", "\"ecode\":4"},
-      {WITH("") ",\"options\":{\"impute\":[[\"2\"]]}}", "the option impute is not implemented", "\"ecode\":4"},
+      {WITH("") ",\"options\":{\"screen\":[[\"2\"]]}}", "the option screen is not implemented", "\"ecode\":4"},
       {WITH("") ",\"options\":{\"extra\":1,\"extra\":2}}", "the key extra was supplied more than once in options",
        "ehc_invalid_json"},
       {WITH("") ",\"options\":{},\"options\":{}}", "the key options was supplied more than once in the request",
