@@ -33,7 +33,7 @@ void L_COMMIT(ERROR_HANDLER& eh, const std::string& name, FileWriter& file)
 }
 
 /// A text in quotes, of which two stand for one.
-std::string quoted(std::string_view s)
+std::string csv_quoted(std::string_view s)
 {
   std::string out = "\"";
   for (const char c : s) {
@@ -57,7 +57,7 @@ std::string plain_cell(const OUTPUT_TABLE& t, std::int64_t row, std::int64_t col
     }
     default: {
       const std::string& value = t.string(row, column);
-      return commas && value.find_first_of(",\"\n") != std::string::npos ? quoted(value) : value;
+      return commas && value.find_first_of(",\"\n") != std::string::npos ? csv_quoted(value) : value;
     }
   }
 }
