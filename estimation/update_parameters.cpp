@@ -20,6 +20,8 @@ constexpr double nothing = 1e-20;          // of its unit: a variance that has s
 constexpr double settled_gain = 1.0;       // of LogL: a variance may settle at zero once an iteration changes no more than this
 constexpr double settled_ratio = 1e3;      // a variance this far above its unit may grow on: the residual's is going to zero
 constexpr int most_shortening = 40;
+constexpr double along_one_line = 0.7;        // squared cosine between two steps
+constexpr double least_swing = 0.2, most_swing = 2.0;
 constexpr double near_gain = 5.0;             // of LogL: the last step came near the optimum
 
 /// L_PENALTY: the damping number by the change of LogL, and the multiplier of the information's diagonal it gives.
@@ -67,6 +69,31 @@ double settled_value(const VARIANCE_MODEL& model, std::int64_t parameter, double
     if (plain || definite) return nothing * unit;
   }
   return value;
+}
+
+/// Steps that go to and fro, d = -r d_before, overshoot where the information is too small along them: the place between is
+/// d / (1 + r) away.  Taken where nothing is held and the two steps lie along one line in the metric of the information.
+void shorten_swing(const INFORMATION& information, const INFORMATION& plain, const std::vector<std::uint8_t>& open,
+                   const std::vector<std::uint8_t>& used, const std::vector<double>& before, std::vector<double>& delta)
+{
+  if (open != used || before.empty()) return;
+  double now = 0.0, then = 0.0, both = 0.0;
+  const auto k = static_cast<std::size_t>(information.count());
+  const auto earlier = [&](std::size_t i) { return before[static_cast<std::size_t>(information.active[i])]; };
+  for (std::size_t i = 0; i < k; ++i) {
+    if (static_cast<std::int64_t>(i) == information.held_out) continue;
+    for (std::size_t j = 0; j < k; ++j) {
+      if (static_cast<std::int64_t>(j) == information.held_out) continue;
+      const double a = plain.at(static_cast<std::int64_t>(i), static_cast<std::int64_t>(j));
+      now += delta[i] * a * delta[j];
+      then += earlier(i) * a * earlier(j);
+      both += delta[i] * a * earlier(j);
+    }
+  }
+  if (!(both < 0.0) || !(now > 0.0) || !(then > 0.0) || both * both < along_one_line * now * then) return;
+  const double r = -both / then;
+  if (r < least_swing || r > most_swing) return;
+  for (double& d : delta) d /= 1.0 + r;
 }
 
 }  // namespace
@@ -204,6 +231,7 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     while (pass(false)) held_more = true;
   }
 
+  if (state.shortening == 0) shorten_swing(information, plain, open, used, state.moved, delta);
   const bool may_settle = iteration > 1 && std::fabs(gain) < settled_gain;
   double largest_loading = 0.0;
   std::vector<double> moved(k, 0.0);  // in units
@@ -229,7 +257,7 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     state.pulled[at] = pulled ? state.pulled[at] + 1 : 0;
     if (v.value != 0.0) state.change[at] = (taken_by.value - v.value) / v.value;
     state.largest_change = std::max(state.largest_change, std::fabs(state.change[at]));
-    moved[i] = (taken_by.value - v.value) / information.unit[i];
+    moved[i] = (taken_by.value - v.value) / unit;
     state.last[at] = v.value;
     v.value = taken_by.value;
     state.reference[at] = taken_by.reference_set ? taken_by.reference : v.value;
@@ -241,6 +269,9 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     }
   }
   if (largest_loading > 0.1) ++aiopt(Ai::boundary);
+
+  state.moved.assign(p, 0.0);
+  for (std::size_t i = 0; i < k; ++i) state.moved[static_cast<std::size_t>(information.active[i])] = moved[i];
 
   // s'd - d'AI d/2 of the step d taken, the profiled residual variance following.
   state.expected_gain = 0.0;

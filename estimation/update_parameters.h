@@ -45,6 +45,7 @@ struct UPDATE_STATE {
   int shortening = 0;              // times that steps are halved since they lowered the LogL, see damp_steps
   std::vector<double> reference;   // a reference value a parameter
   std::vector<double> last;        // the values before the present ones
+  std::vector<double> moved;       // the last step, one a parameter, in units of that time
   std::vector<int> pulled;         // consecutive updates in which the rules pulled a variance towards zero or held a correlation near one
   std::vector<double> change;      // relative change that the last step would make
   double largest_change = 0.0;
