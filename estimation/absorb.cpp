@@ -20,6 +20,7 @@ using std::int32_t;
 using std::int64_t;
 
 constexpr int spins = 2000;  // looks at a counter before the processor is offered to others
+constexpr double rounding_t0 = 1e-12;  // of equations that cannot be singular: below it three digits are left
 
 struct ABSORPTION {
   const COEFFICIENTS& c;
@@ -231,8 +232,11 @@ void K4MXXAIL(ERROR_HANDLER& eh, const COEFFICIENTS& c, const ABSORB_CONTROL& co
       !resize(eh, diagonals_left, std::ssize(factor.nodes)) || !list_items(eh, factor, items)) {
     return;
   }
-  for (int64_t p = 0; p < factor.n; ++p)
-    tolerance[p] = std::max(std::abs(c.diagonal(p)), control.floor) * control.t0;
+  const auto is_definite = [&](int64_t p) { return !control.definite.empty() && control.definite[p] != 0; };
+  for (int64_t p = 0; p < factor.n; ++p) {
+    const double d = std::abs(c.diagonal(p));
+    tolerance[p] = is_definite(p) ? d * std::min(control.t0, rounding_t0) : std::max(d, control.floor) * control.t0;
+  }
 
   single_blas_thread();
   WATCH watch(control.cancel);
@@ -241,6 +245,7 @@ void K4MXXAIL(ERROR_HANDLER& eh, const COEFFICIENTS& c, const ABSORB_CONTROL& co
     PIVOT_RULE rule;
     rule.tolerance = tolerance.data();
     rule.flags = control.flags.empty() ? nullptr : control.flags.data();
+    rule.definite = control.definite.empty() ? nullptr : control.definite.data();
     rule.t0 = control.t0;
     rule.may_tighten = may_tighten;
     rule.in_order = in_order;

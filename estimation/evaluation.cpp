@@ -23,6 +23,7 @@ constexpr int repeats_of_damping = 10;
 constexpr std::int64_t out_of_memory_absorbing = 100001;
 constexpr std::int64_t structure_does_not_fit = 44;
 constexpr std::int64_t not_positive_definite = 1008;  // fault of a variance matrix that has lost its definiteness
+constexpr std::int64_t lost_in_rounding = 2000;       // fault of an absorption: a variance matrix is singular to rounding
 
 /// The list of parameters that take part, and the one held out of the update.
 void list_active(VARIANCE_MODEL& model, EVALUATION& ev)
@@ -109,8 +110,30 @@ void L_DROP_SMALL(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration
   }
 }
 
+/// Marks the effects of positive definite variance matrices, by elimination position: G^-1 bounds their pivots from below.
+std::vector<std::uint8_t> definite_effects(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, const FORMED& formed)
+{
+  std::vector<std::uint8_t> definite(static_cast<std::size_t>(q.n), 0);
+  for (std::size_t t = 0; t < model.terms.size(); ++t) {
+    if (model.terms[t].dropped) continue;
+    const COMPONENTS& components = formed.terms[t].components;
+    if (std::any_of(components.begin(), components.end(), [](const auto& c) {
+          return c->counted() < c->inverse().n || c->negative() > 0 || !c->lagrangian().empty();
+        })) {
+      continue;
+    }
+    const std::int64_t first = first_equation(in.terms, model.terms[t]);
+    for (std::int64_t e = first; e < first + formed.terms[t].size; ++e) definite[static_cast<std::size_t>(q.position_of(e))] = 1;
+  }
+  return definite;
+}
+
 /// L_ABSORB: absorbs C and reports its singular pivots in the words of the rule.
-void L_ABSORB(ERROR_HANDLER& eh, const FIT_MODEL& in, int threads, FIT_WORK& work, EVALUATION& ev)
+///
+/// Effects of a positive definite variance matrix are never singular.  Where that matrix is so close to a singular one that rounding
+/// leaves nothing of a pivot, LogL cannot be told: leaving the equation out would set the effect to zero, and with it those that are
+/// bound to it.
+void L_ABSORB(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, int threads, FIT_WORK& work, EVALUATION& ev)
 {
   const Frame here{eh, __func__};
   MIXED_EQUATIONS& q = work.equations;
@@ -120,6 +143,8 @@ void L_ABSORB(ERROR_HANDLER& eh, const FIT_MODEL& in, int threads, FIT_WORK& wor
   control.floor = 0.0;  // an absolute floor would drop equations by the unit of the response or of a covariate
   control.threads = threads;
   control.cancel = work.cancel;
+  const std::vector<std::uint8_t> definite = definite_effects(in, model, q, ev.formed);
+  control.definite = definite;
   ev.absorbed = {};
   {
     const Timed timed{in.timing, "K4MXXAIL", "K4MITR"};
@@ -130,6 +155,9 @@ void L_ABSORB(ERROR_HANDLER& eh, const FIT_MODEL& in, int threads, FIT_WORK& wor
     if (short_of_memory) ev.fault = out_of_memory_absorbing;
     if (short_of_memory) eh.continuation(std::string(fault_text(ev.fault)));
     return;
+  }
+  for (std::size_t p = 0; p < definite.size() && !ev.absorbed.cancelled; ++p) {
+    if (definite[p] != 0 && q.factor.reciprocal[p] == 0.0) ev.fault = lost_in_rounding;
   }
   if (ev.absorbed.tightened) {
     work.tolerance = ev.absorbed.t0;
@@ -276,8 +304,8 @@ void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int 
     without_likelihood(model, ev);
     return;
   }
-  L_ABSORB(eh, in, threads, work, ev);
-  if (eh.terminate() || ev.absorbed.cancelled) return;
+  L_ABSORB(eh, in, model, threads, work, ev);
+  if (eh.terminate() || ev.absorbed.cancelled || ev.fault > 0) return;
   if (!is_positive_definite(in, model, q, ev)) {
     ev.fault = not_positive_definite;
     return;

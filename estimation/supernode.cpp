@@ -53,6 +53,7 @@ bool accept(const SNODE& node, const int32_t* rows, const double* panel, int64_t
   if (p == 0.0) return false;
   if (rule.flags != nullptr && (rule.flags[position] < 0 || p < t)) return false;
   if (std::abs(p) >= t) return true;
+  if (rule.definite != nullptr && rule.definite[position] != 0) return false;
   if (std::abs(p) < 0.01 * t || p < -8.0 * t) return false;
   if (!has_large_entry(node, rows, panel, j, block_begin, block_end, rule, x)) return false;
   rule.report[position] = 1;

@@ -59,6 +59,7 @@ ROW_PLACES place_rows(const FACTOR& factor, std::int32_t s, NODE_WORK& work);
 struct PIVOT_RULE {
   const double* tolerance = nullptr;   // by position
   const signed char* flags = nullptr;  // by position, or null
+  const std::uint8_t* definite = nullptr;  // by position, or null
   double t0 = 1e-8;
   bool may_tighten = false;        // one small pivot may still be accepted and tighten t0
   bool in_order = true;            // nodes are done one after the other; otherwise no pivot is accepted so

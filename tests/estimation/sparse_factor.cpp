@@ -289,6 +289,34 @@ TEST(SparseFactor, PivotsAtTheTolerance)
   }
 }
 
+// Effects of a positive definite variance matrix keep their pivots down to the rounding of their diagonal, and are not reported.
+TEST(SparseFactor, PivotsOfDefiniteEquations)
+{
+  PATTERN pattern;
+  pattern.n = pattern.dense = 3;
+  pattern.start = {0, 0, 0, 0};
+  FACTOR factor;
+  order_and_analyse(pattern, factor);
+  const std::vector<std::uint8_t> definite(3, 1);
+  for (const auto& [pivot, singular] : std::vector<std::pair<double, std::int64_t>>{{0x1p-27, 0}, {0x1p-37, 0}, {0x1p-39, 1}, {0.0, 1}}) {
+    for (const double t0 : {1e-6, 1e-8, 1e-9}) {
+      SCOPED_TRACE(testing::Message() << "pivot " << pivot << " t0 " << t0);
+      const COEFFICIENTS c = permute(with_small_pivot(pattern, factor, pivot, 1e-9), pattern, factor);
+      ERROR_HANDLER eh;
+      ABSORB_CONTROL control;
+      control.t0 = t0;
+      control.definite = definite;
+      ABSORBED absorbed;
+      K4MXXAIL(eh, c, control, factor, absorbed);
+      EXPECT_EQ(absorbed.singular, singular);
+      EXPECT_TRUE(absorbed.reported.empty());
+      EXPECT_FALSE(absorbed.tightened);
+      if (singular > 0) continue;
+      EXPECT_NEAR(absorbed.log_determinant, std::log(4.0) + std::log(pivot) + std::log(1000.0), 1e-6);
+    }
+  }
+}
+
 // Many small pivots in many nodes: the first in order is accepted, whatever the threads do first.
 TEST(SparseFactor, OneSmallPivotIsAcceptedWhateverTheThreads)
 {
