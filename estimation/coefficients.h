@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 namespace tolvan {
@@ -18,6 +19,7 @@ struct PATTERN {
   std::int64_t dense = 0;
   std::vector<std::int64_t> start;  // n + 1
   std::vector<std::int32_t> row;
+  std::vector<std::pair<std::int32_t, std::int32_t>> bound;  // Lagrangian equations, each with the one that it binds and must follow
 };
 
 /// C in elimination order: lower triangle by columns, the diagonal first in each column, rows rising.

@@ -313,38 +313,46 @@ DESIGN_COLUMNS by_records(const DESIGN_COLUMNS& columns, std::int64_t records)
   return rows;
 }
 
-/// Moves every Lagrangian equation behind the one that it binds, by exchanging the two where the order has them the other way.
-void bind_after(const TERM_TABLE& terms, const VARIANCE_MODEL& model, const FORMED& formed, const MIXED_EQUATIONS& q,
-                std::vector<std::int32_t>& order)
+/// The Lagrangian equations with the ones that they bind, by their inner numbers.
+std::vector<std::pair<std::int32_t, std::int32_t>> bound_equations(const TERM_TABLE& terms, const VARIANCE_MODEL& model,
+                                                                   const FORMED& formed, const MIXED_EQUATIONS& q)
 {
-  std::vector<std::int32_t> position;
+  std::vector<std::pair<std::int32_t, std::int32_t>> bound;
   for (std::size_t t = 0; t < model.terms.size(); ++t) {
     if (model.terms[t].dropped) continue;
     const COMPONENTS& components = formed.terms[t].components;
     const std::int64_t first = first_equation(terms, model.terms[t]);
     for (std::size_t c = 0; c < components.size(); ++c) {
       if (components[c]->lagrangian().empty()) continue;
-      if (position.empty()) {
-        position.resize(order.size());
-        for (std::size_t p = 0; p < order.size(); ++p) position[static_cast<std::size_t>(order[p])] = static_cast<std::int32_t>(p);
-      }
       const PRODUCT_BLOCK block = block_of(components, c);
       const std::int64_t n = components[c]->inverse().n;
       for (std::int64_t o = 0; o < block.outer; ++o) {
-        for (const auto& [row, bound] : components[c]->lagrangian()) {
+        for (const auto& [row, level] : components[c]->lagrangian()) {
           for (std::int64_t i = 0; i < block.inner; ++i) {
-            const auto inner = [&](std::int64_t level) {
-              return static_cast<std::size_t>(q.inner[static_cast<std::size_t>(first + (o * n + level) * block.inner + i)]);
+            const auto inner = [&](std::int64_t l) {
+              return static_cast<std::int32_t>(q.inner[static_cast<std::size_t>(first + (o * n + l) * block.inner + i)]);
             };
-            std::int32_t& late = position[inner(row)];
-            std::int32_t& early = position[inner(bound)];
-            if (early < late) continue;
-            std::swap(order[static_cast<std::size_t>(late)], order[static_cast<std::size_t>(early)]);
-            std::swap(late, early);
+            bound.emplace_back(inner(row), inner(level));
           }
         }
       }
     }
+  }
+  return bound;
+}
+
+/// Moves every Lagrangian equation behind the one that it binds, by exchanging the two where the order has them the other way.
+void bind_after(const PATTERN& pattern, std::vector<std::int32_t>& order)
+{
+  if (pattern.bound.empty()) return;
+  std::vector<std::int32_t> position(order.size());
+  for (std::size_t p = 0; p < order.size(); ++p) position[static_cast<std::size_t>(order[p])] = static_cast<std::int32_t>(p);
+  for (const auto& [binding, with] : pattern.bound) {
+    std::int32_t& late = position[static_cast<std::size_t>(binding)];
+    std::int32_t& early = position[static_cast<std::size_t>(with)];
+    if (early < late) continue;
+    std::swap(order[static_cast<std::size_t>(late)], order[static_cast<std::size_t>(early)]);
+    std::swap(late, early);
   }
 }
 
@@ -448,7 +456,8 @@ void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_T
     if (q.solving == Solving::by_factor) {
       q.columns = {};
       {
-        const PATTERN pattern = pattern_of(inner, dense);
+        PATTERN pattern = pattern_of(inner, dense);
+        pattern.bound = bound_equations(terms, model, formed, q);
         std::vector<std::int32_t> order;
         if (is_order_of(q.given_order, q.n, dense)) {
           order = std::move(q.given_order.order);
@@ -458,7 +467,7 @@ void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_T
         }
         q.given_order = {};
         if (eh.terminate()) return;
-        bind_after(terms, model, formed, q, order);
+        bind_after(pattern, order);
         SYMBOLICABS2(eh, pattern, order, q.factor);
         if (eh.terminate()) return;
       }

@@ -51,17 +51,21 @@ void K4MEORB(ERROR_HANDLER& eh, const PATTERN& pattern, std::vector<std::int32_t
   if (!assign(eh, order, pattern.n, -1)) return;
 
   QUOTIENT_GRAPH g;
-  if (!attempt([&] { build_graph(n, pattern.start, pattern.row, g); })) {
+  if (!attempt([&] { build_graph(n, pattern, g); })) {
     K4MEAB(eh);
     return;
   }
   std::vector<std::int32_t> last;
   const std::int32_t limit = nearly_dense(n);
   for (std::int32_t i = 0; i < n; ++i) {
-    if (g.degree[i] > limit) last.push_back(i);
+    if (g.weight[i] > 0 && g.degree[i] > limit) last.push_back(i);
   }
   std::stable_sort(last.begin(), last.end(), [&](auto a, auto b) { return g.degree[a] < g.degree[b]; });
-  for (const std::int32_t i : last) set_aside(g, i);
+  std::vector<std::int32_t> run;  // places of each of these
+  for (const std::int32_t i : last) {
+    run.push_back(g.weight[i]);
+    set_aside(g, i);
+  }
 
   // Each element takes a run of places as long as its weight; what it took up fills the run, itself last.
   std::vector<std::int32_t> place(static_cast<std::size_t>(n), -1);
@@ -74,6 +78,10 @@ void K4MEORB(ERROR_HANDLER& eh, const PATTERN& pattern, std::vector<std::int32_t
     }
     place[e] = placed;
     placed += g.weight[e];
+  }
+  for (std::size_t k = 0; k < last.size(); ++k) {
+    place[last[k]] = placed;
+    placed += run[k];
   }
   for (std::int32_t i = 0; i < n; ++i) {
     std::int32_t root = i;
@@ -88,7 +96,6 @@ void K4MEORB(ERROR_HANDLER& eh, const PATTERN& pattern, std::vector<std::int32_t
   for (std::int32_t i = 0; i < n; ++i) {
     if (g.taken_by[i] < 0 && place[i] >= 0) order[place[i]] = i;
   }
-  for (const std::int32_t i : last) order[placed++] = i;
   if (placed != n || std::count(order.begin(), order.begin() + n, -1) > 0) {
     eh.internal("something went wrong reordering the matrix");
     return;

@@ -200,22 +200,55 @@ void merge_chain(QUOTIENT_GRAPH& g, int32_t chain)
   }
 }
 
+// Leaves each neighbour once in the lists of a graph just set up, where equations that are one have made it stand twice; degrees are
+// the weights of the lists.
+void leave_once(QUOTIENT_GRAPH& g)
+{
+  g.degree.assign(static_cast<std::size_t>(g.n), 0);
+  std::vector<int32_t> seen_by(static_cast<std::size_t>(g.n), -1);
+  for (int32_t i = 0; i < g.n; ++i) {
+    int64_t out = g.start[i];
+    for (int64_t p = g.start[i], end = p + g.length[i]; p < end; ++p) {
+      const int32_t j = g.store[p];
+      if (seen_by[j] == i) continue;
+      seen_by[j] = i;
+      g.degree[i] += g.weight[j];
+      g.store[out++] = j;
+    }
+    g.length[i] = static_cast<int32_t>(out - g.start[i]);
+  }
+}
+
 }  // namespace
 
-void build_graph(int32_t n, const std::vector<int64_t>& column_start, const std::vector<int32_t>& row,
-                 QUOTIENT_GRAPH& g)
+void build_graph(int32_t n, const PATTERN& pattern, QUOTIENT_GRAPH& g)
 {
   g = {};
   g.n = n;
   const auto size = static_cast<std::size_t>(n);
-  g.length.assign(size, 0);
-  for (int32_t j = 0; j < n; ++j) {
-    for (int64_t p = column_start[j]; p < column_start[j + 1]; ++p) {
-      if (row[p] >= n) continue;
-      ++g.length[j];
-      ++g.length[row[p]];
-    }
+  g.weight.assign(size, 1);
+  g.in_use.assign(size, 1);
+  g.taken_by.assign(size, -1);
+  for (const auto& [binding, with] : pattern.bound) {
+    if (binding >= n || with >= n) continue;
+    g.taken_by[binding] = with;
+    g.weight[with] += g.weight[binding];
+    g.weight[binding] = 0;
+    g.in_use[binding] = 0;
   }
+  const auto node = [&](int32_t i) { return g.taken_by[i] < 0 ? i : g.taken_by[i]; };
+  const auto each_pair = [&](auto visit) {
+    for (int32_t j = 0; j < n; ++j) {
+      for (int64_t p = pattern.start[j]; p < pattern.start[j + 1]; ++p) {
+        if (pattern.row[p] < n && node(j) != node(pattern.row[p])) visit(node(j), node(pattern.row[p]));
+      }
+    }
+  };
+  g.length.assign(size, 0);
+  each_pair([&](int32_t i, int32_t j) {
+    ++g.length[i];
+    ++g.length[j];
+  });
   g.start.assign(size, 0);
   int64_t total = 0;
   for (int32_t i = 0; i < n; ++i) {
@@ -225,34 +258,33 @@ void build_graph(int32_t n, const std::vector<int64_t>& column_start, const std:
   g.store.resize(static_cast<std::size_t>(total + total / 5 + n));
   g.free_end = total;
   std::vector<int64_t> fill(g.start);
-  for (int32_t j = 0; j < n; ++j) {
-    for (int64_t p = column_start[j]; p < column_start[j + 1]; ++p) {
-      const int32_t i = row[p];
-      if (i >= n) continue;
-      g.store[fill[i]++] = j;
-      g.store[fill[j]++] = i;
-    }
+  each_pair([&](int32_t i, int32_t j) {
+    g.store[fill[i]++] = j;
+    g.store[fill[j]++] = i;
+  });
+  g.mark.assign(size, 1);
+  if (pattern.bound.empty()) {
+    g.degree = g.length;
+  } else {
+    leave_once(g);
   }
   g.elements.assign(size, 0);
-  g.in_use.assign(size, 1);
-  g.weight.assign(size, 1);
-  g.degree = g.length;
-  g.taken_by.assign(size, -1);
-  g.mark.assign(size, 1);
   g.head.assign(size, -1);
   g.next.assign(size, -1);
   g.previous.assign(size, -1);
   g.hash_head.assign(size, -1);
   g.lowest = n;
-  for (int32_t i = n - 1; i >= 0; --i) link_by_degree(g, i);
+  for (int32_t i = n - 1; i >= 0; --i) {
+    if (g.weight[i] > 0) link_by_degree(g, i);
+  }
 }
 
 void set_aside(QUOTIENT_GRAPH& g, int32_t i)
 {
   unlink(g, i);
+  g.eliminated += g.weight[i];
   g.weight[i] = 0;
   g.in_use[i] = 0;
-  ++g.eliminated;
 }
 
 int32_t eliminate_least(QUOTIENT_GRAPH& g)

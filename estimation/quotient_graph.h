@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "estimation/coefficients.h"
+
 namespace tolvan {
 
 struct QUOTIENT_GRAPH {
@@ -37,10 +39,9 @@ struct QUOTIENT_GRAPH {
   std::int32_t largest = 0;  // degree of the largest element so far
 };
 
-/// Sets up a graph of n equations from the strictly lower triangle of its pattern; rows and columns from
-/// `limit` on are left out.
-void build_graph(std::int32_t n, const std::vector<std::int64_t>& column_start,
-                 const std::vector<std::int32_t>& row, QUOTIENT_GRAPH& g);
+/// Sets up a graph of the first n equations of a pattern; rows and columns from n on are left out.  A bound equation is one with the
+/// equation that it binds from the start: eliminated by itself, late, it would join all that the other was joined to.
+void build_graph(std::int32_t n, const PATTERN& pattern, QUOTIENT_GRAPH& g);
 
 /// Takes an equation out of the graph, so that it counts in no degree.
 void set_aside(QUOTIENT_GRAPH& g, std::int32_t i);

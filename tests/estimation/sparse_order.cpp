@@ -72,6 +72,13 @@ TEST(SparseOrder, IsAPermutationWithTheDenseEquationsLast)
         ASSERT_FALSE(eh.terminate());
         expect_order(pattern, factor.order);
         EXPECT_GE(factor.entries, entries_of_l(pattern, order));
+
+        PATTERN bound = pattern;
+        const auto sparse = static_cast<std::int32_t>(std::max<std::int64_t>(n - dense, 0));
+        for (std::int32_t i = 0; i < sparse / 3; ++i) bound.bound.emplace_back(sparse - 1 - i, i);
+        K4MEORB(eh, bound, order);
+        ASSERT_FALSE(eh.terminate()) << n << ' ' << dense << ' ' << static_cast<int>(shape);
+        expect_order(bound, order);
       }
     }
   }
@@ -125,6 +132,36 @@ TEST(SparseOrder, FillsLittle)
     tree.start.push_back(static_cast<std::int64_t>(tree.row.size()));
   }
   EXPECT_EQ(entries(tree), 2000 + 1999);
+}
+
+// Points of a grid, each with an equation that binds it to a common one: a pair is eliminated like one equation, so that the factor has
+// four entries for each that the grid alone has, and the bound equations meet the common one.
+TEST(SparseOrder, EliminatesBoundEquationsWithTheirOwn)
+{
+  const PATTERN grid = square_grid(30);
+  PATTERN pairs;
+  pairs.n = 2 * grid.n + 1;
+  pairs.start.push_back(0);
+  for (std::int32_t i = 0; i < grid.n; ++i) {
+    for (std::int64_t p = grid.start[i]; p < grid.start[i + 1]; ++p) pairs.row.push_back(grid.row[p]);
+    pairs.row.push_back(static_cast<std::int32_t>(grid.n) + i);
+    pairs.start.push_back(static_cast<std::int64_t>(pairs.row.size()));
+    pairs.bound.emplace_back(static_cast<std::int32_t>(grid.n) + i, i);
+  }
+  for (std::int64_t i = 0; i < grid.n; ++i) {
+    pairs.row.push_back(static_cast<std::int32_t>(2 * grid.n));
+    pairs.start.push_back(static_cast<std::int64_t>(pairs.row.size()));
+  }
+  pairs.start.push_back(static_cast<std::int64_t>(pairs.row.size()));
+
+  ERROR_HANDLER eh;
+  std::vector<std::int32_t> alone, together;
+  K4MEORB(eh, grid, alone);
+  K4MEORB(eh, pairs, together);
+  ASSERT_FALSE(eh.terminate());
+  expect_order(pairs, together);
+  EXPECT_LE(static_cast<double>(entries_of_l(pairs, together)),
+            1.05 * static_cast<double>(4 * entries_of_l(grid, alone) + 2 * grid.n + 1));
 }
 
 // The dense block with everything of a wide node is stored as panels: about the triangle, not the square.
