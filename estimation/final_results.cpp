@@ -40,7 +40,9 @@ void effects(const FIT_MODEL& in, const MIXED_EQUATIONS& q, const EVALUATION& ev
   if (ev.constant.empty()) {
     fit.solution[static_cast<std::size_t>(q.mu)] += constant;
   } else {
-    for (std::size_t e = 0; e < n; ++e) fit.solution[e] += constant * ev.constant[static_cast<std::size_t>(q.position[e])];
+    for (std::size_t e = 0; e < n; ++e) {
+      if (!is_no_value(fit.solution[e])) fit.solution[e] += constant * ev.constant[static_cast<std::size_t>(q.position[e])];
+    }
   }
   if (q.centred.empty() || !ev.constant.empty() || !with_inverse) return;
   // var(mu) = c' C^-1 c with c = 1 for mu and -shift_x for each centred covariate.

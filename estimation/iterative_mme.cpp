@@ -5,8 +5,9 @@
 #include <cmath>
 
 #include "base/text.h"
+#include "estimation/bound_effects.h"
+#include "estimation/fixed_part.h"
 #include "estimation/iterative_solver.h"
-#include "estimation/order_equations.h"
 
 namespace tolvan {
 namespace {
@@ -90,118 +91,22 @@ std::vector<double> residual_diagonal(const FIT_MODEL& in, const MIXED_EQUATIONS
   return d;
 }
 
-double diagonal_of(const SYMMETRIC& m, std::int64_t i)
-{
-  switch (m.shape) {
-    case Shape::identity: return m.scale;
-    case Shape::diagonal:
-    case Shape::banded: return m.scale * m.values[i];
-    case Shape::dense: return m.scale * m.values[i + i * m.n];
-    case Shape::sparse: return m.scale * m.values[m.start[i]];
-  }
-  return 0.0;
-}
-
-/// Adds the diagonal of G^-1: that of a direct product is the product of the diagonals.
+/// Adds the diagonal of G^-1 of the structures without bound effects: that of a direct product is the product of the diagonals.
 void add_random_diagonal(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, const EVALUATION& ev,
-                         std::vector<double>& d)
+                         const BOUND_EFFECTS& bound, std::vector<double>& d)
 {
   for (std::size_t t = 0; t < model.terms.size(); ++t) {
-    if (model.terms[t].dropped) continue;
-    std::vector<double> product(1, 1.0);
-    for (const auto& component : ev.formed.terms[t].components) {
-      const SYMMETRIC& m = component->inverse();
-      std::vector<double> larger;
-      larger.reserve(product.size() * static_cast<std::size_t>(m.n));
-      for (const double outer : product) {
-        for (std::int64_t i = 0; i < m.n; ++i) larger.push_back(outer * diagonal_of(m, i));
-      }
-      product = std::move(larger);
-    }
-    scatter_effects(q, first_equation(in.terms, model.terms[t]), product, d.data());
-  }
-}
-
-/// Absorbs X'X of the fixed effects, the dense ones last, and marks what is singular as left out.
-void absorb_fixed(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, int threads, FIT_WORK& work,
-                  std::vector<std::uint8_t>& left_out, ABSORBED& absorbed)
-{
-  const auto n = static_cast<std::size_t>(q.n);
-  std::vector<std::int32_t> number(n, -1);  // of a fixed equation among them
-  std::vector<std::int32_t> position;
-  std::vector<std::uint8_t> fixed(n, 0);
-  for (std::int64_t e = 0; e < q.n; ++e) fixed[static_cast<std::size_t>(q.position_of(e))] = q.fixed[static_cast<std::size_t>(e)];
-  for (std::size_t p = 0; p < n; ++p) {
-    if (!fixed[p]) continue;
-    number[p] = static_cast<std::int32_t>(position.size());
-    position.push_back(static_cast<std::int32_t>(p));
-  }
-  if (position.empty()) return;
-
-  COEFFICIENTS c;
-  c.n = static_cast<std::int64_t>(position.size());
-  c.start.push_back(0);
-  std::vector<double> sum(position.size(), 0.0);
-  std::vector<std::int32_t> seen(position.size(), -1);
-  std::vector<std::int32_t> rows;
-  for (std::int32_t j = 0; j < c.n; ++j) {
-    rows.clear();
-    const auto add = [&](std::int32_t i, double value) {
-      if (seen[static_cast<std::size_t>(i)] != j) {
-        seen[static_cast<std::size_t>(i)] = j;
-        sum[static_cast<std::size_t>(i)] = 0.0;
-        rows.push_back(i);
-      }
-      sum[static_cast<std::size_t>(i)] += value;
-    };
-    add(j, 0.0);
-    if (j >= c.n - q.dense) {
-      for (std::int32_t i = j + 1; i < c.n; ++i) add(i, 0.0);
-    }
-    const auto p = static_cast<std::size_t>(position[static_cast<std::size_t>(j)]);
-    for (std::size_t k = at(q.columns.start, p); k < at(q.columns.start, p + 1); ++k) {
-      const auto r = static_cast<std::size_t>(q.columns.record[k]);
-      const double wx = weight_of(in.design, r) * q.columns.value[k];
-      for (std::size_t e = at(q.rows.start, r + 1); e-- > at(q.rows.start, r);) {
-        const auto o = static_cast<std::size_t>(q.rows.record[e]);
-        if (o < p) break;
-        if (number[o] >= 0) add(number[o], wx * q.rows.value[e]);
-      }
-    }
-    std::sort(rows.begin(), rows.end());
-    for (const std::int32_t i : rows) {
-      c.row.push_back(i);
-      c.value.push_back(sum[static_cast<std::size_t>(i)]);
-    }
-    c.start.push_back(static_cast<std::int64_t>(c.row.size()));
-  }
-
-  FACTOR factor;
-  {
-    const PATTERN pattern = pattern_of(c, q.dense);
-    std::vector<std::int32_t> order;
-    REORDER_MATRIX(eh, pattern, 0, order);
-    if (eh.terminate()) return;
-    SYMBOLICABS2(eh, pattern, order, factor);
-    if (eh.terminate()) return;
-  }
-  ABSORB_CONTROL control;
-  control.t0 = work.tolerance;
-  control.default_tolerance = work.default_tolerance;
-  control.floor = 0.0;
-  control.threads = threads;
-  control.cancel = work.cancel;
-  K4MXXAIL(eh, permute(c, factor.position), control, factor, absorbed);
-  if (eh.terminate() || absorbed.cancelled) return;
-  for (std::size_t j = 0; j < position.size(); ++j) {
-    const bool singular = factor.reciprocal[static_cast<std::size_t>(factor.position[j])] == 0.0;
-    left_out[static_cast<std::size_t>(position[j])] = singular ? 1 : 0;
+    if (model.terms[t].dropped || bound.has(t)) continue;
+    std::vector<std::vector<double>> diagonals;
+    for (const auto& component : ev.formed.terms[t].components) diagonals.push_back(diagonal_of(component->inverse()));
+    scatter_effects(q, first_equation(in.terms, model.terms[t]), product_of_diagonals(diagonals), d.data());
   }
 }
 
 /// The inverted diagonal: the reciprocals of C(i,i), 0 for a zero diagonal and for equations that are left out.
-void invert_diagonal(const FIT_MODEL& in, const VARIANCE_MODEL& model, std::int64_t mode, const std::vector<std::uint8_t>& left_out,
-                     const EVALUATION& ev, MIXED_EQUATIONS& q)
+std::vector<double> inverted_diagonal(const FIT_MODEL& in, const VARIANCE_MODEL& model, std::int64_t mode,
+                                      const std::vector<std::uint8_t>& left_out, const EVALUATION& ev, const BOUND_EFFECTS& bound,
+                                      const MIXED_EQUATIONS& q)
 {
   std::vector<double> d = residual_diagonal(in, q);
   if (mode == conjugate_gradients) {
@@ -216,22 +121,15 @@ void invert_diagonal(const FIT_MODEL& in, const VARIANCE_MODEL& model, std::int6
       if (d[p] * count <= vanishing * q.ri * square) d[p] = 0.0;
     }
   }
-  add_random_diagonal(in, model, q, ev, d);
+  bound.diagonal(d);
+  add_random_diagonal(in, model, q, ev, bound, d);
   for (std::size_t t = 0; t < model.terms.size(); ++t) {  // a dropped term has no effects
     if (!model.terms[t].dropped) continue;
     const std::int64_t first = first_equation(in.terms, model.terms[t]);
     for (std::int64_t e = first; e < first + structure_size(model, model.terms[t]); ++e) d[static_cast<std::size_t>(q.position_of(e))] = 0.0;
   }
-  q.factor.reciprocal.resize(d.size());
-  for (std::size_t p = 0; p < d.size(); ++p) q.factor.reciprocal[p] = d[p] == 0.0 || left_out[p] ? 0.0 : 1.0 / d[p];
-}
-
-/// Whether a structure has rows that only bind others, which have no diagonal and make C indefinite, or dimensions without a
-/// variance, which may be confounded with the fixed effects.
-bool is_singular(const FORMED_TERM& term)
-{
-  return std::any_of(term.components.begin(), term.components.end(),
-                     [](const auto& c) { return !c->lagrangian().empty() || c->counted() < c->inverse().n; });
+  for (std::size_t p = 0; p < d.size(); ++p) d[p] = d[p] == 0.0 || left_out[p] ? 0.0 : 1.0 / d[p];
+  return d;
 }
 
 /// L_SOLVE: solves C x = b, and again for what the solutions leave of b until the correction is small: the rule that ends an iteration
@@ -284,37 +182,74 @@ void ITERATIVE_MME(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL&
   const auto n = static_cast<std::size_t>(q.n);
   const int threads = static_cast<int>(std::max<std::int64_t>(1, work.aiopt(Ai::threads)));
   ev.absorbed = {};
-  for (std::size_t t = 0; t < model.terms.size(); ++t) {
-    if (model.terms[t].dropped || !is_singular(ev.formed.terms[t])) continue;
-    const std::string& name = in.terms.rows[static_cast<std::size_t>(model.terms[t].term)].name;
-    eh.not_implemented(text("solving by iteration with the singular variance structure of ", name, " is not implemented, use !BLUP 2"));
+  BOUND_EFFECTS bound;
+  bound.find(eh, in, model, q, ev);
+  if (eh.terminate()) return;
+  if (bound.any() && mode != conjugate_gradients) {
+    eh.not_implemented("Gauss Seidel iteration with Lagrangian rows, of singular variance structures, is not implemented, use !BLUP 4");
     return;
   }
   std::vector<std::uint8_t> left_out(n, 0);
-  absorb_fixed(eh, in, q, threads, work, left_out, ev.absorbed);
+  ABSORB_FIXED(eh, in, model, q, ev, threads, work, left_out, ev.absorbed);
   if (eh.terminate() || ev.absorbed.cancelled) return;
-  invert_diagonal(in, model, mode, left_out, ev, q);
+  const std::vector<double> reciprocal = inverted_diagonal(in, model, mode, left_out, ev, bound, q);
+  // Bound effects and the rows that bind them are in use, though not iterated on.
+  q.factor.reciprocal = reciprocal;
+  if (bound.any()) {
+    std::vector<std::uint8_t> marked(n, 0);
+    bound.mark(marked);
+    for (std::size_t p = 0; p < n; ++p) {
+      if (marked[p]) q.factor.reciprocal[p] = 1.0;
+    }
+  }
 
   EQUATION_STORE store;
-  store.reciprocal = q.factor.reciprocal;
+  store.reciprocal = reciprocal;
   PRODUCTS products(in, model, q, ev);
-  const auto multiply = [&](const double* x, double* y) { products(x, y); };
-  if (q.solving == Solving::by_products) {
+  std::vector<double> spread(bound.any() ? n : 0);
+  const auto multiply = [&](const double* x, double* y) {
+    if (!bound.any()) return products(x, y);
+    std::copy(x, x + n, spread.begin());
+    bound.spread(spread.data());
+    products(spread.data(), y);
+    bound.gather(y);
+  };
+  if (q.solving == Solving::by_products || bound.any()) {
     store.multiply = multiply;
   } else {
     store.c = &q.c;
   }
-  std::vector<double> b(n);
-  std::transform(q.r0.begin(), q.r0.end(), b.begin(), [&q](double r) { return q.ri * r; });
-  const auto solved = [&](std::vector<double> right, bool told, std::vector<double>& x) {
-    const SolverEnd end = L_SOLVE(eh, store, mode, std::move(right), told, multiply, x);
+  bool told = false;
+  const auto iterate = [&](const EQUATION_STORE& equations, std::vector<double> right,
+                           const std::function<void(const double*, double*)>& times, std::vector<double>& x) {
+    const SolverEnd end = L_SOLVE(eh, equations, mode, std::move(right), told, times, x);
+    told = true;
     ev.absorbed.cancelled = end == SolverEnd::aborted;
     if (end == SolverEnd::diverged) ev.fault = convergence_failed;
     ev.iterated = ev.iterated && end == SolverEnd::converged;
     return end == SolverEnd::converged || end == SolverEnd::out_of_rounds;
   };
+  const auto solved = [&](std::vector<double> right, std::vector<double>& x) {
+    if (!bound.any()) return iterate(store, std::move(right), multiply, x);
+    std::vector<double> left = right;
+    bound.gather(right.data());
+    if (!iterate(store, std::move(right), multiply, x)) return false;
+    bound.spread(x.data());
+    products(x.data(), spread.data());
+    for (std::size_t p = 0; p < n; ++p) left[p] -= spread[p];
+    return bound.multipliers(
+        left,
+        [&](const std::vector<double>& diagonal, const auto& times, const std::vector<double>& force, std::vector<double>& y) {
+          std::vector<double> inverse(diagonal.size());
+          std::transform(diagonal.begin(), diagonal.end(), inverse.begin(), [](double d) { return d == 0.0 ? 0.0 : 1.0 / d; });
+          return iterate({.reciprocal = inverse, .multiply = times}, force, times, y);
+        },
+        x);
+  };
   ev.iterated = true;
-  if (!solved(std::move(b), false, ev.solution)) return;
+  std::vector<double> b(n);
+  std::transform(q.r0.begin(), q.r0.end(), b.begin(), [&q](double r) { return q.ri * r; });
+  if (!solved(std::move(b), ev.solution)) return;
 
   ev.constant.clear();
   if (q.mu >= 0 && q.shift != 0.0 && q.factor.reciprocal[static_cast<std::size_t>(q.position_of(q.mu))] == 0.0) {
@@ -323,7 +258,7 @@ void ITERATIVE_MME(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL&
     constant[static_cast<std::size_t>(q.position_of(q.mu))] = 1.0;
     std::vector<double> right(n);
     products(constant.data(), right.data());  // mu is fixed: G^-1 has no part in it
-    if (!solved(std::move(right), true, ev.constant)) return;
+    if (!solved(std::move(right), ev.constant)) return;
   }
   follow_solutions(in, model, q, ev);
   ev.nu = degrees_of_freedom(in, model, q, ev);

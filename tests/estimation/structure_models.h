@@ -8,6 +8,8 @@
 
 #include "estimation/evaluation.h"
 #include "oracle/dense_reml.h"
+#include "relmat/invert_dense.h"
+#include "relmat/lagrangian_rows.h"
 #include "relmat/structure_matrices.h"
 
 namespace tolvan::test {
@@ -266,6 +268,39 @@ inline const AINV_MTX& nine_animals()
   return matrix;
 }
 
+/// The inverse of a covariance matrix of six levels and rank four, with two Lagrangian rows; mixed: these are combined, so that each
+/// binds both levels.
+inline const AINV_MTX& six_of_rank_four(bool mixed)
+{
+  const auto make = [](bool mix) {
+    constexpr std::size_t n = 6;
+    std::mt19937_64 gen(11);
+    std::normal_distribution<double> normal;
+    Matrix l(n, 4);
+    for (double& x : l.a) x = normal(gen);
+    AINV_MTX m;
+    m.values = (l * transpose(l)).a;
+    PIVOTS pivots;
+    ERROR_HANDLER eh;
+    K4MSMISG(eh, n, m.values, 0, false, pivots, m.bound);
+    m.shape = Shape::dense;
+    m.lagrangian = static_cast<std::int64_t>(m.bound.size());
+    m.order = static_cast<std::int64_t>(n) + m.lagrangian;
+    m.log_determinant = pivots.log_determinant - (mix ? 2.0 * std::log(3.0) : 0.0);  // of the whole inverse, bindings included
+    const auto order = static_cast<std::size_t>(m.order);
+    for (std::size_t j = 0; mix && j < n; ++j) {
+      const double a = m.values[n + j * order], b = m.values[n + 1 + j * order];
+      m.values[n + j * order] = m.values[j + n * order] = a + b;
+      m.values[n + 1 + j * order] = m.values[j + (n + 1) * order] = a - 2.0 * b;
+    }
+    L_STRENGTHEN(eh, m);
+    return m;
+  };
+  static const AINV_MTX plain = make(false);
+  static const AINV_MTX combined = make(true);
+  return mixed ? combined : plain;
+}
+
 inline const std::vector<Case> cases = {
     {"two variances, two sections", {{{0, 0, 6, {0.7}}}}, {{{0, 0, 20, {1.1}}}, {{0, 0, 17, {2.3}}}}},
     {"sections scaled from outside, weights", {{{0, 0, 4, {}}, {0, 0, 3, {0.6}}}}, {{{0, 0, 20, {}}}, {{0, 0, 17, {}}}}, true, true},
@@ -306,6 +341,16 @@ inline const std::vector<Case> cases = {
     {"two traits of related animals",
      {{{25, 9, 2, {0.9, 0.3, 0.6}}, {33, -1, 9, {}, 1, 0, {}, 0, &nine_animals()}}},
      {{{0, 0, 20, {}}, {25, 9, 2, {1.2, 0.4, 0.9}}}}, false, false, 3, 4},
+    {"a singular matrix", {{{33, -1, 8, {0.8}, 1, 0, {}, 6, &six_of_rank_four(false)}}, {{0, 0, 6, {0.4}}}}, {{{0, 0, 40, {1.2}}}}, true},
+    {"a series by a singular matrix, its bindings combined",
+     {{{1, 1, 4, {0.4}}, {33, -1, 8, {0.8}, 1, 0, {}, 6, &six_of_rank_four(true)}}},
+     {{{0, 0, 20, {}}, {25, 9, 2, {1.2, 0.4, 0.9}}}}},
+    {"a factor by related animals, no variances of their own",
+     {{{31, 15, 7, {0.0, 0.0, 0.0, 0.8, 0.5, 0.9}, 1, 0, {}, 3}, {33, -1, 9, {}, 1, 0, {}, 0, &nine_animals()}}},
+     {{{0, 0, 60, {1.1}}}}},
+    {"a factor by a singular matrix, no variances of their own",
+     {{{31, 15, 7, {0.0, 0.0, 0.0, 0.8, 0.5, 0.9}, 1, 0, {}, 3}, {33, -1, 8, {}, 1, 0, {}, 6, &six_of_rank_four(false)}}},
+     {{{0, 0, 60, {1.1}}}}},
     {"ratios to a profiled variance, with weights", {{{0, 0, 6, {0.7}}}, {{1, 1, 5, {0.4, 0.3}}}}, {{{0, 0, 40, {1.0}}}}, true, false, 3, 0, true},
 };
 

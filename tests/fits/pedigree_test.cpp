@@ -280,14 +280,28 @@ TEST_F(PedigreeFits, GeneticGroups)
     is_the_maximum(fit(herd, true, "animal", ",\"group\":2,\"goffset\":1" + reduce), herd, mean,
                    {herd.covariance(with_groups, false)});
   }
-  // Solving by iteration can not tell which groups the mean stands for, and so not count them: it is refused.
-  for (const bool as_fixed : {true, false}) {
-    Host host;
-    hand_in(host, herd, true, as_fixed ? ",\"group\":2" : ",\"group\":2,\"goffset\":1");
-    const int status = host.process(R"({"model":{"response":"y","random":"animal"},"options":{"blup":4}})");
-    EXPECT_EQ(status == 4, as_fixed) << host.errors();
-    const std::string words = "solving by iteration with the singular variance structure of animal";
-    EXPECT_EQ(host.errors().find(words) != std::string::npos, as_fixed);
+  // Solved by iteration the same effects are fixed, and as many.
+  for (const std::string key : {",\"group\":2", ",\"group\":2,\"reduce\":true", ",\"group\":2,\"goffset\":1"}) {
+    SCOPED_TRACE(key);
+    const auto solved = [&](int mode, std::vector<double>& sln, std::vector<double>& yhat) {
+      Host host;
+      hand_in(host, herd, true, key);
+      host.process(R"({"model":{"response":"y","random":"animal"},"options":{"blup":)" + std::to_string(mode) + "}}");
+      EXPECT_LE(host.status, 0) << host.errors();
+      sln = host.reals("TABLE_SLN:EFFECT");
+      yhat = host.reals("TABLE_YHT:YHAT");
+      return host.integer("SCALAR_DF");
+    };
+    std::vector<double> effects, fitted, iterated, iterated_fitted;
+    const auto df = solved(2, effects, fitted);
+    EXPECT_GT(df, 0);
+    for (const int mode : {4, 13}) {
+      EXPECT_EQ(solved(mode, iterated, iterated_fitted), df);
+      ASSERT_EQ(iterated.size(), effects.size());
+      ASSERT_FALSE(fitted.empty());
+      for (std::size_t e = 0; e < effects.size(); ++e) EXPECT_NEAR(iterated[e], effects[e], 1e-6) << e;
+      for (std::size_t r = 0; r < fitted.size(); ++r) EXPECT_NEAR(iterated_fitted[r], fitted[r], 1e-6);
+    }
   }
 }
 

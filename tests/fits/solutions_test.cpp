@@ -61,6 +61,33 @@ TEST(Solutions, ComeFromTheGivenParametersInEveryMode)
   }
 }
 
+// Structures with Lagrangian rows: conjugate gradients work the effects out that others determine, Gauss-Seidel has no diagonal there.
+TEST(Solutions, SingularStructuresAreSolvedByConjugateGradients)
+{
+  const auto solve = [](Host& host, int mode) {
+    host.info("{\"dataset\":" + dataset("d", 60, {{"group", 8}, {"place", 3}, {"y", 0}}) + "}");
+    std::vector<double> columns = records();
+    std::vector<double> place;
+    for (int r = 0; r < 60; ++r) place.push_back((r / 8) % 3 + 1);
+    columns.insert(columns.begin() + 60, place.begin(), place.end());
+    host.matrix("d", columns, 60, 3);
+    host.process(R"x({"model":{"response":"y","fixed":"place","random":"rr(place,1):id(group)"},"options":{"blup":)x" + std::to_string(mode) + "}}");
+  };
+  Host direct, iterated, swept;
+  solve(direct, 2);
+  solve(iterated, 4);
+  ASSERT_LE(iterated.status, 0) << iterated.errors();
+  EXPECT_EQ(iterated.integer("SCALAR_DF"), direct.integer("SCALAR_DF"));
+  const std::vector<double> expected = direct.reals("TABLE_SLN:EFFECT");
+  const std::vector<double> found = iterated.reals("TABLE_SLN:EFFECT");
+  ASSERT_EQ(found.size(), expected.size());
+  ASSERT_GT(found.size(), 30U);
+  for (std::size_t e = 0; e < expected.size(); ++e) EXPECT_NEAR(found[e], expected[e], 1e-8);
+  solve(swept, 14);
+  EXPECT_EQ(swept.status, 4);
+  EXPECT_NE(swept.errors().find("Gauss Seidel iteration with Lagrangian rows"), std::string::npos) << swept.errors();
+}
+
 TEST(Solutions, ModesThatThereAreNotAreToldWhatThereIs)
 {
   Host host;
