@@ -346,6 +346,15 @@ bool damp_again(std::int64_t iteration, int repeats, double& second, VARIANCE_MO
   return true;
 }
 
+/// Whether all variances may be multiplied by one factor.
+bool variances_are_free(const VARIANCE_MODEL& model)
+{
+  return !model.profiled && std::all_of(model.parameters.begin(), model.parameters.end(), [](const VARIANCE_PARAMETER& v) {
+    const bool unit_free = v.role == ParamRole::correlation || v.role == ParamRole::other;
+    return unit_free || v.value == 0.0 || is_no_value(v.value) || is_free(v.constraint) || follows(v);
+  });
+}
+
 }  // namespace
 
 std::int64_t degrees_of_freedom(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, const EVALUATION& ev)
@@ -443,6 +452,36 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
   keep_followers_inside(eh, ev.evaluated, iteration > 1 ? ev.logl - work.previous_logl : 0.0, model, work.aiopt, work.update);
   set_followers(model, false);
   work.aiopt(Ai::held_out) = ev.information.held_out + 1;
+}
+
+LIKELIHOOD likelihood_at(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, const std::vector<double>& values, VARIANCE_MODEL& model,
+                         FIT_WORK& work, EVALUATION& ev)
+{
+  const std::vector<VARIANCE_PARAMETER> parameters = model.parameters;
+  const std::vector<STRUCTURE_ROW> rows = model.rows, residual = model.residual;
+  const double tolerance = work.tolerance;
+  const bool default_tolerance = work.default_tolerance;
+  for (std::size_t i = 0; i < values.size(); ++i) model.parameters[i].value = values[i];
+  ERROR_HANDLER aside;
+  const bool first = work.equations.n == 0;
+  const int threads = useful_threads(work.equations.factor, static_cast<int>(std::max<std::int64_t>(1, work.aiopt(Ai::threads))));
+  L_FORM(aside, in, iteration, threads, model, work, ev);
+  LIKELIHOOD found;
+  found.formed = !aside.terminate() && ev.fault == 0 && !ev.absorbed.cancelled;
+  found.logl = ev.logl;
+  if (found.formed && variances_are_free(model)) {
+    const auto nu = static_cast<double>(ev.nu);
+    found.factor = ev.quadratic / nu;
+    found.logl = ev.logl - 0.5 * (nu * std::log(found.factor) + nu - ev.quadratic);
+  }
+  if (first && found.formed) eh.EH_ADD_ALL(aside);
+  model.parameters = parameters;
+  model.rows = rows;
+  model.residual = residual;
+  work.tolerance = tolerance;
+  work.default_tolerance = default_tolerance;
+  ev.fault = 0;
+  return found;
 }
 
 void step_from_best(ERROR_HANDLER& eh, std::int64_t iteration, double gain, VARIANCE_MODEL& model, FIT_WORK& work)

@@ -123,6 +123,16 @@ struct FIT_MODEL {
 /// have both, but neither scores nor information; above 3 the equations are solved by iteration, with what 1 gives.
 void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARIANCE_MODEL& model, FIT_WORK& work, EVALUATION& ev);
 
+/// The log-likelihood at given parameters, the variances times the one factor that makes it highest: for comparing places far from
+/// the optimum.  Messages are left aside, but for those of the first set-up of the equations, and the model stays as it is; what `ev` holds is of the given parameters afterwards.
+struct LIKELIHOOD {
+  bool formed = false;
+  double logl = 0.0;
+  double factor = 1.0;  // of all variances; 1 where one of them is not free, or the residual's is profiled
+};
+LIKELIHOOD likelihood_at(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, const std::vector<double>& values, VARIANCE_MODEL& model,
+                         FIT_WORK& work, EVALUATION& ev);
+
 /// Buffers of the products below, grown as needed.
 struct EFFECTS_SCRATCH {
   std::vector<double> u, gu, work;

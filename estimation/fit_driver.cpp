@@ -15,8 +15,10 @@
 #include "estimation/imputation.h"
 #include "estimation/iterative_mme.h"
 #include "estimation/keep_parameters.h"
+#include "estimation/search_ranges.h"
 #include "reports/result_tables.h"
 #include "reports/user_abort.h"
+#include "varstruct/lost_ranges.h"
 
 namespace tolvan {
 namespace {
@@ -44,6 +46,7 @@ struct ITERATION {
   std::int64_t settling = 0;         // iterations made for parameters that still moved when LogL had converged
   std::int64_t singular_in_a_row = 0;  // evaluations whose information was singular, after one where it was not
   bool clean_before = false;
+  int searches = 2;                  // that ranges may still be sought anew
   double reset_step = 1.0;
   double started = 0.0;
   std::int64_t modified = 0;         // unstructured matrices made positive definite so far
@@ -219,6 +222,23 @@ void free_dependent(VARIANCE_MODEL& model, FIT_WORK& work)
   work.update.first_singular.clear();
 }
 
+/// Whether ranges got, by the last evaluation, where the data say nothing about them, and may be sought anew.
+bool ranges_are_lost(const FIT_CALL& call, const EVALUATION& ev, const ITERATION& it, const FIT_STATE& fit)
+{
+  return it.searches > 0 && fit.mode == 0 && it.n > 0 && it.n < it.limit && ev.evaluated.size() == call.model.parameters.size() &&
+         !lost_ranges(call.model, ev.evaluated, false).empty();
+}
+
+/// L_SEEK: seeks lost ranges anew, or, where the first evaluation failed, all of them; true when parameters were moved.
+bool L_SEEK(ERROR_HANDLER& eh, bool failed, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& work, EVALUATION& ev, ITERATION& it)
+{
+  const Frame here{eh, __func__};
+  --it.searches;
+  if (!failed) free_dependent(call.model, work);
+  const std::vector<double> start = failed ? parameter_values(call.model) : ev.evaluated;
+  return search_ranges(eh, in, it.n, start, failed, call.model, work, ev);
+}
+
 /// Whether something is wanted that only a final pass forms.
 bool final_pass_due(const FIT_WORK& work)
 {
@@ -231,7 +251,9 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
   const Frame here{eh, __func__};
   const auto p = static_cast<double>(call.model.count());
   for (;;) {
+    const bool lost = ranges_are_lost(call, ev, it, fit);
     ++it.n;
+    if (lost) L_SEEK(eh, false, call, in, work, ev, it);
     if (it.extra > 0) it.final_pass = false;
     if (it.n >= it.limit || fit.mode > 0) it.final_pass = true;
     work.aiopt(Ai::final_pass) = it.final_pass ? 1 : 0;
@@ -255,6 +277,14 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
       if (eh.terminate()) return;
       if (ev.fault == 2130) eh.warning(text("residual Sum of squares is ", trim(edit_g(ev.quadratic, 13, 6))));
       const bool retriable = ev.fault >= 10 && ev.fault <= 2000 && ev.fault != 1006;
+      const bool unformed = it.n == 1 && ev.fault > 1000 && ev.fault <= 1025 && it.limit > 1 && fit.mode == 0 && it.searches > 0;
+      const std::int64_t fault = ev.fault;
+      if (unformed && L_SEEK(eh, true, call, in, work, ev, it)) {
+        --it.n;
+        ev.evaluated.clear();
+        continue;
+      }
+      ev.fault = fault;
       if (retriable && L_RETRY(eh, true, call.model, work, ev, it)) continue;
       fit.fault = ev.fault;
       fit.end = FitEnd::failed;
@@ -298,8 +328,8 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
       eh.warning(text(singular, " singularities in AI matrix"));
       return;  // further iterations were asked for, and there is nothing more to find
     }
-    const bool passing = singular > 0 && it.n >= 2 && it.singular_in_a_row < most_singular_in_a_row &&
-                         (it.clean_before || it.singular_in_a_row > 0);
+    const bool ridge = it.n >= 2 && it.singular_in_a_row < most_singular_in_a_row && (it.clean_before || it.singular_in_a_row > 0);
+    const bool passing = singular > 0 && (ridge || ranges_are_lost(call, ev, it, fit));
     it.singular_in_a_row = passing ? it.singular_in_a_row + 1 : 0;
     it.clean_before = singular == 0;
     if (passing) free_dependent(call.model, work);

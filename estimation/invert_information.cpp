@@ -255,7 +255,9 @@ void K4MAII(ERROR_HANDLER& eh, bool update, std::int64_t iteration, INFORMATION&
 
   // A correlation about which the data say next to nothing beside its score is held.  Both are what is left once the parameters
   // before it are eliminated: the score of theta in ARMA(1,1), say, is large while phi is far off, and all phi's.
+  // Far from the optimum it only sits this step out: where another variance is far too large nothing is known about it, yet.
   std::vector<double> z(static_cast<std::size_t>(k), 0.0);  // the scores through the factor
+  std::vector<std::size_t> sit_out;
   for (std::int64_t i = 0; update && i < k; ++i) {
     if (!used[static_cast<std::size_t>(i)]) continue;
     double left = information.score[static_cast<std::size_t>(i)];
@@ -266,12 +268,17 @@ void K4MAII(ERROR_HANDLER& eh, bool update, std::int64_t iteration, INFORMATION&
     VARIANCE_PARAMETER& parameter = model.parameters[static_cast<std::size_t>(information.active[static_cast<std::size_t>(i)])];
     const double pivot = l[at(i, i)] * l[at(i, i)];
     if (parameter.type == ParamType::R && pivot < wide(0.01f) * std::fabs(left)) {
+      if (!state.may_fix) {
+        sit_out.push_back(static_cast<std::size_t>(i));
+        continue;
+      }
       eh.warning("Correlation parameter fixed; little information");
       eh.continuation(parameter.label);
       parameter.constraint = Constraint::F;
     }
   }
   invert(used, l, covariance);
+  for (const std::size_t i : sit_out) used[i] = 0;
 }
 
 }  // namespace tolvan

@@ -153,6 +153,8 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
 
   std::vector<double> covariance;
   std::vector<std::uint8_t> used;
+  const bool may_settle = iteration > 1 && std::fabs(gain) < settled_gain;
+  state.may_fix = may_settle;
   K4MAII(eh, true, iteration, information, model, aiopt, state, covariance, used);
   if (eh.terminate()) return;
 
@@ -249,7 +251,6 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
 
   const bool near_top = iteration > 1 && gain >= 0.0 && gain < top_gain;
   if (state.shortening == 0) judge_by_last_step(information, plain, model, near_top, open, used, state.moved, delta);
-  const bool may_settle = iteration > 1 && std::fabs(gain) < settled_gain;
   double largest_loading = 0.0;
   std::vector<double> moved(k, 0.0);  // in units
   state.growth_capped = false;

@@ -50,6 +50,7 @@ struct UPDATE_STATE {
   std::vector<double> change;      // relative change that the last step would make
   double largest_change = 0.0;
   double expected_gain = 0.0;      // of LogL by the last step, by the quadratic model
+  bool may_fix = true;             // LogL has settled so far that a correlation with little information is fixed for good
   bool growth_capped = false;      // a parameter wanted to grow by more than a step may: not at its optimum
   std::string first_singular;      // label of the first parameter without information
   std::vector<DEFINITE_ROW> definite;  // unstructured matrices whose step is kept in their space, where EM was not asked for
@@ -61,7 +62,7 @@ void damp_steps(bool fell, UPDATE_STATE& state);
 /// K4MAII: the inverse of the information matrix over the parameters that have information, by its own pivot rule.
 ///   update      codes of dependent parameters become S; a count goes to AIOPT(36); false leaves codes alone
 ///   information in units; covariance  likewise, lower triangle over `active`, zero rows for parameters left out
-///   used        one an active parameter: whether it took part
+///   used        one an active parameter: whether it takes part
 void K4MAII(ERROR_HANDLER& eh, bool update, std::int64_t iteration, INFORMATION& information, VARIANCE_MODEL& model, AIOPT& aiopt,
             UPDATE_STATE& state, std::vector<double>& covariance, std::vector<std::uint8_t>& used);
 

@@ -21,6 +21,7 @@ constexpr std::array<LIMITS, 5> limits = {LIMITS{1.0, 1e-7, 1e300},
                                           {0.0, -3.141592654, 3.141592654},
                                           {2.0, 1.0, 2.0}};
 enum { PHI, NU, DELTA, ALPHA, LAMBDA };
+constexpr double circle = 6.283185307179586;
 constexpr double nu_step = 1e-4;
 constexpr double beyond = 700.0;  // K underflows
 
@@ -67,6 +68,8 @@ void MATERN::take(FORM_CONTEXT& context, std::int64_t count)
     theta[k] = limits[k].otherwise;
     if (static_cast<std::int64_t>(k) >= count) continue;
     VARIANCE_PARAMETER& p = parameter(context, static_cast<std::int64_t>(k));
+    // An angle beyond its limits is the same as one turned back by whole circles; all others stop there.
+    if (k == ALPHA && std::fabs(p.value) > limits[k].most) p.value = std::remainder(p.value, circle);
     p.value = std::min(std::max(p.value, limits[k].least), limits[k].most);
     if (k == LAMBDA && p.value != 1.0) p.value = limits[k].otherwise;
     theta[k] = p.value;
