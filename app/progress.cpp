@@ -44,15 +44,16 @@ void Progress::iteration(std::string_view json)
     return item ? item->number() : 0.0;
   };
   const double loglik = number("logl");
-  const std::string change = last_loglik_ ? number_cell(loglik - *last_loglik_, 5) : "";
-  last_loglik_ = loglik;
+  const bool failed = loglik == TOLVAN_MISSING;
+  const std::string change = last_loglik_ && !failed ? number_cell(loglik - *last_loglik_, 5) : "";
+  if (!failed) last_loglik_ = loglik;
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start_;
   char line[160];
   // Exactly 1 where the model has no one residual variance.
   char residual[40] = "";
-  if (number("sigma2") != 1.0) std::snprintf(residual, sizeof residual, "   residual %#12.6g", number("sigma2"));
-  std::snprintf(line, sizeof line, "iteration %3.0f   LogL %14.5f   change %12s%s   %.1f s", number("iteration"), loglik, change.c_str(),
-                residual, elapsed.count());
+  if (number("sigma2") != 1.0 && !failed) std::snprintf(residual, sizeof residual, "   residual %#12.6g", number("sigma2"));
+  std::snprintf(line, sizeof line, "iteration %3.0f   LogL %14s   change %12s%s   %.1f s", number("iteration"),
+                failed ? "not formed" : number_cell(loglik, 5).c_str(), change.c_str(), residual, elapsed.count());
   std::string text = line;
   if (!rewritten_) {
     std::fprintf(stderr, "%s\n", text.c_str());

@@ -1,6 +1,7 @@
 #include "base/files.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,6 +30,66 @@ bool is_path(const std::string& path)
   if (!path.empty() && path.find('\0') == path.npos) return true;
   errno = path.empty() ? ENOENT : EINVAL;
   return false;
+}
+
+enum class Lock { taken, held, unknown };  // unknown: the file system has no locks
+
+Lock try_lock(int descriptor)
+{
+  if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0) return Lock::taken;
+  return errno == EWOULDBLOCK ? Lock::held : Lock::unknown;
+}
+
+bool is_file_at(int descriptor, const std::string& path)
+{
+  struct stat open {}, there {};
+  return ::fstat(descriptor, &open) == 0 && ::lstat(path.c_str(), &there) == 0 && S_ISREG(there.st_mode) &&
+         open.st_dev == there.st_dev && open.st_ino == there.st_ino;
+}
+
+/// Opens and locks a file that nobody writes any more; -1 where that is not certain.
+int take_over(const std::string& path)
+{
+  const int descriptor = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (descriptor < 0) return -1;
+  if (try_lock(descriptor) == Lock::taken && is_file_at(descriptor, path)) return descriptor;
+  ::close(descriptor);
+  return -1;
+}
+
+constexpr int most_neighbours = 1000;
+
+/// A new file beside a path, locked, or one left by a process that is gone; -1, with errno, where that fails.
+int open_neighbour(const std::string& path, std::string& beside)
+{
+  for (int k = 1; k <= most_neighbours; ++k) {
+    beside = text(path, ".part", k);
+    int descriptor = ::open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (descriptor < 0 && errno != EEXIST) return -1;
+    if (descriptor >= 0 && try_lock(descriptor) == Lock::held) {
+      ::close(descriptor);  // another writer was quicker to take it for one that was left
+      continue;
+    }
+    if (descriptor < 0) {
+      descriptor = take_over(beside);
+      if (descriptor < 0) continue;
+      if (::ftruncate(descriptor, 0) != 0) {
+        ::close(descriptor);
+        continue;
+      }
+    }
+    for (int more = k + 1; more <= most_neighbours; ++more) {
+      const std::string further = text(path, ".part", more);
+      if (file_size(further) < 0) break;
+      const int left = take_over(further);
+      if (left < 0) continue;
+      ::unlink(further.c_str());
+      ::close(left);
+    }
+    return descriptor;
+  }
+  errno = EEXIST;
+  return -1;
 }
 
 }  // namespace
@@ -181,9 +242,16 @@ void FileWriter::abandon()
   if (!beside_.empty()) ::unlink(beside_.c_str());
   if (shown_ && earlier_.empty()) ::unlink(path_.c_str());
   if (shown_ && !earlier_.empty()) ::rename(earlier_.c_str(), path_.c_str());
+  unlock();
   beside_.clear();
   earlier_.clear();
   shown_ = false;
+}
+
+void FileWriter::unlock()
+{
+  if (lock_ >= 0) ::close(lock_);
+  lock_ = -1;
 }
 
 bool FileWriter::fail()
@@ -210,11 +278,11 @@ bool FileWriter::open(const std::string& path)
   if (in_place) {
     descriptor = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
   } else {
-    for (int k = 1; k <= 1000 && descriptor < 0; ++k) {
-      std::string beside = text(path_, ".part", k);
-      descriptor = ::open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-      if (descriptor >= 0) beside_ = std::move(beside);
-      if (descriptor < 0 && errno != EEXIST) break;
+    std::string beside;
+    descriptor = open_neighbour(path_, beside);
+    if (descriptor >= 0) {
+      beside_ = std::move(beside);
+      lock_ = ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
     }
   }
   if (descriptor < 0) return fail();
@@ -237,17 +305,23 @@ bool FileWriter::show()
   errno = 0;
   if (std::fflush(file_.get()) != 0) return fail();
   if (shown_ || beside_.empty()) return true;
-  std::string earlier;
-  int linked = -1;
-  for (int k = 1; k <= 1000 && linked != 0; ++k) {
+  // Where an earlier file was put aside and nobody writes the one in its place, that is an incomplete one of a process that is gone.
+  std::string earlier = path_ + ".earlier1";
+  const int left = file_size(earlier) >= 0 ? take_over(path_) : -1;
+  int linked = left >= 0 ? 0 : -1;
+  for (int k = 1; k <= most_neighbours && linked != 0; ++k) {
     earlier = text(path_, ".earlier", k);
     linked = ::link(path_.c_str(), earlier.c_str());
     if (linked != 0 && errno != EEXIST) break;
   }
   if (linked != 0 && errno != ENOENT) return true;
   if (linked != 0) earlier.clear();  // there is none
-  if (::rename(beside_.c_str(), path_.c_str()) != 0) {
-    if (!earlier.empty()) ::unlink(earlier.c_str());
+  const bool renamed = ::rename(beside_.c_str(), path_.c_str()) == 0;
+  const int code = errno;
+  if (left >= 0) ::close(left);
+  if (!renamed) {
+    if (!earlier.empty() && left < 0) ::unlink(earlier.c_str());
+    errno = code;
     return fail();
   }
   shown_ = true;
@@ -263,6 +337,7 @@ bool FileWriter::commit()
   if (std::fclose(file_.release()) != 0) return fail();
   if (!beside_.empty() && ::rename(beside_.c_str(), path_.c_str()) != 0) return fail();
   if (!earlier_.empty()) ::unlink(earlier_.c_str());
+  unlock();
   beside_.clear();
   earlier_.clear();
   shown_ = false;

@@ -68,7 +68,10 @@ class FileReader {
   std::string error_;
 };
 
-/// A file that appears under its name only when it is complete: written beside it, then renamed.
+/// A file that appears under its name only when it is complete: written beside it, as "<name>.part1", then renamed.
+///
+/// The neighbour is locked (flock) as long as it is written.  One that nobody holds was left by a process that was killed: the next
+/// writer of the same name takes it over and removes further ones; it also takes over what that process had put aside by show().
 class FileWriter {
  public:
   FileWriter() = default;
@@ -89,6 +92,8 @@ class FileWriter {
  private:
   bool fail();
   void abandon();
+  void unlock();
+  int lock_ = -1;  // a second descriptor of the file, which keeps it locked until it is in its place
   FileHandle file_;
   std::string path_;
   std::string beside_;  // the neighbour; empty where the path is no regular file and is written in place, and once shown

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <string>
 
+#include "base/numbers.h"
 #include "base/text.h"
 #include "estimation/convergence.h"
 #include "estimation/em_updates.h"
@@ -14,6 +15,7 @@ namespace tolvan {
 namespace {
 
 constexpr double settled_move = 0.01;        // relative, of a parameter
+constexpr double last_rise = 1.4, last_fall = 1.3;  // of LogL in the last iteration: worth telling where it has not converged
 constexpr std::int64_t factor_effects = 15;  // internal code of factor models with equations of their own
 
 /// Whether a pedigree with genetic groups has singular equations.
@@ -54,6 +56,19 @@ bool has_factor_effects(const VARIANCE_MODEL& model)
   return std::any_of(model.rows.begin(), model.rows.end(), [](const STRUCTURE_ROW& row) { return row.model == factor_effects; });
 }
 
+/// Tells how far LogL still moved in the last iteration of a fit that has not converged.
+void note_last_change(ERROR_HANDLER& eh, const FIT_STATE& fit)
+{
+  if (fit.end != FitEnd::not_converged || fit.trace.size() < 2) return;
+  const ITERATION_ROW& last = fit.trace.back();
+  const ITERATION_ROW& before = fit.trace[fit.trace.size() - 2];
+  if (is_no_value(last.logl) || is_no_value(before.logl)) return;
+  const double change = last.logl - before.logl;
+  if (change <= last_rise && change >= -last_fall) return;
+  eh.note(text("iteration ", before.iteration, " had LogL ", trim(edit_f(before.logl, 18, 2)),
+               ", twice its difference to the last one is ", trim(edit_f(2.0 * change, 18, 2))));
+}
+
 }  // namespace
 
 void judge_status(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_WORK& work, const EVALUATION& ev, bool one_pass,
@@ -66,8 +81,8 @@ void judge_status(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_WORK
                     edit_f(work.best_logl - ev.logl, 18, 2), " better, adjust the step size or use SLOW"));
     fit.status += "; Possibly a local maxima";
   }
-  if (fit.end != FitEnd::converged) return;
-  if (!parameters_settled(model, work.update, ev, settled_move)) fit.status = text("Warning: ", fit.status, "; Parameters Not Converged");
+  const bool settled = fit.end != FitEnd::converged || parameters_settled(model, work.update, ev, settled_move);
+  if (!settled) fit.status = text("Warning: ", fit.status, "; Parameters Not Converged");
   if (one_pass && fit.status.find("performed") != std::string::npos && work.aiopt(Ai::restrained) == 0) {
     fit.status += " Parameters unchanged after one iteration.";
   }
@@ -86,6 +101,7 @@ void note_criteria(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL&
     eh.note(text("US structures were modified ", model.modified, " times to make them positive definite"));
   }
   note_edges(eh, model, work, fit);
+  note_last_change(eh, fit);
   if (em.used > 0) {
     eh.note(em.expanded ? text("used ", em_description(em), " you could try negative definite US or XFA instead")
                         : text("used !EMFLAG ", em.asked, " ", em_description(em),
@@ -102,16 +118,23 @@ void note_criteria(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL&
 void tell_failure(ERROR_HANDLER& eh, const FIT_STATE& fit, std::int64_t singular)
 {
   const Frame here{eh, __func__};
+  const auto begin = [&eh](const char* words) {
+    if (eh.terminate()) {
+      eh.warning(words);  // what ended the run stays its last error
+    } else {
+      eh.error(words);
+    }
+  };
   if (fit.fault < 0) {
-    eh.error("iteration aborted because of singularities in AI matrix");
+    begin("iteration aborted because of singularities in AI matrix");
     eh.continuation(text(singular, " singularities appeared in Average Information matrix, this could be a problem of scale or a "
                                    "problem with the model"));
     eh.continuation(
         "it is preferable to revise the model to remove the singularity, you can specify !AISING to force the job to continue");
     return;
   }
-  eh.error(fit.usable ? "the estimation was ABORTED because a fault occurred"
-                      : "the estimation was ABORTED because a fault occurred, no further output possible");
+  begin(fit.usable ? "the estimation was ABORTED because a fault occurred"
+                   : "the estimation was ABORTED because a fault occurred, no further output possible");
   eh.continuation(text("likelihood evaluation failed with fault ", fit.fault, " ", fault_text(fit.fault)));
   if (fit.usable) {
     eh.continuation(

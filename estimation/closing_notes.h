@@ -17,7 +17,7 @@ void judge_status(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const FIT_WORK
 /// The notes on singularities and mended matrices, and the information criteria.
 void note_criteria(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, const FIT_WORK& work, const FIT_STATE& fit);
 
-/// The terminating words of a fit that failed.
+/// The terminating words of a fit that failed; behind those that have ended it, where there are such.
 ///   singular  parameters without information, for a fit that ended so
 void tell_failure(ERROR_HANDLER& eh, const FIT_STATE& fit, std::int64_t singular);
 

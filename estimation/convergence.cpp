@@ -37,7 +37,6 @@ bool parameters_settled(const VARIANCE_MODEL& model, const UPDATE_STATE& update,
 bool has_converged(std::int64_t n, double logl, double reset_step, FIT_WORK& work, CONVERGENCE& state)
 {
   AIOPT& aiopt = work.aiopt;
-  const std::int64_t m = aiopt(Ai::restrained) / 10 + aiopt(Ai::boundary);
   const double stable = logl + static_cast<double>(aiopt(Ai::boundary));
   const double d = std::fabs(logl - state.previous);
   const double d_stable = std::fabs(stable - state.previous_stable);
@@ -49,13 +48,13 @@ bool has_converged(std::int64_t n, double logl, double reset_step, FIT_WORK& wor
   state.still = comparable && d < no_change && work.update.largest_change < no_move ? state.still + 1 : 0;
   if (!comparable) return false;
 
+  if (aiopt(Ai::restrained) / 10 + aiopt(Ai::boundary) <= 1) work.update.step = reset_step;
   if (state.trivial) return true;
   if (!state.simple && d < wide(0.005f) && work.update.step > wide(0.9f)) aiopt(Ai::restrained) /= 2;
   const std::int64_t thousandths = aiopt(Ai::step_thousandths);
   const bool standard = !state.simple && d < wide(0.002f) * static_cast<double>(n) && thousandths == 1000 &&
                         aiopt(Ai::restrained) <= 2 && aiopt(Ai::boundary) == 0;
   const bool simple = d_stable < wide(0.001f) && aiopt(Ai::restrained) <= 1 && std::llabs(thousandths - 1000) < 501;
-  if (m <= 1) work.update.step = reset_step;
   // Two evaluations may have the same LogL on either side of a ridge: the next step must not promise more either, and what was
   // better before must have been reached again.
   const double tolerance = wide(0.002f) * static_cast<double>(n);
@@ -73,7 +72,7 @@ double damp_towards_saved(const std::vector<double>& failed, VARIANCE_MODEL& mod
     v.constraint = work.saved[i].constraint;
     v.value = old;
     if (failed[i] == 0.0 || is_no_value(failed[i])) continue;
-    v.value = wide(0.9f) * old + wide(0.1f) * failed[i];
+    if (failed[i] != old) v.value = wide(0.9f) * old + wide(0.1f) * failed[i];  // the two shares are not quite 1
     const double size = std::fabs(old) + std::fabs(v.value);
     if (size > 0.0) sum += std::fabs(v.value - old) / size;
     count += 1.0;

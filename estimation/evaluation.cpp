@@ -6,10 +6,10 @@
 
 #include "base/text.h"
 #include "estimation/em_updates.h"
-#include "estimation/fault_texts.h"
 #include "estimation/iterative_mme.h"
 #include "estimation/keep_followers.h"
 #include "estimation/keep_rows.h"
+#include "estimation/lagrangian_order.h"
 #include "estimation/outliers.h"
 #include "estimation/section_variances.h"
 #include "estimation/supernode.h"
@@ -153,7 +153,6 @@ void L_ABSORB(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& mode
   if (eh.terminate()) {
     const bool short_of_memory = !eh.messages().empty() && eh.messages().back().ecode == Ecode::alloc_fail;
     if (short_of_memory) ev.fault = out_of_memory_absorbing;
-    if (short_of_memory) eh.continuation(std::string(fault_text(ev.fault)));
     return;
   }
   for (std::size_t p = 0; p < definite.size() && !ev.absorbed.cancelled; ++p) {
@@ -266,6 +265,7 @@ void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int 
   const Frame here{eh, __func__};
   MIXED_EQUATIONS& q = work.equations;
   ev.fault = 0;
+  ev.evaluated = parameter_values(model);  // should they fail: forming may mend some of them
   {
     const Timed timed{in.timing, "K4MSSF", "K4MITR"};
     K4MVSF(eh, in.options, in.terms, model, iteration, ev.formed, ev.fault);
@@ -276,9 +276,12 @@ void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int 
     q.solving = solving_of_mode(work.aiopt(Ai::mode));
     SETUP_EQUATIONS(eh, in.options, in.terms, in.design, model, ev.formed, q);
     if (eh.terminate()) return;
+    if (q.solving == Solving::by_factor && !lagrangian_equations_in_order(in.terms, model, ev.formed, q)) {
+      eh.error("Lagrangian Equation order issue was not fixed");
+      return;
+    }
   }
-  ev.evaluated.resize(model.parameters.size());
-  for (std::size_t i = 0; i < ev.evaluated.size(); ++i) ev.evaluated[i] = model.parameters[i].value;
+  ev.evaluated = parameter_values(model);
   {
     const Timed timed{in.timing, "K4MXXS", "K4MITR"};
     K4MXXS(eh, ev.formed, threads, q);

@@ -3,16 +3,17 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "base/clock.h"
 #include "base/text.h"
 #include "estimation/closing_notes.h"
 #include "estimation/coefficient_file.h"
-#include "estimation/convergence.h"
 #include "estimation/evaluation.h"
 #include "estimation/fault_texts.h"
 #include "estimation/final_results.h"
 #include "estimation/imputation.h"
+#include "estimation/iteration.h"
 #include "estimation/iterative_mme.h"
 #include "estimation/keep_parameters.h"
 #include "estimation/search_ranges.h"
@@ -34,84 +35,6 @@ constexpr const char* not_converged = " Warning: LogL not converged";
 constexpr std::int64_t most_singular_in_a_row = 3;  // evaluations while the iteration passes over a ridge
 constexpr double fall_seen = 1e-5;         // of LogL from the best evaluation: the step was too long
 constexpr double fall_reported = 2e-4;     // more than this, and the best evaluation is reported instead of the last
-
-/// The state of the iteration that only the driver sees.
-struct ITERATION {
-  std::int64_t n = 0;
-  std::int64_t limit = 20;
-  std::int64_t extra = 0;
-  std::int64_t failed = 0;           // failed evaluations so far
-  std::int64_t repeats = 0;          // of the present pass
-  std::int64_t singular_at_first = -1;
-  std::int64_t settling = 0;         // iterations made for parameters that still moved when LogL had converged
-  std::int64_t singular_in_a_row = 0;  // evaluations whose information was singular, after one where it was not
-  bool clean_before = false;
-  int searches = 2;                  // that ranges may still be sought anew
-  double reset_step = 1.0;
-  double started = 0.0;
-  std::int64_t modified = 0;         // unstructured matrices made positive definite so far
-  bool final_pass = false;
-  bool interrupted = false;          // a finish code was acted on
-  bool go_back = false;              // report from the last accepted parameters, not from the rejected ones
-  CONVERGENCE convergence;
-};
-
-/// L_OPEN: the messages and settings before the loop.
-void L_OPEN(ERROR_HANDLER& eh, const FIT_CALL& call, FIT_WORK& work, ITERATION& it, FIT_STATE& fit)
-{
-  const Frame here{eh, __func__};
-  const FIT_OPTIONS& options = call.options;
-  it.limit = options(Slot::maxiterations);
-  it.extra = options(Slot::extra);
-  it.started = wall_seconds();
-  if (it.limit <= 0) {
-    eh.error(text("model not processed because maximum number of iterations was set to ", it.limit));
-    return;
-  }
-  it.reset_step = 1.0 / (1.0 + static_cast<double>(std::max<std::int64_t>(0, options(Slot::slow))));
-  work.update.step = it.limit == 1 ? 1.0 : std::min(options(RealSlot::step_size), it.reset_step);
-  if (!(work.update.step > 0.0)) work.update.step = it.reset_step;
-  work.update.saved_step = work.update.step;
-  work.aiopt(Ai::penalty) = options(Slot::aipenalty);
-  work.aiopt(Ai::mode) = std::max<std::int64_t>(0, options(Slot::blup));
-  fit.mode = work.aiopt(Ai::mode);
-  work.aiopt(Ai::outliers) = options(Slot::outlier) > 0 ? 2 : 0;
-  if (work.aiopt(Ai::outliers) > 1 && (fit.mode == 1 || fit.mode > last_mode_by_factor)) {
-    eh.warning(text("there are no outlier statistics with !BLUP ", fit.mode, " because C-inverse is not formed"));
-  }
-  const std::int64_t present = processor_threads();
-  const std::int64_t threads = std::clamp<std::int64_t>(options(Slot::maximum_number_of_threads), 1, std::max<std::int64_t>(1, present));
-  work.aiopt(Ai::threads) = threads;
-  eh.note(threads == present ? text("this job uses all of the ", present, " processor threads")
-                             : text("this job uses ", threads, " of the ", present, " processor threads"));
-  if (options(Flag::testmode)) {
-    eh.warning("!TESTMODE has been selected, results from the following qualifiers have not been thoroughly validated");
-    eh.continuation("!KADJ, !IMPUTE, !SINGG, !FAMILY, !EM, !PXEM, !DOMINANCE");
-  }
-  if (call.design.negative_weights > 0) {
-    eh.warning(text(call.design.negative_weights, " negative weight(s) may have been treated as zero"));
-  }
-  if (call.design.negative_weights + call.design.zero_weights > 0) {
-    eh.warning("it is not safe to use zero weights to remove records from analysis");
-    eh.continuation(
-        "they should be reset to 1; especially if associated with missing response values that need to be predicted "
-        "(model term mv)");
-  }
-
-  // t0 = 1e-8 (1e-9 by its flag) times ten to the first value of the option tolerance, to the second less 1 when there
-  // are two; five times as much above a million equations.
-  work.tolerance = options(Flag::k4mxxail_tol_42) ? 1e-9 : 1e-8;
-  const auto power_of_ten = [](std::int64_t k) { return std::pow(10.0, static_cast<double>(std::clamp<std::int64_t>(k, -300, 300))); };
-  if (!options.tolerance.empty() && options.tolerance[0] != 0) work.tolerance *= power_of_ten(options.tolerance[0]);
-  if (call.terms.equations > 1000000) work.tolerance *= 5.0;
-  if (options.tolerance.size() >= 2) work.tolerance *= power_of_ten(options.tolerance[1] - 1);
-  work.default_tolerance = work.tolerance == 1e-8;
-  work.cancel.asked = [](void*) { return abort_file_exists(); };
-
-  it.convergence.trivial = call.model.count() == 1 && call.model.terms.empty() && call.model.sections.size() == 1;
-  it.convergence.simple = std::any_of(call.model.parameters.begin(), call.model.parameters.end(),
-                                      [](const VARIANCE_PARAMETER& v) { return v.type == ParamType::d; });
-}
 
 /// L_SET_BASE: keeps the reported LogL small by a base once it is beyond 120000.
 void L_SET_BASE(ERROR_HANDLER& eh, double logl, FIT_STATE& fit)
@@ -142,10 +65,11 @@ void L_TRACE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_WORK& work, const EVAL
 }
 
 /// L_RETRY: goes back towards the saved parameters after a failed evaluation; false when no retry is left.
-bool L_RETRY(ERROR_HANDLER& eh, bool fault, VARIANCE_MODEL& model, FIT_WORK& work, const EVALUATION& ev, ITERATION& it)
+///   base  of the LogL that is reported
+bool L_RETRY(ERROR_HANDLER& eh, bool fault, double base, VARIANCE_MODEL& model, FIT_WORK& work, const EVALUATION& ev, ITERATION& it)
 {
   const Frame here{eh, __func__};
-  if (!work.has_saved || it.failed > retries || it.repeats >= last_retry_marker) return false;
+  if (!work.has_saved || it.failed > retries || it.repeats > last_retry_marker) return false;
   std::vector<double> failed(model.parameters.size());
   for (std::size_t i = 0; i < failed.size(); ++i) {
     failed[i] = ev.evaluated.size() == failed.size() ? ev.evaluated[i] : model.parameters[i].value;
@@ -155,7 +79,7 @@ bool L_RETRY(ERROR_HANDLER& eh, bool fault, VARIANCE_MODEL& model, FIT_WORK& wor
     eh.warning(text("likelihood evaluation failed with fault ", ev.fault, " ", fault_text(ev.fault)));
     eh.continuation(text("trying again with reduced updates : ", edit_f(200.0 * mean, 8, 3)));
   } else {
-    eh.warning(text("Logliklihood decreased to ", edit_f(ev.logl, 11, 2), ", trying again with reduced updates ",
+    eh.warning(text("Logliklihood decreased to ", edit_f(ev.logl - base, 11, 2), ", trying again with reduced updates ",
                     edit_f(200.0 * mean, 8, 3)));
   }
   ++it.repeats;
@@ -179,7 +103,7 @@ bool L_USER_STOP(ERROR_HANDLER& eh, FIT_WORK& work, ITERATION& it, FIT_STATE& fi
   }
   if (code == static_cast<std::int64_t>(Ecode::user_finish) && !it.interrupted) {
     it.interrupted = true;
-    fit.status = "JOB INTERUPTED by USER";
+    if (fit.end != FitEnd::converged) fit.status = "JOB INTERUPTED by USER";
     it.limit = it.n + 1;
     work.update.step = 1.0;
   }
@@ -190,7 +114,10 @@ bool L_USER_STOP(ERROR_HANDLER& eh, FIT_WORK& work, ITERATION& it, FIT_STATE& fi
 void L_ACCEPT(ERROR_HANDLER& eh, FIT_CALL& call, const EVALUATION& ev, FIT_WORK& work, ITERATION& it)
 {
   const Frame here{eh, __func__};
-  work.aiopt(Ai::falls) = work.has_saved && work.previous_logl - wide(0.001f) > ev.logl ? work.aiopt(Ai::falls) + 1 : 0;
+  const bool fell = work.has_saved && !it.came_by_em && work.previous_logl - wide(0.001f) > ev.logl;
+  work.aiopt(Ai::falls) = fell ? work.aiopt(Ai::falls) + 1 : 0;
+  it.came_by_em = work.em.used > it.em_updates;
+  it.em_updates = work.em.used;
   KEEPGM_SAVE_AND_ADJUST(eh, it.n, call.options(Slot::oscillate) != 0, ev, call.model, work);
   const std::int64_t modified = call.model.modified - it.modified;
   it.modified = call.model.modified;
@@ -204,6 +131,9 @@ void L_ACCEPT(ERROR_HANDLER& eh, FIT_CALL& call, const EVALUATION& ev, FIT_WORK&
   }
   if (it.singular_at_first < 0) {
     it.singular_at_first = ev.absorbed.singular;
+    if (it.singular_at_first > 0) {
+      eh.note(text(it.singular_at_first, " singularties detected (tolerance: ", trim(edit_e(work.tolerance, 10, 2)), ")"));
+    }
   } else if (ev.absorbed.singular > it.singular_at_first) {
     eh.warning(text(ev.absorbed.singular - it.singular_at_first, " more singularities detected in design)"));
     eh.continuation(text("reset tolerance to ", trim(edit_e(work.tolerance, 10, 2)), " if the new DF are correct, otherwise try ",
@@ -225,7 +155,7 @@ void free_dependent(VARIANCE_MODEL& model, FIT_WORK& work)
 /// Whether ranges got, by the last evaluation, where the data say nothing about them, and may be sought anew.
 bool ranges_are_lost(const FIT_CALL& call, const EVALUATION& ev, const ITERATION& it, const FIT_STATE& fit)
 {
-  return it.searches > 0 && fit.mode == 0 && it.n > 0 && it.n < it.limit && ev.evaluated.size() == call.model.parameters.size() &&
+  return it.searches > 0 && fit.mode == 0 && ev.fault == 0 && it.n > 0 && it.n < it.limit && ev.evaluated.size() == call.model.parameters.size() &&
          !lost_ranges(call.model, ev.evaluated, false).empty();
 }
 
@@ -245,6 +175,24 @@ bool final_pass_due(const FIT_WORK& work)
   return work.aiopt(Ai::final_required) < 0 || work.aiopt(Ai::outliers) > 1;
 }
 
+/// The residual variance as it is reported: profiled, else the residual's own; 1 where there is no one such variance.
+double residual_variance(const VARIANCE_MODEL& model, const EVALUATION& ev)
+{
+  if (model.profiled || model.residual_parameter < 0) return ev.sigma2;
+  return ev.evaluated[static_cast<std::size_t>(model.residual_parameter)];
+}
+
+/// L_COUNT_MATRICES: complains of known matrices that have become more since the first iteration.
+void L_COUNT_MATRICES(ERROR_HANDLER& eh, const FIT_CALL& call, ITERATION& it)
+{
+  const Frame here{eh, __func__};
+  const std::int64_t used = call.genomic.matrices != nullptr ? std::ssize(call.genomic.matrices->matrices) : 0;
+  if (it.matrices < 0) it.matrices = used;
+  if (used <= it.matrices) return;
+  eh.internal(text("looks like the size of AMTXS is growing per iteration - it shouldnt: iteration = ", it.n, ", old_mused = ", it.matrices,
+                   ", mused = ", used));
+}
+
 /// L_ITERATE: the loop; leaves the fit's status and end set.
 void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& work, EVALUATION& ev, ITERATION& it, FIT_STATE& fit)
 {
@@ -253,6 +201,8 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
   for (;;) {
     const bool lost = ranges_are_lost(call, ev, it, fit);
     ++it.n;
+    L_COUNT_MATRICES(eh, call, it);
+    if (eh.terminate()) return;
     if (lost) L_SEEK(eh, false, call, in, work, ev, it);
     if (it.extra > 0) it.final_pass = false;
     if (it.n >= it.limit || fit.mode > 0) it.final_pass = true;
@@ -265,8 +215,11 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
       return;
     }
     if (eh.terminate()) {
-      if (ev.fault > 0) fit.end = FitEnd::failed;
-      if (ev.fault > 0) fit.status = fault_text(ev.fault);
+      if (ev.fault > 0) {
+        fit.fault = ev.fault;
+        fit.end = FitEnd::failed;
+        fit.status = fault_text(ev.fault);
+      }
       return;
     }
     if (it.n <= 2) TMG_LOG(call.timing, " Iteration complete");
@@ -285,7 +238,7 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
         continue;
       }
       ev.fault = fault;
-      if (retriable && L_RETRY(eh, true, call.model, work, ev, it)) continue;
+      if (retriable && L_RETRY(eh, true, fit.base, call.model, work, ev, it)) continue;
       fit.fault = ev.fault;
       fit.end = FitEnd::failed;
       fit.status = ev.fault < 10 ? std::string(fault_text(ev.fault)) : "Iteration failed";
@@ -298,7 +251,7 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
       ++it.failed;
       L_TRACE(eh, call, work, ev, it, fit);
       if (eh.terminate()) return;
-      if (L_RETRY(eh, false, call.model, work, ev, it)) continue;
+      if (L_RETRY(eh, false, fit.base, call.model, work, ev, it)) continue;
       eh.warning("iteration was aborted because model is not converging");
       eh.continuation("consider changing the starting values, the model or use !CONTINUE to push on regardless");
       fit.status = "Convergence failed";
@@ -309,7 +262,10 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
     // A step that lost LogL is not followed by another from where it led: it is taken anew from the best parameters, shorter.
     const bool fell = work.best_logl - ev.logl > fall_seen;
     damp_steps(fell, work.update);
-    if (fell) step_from_best(eh, it.n, ev.logl - work.best_logl, call.model, work);
+    if (fell) {
+      step_from_best(eh, it.n, ev.logl - work.best_logl, call.model, work);
+      it.came_by_em = false;
+    }
     if (eh.terminate()) return;
     L_TRACE(eh, call, work, ev, it, fit);
     if (call.files != nullptr) SAVE_PARAMETERS(eh, call.model, parameter_values(call.model), *call.files);
@@ -335,6 +291,7 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
     if (passing) free_dependent(call.model, work);
     if (singular > 0 && !passing && call.options(Slot::aisingularities) == 0) {
       fit.status = "Singularity in Average Information Matrix";
+      if (call.report != nullptr && call.report->write("Singularity appeared in AI matrix\n")) call.report->show();
       fit.end = FitEnd::failed;
       fit.fault = -1;
       return;
@@ -342,7 +299,7 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
     if (singular > 0 && !passing) {
       eh.EH_ADD_MESSAGE({.text = text(singular, " singularities in AI matrix"), .etype = Etype::warning, .unique = true});
     }
-    if (ev.sigma2 < wide(0.001f) && it.limit >= 2 && it.n >= 2) {
+    if (residual_variance(call.model, ev) < wide(0.001f) && it.limit >= 2 && it.n >= 2) {
       eh.EH_ADD_MESSAGE({.text = "this error occurs in an animal model when the RESIDUAL variance is trying to go negative, i.e. "
                                  "heritability based on sire or dam variance would exceed 1",
                          .etype = Etype::warning,
@@ -357,6 +314,8 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
       eh.warning(
           "convergence has failed, this may be because you have specified  an inappropriate model for your data or because the "
           "data does not fit the model well, if you cannot resolve the problem, please report it");
+      eh.continuation("the Standard Errors of variance components (and solutions?) and derived quantities are wrong");
+      eh.continuation("use !MAXIT 1 instead of !BLUP to get correct standard errors");
       eh.continuation("AI updates repeatedly lowered the LogL");
       fit.status = "Convergence failure";
       return;
@@ -370,6 +329,7 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
       fit.status = not_converged;
       fit.end = FitEnd::not_converged;
     }
+    if (it.n >= 2 && L_USER_STOP(eh, work, it, fit)) return;
     if (it.final_pass) {
       if (!converged && singular > 0) fit.status = "Warning: iteration aborted because of singularities in AI matrix";
       return;
@@ -410,6 +370,7 @@ void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& 
     if (better_before) own.note("the parameters of an earlier iteration are reported, its LogL was the best");
     work.aiopt(Ai::final_pass) = 1;
     K4MITR(own, in, std::max<std::int64_t>(it.n, 2), call.model, work, ev);
+    if (own.terminate() && eh.terminate()) return;  // it failed again: that has been told
   }
   if (evaluated && !own.terminate() && ev.fault == 0 && !ev.absorbed.cancelled) {
     K4MFIN(own, in, call.model, work, ev, fit);
@@ -448,13 +409,8 @@ void AIWORK(ERROR_HANDLER& eh, FIT_CALL& call, FIT_STATE& fit)
   ITERATION it;
   EVALUATION ev;
   const FIT_MODEL in{call.options, call.variables, call.factors, call.terms, call.design, call.timing};
-  L_OPEN(eh, call, work, it, fit);
+  open_fit(eh, call, work, it, fit);
   if (eh.terminate()) return;
-  if (call.options.final_file.asked) {
-    fit.status = " Warning: Only one iteration performed";
-    it.limit = 1;
-    work.update.step = work.update.saved_step = 1.0;
-  }
   if (call.files != nullptr) work.equations.given_order = call.files->order;
   L_ITERATE(eh, call, in, work, ev, it, fit);
   const FACTOR& factor = work.equations.factor;
@@ -462,7 +418,7 @@ void AIWORK(ERROR_HANDLER& eh, FIT_CALL& call, FIT_STATE& fit)
   TMG_LOG(call.timing, " EndingResiduals");
   const std::int64_t singular = work.aiopt(Ai::ai_singularities);
   L_REPORT(eh, call, in, work, ev, it, fit);
-  if (fit.end == FitEnd::failed && !eh.terminate()) tell_failure(eh, fit, singular);
+  if (fit.end == FitEnd::failed) tell_failure(eh, fit, singular);
   const std::int64_t flag = fit.end == FitEnd::converged ? 0 : (fit.end == FitEnd::not_converged ? 2 : 1);
   ERROR_HANDLER aside;
   WARNING(eh.terminate() ? aside : eh, fit.status, flag, call.tables);

@@ -201,7 +201,6 @@ void begin_primary_report(const RUN_REPORT& run, REPORT_FILES& files)
   if (!files.in_use) return;
   std::string out = head_text(run);
   heading(out, "Iterations");
-  out += " Iter         LogL       sigma2        DF  Restr  Parameters\n";
   files.tlv.write(out);
   files.tlv.show();
   files.begun = true;
@@ -214,8 +213,10 @@ std::string iteration_line(const ITERATION_ROW& row)
   const auto real = [](double x, int width, int digits) {
     return is_no_value(x) ? padded("", static_cast<std::size_t>(width) - 2) + "NA" : edit_g(x, width, digits);
   };
-  std::string out = text(edit_i(row.iteration, 4), row.flag, real(row.logl, 13, 6), real(row.sigma2, 13, 5), edit_i(row.df, 9),
-                         edit_i(row.restrained, 6), ' ');
+  std::string out = text("iteration ", edit_i(row.iteration, 4), "  LogL ", real(row.logl, 13, 6), "  sigma2 ", real(row.sigma2, 12, 5),
+                         "  df ", edit_i(row.df, 9), "  step ", edit_f(row.step, 6, 3), "  restrained ", edit_i(row.restrained, 4));
+  if (row.flag != ' ') out += text("  repeat ", row.flag);
+  out += "  parameters";
   for (std::size_t k = 0; k < std::min(most, row.gammas.size()); ++k) out += text(' ', edit_g(row.gammas[k], 11, 4));
   if (row.gammas.size() > most) out += " ...";
   return std::string(rtrim(out)) + '\n';
@@ -236,6 +237,8 @@ std::string rest_of_primary_report(ERROR_HANDLER& eh, const RUN_REPORT& run, con
   heading(out, "Results");
   const OUTPUT_SCALAR* message = run.store.find_scalar("SCALAR_FINAL_MESSAGE");
   if (message != nullptr) out += text(' ', trim(message->sval), '\n');
+  const bool stopped = run.fit.end == FitEnd::aborted || run.fit.end == FitEnd::failed;
+  if (stopped && !run.fit.trace.empty()) out += text(' ', trim(run.fit.status), '\n');
   for (const char* name : {"TABLE_VARCOMP", "TABLE_VPARSUM", "TABLE_STRATVAR", "TABLE_INCRWALD", "TABLE_CONDRWALD"})
     add_table(eh, run.store, name, out);
   if (const std::string scalars = scalars_text(run); !scalars.empty()) out += text('\n', scalars);

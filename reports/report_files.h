@@ -75,7 +75,8 @@ std::string final_values_text(const VARIANCE_MODEL& model, const FIT_STATE& fit)
 /// Starts the primary report of a fit that is about to begin: comments, messages so far, data, model, the heading of the
 /// iterations.  From here on it can be followed under its name.
 void begin_primary_report(const RUN_REPORT& run, REPORT_FILES& files);
-/// The line of one iteration: number, LogL, sigma2, degrees of freedom, restrained updates, at most eight parameters.
+/// The line of one iteration: number, LogL, sigma2, degrees of freedom, step size, restrained updates, which repeat of the
+/// iteration it is, at most eight parameters.
 std::string iteration_line(const ITERATION_ROW& row);
 /// What follows the iterations, down to the timing table; what stands before them, too, where no fit was begun.
 std::string rest_of_primary_report(ERROR_HANDLER& eh, const RUN_REPORT& run, const REPORT_FILES& files);

@@ -31,8 +31,9 @@ std::int64_t L_ROW_FAULT(ERROR_HANDLER& eh, const STRUCTURE_ROW& row, const std:
   const char* words = row.model < 6    ? "Correlation structure is not positive definite"
                       : row.model < 26 ? "Variance structure is not positive definite"
                                        : "Failed absorbing C matrix";
-  eh.EH_ADD_MESSAGE({.text = words, .etype = Etype::warning, .unique = true});
-  if (!name.empty()) eh.continuation(name);
+  bool told = false;
+  eh.EH_ADD_MESSAGE({.text = words, .etype = Etype::warning, .unique = true, .is_duplicate = &told});
+  if (!name.empty() && !told) eh.continuation(name);
   return fault;
 }
 

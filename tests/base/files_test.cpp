@@ -2,8 +2,12 @@
 #include "base/files.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
+#include <set>
 
 #include "base/text.h"
 #include "support/checks.h"
@@ -116,6 +120,78 @@ TEST(Files, AFileIsReplacedWholeOrNotAtAll)
   std::size_t files = 0;
   for ([[maybe_unused]] const auto& each : std::filesystem::directory_iterator(folder.path("."))) ++files;
   EXPECT_EQ(files, 2u) << "no neighbours are left";
+}
+
+std::set<std::string> names_in(const TempFolder& folder)
+{
+  std::set<std::string> names;
+  for (const auto& each : std::filesystem::directory_iterator(folder.path("."))) names.insert(each.path().filename().string());
+  return names;
+}
+
+/// Writes to files in a process that is killed while it does; with `shown` their first half stands under their names.
+void write_and_be_killed(const std::vector<std::string>& paths, bool shown)
+{
+  const pid_t child = fork();
+  if (child == 0) {
+    std::vector<FileWriter> writers(paths.size());
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+      if (!writers[i].open(paths[i]) || !writers[i].write("half") || (shown && !writers[i].show())) _exit(1);
+    }
+    std::raise(SIGKILL);
+  }
+  int how = 0;
+  waitpid(child, &how, 0);
+  EXPECT_TRUE(WIFSIGNALED(how));
+}
+
+TEST(Files, WhatAKilledProcessLeftIsTakenOver)
+{
+  const TempFolder folder;
+  const std::string path = folder.path("f");
+  std::string contents, error;
+  // Two writers of one name at once keep apart; both were killed.
+  write_and_be_killed({path, path}, false);
+  EXPECT_EQ(names_in(folder), (std::set<std::string>{"f.part1", "f.part2"}));
+  {
+    FileWriter one, other;
+    ASSERT_TRUE(one.open(path) && one.write("one"));
+    EXPECT_EQ(names_in(folder), (std::set<std::string>{"f.part1"}));
+    ASSERT_TRUE(other.open(path) && other.write("the other"));
+    EXPECT_EQ(names_in(folder), (std::set<std::string>{"f.part1", "f.part2"})) << "what is being written is left alone";
+    EXPECT_TRUE(one.commit());
+    read_file(path, contents, error);
+    EXPECT_EQ(contents, "one");
+    EXPECT_TRUE(other.commit());
+  }
+  read_file(path, contents, error);
+  EXPECT_EQ(contents, "the other");
+
+  // A report that was followed: the whole one waits beside it.  It comes back, or goes once there is a new one.
+  for (const bool commits : {false, true}) {
+    write_and_be_killed({path}, true);
+    read_file(path, contents, error);
+    EXPECT_EQ(contents, "half");
+    EXPECT_EQ(names_in(folder), (std::set<std::string>{"f", "f.earlier1"}));
+    {
+      FileWriter next;
+      ASSERT_TRUE(next.open(path) && next.write("new") && next.show());
+      EXPECT_EQ(names_in(folder), (std::set<std::string>{"f", "f.earlier1"}));
+      FileWriter another;  // finds the one in place being written, and puts that aside
+      ASSERT_TRUE(another.open(path) && another.write("another") && another.show());
+      EXPECT_EQ(names_in(folder).size(), 3U);
+    }
+    write_and_be_killed({path}, true);
+    FileWriter last;
+    ASSERT_TRUE(last.open(path) && last.write("last") && last.show());
+    if (commits) {
+      EXPECT_TRUE(last.commit());
+    } else {
+      EXPECT_TRUE(last.open(folder.path("else")));  // gives the former up
+    }
+    read_file(path, contents, error);
+    EXPECT_EQ(contents, commits ? "last" : "the other");
+  }
 }
 
 }  // namespace

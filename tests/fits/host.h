@@ -47,6 +47,14 @@ class Host {
     if (n > 0) ctlv_output_real(&status, &handle, id.data(), static_cast<std::int32_t>(id.size()), out.data(), &n);
     return out;
   }
+  std::vector<int> integers(std::string_view id)
+  {
+    std::int32_t n = 0;
+    ctlv_output_integer(&status, &handle, id.data(), static_cast<std::int32_t>(id.size()), nullptr, &n);
+    std::vector<std::int32_t> out(static_cast<std::size_t>(n > 0 ? n : 0));
+    if (n > 0) ctlv_output_integer(&status, &handle, id.data(), static_cast<std::int32_t>(id.size()), out.data(), &n);
+    return {out.begin(), out.end()};
+  }
   double real(std::string_view id)
   {
     double x = 0.0;

@@ -102,7 +102,7 @@ TEST_F(Reports, FitsCanBeFollowed)
     eh.note("told before the fit");
     begin_primary_report(run(), files);
     EXPECT_NE(read("r.tlv").find("told before the fit"), std::string::npos);
-    EXPECT_TRUE(read("r.tlv").ends_with("  Restr  Parameters\n"));
+    EXPECT_TRUE(read("r.tlv").ends_with("Iterations\n----------\n"));
     for (const ITERATION_ROW& row : rows) {
       f.fit.trace.push_back(row);
       HANDLE_TRACE(eh, communication, f.fit, 20, &files.tlv, store);
