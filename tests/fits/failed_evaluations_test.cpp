@@ -26,7 +26,7 @@ struct OwnProgram : testing::Test {
   {
     fs::create_directories(folder);
     // What the program does at a call stands in the file "modes": its number and a word a line, "5+ word" from call 5 on.
-    std::ofstream(folder / "own.sh") << "cd " << folder << R"(
+    std::ofstream(folder / "own.sh") << "cd " << folder << R"x(
 k=$(($(cat count 2>/dev/null || echo 0) + 1)); echo $k > count
 mode=$(awk -v k=$k '$1 == k || ($1 ~ /[+]$/ && k >= $1 + 0) { print $2 }' modes)
 [ "$mode" = fails ] && exit 1
@@ -37,7 +37,7 @@ NR == 1 { n = substr($0, 1, 5) + 0; print $0 }
 NR == 2 { a = substr($0, 1, 14); b = substr($0, 15, 14); sub("D", "E", a); sub("D", "E", b); a += 0; b += 0; print $0
   if (mode == "indefinite") put(-1, 2); else if (mode == "large") put(1000 * a, 1000 * b); else put(a, b)
   put(1, 0); put(0, 1) }' mineA3.own > mine.gdg
-)";
+)x";
     std::mt19937 random(5);
     std::normal_distribution<double> normal;
     data.resize(3 * count);
@@ -62,8 +62,8 @@ NR == 2 { a = substr($0, 1, 14); b = substr($0, 15, 14); sub("D", "E", a); sub("
     std::ofstream(folder / "modes") << modes << "\n";
     host.info("{\"dataset\":" + dataset("d", count, {{"env", environments}, {"geno", genotypes}, {"y", 0}}) + "}");
     host.matrix("d", data, count, 3);
-    host.process(R"({"model":{"response":"y","fixed":"env","random":"id(env):id(geno)"},"options":{"maxiterations":30},
-      "own":{"term":"env:geno","component":"env","values":[0.5,0.2],"control":3,"program":"sh )" +
+    host.process(R"x({"model":{"response":"y","fixed":"env","random":"id(env):id(geno)"},"options":{"maxiterations":30},
+      "own":{"term":"env:geno","component":"env","values":[0.5,0.2],"control":3,"program":"sh )x" +
                  (folder / "own.sh").string() + R"(","file":")" + (folder / "mine").string() + "\"}}");
   }
 };
