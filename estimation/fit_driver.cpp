@@ -155,8 +155,8 @@ void free_dependent(VARIANCE_MODEL& model, FIT_WORK& work)
 /// Whether ranges got, by the last evaluation, where the data say nothing about them, and may be sought anew.
 bool ranges_are_lost(const FIT_CALL& call, const EVALUATION& ev, const ITERATION& it, const FIT_STATE& fit)
 {
-  return it.searches > 0 && fit.mode == 0 && ev.fault == 0 && it.n > 0 && it.n < it.limit && ev.evaluated.size() == call.model.parameters.size() &&
-         !lost_ranges(call.model, ev.evaluated, false).empty();
+  return it.searches > 0 && fit.mode == 0 && ev.fault == 0 && it.n > 0 && it.n < it.limit &&
+         ev.evaluated.size() == call.model.parameters.size() && !lost_ranges(call.model, ev.evaluated, false).empty();
 }
 
 /// L_SEEK: seeks lost ranges anew, or, where the first evaluation failed, all of them; true when parameters were moved.

@@ -128,14 +128,13 @@ Model
 
 Iterations
 ----------
- Iter         LogL       sigma2        DF  Restr  Parameters
-   1  -159.698       1.7127          193     2   0.1000      0.1000      0.1000      0.1000       1.000
-   2  -122.295       1.0191          193     2   0.3361      0.6127      0.3000      0.3000       1.000
-   3  -104.692      0.98275          193     1   0.7327      0.9263      0.5000      0.5000       1.000
-   4  -98.9005       1.3937          193     0    1.180      0.6759      0.6014      0.7000       1.000
-   5  -98.4794       1.3417          193     0    1.786      0.6289      0.5897      0.6818       1.000
-   6  -98.4443       1.3383          193     0    2.149      0.6275      0.5902      0.6815       1.000
-   7  -98.4432       1.3382          193     0    2.232      0.6270      0.5904      0.6816       1.000
+iteration    1  LogL  -159.698      sigma2   1.7127      df       193  step  1.000  restrained    2  parameters  0.1000      0.1000      0.1000      0.1000       1.000
+iteration    2  LogL  -122.295      sigma2   1.0191      df       193  step  1.000  restrained    2  parameters  0.3361      0.6127      0.3000      0.3000       1.000
+iteration    3  LogL  -104.692      sigma2  0.98275      df       193  step  1.000  restrained    1  parameters  0.7327      0.9263      0.5000      0.5000       1.000
+iteration    4  LogL  -98.9005      sigma2   1.3937      df       193  step  1.000  restrained    0  parameters   1.180      0.6759      0.6014      0.7000       1.000
+iteration    5  LogL  -98.4794      sigma2   1.3417      df       193  step  1.000  restrained    0  parameters   1.786      0.6289      0.5897      0.6818       1.000
+iteration    6  LogL  -98.4443      sigma2   1.3383      df       193  step  1.000  restrained    0  parameters   2.149      0.6275      0.5902      0.6815       1.000
+iteration    7  LogL  -98.4432      sigma2   1.3382      df       193  step  1.000  restrained    0  parameters   2.232      0.6270      0.5904      0.6816       1.000
  Final parameter values:
    2.2315125      0.62699362      0.59037558      0.68156321       1.0000000    
 
@@ -173,7 +172,7 @@ code B - fixed at a boundary             F - fixed by user
 Time
 ----
 END OF AIDATA_BODY
-AIDATA_BODY                   0.01      1 calls)
+AIDATA_BODY                   0.04      1 calls)
 AIPEDA                        0.00      1 calls)
 INITFLL                       0.00      1 calls)
 GIV_GRM                       0.00      1 calls)
@@ -184,7 +183,7 @@ REORDER_MODEL_TERMS           0.00      1 calls)
 K4MPRS                        0.00      1 calls)
 AIDSGN                        0.00      1 calls)
 BIG_CHUNK_OF_AIDATA           0.00      1 calls)
-K4MITR                        0.00      7 calls)
+K4MITR                        0.01      7 calls)
 K4MSSF                        0.00      7 calls)
 REORDER_MATRIX                0.00      1 calls)
 K4MXXS                        0.00      7 calls)
@@ -198,4 +197,4 @@ K4MSCG                        0.00      7 calls)
 K4MSCR                        0.00      7 calls)
 K4MUPD                        0.00      7 calls)
 K4MRIE                        0.00      1 calls)
-Other                         0.00
+Other                         0.03

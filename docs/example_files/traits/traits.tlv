@@ -71,11 +71,10 @@ Model
 
 Iterations
 ----------
- Iter         LogL       sigma2        DF  Restr  Parameters
-   1  -166.432       1.0000          230     0   0.4952      0.5604       2.158      0.4952      0.5604       2.158
-   2  -162.489       1.0000          230     0   0.4894      0.8926       2.790      0.5438      0.3761       1.780
-   3  -162.418       1.0000          230     0   0.5277      0.9317       2.941      0.5426      0.3737       1.779
-   4  -162.418       1.0000          230     0   0.5278      0.9304       2.938      0.5427      0.3739       1.780
+iteration    1  LogL  -166.432      sigma2   1.0000      df       230  step  1.000  restrained    0  parameters  0.4952      0.5604       2.158      0.4952      0.5604       2.158
+iteration    2  LogL  -162.489      sigma2   1.0000      df       230  step  1.000  restrained    0  parameters  0.4894      0.8926       2.790      0.5438      0.3761       1.780
+iteration    3  LogL  -162.418      sigma2   1.0000      df       230  step  1.000  restrained    0  parameters  0.5277      0.9317       2.941      0.5426      0.3737       1.779
+iteration    4  LogL  -162.418      sigma2   1.0000      df       230  step  1.000  restrained    0  parameters  0.5278      0.9304       2.938      0.5427      0.3739       1.780
  Final parameter values:
   0.52780754      0.93041583       2.9381791      0.54271538      0.37387739    
    1.7795685    
@@ -83,6 +82,8 @@ Iterations
 Messages of the fit
 -------------------
     Note: this job uses all of the 2 processor threads
+
+    Note: 3 singularties detected (tolerance: 0.10E-07)
 
     Note: Akaike Information Criterion     336.84 (assuming 6 parameters).
 
@@ -134,7 +135,7 @@ Eigenvalues of units.us(trait);US
 Time
 ----
 END OF AIDATA_BODY
-AIDATA_BODY                   0.01      1 calls)
+AIDATA_BODY                   0.07      1 calls)
 AIPEDA                        0.00      1 calls)
 INITFLL                       0.00      1 calls)
 GIV_GRM                       0.00      1 calls)
@@ -145,9 +146,9 @@ REORDER_MODEL_TERMS           0.00      1 calls)
 K4MPRS                        0.00      1 calls)
 AIDSGN                        0.00      1 calls)
 BIG_CHUNK_OF_AIDATA           0.00      1 calls)
-K4MITR                        0.00      4 calls)
+K4MITR                        0.01      4 calls)
 K4MSSF                        0.00      4 calls)
-REORDER_MATRIX                0.00      1 calls)
+REORDER_MATRIX                0.01      1 calls)
 K4MXXS                        0.00      4 calls)
 K4MXXG                        0.00      4 calls)
 K4MXXAIL                      0.00      4 calls)
@@ -158,5 +159,5 @@ K4MSMI                        0.00      4 calls)
 K4MSCG                        0.00      4 calls)
 K4MSCR                        0.00      4 calls)
 K4MUPD                        0.00      4 calls)
-K4MRIE                        0.00      1 calls)
-Other                         0.00
+K4MRIE                        0.03      1 calls)
+Other                         0.03
