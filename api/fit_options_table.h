@@ -77,7 +77,7 @@ inline constexpr auto option_table = [] {
       integer_option("blup",            Slot::blup,             2, built),
       integer_option("brief",           Slot::brief,            1, harmless),
       integer_option("ddf",             Slot::ddf,              6, unbuilt),
-      integer_option("debug",           Slot::debug,         1023, harmless),
+      integer_option("debug",           Slot::debug,         1023, built),
       integer_option("dense",           Slot::dense,            0, built),
       integer_option("df",              Slot::df,               0, harmless),
       integer_option("display",         Slot::display,         15, harmless),

@@ -38,36 +38,54 @@ std::vector<ELEMENT> elements_of(const MIXED_EQUATIONS& q)
   return out;
 }
 
+/// L_WRITE: writes a head and every element as `line` puts it; true once the file is in its place.
+template <class Line>
+bool L_WRITE(ERROR_HANDLER& eh, const MIXED_EQUATIONS& q, const std::string& name, std::string head, Line&& line)
+{
+  const Frame here{eh, __func__};
+  if (q.c.value.empty()) {
+    eh.warning(text("there is no file ", name, " because the equations were solved without forming their matrix"));
+    return false;
+  }
+  const std::vector<ELEMENT> elements = elements_of(q);
+  std::string bytes = std::move(head);
+  FileWriter file;
+  bool good = file.open(name);
+  for (const ELEMENT& each : elements) {
+    constexpr std::size_t piece = 1 << 20;
+    line(bytes, each);
+    if (bytes.size() < piece) continue;
+    good = good && file.write(bytes);
+    bytes.clear();
+  }
+  if (good && file.write(bytes) && file.commit()) return true;
+  eh.error(text("unable to write file ", name), Ecode::io_error);
+  eh.continuation(file.error());
+  return false;
+}
+
 }  // namespace
 
 void WRITE_CMAT(ERROR_HANDLER& eh, const MIXED_EQUATIONS& q, const std::string& name)
 {
   const Frame here{eh, __func__};
-  if (q.c.value.empty()) {
-    eh.warning(text("there is no file ", name, " because the equations were solved without forming their matrix"));
-    return;
-  }
-  const std::vector<ELEMENT> elements = elements_of(q);
-  FileWriter file;
-  std::string bytes = "TLVCMAT1";
-  put(bytes, static_cast<std::uint64_t>(q.n));
-  put(bytes, elements.size());
-  bool good = file.open(name);
-  for (const ELEMENT& each : elements) {
-    constexpr std::size_t piece = 1 << 20;
-    put(bytes, static_cast<std::uint64_t>(each.row));
-    put(bytes, static_cast<std::uint64_t>(each.column));
-    put(bytes, std::bit_cast<std::uint64_t>(each.value));
-    if (bytes.size() < piece) continue;
-    good = good && file.write(bytes);
-    bytes.clear();
-  }
-  if (good && file.write(bytes) && file.commit()) {
-    eh.note("model order for equations written to CMAT.bin, CPMAT.bin or CAMAT.bin");
-    return;
-  }
-  eh.error(text("unable to write file ", name), Ecode::io_error);
-  eh.continuation(file.error());
+  std::string head = "TLVCMAT1";
+  put(head, static_cast<std::uint64_t>(q.n));
+  put(head, q.c.value.size());
+  const bool written = L_WRITE(eh, q, name, std::move(head), [](std::string& out, const ELEMENT& each) {
+    put(out, static_cast<std::uint64_t>(each.row));
+    put(out, static_cast<std::uint64_t>(each.column));
+    put(out, std::bit_cast<std::uint64_t>(each.value));
+  });
+  if (written) eh.note("model order for equations written to CMAT.bin, CPMAT.bin or CAMAT.bin");
+}
+
+void WRITE_CMAT_TEXT(ERROR_HANDLER& eh, const MIXED_EQUATIONS& q, const std::string& name)
+{
+  const Frame here{eh, __func__};
+  L_WRITE(eh, q, name, {}, [](std::string& out, const ELEMENT& each) {
+    out += text(each.row, ' ', each.column, ' ', each.value, '\n');
+  });
 }
 
 }  // namespace tolvan

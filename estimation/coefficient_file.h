@@ -1,4 +1,4 @@
-// The coefficient matrix of a fit as a file.  Routine: WRITE_CMAT.
+// The coefficient matrix of a fit as a file.  Routines: WRITE_CMAT, WRITE_CMAT_TEXT.
 #pragma once
 
 #include <string>
@@ -13,5 +13,7 @@ namespace tolvan {
 /// the equations of the model from 1, zeros of the pattern included.  A file that can not be written is an error; where the
 /// equations were solved without C a warning says so.
 void WRITE_CMAT(ERROR_HANDLER& eh, const MIXED_EQUATIONS& equations, const std::string& name);
+/// WRITE_CMAT_TEXT: the same for reading: row, column and value of an element on each line.
+void WRITE_CMAT_TEXT(ERROR_HANDLER& eh, const MIXED_EQUATIONS& equations, const std::string& name);
 
 }  // namespace tolvan

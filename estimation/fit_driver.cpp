@@ -393,6 +393,8 @@ void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& 
       }
       if (call.options(Slot::cmat) > 0 && call.files != nullptr && call.files->in_use)
         WRITE_CMAT(own, work.equations, text(call.files->folder(), "CMAT.bin"));
+      if (call.options(Slot::debug) > 0 && call.files != nullptr && call.files->in_use)
+        WRITE_CMAT_TEXT(own, work.equations, text(call.files->folder(), "cmat.rcv"));
       if (call.files != nullptr) SAVE_PARAMETERS(own, call.model, fit.evaluated, *call.files);
       TMG_LOG(call.timing, " TLV/SLN/YHT written");
     }

@@ -6,6 +6,7 @@
 #include "base/memory.h"
 #include "base/text.h"
 #include "estimation/equations.h"
+#include "estimation/null_levels.h"
 #include "estimation/order_equations.h"
 
 namespace tolvan {
@@ -492,6 +493,7 @@ void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_T
   if (!q.residual.empty() || q.solving != Solving::by_factor) q.rows = by_records(q.columns, design.rows());
   take_responses(design, q);
   design_sizes(terms, q);
+  warn_of_null_levels(eh, terms, model, formed, q);
 }
 
 }  // namespace tolvan

@@ -116,9 +116,10 @@ void L_WRITE_EQUATIONS_OF_TERMS(ERROR_HANDLER& eh, const OUTPUT_TABLE_STORE& sto
 }
 
 /// One line an item, fields between tabs, numbers with all their digits: for programs that take results up.
-std::string brief_dump(const OUTPUT_TABLE_STORE& store)
+std::string brief_dump(const RUN_REPORT& run)
 {
-  std::string out;
+  const OUTPUT_TABLE_STORE& store = run.store;
+  std::string out = text("equations\tNEQ\t", run.terms.equations, "\nequations\tNEQD\t", run.order.dense, '\n');
   for (const auto& scalar : store.scalars) {
     out += text("scalar\t", scalar->name, '\t');
     if (scalar->type == ColumnType::integer) out += text(scalar->ival);
@@ -145,12 +146,12 @@ std::string brief_dump(const OUTPUT_TABLE_STORE& store)
 }
 
 /// L_AIDRPT_BRIEF_DUMP: the .vrb file.
-void L_AIDRPT_BRIEF_DUMP(ERROR_HANDLER& eh, const OUTPUT_TABLE_STORE& store, const std::string& stem)
+void L_AIDRPT_BRIEF_DUMP(ERROR_HANDLER& eh, const RUN_REPORT& run, const std::string& stem)
 {
   const Frame here{eh, __func__};
   FileWriter file;
   if (!OPENTXTCSV(eh, stem, "vrb", file)) return;
-  file.write(brief_dump(store));
+  file.write(brief_dump(run));
   L_COMMIT(eh, stem + ".vrb", file);
 }
 
@@ -230,7 +231,7 @@ void WRITE_REPORT_FILES(ERROR_HANDLER& eh, const RUN_REPORT& run, REPORT_FILES& 
     with_own([&](ERROR_HANDLER& own) { L_WRITE_TABLE(own, run.store, "TABLE_YHT", files.stem, "yht", run.options(Slot::yhtform)); });
     with_own([&](ERROR_HANDLER& own) { L_WRITE_EQUATIONS_OF_TERMS(own, run.store, files.stem + ".cii"); });
     with_own([&](ERROR_HANDLER& own) { L_WRITE_TABLE(own, run.store, "TABLE_KCV", files.stem, "kcv", 0); });
-    if (run.options(Flag::vrb)) with_own([&](ERROR_HANDLER& own) { L_AIDRPT_BRIEF_DUMP(own, run.store, files.stem); });
+    if (run.options(Flag::vrb)) with_own([&](ERROR_HANDLER& own) { L_AIDRPT_BRIEF_DUMP(own, run, files.stem); });
     with_own([&](ERROR_HANDLER& own) { L_ADD_WALD_TABLES(own, run, files.stem); });
   }
   if (!run.summary.empty()) {

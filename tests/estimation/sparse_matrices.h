@@ -82,10 +82,29 @@ struct DENSE {
   double operator()(std::int64_t i, std::int64_t j) const { return a[static_cast<std::size_t>(i + j * n)]; }
 };
 
-enum class Kind { definite, indefinite, singular };
+enum class Kind { definite, indefinite, singular, dependent };
 
-/// Values on a pattern.  Definite and indefinite ones are dominated by their diagonal; a singular one is X'X
-/// with columns that repeat earlier ones.
+/// The parts of a pattern that are not joined to each other.
+inline std::int64_t parts_of(const PATTERN& pattern)
+{
+  std::vector<std::int64_t> up(static_cast<std::size_t>(pattern.n));
+  std::iota(up.begin(), up.end(), 0);
+  std::int64_t parts = pattern.n;
+  const auto join = [&](std::int64_t a, std::int64_t b) {
+    while (up[a] != a) a = up[a];
+    while (up[b] != b) b = up[b];
+    parts -= a != b ? 1 : 0;
+    up[a] = b;
+  };
+  for (std::int64_t j = 0; j < pattern.n; ++j) {
+    for (std::int64_t p = pattern.start[j]; p < pattern.start[j + 1]; ++p) join(j, pattern.row[p]);
+    if (j > pattern.n - pattern.dense) join(j, j - 1);
+  }
+  return parts;
+}
+
+/// Values on a pattern.  Definite and indefinite ones are dominated by their diagonal; a singular one has equations without any
+/// information; a dependent one is X'X of differences, whose equations add up to zero in each part of the pattern.
 inline DENSE make_values(const PATTERN& pattern, Kind kind, unsigned seed)
 {
   std::mt19937 random(seed);
@@ -106,6 +125,17 @@ inline DENSE make_values(const PATTERN& pattern, Kind kind, unsigned seed)
     double sum = 1.0 + std::abs(value(random));
     for (std::int64_t j = 0; j < c.n; ++j) sum += i == j ? 0.0 : std::abs(c(i, j));
     c(i, i) = kind == Kind::indefinite && i % 3 == 1 ? -sum : sum;
+  }
+  if (kind == Kind::dependent) {
+    for (std::int64_t i = 0; i < c.n; ++i) {
+      double sum = 0.0;
+      for (std::int64_t j = 0; j < c.n; ++j) {
+        if (j == i) continue;
+        c(i, j) = -std::abs(c(i, j));
+        sum -= c(i, j);
+      }
+      c(i, i) = sum;
+    }
   }
   if (kind == Kind::singular) {
     for (std::int64_t i = 2; i < c.n; i += 5) {  // equations without any information

@@ -128,6 +128,46 @@ std::vector<double> pedigree_inverse(int n, std::string& file)
   return out;
 }
 
+// A level without a row of the matrix is a fixed effect, which is told where it has data.
+TEST(KnownMatrix, DataInEmptyRows)
+{
+  constexpr int n = 8;
+  Matrix inverse(n * n, 0.0);
+  for (int k = 0; k < n - 2; ++k) inverse[static_cast<std::size_t>(k * (n + 1))] = 1.0;
+  const std::string words = "Unexpected data when GRM diagonal element is ZERO";
+  for (const int observed : {6, 7, 8}) {
+    const Trial trial(n, observed, 4);
+    const auto run = [&](const std::string& fixed, const std::string& random, bool matrix, std::string& errors) {
+      Host host;
+      std::vector<double> values = trial.line;
+      for (int level = 7; level <= 8; ++level) {
+        for (const double line : trial.line) values.push_back(line == level ? 1.0 : 0.0);
+      }
+      values.insert(values.end(), trial.y.begin(), trial.y.end());
+      host.info("{\"dataset\":" + dataset("d", trial.y.size(), {{"line", n}, {"seven", 0}, {"eight", 0}, {"y", 0}}) + "}");
+      host.matrix("d", values, static_cast<int>(trial.y.size()), 4);
+      if (matrix) {
+        host.info(R"({"dataset":{"name":"k","number_of_observations":8,"number_of_variables":8,"storage_order":"so_column_major"}})");
+        host.matrix("k", inverse, n, n);
+      }
+      host.process("{\"model\":{\"response\":\"y\",\"fixed\":\"" + fixed + "\",\"random\":\"" + random +
+                   "\"},\"initial_values\":[{\"term\":\"" + random + "\",\"value\":0.5}],\"options\":{\"maxiterations\":1}}");
+      errors = host.errors();
+      return Answer{host.real("SCALAR_LOGLIK"), static_cast<double>(host.integer("SCALAR_DF")), 0.0};
+    };
+    std::string errors, unread;
+    const Answer known = run("mu", "vm(line,k)", true, errors);
+    EXPECT_EQ(errors.find(words) != std::string::npos, observed > n - 2) << observed << errors;
+    const std::string levels = std::to_string(observed - 6) + " level(s) of vm(line,k";
+    EXPECT_EQ(errors.find(levels) != std::string::npos, observed > n - 2) << errors;
+    if (observed == 7) {  // the others are independent, so that one covariate for the level says the same
+      const Answer covariate = run("mu+seven", "vm(line,k)", true, unread);
+      EXPECT_NEAR(covariate.logl, known.logl, 1e-9);
+      EXPECT_EQ(covariate.line, known.line);
+    }
+  }
+}
+
 TEST(KnownMatrix, EveryRoadGivesOneAnswer)
 {
   constexpr int n = 60;

@@ -199,16 +199,20 @@ def coefficients(library):
     """the matrix C in its file: its inverse is what the table of C-inverse has"""
     rows = draw_data()
     with tempfile.TemporaryDirectory() as folder:
-        host = fit(library, {"response": "y", "fixed": "mu+mv", "random": "ar1v(place)"}, {"cmat": True, "cinv": 1, "outfolder": folder}, rows)
+        host = fit(library, {"response": "y", "fixed": "mu+mv", "random": "ar1v(place)"}, {"cmat": True, "debug": 1, "cinv": 1, "outfolder": folder},
+                   rows)
         check(host.status <= 0, "cmat: %s" % host.output_json("ERROR_INFORMATION"))
         with open(os.path.join(folder, "CMAT.bin"), "rb") as file:
             data = file.read()
+        with open(os.path.join(folder, "cmat.rcv")) as file:
+            lines = [line.split() for line in file]
     mark, n, count = struct.unpack_from("<8sqq", data)
     check(mark == b"TLVCMAT1" and n == len(host.output_real("TABLE_SLN:EFFECT")) and len(data) == 24 + 24 * count, "head of the file")
     c = [[0.0] * n for _ in range(n)]
     for k in range(count):
         row, column, value = struct.unpack_from("<qqd", data, 24 + 24 * k)
         check(1 <= column <= row <= n, "element %d %d" % (row, column))
+        check(k < len(lines) and [float(x) for x in lines[k]] == [row, column, value], "line %d of cmat.rcv" % (k + 1))
         c[row - 1][column - 1] = c[column - 1][row - 1] = value
     columns = {}
     for i, j, v in zip(host.output_integer("TABLE_CINV:ROWID"), host.output_integer("TABLE_CINV:COLID"), host.output_real("TABLE_CINV:VALUES")):

@@ -123,7 +123,8 @@ TEST_F(ReportFiles, TheFamily)
   EXPECT_TRUE(read("out/s.yht").starts_with("Record\tYhat\tResidual\tHat\n1\t"));
   EXPECT_FALSE(fs::exists("out/s.log"));
   const std::string dump = read("out/s.vrb");
-  EXPECT_TRUE(dump.starts_with("scalar\tSCALAR_LOGLIK\t")) << dump;
+  EXPECT_TRUE(dump.starts_with("equations\tNEQ\t")) << dump;
+  EXPECT_NE(dump.find("\nequations\tNEQD\t2\nscalar\tSCALAR_LOGLIK\t"), std::string::npos);
   EXPECT_NE(dump.find("\ncomponent\tline;IDV_V\t"), std::string::npos);
   EXPECT_NE(dump.find("\neffect\tmu\t1\t"), std::string::npos);
   EXPECT_FALSE(fs::exists("out/r.vrb"));
