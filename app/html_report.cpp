@@ -232,13 +232,14 @@ std::string components_part(Engine& engine)
 {
   const auto labels = engine.strings("TABLE_VARCOMP", "LABEL");
   if (labels.empty()) return {};
+  const auto bounds = engine.strings("TABLE_VARCOMP", "BOUND");
   std::string out = "<h2>Variance components</h2>\n";
   out += table({{.heading = "Term", .right = false, .cells = labels},
-                {.heading = "Component", .cells = number_cells(engine.reals("TABLE_VARCOMP:SIGMA"))},
+                {.heading = "Component", .cells = number_cells(engine.reals("TABLE_VARCOMP:SIGMA"), bounds)},
                 {.heading = "Standard error", .cells = error_cells(engine.reals("TABLE_VARCOMP:SE"))},
                 {.heading = "Ratio", .cells = number_cells(engine.reals("TABLE_VARCOMP:ZRATIO"), 2)},
                 {.heading = "%", .cells = number_cells(engine.integers("TABLE_VARCOMP:PC"))},
-                {.heading = "C", .right = false, .cells = engine.strings("TABLE_VARCOMP", "BOUND")}});
+                {.heading = "C", .right = false, .cells = bounds}});
   std::string facts;
   const auto add = [&](const char* words, std::optional<double> value) {
     if (value) facts += std::string(facts.empty() ? "" : ", ") + words + " " + number_cell(*value, 3);

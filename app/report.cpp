@@ -69,8 +69,8 @@ void print_variance_components(Engine& engine)
   std::fputs(
       text_table({
                      {.heading = "Term", .right = false, .cells = labels},
-                     {.heading = "Gamma", .cells = number_cells(engine.reals("TABLE_VARCOMP:GAMMA"))},
-                     {.heading = "Sigma", .cells = number_cells(engine.reals("TABLE_VARCOMP:SIGMA"))},
+                     {.heading = "Gamma", .cells = number_cells(engine.reals("TABLE_VARCOMP:GAMMA"), bounds)},
+                     {.heading = "Sigma", .cells = number_cells(engine.reals("TABLE_VARCOMP:SIGMA"), bounds)},
                      {.heading = "SE", .cells = error_cells(engine.reals("TABLE_VARCOMP:SE"))},
                      {.heading = "Sigma/SE", .cells = number_cells(engine.reals("TABLE_VARCOMP:ZRATIO"), 2)},
                      {.heading = "%", .cells = number_cells(engine.integers("TABLE_VARCOMP:PC"))},

@@ -90,17 +90,18 @@ std::vector<std::string> number_cells(const std::vector<double>& values, int dec
   return cells;
 }
 
-std::vector<std::string> number_cells(const std::vector<double>& values)
+std::vector<std::string> number_cells(const std::vector<double>& values, const std::vector<std::string>& codes)
 {
   constexpr int most_digits = 12;
   double largest = 0.0;
   double smallest = INFINITY;
-  for (const double x : values) {
-    if (!is_value(x) || x == 0.0) continue;
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    const double x = values[i];
+    if (!is_value(x) || x == 0.0 || (i < codes.size() && codes[i].starts_with('B'))) continue;
     largest = std::max(largest, std::abs(x));
     smallest = std::min(smallest, std::abs(x));
   }
-  if (largest == 0.0) return number_cells(values, 0);
+  if (largest == 0.0) return codes.empty() ? number_cells(values, 0) : number_cells(values);
   const int decimals = std::max({0, 5 - exponent_of(largest), 2 - exponent_of(smallest)});
   if (decimals + std::max(0, exponent_of(largest)) < most_digits) return number_cells(values, decimals);
   std::vector<std::string> cells;
@@ -113,6 +114,11 @@ std::vector<std::string> number_cells(const std::vector<std::int32_t>& values)
   std::vector<std::string> cells;
   for (const std::int32_t i : values) cells.push_back(std::to_string(i));
   return cells;
+}
+
+std::vector<std::string> number_cells(const std::vector<double>& values)
+{
+  return number_cells(values, std::vector<std::string>{});
 }
 
 std::vector<std::string> error_cells(const std::vector<double>& values)

@@ -154,6 +154,7 @@ void L_HANDLE_FUNCTION_ARGUMENTS(ERROR_HANDLER& eh, JsonNode& function, const MO
       MAT_DEFAULT(eh, declared, argument);  // fac(x,y) has both coordinates
     } else if (declared.REQUIRED && !declared.HAS_DEFAULT) {
       eh.error(text("argument ", declared.NAME, " is required"));
+      if (declared.NAME == "source") eh.continuation("it names a relationship matrix or the file of a pedigree");
       return;
     } else {
       MAT_DEFAULT(eh, declared, argument);

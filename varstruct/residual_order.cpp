@@ -98,6 +98,7 @@ void L_COMPLAIN(ERROR_HANDLER& eh, const FACTOR_TABLE& factors, const MODEL_INFO
     eh.error("Spatial Layout is not rectangular grid");
     eh.continuation(text("layout error in section ", s + 1, ": ", product - records, " of its ", product,
                          " cells have no record"));
+    eh.continuation("mv in the model keeps records whose response is missing, the options rowfactor and columnfactor add plots without a record");
     return;
   }
   if (several) {

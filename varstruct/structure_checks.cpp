@@ -140,6 +140,7 @@ void L_CHECK_FACTORS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const std::s
       eh.note(
           "since an aipenalty of zero has been specified, parameter constraints must be applied to avoid AI "
           "singularities");
+      eh.continuation(text("loadings of ", term, " that a turn of its factors makes zero are held there"));
       turn_loadings(at, model);
     }
   }
