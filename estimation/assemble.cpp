@@ -15,12 +15,16 @@ std::size_t at(const std::vector<std::int64_t>& start, std::size_t i) { return s
 
 /// W'R^-1 W in elimination order: column j gathers, through the rows of R^-1 of its records, the design rows of their
 /// neighbours into a dense work vector (Gustavson 1978), so that no element is searched for.
-void residual_cross_products(MIXED_EQUATIONS& q, std::size_t begin, std::size_t end, std::vector<double>& work)
+///   by  what the products of sections that are kept are scaled by
+void residual_cross_products(MIXED_EQUATIONS& q, const std::vector<double>& by, std::size_t begin, std::size_t end,
+                             std::vector<double>& work)
 {
   const RESIDUAL_INVERSE& ri = q.residual;
+  const bool all_kept = q.products.all();
   for (std::size_t j = begin; j < end; ++j) {
-    for (std::size_t k = at(q.columns.start, j); k < at(q.columns.start, j + 1); ++k) {
+    for (std::size_t k = at(q.columns.start, j); k < at(q.columns.start, j + 1) && !all_kept; ++k) {
       const auto r = static_cast<std::size_t>(q.columns.record[k]);
+      if (q.products.has_record(r)) continue;
       const double x = q.columns.value[k];
       for (std::size_t m = at(ri.start, r); m < at(ri.start, r + 1); ++m) {
         const double wx = x * ri.value[m];
@@ -38,6 +42,11 @@ void residual_cross_products(MIXED_EQUATIONS& q, std::size_t begin, std::size_t 
       const auto i = static_cast<std::size_t>(q.c.row[k]);
       q.c0[k] = work[i];
       work[i] = 0.0;
+    }
+    if (by.empty()) continue;
+    for (std::size_t k = at(q.products.start, j); k < at(q.products.start, j + 1); ++k) {
+      const SECTION_PRODUCTS::ELEMENT& e = q.products.elements[k];
+      q.c0[at(q.c.start, j) + static_cast<std::size_t>(e.at)] += by[static_cast<std::size_t>(e.section)] * e.value;
     }
   }
 }
@@ -101,11 +110,13 @@ void K4MXXS(ERROR_HANDLER& eh, const FORMED& formed, int threads, MIXED_EQUATION
     q.ri = 1.0;
     fill_residual(formed, q.residual);
     if (q.solving != Solving::by_products) {
+      std::vector<double> by(q.products.formed.size());
+      for (std::size_t s = 0; s < by.size(); ++s) by[s] = formed.sections[s].scaled_identity();
       std::vector<std::vector<double>> work(static_cast<std::size_t>(threads));
       share_runs(threads, q.n, columns_at_once, [&](std::int64_t begin, std::int64_t end, int t) {
         auto& own = work[static_cast<std::size_t>(t)];
         own.resize(static_cast<std::size_t>(q.n), 0.0);
-        residual_cross_products(q, static_cast<std::size_t>(begin), static_cast<std::size_t>(end), own);
+        residual_cross_products(q, by, static_cast<std::size_t>(begin), static_cast<std::size_t>(end), own);
       });
     }
     residual_right_hand_side(q);

@@ -7,7 +7,8 @@
 //
 // W holds all design columns, fixed and random.  C = W'R^-1 W + G^-1 and r = W'R^-1 y.
 // Where R = v diag(1/weight) the products C0 = W'R0^-1 W, W'R0^-1 y and y'R0^-1 y with R0 = diag(1/weight) never change during a
-// fit: they are formed once and only scaled by 1/v.  For any other R they are formed anew in each evaluation, as G^-1 is added.
+// fit: they are formed once and only scaled by 1/v.  So are those of each section with such an R, where a section's records share
+// effects.  For any other R they are formed anew in each evaluation, as G^-1 is added.
 #pragma once
 
 #include <cstdint>
@@ -21,6 +22,7 @@
 #include "estimation/direct_product.h"
 #include "estimation/factor.h"
 #include "estimation/residual_inverse.h"
+#include "estimation/section_products.h"
 #include "model/term_table.h"
 #include "varstruct/equation_order_file.h"
 #include "varstruct/form_structures.h"
@@ -63,6 +65,7 @@ struct MIXED_EQUATIONS {
   double y0 = 0.0;                       // y'R^-1 y over ri, of the shifted response
   double ri = 1.0;                       // 1/v where R is one scaled identity, else 1
   RESIDUAL_INVERSE residual;             // empty where R is one scaled identity
+  SECTION_PRODUCTS products;             // of sections whose R is a scaled identity, beside others
   std::vector<PRODUCT_ROWS> random;      // G^-1 of every random structure, as VARIANCE_MODEL::terms; unused for a dropped one
   std::vector<double> y;                 // the shifted response, 0 where mv estimates it
   double mean_square_y = 1.0;            // of the shifted response

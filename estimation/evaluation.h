@@ -175,6 +175,8 @@ void K4MSCR(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
             const std::vector<double>& inverse, int threads, EVALUATION& ev);
 
 /// Halves of W C^-1 W' on the pattern of R^-1: x_r'C^-1 x_s is the sum of the elements (r, s) and (s, r); aligned with R^-1.
-void inverse_by_records(const MIXED_EQUATIONS& equations, const std::vector<double>& inverse, int threads, std::vector<double>& halves);
+///   all  also for records of sections whose cross-products are kept, else 0 for these
+void inverse_by_records(const MIXED_EQUATIONS& equations, const std::vector<double>& inverse, int threads, bool all,
+                        std::vector<double>& halves);
 
 }  // namespace tolvan

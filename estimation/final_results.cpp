@@ -246,7 +246,7 @@ void AIRHAT(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, in
   if (!q.residual.empty()) {
     // The diagonal of W C^-1 W'R^-1.
     std::vector<double> halves;
-    inverse_by_records(q, inverse, threads, halves);
+    inverse_by_records(q, inverse, threads, true, halves);
     for (std::size_t r = 0; r < rows; ++r) {
       for (auto k = static_cast<std::size_t>(q.residual.start[r]); k < static_cast<std::size_t>(q.residual.start[r + 1]); ++k) {
         const double h = halves[k] * q.residual.value[k];

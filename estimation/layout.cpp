@@ -494,6 +494,7 @@ void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_T
   take_responses(design, q);
   design_sizes(terms, q);
   warn_of_null_levels(eh, terms, model, formed, q);
+  form_section_products(design, formed, q);
 }
 
 }  // namespace tolvan

@@ -41,9 +41,23 @@ double score_of_identity(const FIT_MODEL& in, const VARIANCE_MODEL& model, MIXED
   return -0.5 * (static_cast<double>(q.records) - rank + trace - ev.residual_square) / v;
 }
 
+/// The sum of H R0^-1 over a section with R = v R0, R0 = diag(1/weight), H = W C^-1 W' + e e'/s2; given tr(C^-1 W'R0^-1 W).
+double identity_sum(const FORMED_SECTION& formed, const MIXED_EQUATIONS& q, const EVALUATION& ev, double trace)
+{
+  const std::vector<double>& root_weight = q.residual.root_weight;
+  double squares = 0.0;
+  for (std::int64_t r = formed.first; r < formed.first + formed.records; ++r) {
+    const auto at = static_cast<std::size_t>(r);
+    const double e = (root_weight.empty() ? 1.0 : root_weight[at]) * ev.residual[at];
+    squares += e * e;
+  }
+  return trace + squares / ev.sigma2;
+}
+
 /// The active parameters of one section, and the sum of H R^-1 over it for the variance that scales it.
-void score_section(const VARIANCE_MODEL& model, std::size_t s, MIXED_EQUATIONS& q, const std::vector<double>& halves, EVALUATION& ev,
-                   SCORE_PARTS& parts)
+///   halves  of W C^-1 W'; traces  of the sections whose cross-products are kept
+void score_section(const VARIANCE_MODEL& model, std::size_t s, MIXED_EQUATIONS& q, const std::vector<double>& halves,
+                   const std::vector<double>& traces, EVALUATION& ev, SCORE_PARTS& parts)
 {
   const RESIDUAL_SECTION& section = model.sections[s];
   const FORMED_SECTION& formed = ev.formed.sections[s];
@@ -54,8 +68,18 @@ void score_section(const VARIANCE_MODEL& model, std::size_t s, MIXED_EQUATIONS& 
   const bool any = parts.prepare(formed.components, model.residual, section.first_row, ev.information);
   if (!any && !own) return;
   double total = 0.0;  // tr(H R^-1)
+  const bool kept = q.products.has(s);
+  if (kept) {
+    const double sum = identity_sum(formed, q, ev, traces[s]);
+    total = sum * formed.scaled_identity();
+    double scales = 1.0;
+    for (const auto& component : formed.components) scales *= component->inverse().scale;
+    for (std::size_t c = 0; c < formed.components.size(); ++c) {
+      if (parts.sums[c] != nullptr) parts.sums[c][0] = sum * scales / formed.components[c]->inverse().scale;
+    }
+  }
   PRODUCT_ROWS& rows = q.residual.sections[s];
-  for (std::int64_t a = 0; a < formed.records; ++a) {
+  for (std::int64_t a = 0; a < formed.records && !kept; ++a) {
     const auto r = static_cast<std::size_t>(formed.first + a);
     // Halves of H(r, s) = x_r'C^-1 x_s + e_r e_s / s2, weighted as R is.
     const double er = 0.5 * ev.residual[r] / ev.sigma2;
@@ -87,7 +111,7 @@ void score_section(const VARIANCE_MODEL& model, std::size_t s, MIXED_EQUATIONS& 
 
 }  // namespace
 
-void inverse_by_records(const MIXED_EQUATIONS& q, const std::vector<double>& inverse, int threads, std::vector<double>& halves)
+void inverse_by_records(const MIXED_EQUATIONS& q, const std::vector<double>& inverse, int threads, bool all, std::vector<double>& halves)
 {
   const RESIDUAL_INVERSE& ri = q.residual;
   const auto at = [](const std::vector<std::int64_t>& start, std::size_t i) { return static_cast<std::size_t>(start[i]); };
@@ -104,6 +128,7 @@ void inverse_by_records(const MIXED_EQUATIONS& q, const std::vector<double>& inv
       work[j] *= 0.5;  // the diagonal belongs to both orders
       for (std::size_t k = at(q.columns.start, j); k < at(q.columns.start, j + 1); ++k) {
         const auto r = static_cast<std::size_t>(q.columns.record[k]);
+        if (!all && q.products.has_record(r)) continue;
         const double x = q.columns.value[k];
         for (std::size_t m = at(ri.start, r); m < at(ri.start, r + 1); ++m) {
           const auto s = static_cast<std::size_t>(ri.record[m]);
@@ -140,9 +165,10 @@ void K4MSCR(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
   }
   // Nothing to do where all that R has is a profiled variance.
   std::vector<double> halves;
-  inverse_by_records(q, inverse, threads, halves);
+  if (!q.products.all()) inverse_by_records(q, inverse, threads, false, halves);
+  const std::vector<double> traces = traces_by_section(q, inverse, threads);
   SCORE_PARTS parts;
-  for (std::size_t s = 0; s < model.sections.size(); ++s) score_section(model, s, q, halves, ev, parts);
+  for (std::size_t s = 0; s < model.sections.size(); ++s) score_section(model, s, q, halves, traces, ev, parts);
 }
 
 }  // namespace tolvan

@@ -28,6 +28,17 @@ struct FORMED_SECTION {
   double scale = 1.0;                   // of the parameter outside the rows
   double log_determinant = 0.0;         // log|R|, scale included
   COMPONENTS components;
+
+  /// Where R is a scaled identity (before weights): 1/scale of it, else 0.
+  double scaled_identity() const
+  {
+    double inverse = 1.0 / scale;
+    for (const auto& component : components) {
+      if (component->inverse().shape != Shape::identity) return 0.0;
+      inverse *= component->inverse().scale;
+    }
+    return inverse;
+  }
 };
 
 /// All structures of one evaluation.  The components keep their buffers from one evaluation to the next.
@@ -36,16 +47,7 @@ struct FORMED {
   std::vector<FORMED_SECTION> sections;
 
   /// Whether R is one scaled identity (before weights); then 1/scale of it, else 0.
-  double scaled_identity() const
-  {
-    if (sections.size() != 1) return 0.0;
-    double inverse = 1.0 / sections.front().scale;
-    for (const auto& component : sections.front().components) {
-      if (component->inverse().shape != Shape::identity) return 0.0;
-      inverse *= component->inverse().scale;
-    }
-    return inverse;
-  }
+  double scaled_identity() const { return sections.size() == 1 ? sections.front().scaled_identity() : 0.0; }
 };
 
 /// K4MVSF: forms all structures at the present parameter values.  fault: 0, or 1000 + model code of the one that failed.

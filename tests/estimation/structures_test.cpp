@@ -1,6 +1,9 @@
 // Evaluations with every kind of structure against the textbook: V is built densely from the components' covariances, its
 // derivatives by differences, and LogL, scores and average information follow from their definitions.
+#include "base/text.h"
 #include "structure_models.h"
+#include "support/checks.h"
+#include "support/own_script.h"
 #include "varstruct/followers.h"
 
 namespace tolvan {
@@ -21,26 +24,31 @@ void evaluate(Built& b, VARIANCE_MODEL model, EVALUATION& ev)
   ASSERT_EQ(ev.fault, 0) << eh.EH_PRINT_TEXT();
 }
 
-/// LogL, scores and average information of a model by their definitions.
-void check(Built& b)
+/// LogL, scores and average information of a model by their definitions, of masters together with what follows them.
+///   step  of the differences, of a parameter's size; 0: a whole tenth, for variances that are linear in their parameters
+void check(Built& b, double step = 1e-5)
 {
+  set_followers(b.model);
   EVALUATION ev;
   evaluate(b, b.model, ev);
   if (testing::Test::HasFatalFailure()) return;
+  fold_followers(b.model, ev.information);
   const auto k = static_cast<std::size_t>(ev.information.count());
   std::vector<Matrix> vdot;
   std::size_t free = 0;
   for (std::size_t i = 0; i < b.model.parameters.size(); ++i) {
-    if (!is_free(b.model.parameters[i].constraint)) continue;
+    if (!is_free(b.model.parameters[i].constraint) || follows(b.model.parameters[i])) continue;
     ++free;
-    const double step = 1e-5 * std::max(0.1, std::fabs(b.model.parameters[i].value));
+    const double by = step == 0.0 ? 0.1 : step * std::max(0.1, std::fabs(b.model.parameters[i].value));
     VARIANCE_MODEL up = b.model;
     VARIANCE_MODEL down = b.model;
-    up.parameters[i].value += step;
-    down.parameters[i].value -= step;
+    up.parameters[i].value += by;
+    down.parameters[i].value -= by;
+    set_followers(up);
+    set_followers(down);
     vdot.push_back(variance_of(b, up));
     const Matrix below = variance_of(b, down);
-    for (std::size_t m = 0; m < below.a.size(); ++m) vdot.back().a[m] = (vdot.back().a[m] - below.a[m]) / (2.0 * step);
+    for (std::size_t m = 0; m < below.a.size(); ++m) vdot.back().a[m] = (vdot.back().a[m] - below.a[m]) / (2.0 * by);
   }
   ASSERT_EQ(k, free);
   const DenseVariance d = dense_variance(b.x, b.design.response, variance_of(b, b.model), vdot);
@@ -62,66 +70,133 @@ TEST(Structures, EvaluationsAgreeWithTheDenseDefinitions)
   }
 }
 
-// Every model of the catalogue by itself, in its forms: beside the identity in a random term, with and without a variance outside in
-// the residual.
+// Every model of the catalogue in its forms: beside the identity and beside related animals in a random term, in the residual of one
+// section and of two, and in both, the residual's parameters following those of the effects.
 TEST(Structures, EveryModelAgreesAsEffectAndAsResidual)
 {
   const std::vector<double> x{0.0, 0.7, 1.5, 2.6};
   const std::vector<double> y{0.0, 1.1, 0.2, 0.9};
+  enum Kind { plain, in_forms, effects_alone };
   struct Model {
     const char* name;
     Part part;  // four levels, the correlations alone where there are forms
-    bool forms;
+    Kind kind;
   };
   const Model models[] = {
-      {"id", {0, 0, 4, {}}, true},
-      {"ar1", {1, 1, 4, {0.4}}, true},
-      {"ar2", {1, 1, 4, {0.5, 0.2}, 2}, true},
-      {"ar3", {1, 1, 4, {0.4, 0.2, -0.1}, 3}, true},
-      {"ma1", {2, 2, 4, {0.3}}, true},
-      {"ma2", {2, 2, 4, {0.3, -0.2}, 2}, true},
-      {"arma", {3, 3, 4, {0.5, -0.2}}, true},
-      {"cor", {4, 5, 4, {0.3}}, true},
-      {"corb", {5, 5, 4, {0.4, 0.2, 0.1}, 3}, true},
-      {"corg", {6, 5, 4, {0.3, 0.2, -0.4, 0.1, 0.25, -0.15}, 6}, true},
-      {"sar", {8, 14, 4, {0.3}}, true},
-      {"sar2", {8, 14, 4, {0.3, 0.2}, 2}, true},
-      {"exp", {10, 6, 4, {0.5}, 1, 1, x}, true},
-      {"gau", {11, 6, 4, {0.4}, 1, 2, x}, true},
-      {"iexp", {12, 6, 4, {0.4}, 1, 1, x, 0, nullptr, y}, true},
-      {"igau", {13, 6, 4, {0.4}, 1, 2, x, 0, nullptr, y}, true},
-      {"ieuc", {14, 6, 4, {0.4}, 1, 3, x, 0, nullptr, y}, true},
-      {"sph", {15, 6, 4, {3.1}, 1, 4, x, 0, nullptr, y}, true},
-      {"aexp", {16, 6, 4, {0.4, 0.6}, 1, 1, x, 0, nullptr, y}, true},
-      {"agau", {17, 6, 4, {0.4, 0.6}, 1, 2, x, 0, nullptr, y}, true},
-      {"lvr", {19, 6, 4, {0.1}, 1, 7, x}, true},
-      {"cir", {22, 6, 4, {3.1}, 1, 5, x, 0, nullptr, y}, true},
-      {"mtrn", {23, 6, 4, {0.7, 0.8}, 2, 9, x, 0, nullptr, y}, true},
-      {"diag", {24, 8, 4, {0.5, 0.9, 1.4, 0.3}}, false},
-      {"us", {25, 9, 4, {1.0, 0.3, 0.8, -0.2, 0.1, 1.3, 0.2, 0.0001, 0.4, 0.7}}, false},
-      {"sfa", {26, 10, 4, {0.6, 0.5, 0.7, 0.4, 0.9, 1.2, 0.8, 1.1}}, false},
-      {"sfa of two factors", {26, 10, 4, {0.6, 0.5, 0.7, 0.4, 0.1, 0.3, -0.2, 0.2, 0.9, 1.2, 0.8, 1.1}, 2}, false},
-      {"chol", {27, 11, 4, {0.9, 0.4, 0.7, 0.0, -0.3, 1.1, 0.0, 0.0, 0.2, 0.6}, 1}, false},
-      {"chol of full band", {27, 11, 4, {0.9, 0.4, 0.7, 0.1, -0.3, 1.1, 0.2, 0.3, 0.2, 0.6}, 3}, false},
-      {"ante", {28, 12, 4, {0.8, -0.5, 1.1, 0.0, -0.4, 0.9, 0.0, 0.0, -0.3, 1.2}, 1}, false},
-      {"facv", {29, 13, 4, {0.7, 0.5, 0.9, 0.6, 0.3, 0.4, 0.2, 0.5}}, false},
-      {"facv of two factors", {29, 13, 4, {0.7, 0.5, 0.9, 0.6, 0.0, 0.4, -0.3, 0.2, 0.3, 0.4, 0.2, 0.5}, 2}, false},
+      {"id", {0, 0, 4, {}}, in_forms},
+      {"ar1", {1, 1, 4, {0.4}}, in_forms},
+      {"ar2", {1, 1, 4, {0.5, 0.2}, 2}, in_forms},
+      {"ar3", {1, 1, 4, {0.4, 0.2, -0.1}, 3}, in_forms},
+      {"ma1", {2, 2, 4, {0.3}}, in_forms},
+      {"ma2", {2, 2, 4, {0.3, -0.2}, 2}, in_forms},
+      {"arma", {3, 3, 4, {0.5, -0.2}}, in_forms},
+      {"cor", {4, 5, 4, {0.3}}, in_forms},
+      {"corb", {5, 5, 4, {0.4, 0.2, 0.1}, 3}, in_forms},
+      {"corg", {6, 5, 4, {0.3, 0.2, -0.4, 0.1, 0.25, -0.15}, 6}, in_forms},
+      {"sar", {8, 14, 4, {0.3}}, in_forms},
+      {"sar2", {8, 14, 4, {0.3, 0.2}, 2}, in_forms},
+      {"euc", {9, 6, 4, {0.4}, 1, 3, x, 0, nullptr, y}, in_forms},
+      {"exp", {10, 6, 4, {0.5}, 1, 1, x}, in_forms},
+      {"gau", {11, 6, 4, {0.4}, 1, 2, x}, in_forms},
+      {"iexp", {12, 6, 4, {0.4}, 1, 1, x, 0, nullptr, y}, in_forms},
+      {"igau", {13, 6, 4, {0.4}, 1, 2, x, 0, nullptr, y}, in_forms},
+      {"ieuc", {14, 6, 4, {0.4}, 1, 3, x, 0, nullptr, y}, in_forms},
+      {"sph", {15, 6, 4, {3.1}, 1, 4, x, 0, nullptr, y}, in_forms},
+      {"aexp", {16, 6, 4, {0.4, 0.6}, 1, 1, x, 0, nullptr, y}, in_forms},
+      {"agau", {17, 6, 4, {0.4, 0.6}, 1, 2, x, 0, nullptr, y}, in_forms},
+      {"lin", {18, 6, 4, {0.3}, 1, 6, x}, in_forms},
+      {"lvr", {19, 6, 4, {0.1}, 1, 7, x}, in_forms},
+      {"cir", {22, 6, 4, {3.1}, 1, 5, x, 0, nullptr, y}, in_forms},
+      {"mtrn of one", {23, 6, 4, {0.7}, 1, 9, x, 0, nullptr, y}, in_forms},
+      {"mtrn", {23, 6, 4, {0.7, 0.8}, 2, 9, x, 0, nullptr, y}, in_forms},
+      {"mtrn of four", {23, 6, 4, {0.7, 0.8, 1.3, 0.4}, 4, 9, x, 0, nullptr, y}, in_forms},
+      {"diag", {24, 8, 4, {0.5, 0.9, 1.4, 0.3}}, plain},
+      {"us", {25, 9, 4, {1.0, 0.3, 0.8, -0.2, 0.1, 1.3, 0.2, 0.0001, 0.4, 0.7}}, plain},
+      {"sfa", {26, 10, 4, {0.6, 0.5, 0.7, 0.4, 0.9, 1.2, 0.8, 1.1}}, plain},
+      {"sfa of two factors", {26, 10, 4, {0.6, 0.5, 0.7, 0.4, 0.1, 0.3, -0.2, 0.2, 0.9, 1.2, 0.8, 1.1}, 2}, plain},
+      {"chol", {27, 11, 4, {0.9, 0.4, 0.7, 0.0, -0.3, 1.1, 0.0, 0.0, 0.2, 0.6}, 1}, plain},
+      {"chol of full band", {27, 11, 4, {0.9, 0.4, 0.7, 0.1, -0.3, 1.1, 0.2, 0.3, 0.2, 0.6}, 3}, plain},
+      {"ante", {28, 12, 4, {0.8, -0.5, 1.1, 0.0, -0.4, 0.9, 0.0, 0.0, -0.3, 1.2}, 1}, plain},
+      {"facv", {29, 13, 4, {0.7, 0.5, 0.9, 0.6, 0.3, 0.4, 0.2, 0.5}}, plain},
+      {"facv of two factors", {29, 13, 4, {0.7, 0.5, 0.9, 0.6, 0.0, 0.4, -0.3, 0.2, 0.3, 0.4, 0.2, 0.5}, 2}, plain},
+      {"fa", {31, 15, 5, {0.3, 0.4, 0.2, 0.5, 0.8, 0.5, 0.9, -0.3}, 1, 0, {}, 4}, effects_alone},
+      {"fa of two factors", {31, 15, 6, {0.3, 0.4, 0.2, 0.5, 0.8, 0.5, 0.9, -0.3, 0.0, 0.2, 0.4, 0.6}, 2, 0, {}, 4}, effects_alone},
+      {"fa with one level exact", {31, 15, 6, {0.3, 0.0, 0.2, 0.5, 0.8, 0.5, 0.9, -0.3}, 1, 0, {}, 4}, effects_alone},
+      {"rr", {31, 15, 9, {0.0, 0.0, 0.0, 0.0, 0.8, 0.5, 0.9, -0.3}, 1, 0, {}, 4}, effects_alone},
+      {"a known matrix", {33, -1, 9, {0.8}, 1, 0, {}, 0, &nine_animals()}, effects_alone},
+      {"a singular matrix", {33, -1, 8, {0.8}, 1, 0, {}, 6, &six_of_rank_four(false)}, effects_alone},
   };
+  const Part animals{33, -1, 9, {}, 1, 0, {}, 0, &nine_animals()};
   for (const Model& m : models) {
     const std::size_t levels = 4;
     for (const std::size_t variances : {std::size_t{0}, std::size_t{1}, levels}) {
-      if (variances > 0 && !m.forms) continue;
+      if (variances > 0 && m.kind != in_forms) continue;
       Part part = m.part;
       for (std::size_t i = 0; i < variances; ++i) part.values.push_back(0.7 + 0.2 * static_cast<double>(i));
       if (part.selector == 0 && variances == levels) part.code = 8;
       SCOPED_TRACE(testing::Message() << m.name << ", variances: " << variances);
-      const bool sized = variances > 0 || !m.forms;
-      Built random = build({"", {{part, {0, 0, 6, {}}}}, {{{0, 0, 50, {1.1}}}}}, 7);
-      check(random);
-      Built residual = build({"", {{{0, 0, 5, {0.6}}}}, {{{0, 0, 9, {}}, part}}, false, !sized}, 7);
-      check(residual);
-      if (HasFatalFailure()) return;
+      const bool sized = variances > 0 || m.kind != in_forms;
+      Part related = animals;
+      if (!sized) related.values = {0.8};
+      const std::vector<std::vector<Part>> effect{{part, {0, 0, 6, sized ? std::vector<double>{} : std::vector<double>{0.9}}}};
+      std::vector<Built> uses;
+      uses.push_back(build({"", effect, {{{0, 0, 50, {1.1}}}}}, 7));
+      uses.push_back(build({"", {{part, related}}, {{{0, 0, 50, {1.1}}}}}, 7));
+      if (m.kind != effects_alone) {
+        uses.push_back(build({"", {{{0, 0, 5, {0.6}}}}, {{{0, 0, 9, {}}, part}}, false, !sized}, 7));
+        uses.push_back(build({"", {{{0, 0, 5, {0.6}}}}, {{part, {0, 0, 5, {}}}, {{0, 0, 6, {}}, part}}, true, !sized, 3, 3}, 7));
+        Built& both = uses.emplace_back(build({"", effect, {{{0, 0, 9, {}}, part}}, false, !sized}, 7));
+        const std::int64_t behind = both.model.residual.back().first;
+        for (std::size_t k = 0; k < part.values.size(); ++k) {
+          const auto at = static_cast<std::int64_t>(k);
+          if (both.model.parameters[k].value != 0.0) link_parameter(both.model, behind + at, at, 1.0);
+        }
+      }
+      for (std::size_t k = 0; k < uses.size(); ++k) {
+        SCOPED_TRACE(testing::Message() << "use " << k);
+        check(uses[k]);
+        if (HasFatalFailure()) return;
+      }
     }
+  }
+}
+
+// A structure that a user's program forms, as effect and as residual.  It is linear in its parameters, which the program gets with
+// seven digits.
+TEST(Structures, OwnProgramsAgree)
+{
+  const TempFolder folder;
+  const std::string script = folder.file("mine.sh", text(own_script, folder.path("mine.gdg"), "\n"));
+  const Part own{7, 7, 3, {0.75, 0.5}, 2};
+  for (const bool effect : {true, false}) {
+    const Case as_effect{"", {{own, {0, 0, 6, {}}}}, {{{0, 0, 50, {1.1}}}}};
+    const Case as_residual{"", {{{0, 0, 5, {0.6}}}}, {{{0, 0, 12, {}}, own}}};
+    Built b = build(effect ? as_effect : as_residual, 7);
+    b.model.own_programs = {{.program = "sh " + script, .file = folder.path("mine.data"), .control = 1}};
+    (effect ? b.model.rows.front() : b.model.residual.back()).own = 0;
+    check(b, 0.0);
+  }
+}
+
+// Sections with equal variances keep their cross-products where their records share effects; not where each has effects of its own.
+TEST(Structures, SectionsKeepTheirCrossProducts)
+{
+  const struct {
+    Case c;
+    std::vector<std::uint8_t> formed;
+  } models[] = {
+      {{"", {{{0, 0, 6, {0.7}}}}, {{{0, 0, 40, {1.1}}}, {{0, 0, 5, {}}, {0, 0, 6, {2.3}}}}}, {1, 1}},
+      {{"", {{{0, 0, 6, {0.7}}}}, {{{1, 1, 24, {0.4, 1.2}}}, {{0, 0, 30, {2.3}}}}}, {0, 1}},
+      {{"", {{{0, 0, 6, {0.7}}}}, {{{0, 0, 30, {1.1}}}}}, {}},  // one section: all of C is kept
+      {{"", {{{0, 0, 300, {0.7}}}, {{0, 0, 300, {0.4}}}}, {{{0, 0, 9, {1.1}}}, {{0, 0, 8, {2.3}}}}, false, false, 300}, {}},
+  };
+  for (const auto& m : models) {
+    Built b = build(m.c, 7);
+    ERROR_HANDLER eh;
+    FIT_WORK work;
+    EVALUATION ev;
+    K4MITR(eh, {b.options, b.variables, b.factors, b.terms, b.design, b.timing}, 1, b.model, work, ev);
+    EXPECT_EQ(work.equations.products.formed, m.formed);
   }
 }
 
@@ -129,32 +204,10 @@ TEST(Structures, EveryModelAgreesAsEffectAndAsResidual)
 TEST(Structures, FollowersAreScoredWithTheirMasters)
 {
   Built b = build({"", {{{0, 0, 6, {0.7}}}, {{25, 9, 2, {0.9, 0.3, 0.6}}, {0, 0, 7, {}}}}, {{{0, 0, 30, {1.1}}}, {{0, 0, 25, {0.0001}}}}}, 7);
-  ERROR_HANDLER eh;
   link_parameter(b.model, 5, 4, 1.7);  // the second residual variance after the first
   const PARAMETER_SHARE shares[] = {{0, 0.5}, {1, 0.25}};
   link_to_sum(b.model, 3, shares);     // an element of a matrix from two variances
-  set_followers(b.model);
-  EVALUATION ev;
-  evaluate(b, b.model, ev);
-  if (HasFatalFailure()) return;
-  fold_followers(b.model, ev.information);
-  ASSERT_EQ(ev.information.active, (std::vector<std::int64_t>{0, 1, 2, 4}));
-  std::vector<Matrix> vdot;
-  for (const std::int64_t i : ev.information.active) {
-    const double step = 1e-5;
-    VARIANCE_MODEL up = b.model;
-    VARIANCE_MODEL down = b.model;
-    up.parameters[static_cast<std::size_t>(i)].value += step;
-    down.parameters[static_cast<std::size_t>(i)].value -= step;
-    set_followers(up);
-    set_followers(down);
-    vdot.push_back(variance_of(b, up));
-    const Matrix below = variance_of(b, down);
-    for (std::size_t m = 0; m < below.a.size(); ++m) vdot.back().a[m] = (vdot.back().a[m] - below.a[m]) / (2.0 * step);
-  }
-  const DenseVariance d = dense_variance(b.x, b.design.response, variance_of(b, b.model), vdot);
-  for (std::size_t i = 0; i < 4; ++i) EXPECT_NEAR(ev.information.score[i], d.score[i], 1e-6 * (1.0 + std::fabs(d.score[i]))) << i;
-  for (std::size_t i = 0; i < d.ai.size(); ++i) EXPECT_NEAR(ev.information.ai[i], d.ai[i], 1e-6 * (1.0 + std::fabs(d.ai[i]))) << i;
+  check(b);
 }
 
 // Reduced factor models: one a product, at an end of it, and not in a product of three.

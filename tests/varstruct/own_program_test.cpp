@@ -5,29 +5,12 @@
 #include "base/files.h"
 #include "base/text.h"
 #include "support/checks.h"
+#include "support/own_script.h"
 #include "varstruct/dense_reference.h"
 #include "varstruct/one_row.h"
 
 namespace tolvan {
 namespace {
-
-// G = a I + b (J + 2 diag(1, 2, 3)) of order 3 with parameters a and b, read from the file in the first
-// argument.
-constexpr const char* answer = R"(awk -v form="$2" '
-function d(x,  s) { s = sprintf("%14.6E", x); sub("E", "D", s); return s }
-NR == 1 { head = $0 }
-NR == 2 { a = substr($0, 1, 14); b = substr($0, 15, 14); gsub("D", "E", a); gsub("D", "E", b); a += 0; b += 0
-  print head; print $0
-  if (form == "sparse") {
-    for (i = 1; i <= 3; ++i) for (j = 1; j <= i; ++j) print i, j, (i == j ? a + b * (1 + 2 * i) : b), (i == 3 && j == 3 ? 1 : 0)
-    print "1 1 1.0 0"; print "2 2 1.0 0"; print "3 3 1.0 1"
-    for (i = 1; i <= 3; ++i) for (j = 1; j <= i; ++j) print i, j, (i == j ? 1 + 2 * i : 1), (i == 3 && j == 3 ? 1 : 0)
-  } else {
-    print d(a + 3 * b) d(b) d(a + 5 * b) d(b) d(b) d(a + 7 * b)
-    print d(1) d(0) d(1) d(0) d(0) d(1)
-    print d(3) d(1) d(5) d(1) d(1) d(7)
-  }
-}' "$1" > )";
 
 Dense given(const Vector& theta)
 {
@@ -50,7 +33,7 @@ struct OWN_ROW {
   OWN_ROW(std::int64_t model, bool inverse, const std::string& form, const Vector& theta)
       : run(model, 3, 2, theta)
   {
-    const std::string script = folder.file("mine.sh", text(answer, folder.path("mine.gdg"), "\n"));
+    const std::string script = folder.file("mine.sh", text(own_script, folder.path("mine.gdg"), "\n"));
     run.model.own_programs = {{.program = "form() { sh " + script + " \"$1\" " + form + "; }; form",
                                .file = folder.path("mine.data") + " and what follows",
                                .control = 7,
