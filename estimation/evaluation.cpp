@@ -110,7 +110,8 @@ void L_DROP_SMALL(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration
   }
 }
 
-/// Marks the effects of positive definite variance matrices, by elimination position: G^-1 bounds their pivots from below.
+/// Marks the effects of positive definite variance matrices, by elimination position: G^-1 bounds their pivots from below.  Where
+/// Lagrangian rows make a singular matrix whole, that holds for the effects that they neither bind nor are.
 std::vector<std::uint8_t> definite_effects(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, const FORMED& formed)
 {
   std::vector<std::uint8_t> definite(static_cast<std::size_t>(q.n), 0);
@@ -118,12 +119,25 @@ std::vector<std::uint8_t> definite_effects(const FIT_MODEL& in, const VARIANCE_M
     if (model.terms[t].dropped) continue;
     const COMPONENTS& components = formed.terms[t].components;
     if (std::any_of(components.begin(), components.end(), [](const auto& c) {
-          return c->counted() < c->inverse().n || c->negative() > 0 || !c->lagrangian().empty();
+          return c->counted() < c->inverse().n || c->negative() != std::ssize(c->lagrangian());
         })) {
       continue;
     }
     const std::int64_t first = first_equation(in.terms, model.terms[t]);
-    for (std::int64_t e = first; e < first + formed.terms[t].size; ++e) definite[static_cast<std::size_t>(q.position_of(e))] = 1;
+    const auto mark = [&](std::int64_t e, std::uint8_t value) { definite[static_cast<std::size_t>(q.position_of(first + e))] = value; };
+    for (std::int64_t e = 0; e < formed.terms[t].size; ++e) mark(e, 1);
+    for (std::size_t c = 0; c < components.size(); ++c) {
+      const PRODUCT_BLOCK block = block_of(components, c);
+      for (const auto& [row, level] : components[c]->lagrangian()) {
+        for (std::int64_t o = 0; o < block.outer; ++o) {
+          const std::int64_t from = o * components[c]->inverse().n;
+          for (std::int64_t i = 0; i < block.inner; ++i) {
+            mark((from + row) * block.inner + i, 0);
+            mark((from + level) * block.inner + i, 0);
+          }
+        }
+      }
+    }
   }
   return definite;
 }

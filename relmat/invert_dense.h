@@ -31,8 +31,8 @@ struct PIVOTS {
 /// rounding alone may keep above 0; the matrix is lost.
 void SMILM(ERROR_HANDLER& eh, std::int64_t n, double* a, std::int64_t precision, double& log_determinant);
 
-/// L_SWEEP: sweeps a symmetric matrix on all of its rows that have a pivot, from the last to the first
-/// (Goodnight 1979, The American Statistician 33, 149-158).  Below the diagonal it leaves
+/// L_SWEEP: what sweeping a symmetric matrix on all of its rows that have a pivot, from the last to the first
+/// (Goodnight 1979, The American Statistician 33, 149-158), leaves below the diagonal:
 ///     - G11^-1 between rows with a pivot,   G21 G11^-1 between one without and one with,   0 between two
 ///     without.
 /// A row whose reduced diagonal is smaller in size than criterion times its diagonal plus floor has none.

@@ -1,12 +1,13 @@
-// The sweep of a dense symmetric matrix, by blocks.  Routine: L_SWEEP.
+// What a sweep makes of a dense symmetric matrix, by blocks.  Routine: L_SWEEP.
 //
-// One block B of rows after the other, the last first, with R all other rows and S = A_BB^-1:
-//     A_RR <- A_RR - A_RB S A_BR        A_RB <- A_RB S        A_BB <- -S
-// Within a block rows are swept one by one, and those without a pivot keep out of S.  Each block costs a
-// product of the whole triangle with a panel: together the flops of a Cholesky factor and the inverse from
-// it.
+// Rows are eliminated from the last to the first.  With the order of rows turned round that is G = L D L', a column without a pivot
+// being 0 in L and in 1/D.  N = L^-1 then holds all of the round: G11^-1 = N1' D1^-1 N1 for the rows with a pivot, and for one
+// without its row of -N is G21 G11^-1.  Sweeping one row after the other would do the same work, but what it leaves of a nearly
+// singular matrix is not the inverse of any matrix close to it: its errors grow with the square of the condition number, where
+// those of a factor grow with the condition number itself (Higham 2002, Accuracy and Stability of Numerical Algorithms, chapter 14).
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "base/lapack.h"
 #include "base/memory.h"
@@ -25,10 +26,10 @@ struct SWEEP {
   double* a;
   std::vector<double> tolerance;  // of each row
   PIVOTS& pivots;
-  std::vector<double> panel;    // n x block: the columns of the rows in hand before their sweep
-  std::vector<double> swept;    // n x block: panel times S
-  std::vector<double> block;    // block x block, both triangles
-  std::vector<double> inverse;  // S, 0 for rows without a pivot
+  std::vector<double> reciprocal;  // 1/D by turned rows, 0 without a pivot
+  std::vector<double> panel;       // n x block: columns of the rows in hand
+  std::vector<double> scaled;      // n x block: the same times 1/D
+  std::vector<double> product;     // block x n
 
   double& at(std::int64_t i, std::int64_t j) { return i >= j ? a[i + j * n] : a[j + i * n]; }
   bool has_pivot(std::int64_t k) const { return pivots.mark[static_cast<std::size_t>(k)] <= 0; }
@@ -71,7 +72,7 @@ std::int64_t examine(SWEEP& s, double criterion, double floor)
   return elements;
 }
 
-/// Row after row on the whole matrix, for one that is nearly diagonal; the blocks' twin.
+/// Row after row on the whole matrix, for a large one that is nearly diagonal.
 void sweep_by_rows(SWEEP& s)
 {
   std::vector<std::int64_t> others;
@@ -102,93 +103,113 @@ void sweep_by_rows(SWEEP& s)
   }
 }
 
-/// Sweeps the rows of the block in hand, that begins at b0, among themselves.
-void sweep_block(SWEEP& s, std::int64_t b0, std::int64_t nb)
+/// Turns the order of rows and columns round: the element (i, j) of the lower triangle changes places with (n - 1 - j, n - 1 - i).
+void turn_round(std::int64_t n, double* a)
 {
-  double* w = s.block.data();
-  for (std::int64_t k = nb - 1; k >= 0; --k) {
-    const double d = w[k + k * nb];
-    if (!take_pivot(s, b0 + k, d)) {
-      for (std::int64_t i = 0; i < nb; ++i) {
-        if (i <= k || !s.has_pivot(b0 + i)) w[i + k * nb] = w[k + i * nb] = 0.0;
-      }
-      continue;
-    }
-    for (std::int64_t j = 0; j < nb; ++j) {
-      const double factor = w[k + j * nb] / d;
-      if (j == k || factor == 0.0) continue;
-      for (std::int64_t i = 0; i < nb; ++i) {
-        if (i != k) w[i + j * nb] -= factor * w[i + k * nb];
+  constexpr std::int64_t side = 32;
+  const std::int64_t last = n - 1;
+  for (std::int64_t j0 = 0; j0 < n; j0 += side) {
+    for (std::int64_t i0 = j0; i0 < n - j0; i0 += side) {
+      for (std::int64_t j = j0; j < std::min(j0 + side, n); ++j) {
+        const std::int64_t end = std::min(i0 + side, last - j);  // each pair once
+        for (std::int64_t i = std::max(i0, j); i < end; ++i) std::swap(a[i + j * n], a[last - j + (last - i) * n]);
       }
     }
-    for (std::int64_t i = 0; i < nb; ++i) {
-      if (i != k) w[i + k * nb] = w[k + i * nb] /= d;
-    }
-    w[k + k * nb] = -1.0 / d;
   }
 }
 
-void sweep_by_blocks(SWEEP& s)
+/// Factorises the square on the diagonal of the block that begins at b0.
+void factor_square(SWEEP& s, std::int64_t b0, std::int64_t nb)
 {
-  const std::int64_t n = s.n;
-  for (std::int64_t b1 = n; b1 > 0; b1 = (b1 - 1) / block_size * block_size) {
-    const std::int64_t b0 = (b1 - 1) / block_size * block_size;
-    const std::int64_t nb = b1 - b0;
-    double* panel = s.panel.data();
-    double* swept = s.swept.data();
-
-    // Get the columns of the block; its own rows of the panel stay 0, so that the update leaves them alone.
-    for (std::int64_t k = 0; k < nb; ++k) {
-      const double* row = s.a + b0 + k;
-      for (std::int64_t i = 0; i < b0; ++i) panel[i + k * n] = row[i * n];
-      std::fill(panel + b0 + k * n, panel + b1 + k * n, 0.0);
-      std::copy(s.a + b1 + (b0 + k) * n, s.a + n + (b0 + k) * n, panel + b1 + k * n);
-      for (std::int64_t i = 0; i < nb; ++i)
-        s.block[static_cast<std::size_t>(i + k * nb)] = s.at(b0 + i, b0 + k);
+  double* w = s.a + b0 * (s.n + 1);
+  double* x = s.panel.data();
+  for (std::int64_t k = 0; k < nb; ++k) {
+    double* column = w + k * s.n;
+    const double d = column[k];
+    if (!take_pivot(s, s.n - 1 - b0 - k, d)) {
+      s.reciprocal[static_cast<std::size_t>(b0 + k)] = 0.0;
+      std::fill(column + k + 1, column + nb, 0.0);
+      continue;
     }
-    sweep_block(s, b0, nb);
-    for (std::int64_t k = 0; k < nb; ++k) {
-      for (std::int64_t i = 0; i < nb; ++i) {
-        const bool both = s.has_pivot(b0 + i) && s.has_pivot(b0 + k);
-        s.inverse[static_cast<std::size_t>(i + k * nb)] =
-            both ? -s.block[static_cast<std::size_t>(i + k * nb)] : 0.0;
-      }
+    const double by = 1.0 / d;
+    s.reciprocal[static_cast<std::size_t>(b0 + k)] = by;
+    for (std::int64_t i = k + 1; i < nb; ++i) {
+      x[i] = column[i];
+      column[i] *= by;
     }
-
-    // Update the triangle in tiles of columns; where the rank is used up there is nothing to update.
-    bool any = false;
-    for (std::int64_t k = b0; k < b1; ++k) any = any || s.has_pivot(k);
-    if (any) dgemm('N', 'N', n, nb, nb, 1.0, panel, n, s.inverse.data(), nb, 0.0, swept, n);
-    for (std::int64_t j = 0; j < n && any; j += tile_size) {
-      const std::int64_t width = std::min(tile_size, n - j);
-      dgemm('N', 'T', n - j, width, nb, -1.0, swept + j, n, panel + j, n, 1.0, s.a + j + j * n, n);
-    }
-
-    // A row u without a pivot: A_Ru <- A_Ru - A_RK A_KK^-1 A_Ku for the rows R with one, 0 for those to come
-    // and those without.
-    for (std::int64_t u = 0; u < nb; ++u) {
-      if (s.has_pivot(b0 + u)) continue;
-      double* column = swept + u * n;
-      std::copy(panel + u * n, panel + (u + 1) * n, column);
-      for (std::int64_t k = 0; k < nb; ++k) {
-        const double b = s.has_pivot(b0 + k) ? s.block[static_cast<std::size_t>(u + k * nb)] : 0.0;
-        if (b != 0.0) daxpy(n, -b, panel + k * n, 1, column, 1);
-      }
-      std::fill(column, column + b0, 0.0);
-      for (std::int64_t i = b1; i < n; ++i) {
-        if (!s.has_pivot(i)) column[i] = 0.0;
-      }
-    }
-
-    // Put the block and its columns back.
-    for (std::int64_t k = 0; k < nb; ++k) {
-      double* row = s.a + b0 + k;
-      for (std::int64_t i = 0; i < b0; ++i) row[i * n] = swept[i + k * n];
-      std::copy(swept + b1 + k * n, swept + n + k * n, s.a + b1 + (b0 + k) * n);
-      for (std::int64_t i = k; i < nb; ++i)
-        s.a[b0 + i + (b0 + k) * n] = s.block[static_cast<std::size_t>(i + k * nb)];
+    for (std::int64_t j = k + 1; j < nb; ++j) {
+      for (std::int64_t i = j; i < nb; ++i) w[i + j * s.n] -= x[i] * column[j];
     }
   }
+}
+
+/// G = L D L': unit L below the diagonal.
+void factorise(SWEEP& s)
+{
+  const std::int64_t n = s.n;
+  for (std::int64_t b0 = 0; b0 < n; b0 += block_size) {
+    const std::int64_t nb = std::min(block_size, n - b0);
+    const std::int64_t b1 = b0 + nb;
+    const std::int64_t below = n - b1;
+    factor_square(s, b0, nb);
+    if (below == 0) break;
+    double* l = s.a + b1 + b0 * n;
+    dtrsm('R', 'L', 'T', 'U', below, nb, 1.0, s.a + b0 * (n + 1), n, l, n);
+    for (std::int64_t k = 0; k < nb; ++k) {
+      const double by = s.reciprocal[static_cast<std::size_t>(b0 + k)];
+      double* kept = s.panel.data() + k * below;
+      for (std::int64_t i = 0; i < below; ++i) {
+        kept[i] = by == 0.0 ? 0.0 : l[i + k * n];
+        l[i + k * n] = kept[i] * by;
+      }
+    }
+    for (std::int64_t j = 0; j < below; j += tile_size) {
+      dgemm('N', 'T', below - j, std::min(tile_size, below - j), nb, -1.0, l + j, n, s.panel.data() + j, below, 1.0,
+            s.a + (b1 + j) * (n + 1), n);
+    }
+  }
+}
+
+/// From N: -N' D^-1 N between rows with a pivot, -N between one without and one with.  Rows rise, so that those of N that are
+/// overwritten are no longer needed.
+void multiply_out(SWEEP& s)
+{
+  const std::int64_t n = s.n;
+  for (std::int64_t i0 = 0; i0 < n; i0 += block_size) {
+    const std::int64_t nb = std::min(block_size, n - i0);
+    const std::int64_t m = n - i0;
+    double* v = s.panel.data();   // N, its unit diagonal filled in
+    double* w = s.scaled.data();  // D^-1 N
+    for (std::int64_t c = 0; c < nb; ++c) {
+      const double* column = s.a + i0 + (i0 + c) * n;
+      std::fill_n(v + c * m, c, 0.0);
+      v[c + c * m] = 1.0;
+      std::copy(column + c + 1, column + m, v + c + 1 + c * m);
+      for (std::int64_t k = 0; k < m; ++k) w[k + c * m] = v[k + c * m] * s.reciprocal[static_cast<std::size_t>(i0 + k)];
+    }
+    double* t = s.product.data();
+    if (i0 > 0) dgemm('T', 'N', nb, i0, m, -1.0, w, m, s.a + i0, n, 0.0, t, nb);
+    dgemm('T', 'N', nb, nb, m, -1.0, w, m, v, m, 0.0, t + i0 * nb, nb);
+    for (std::int64_t j = 0; j < i0 + nb; ++j) {
+      for (std::int64_t r = std::max<std::int64_t>(0, j - i0); r < nb; ++r) {
+        double& x = s.a[i0 + r + j * n];
+        if (s.reciprocal[static_cast<std::size_t>(i0 + r)] != 0.0) {
+          x = t[r + j * nb];
+        } else {
+          x = j == i0 + r ? 0.0 : -x;
+        }
+      }
+    }
+  }
+}
+
+void sweep_by_factor(SWEEP& s)
+{
+  turn_round(s.n, s.a);
+  factorise(s);
+  dtrtri('L', 'U', s.n, s.a, s.n);
+  multiply_out(s);
+  turn_round(s.n, s.a);
 }
 
 }  // namespace
@@ -202,15 +223,15 @@ void L_SWEEP(ERROR_HANDLER& eh, std::int64_t n, double* a, double criterion, dou
   if (!assign(eh, s.tolerance, n) || !assign(eh, pivots.mark, n)) return;
   if (!attempt([&] { pivots.empty.assign(static_cast<std::size_t>(n), true); }))
     return eh.out_of_memory(n / 8);
-  if (examine(s, criterion, floor) < few_elements) {
+  if (examine(s, criterion, floor) < few_elements && n > block_size) {
     if (!attempt([&] { sweep_by_rows(s); })) eh.out_of_memory();
     return;
   }
   const std::int64_t width = std::min(block_size, n);
-  if (!assign(eh, s.panel, n * width) || !assign(eh, s.swept, n * width) ||
-      !assign(eh, s.block, width * width) || !assign(eh, s.inverse, width * width))
+  if (!assign(eh, s.reciprocal, n) || !assign(eh, s.panel, n * width) || !assign(eh, s.scaled, n * width) ||
+      !assign(eh, s.product, n * width))
     return;
-  sweep_by_blocks(s);
+  sweep_by_factor(s);
 }
 
 }  // namespace tolvan

@@ -98,6 +98,30 @@ TEST(InvertDense, FullRank)
   }
 }
 
+// Nearly singular: what equations make of an inverse is log|K^-1 + I| + log|K|, which is log|I + K|.  An inverse whose errors grow
+// with the square of the condition number would lose all of it.
+TEST(InvertDense, NearlySingular)
+{
+  std::mt19937 random(14);
+  for (const std::int64_t n : {20, 97, 193}) {
+    for (const double ridge : {1e-4, 1e-6, 1e-8}) {
+      SCOPED_TRACE(text("order ", n, ", ridge ", ridge));
+      Matrix k = of_rank(random, n, n / 2, {});
+      for (std::int64_t i = 0; i < n; ++i) k[static_cast<std::size_t>(i * n + i)] += ridge;
+      Matrix with_unit = k;
+      for (std::int64_t i = 0; i < n; ++i) with_unit[static_cast<std::size_t>(i * n + i)] += 1.0;
+      ERROR_HANDLER eh;
+      PIVOTS pivots;
+      std::vector<std::int64_t> bound;
+      K4MSMISG(eh, n, k, 0, false, pivots, bound);
+      ASSERT_EQ(pivots.singular + pivots.negative, 0);
+      for (std::int64_t i = 0; i < n; ++i) k[static_cast<std::size_t>(i * n + i)] += 1.0;
+      const double expected = logdet_by_eigenvalues(with_unit, n);
+      EXPECT_NEAR(logdet_by_eigenvalues(k, n) + pivots.log_determinant, expected, 1e-13 * static_cast<double>(n) / ridge);
+    }
+  }
+}
+
 // G K G = K and K G K = K for a generalized inverse; the rows without a pivot are 0.
 TEST(InvertDense, SingularWithZeroRows)
 {
