@@ -17,6 +17,7 @@
 #include "estimation/iterative_mme.h"
 #include "estimation/keep_parameters.h"
 #include "estimation/search_ranges.h"
+#include "estimation/working_file.h"
 #include "reports/result_tables.h"
 #include "reports/user_abort.h"
 #include "varstruct/lost_ranges.h"
@@ -395,6 +396,8 @@ void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& 
         WRITE_CMAT(own, work.equations, text(call.files->folder(), "CMAT.bin"));
       if (call.options(Slot::debug) > 0 && call.files != nullptr && call.files->in_use)
         WRITE_CMAT_TEXT(own, work.equations, text(call.files->folder(), "cmat.rcv"));
+      if (call.options(Slot::debug) > 0 && call.files != nullptr && call.files->in_use && fit.mode == 0 && ev.information.count() > 0)
+        AIDWVR(own, in, call.model, work.equations, ev, text(call.files->folder(), "wvar.rcv"));
       if (call.files != nullptr) SAVE_PARAMETERS(own, call.model, fit.evaluated, *call.files);
       TMG_LOG(call.timing, " TLV/SLN/YHT written");
     }

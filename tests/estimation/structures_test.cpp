@@ -1,6 +1,7 @@
 // Evaluations with every kind of structure against the textbook: V is built densely from the components' covariances, its
 // derivatives by differences, and LogL, scores and average information follow from their definitions.
 #include "base/text.h"
+#include "estimation/working_file.h"
 #include "structure_models.h"
 #include "support/checks.h"
 #include "support/own_script.h"
@@ -13,15 +14,23 @@ using namespace tolvan::test;
 using tolvan_test::dense_variance;
 using tolvan_test::DenseVariance;
 
-void evaluate(Built& b, VARIANCE_MODEL model, EVALUATION& ev)
+/// Evaluates a model; gives its working variables by records, too.
+std::vector<double> evaluate(Built& b, VARIANCE_MODEL model, EVALUATION& ev)
 {
-  ERROR_HANDLER eh;
-  FIT_WORK work;
-  const FIT_MODEL in{b.options, b.variables, b.factors, b.terms, b.design, b.timing};
-  work.aiopt(Ai::penalty) = -1;
-  K4MITR(eh, in, 1, model, work, ev);
-  ASSERT_FALSE(eh.terminate()) << eh.EH_PRINT_TEXT();
-  ASSERT_EQ(ev.fault, 0) << eh.EH_PRINT_TEXT();
+  std::vector<double> w;
+  const auto run = [&] {
+    ERROR_HANDLER eh;
+    FIT_WORK work;
+    const FIT_MODEL in{b.options, b.variables, b.factors, b.terms, b.design, b.timing};
+    work.aiopt(Ai::penalty) = -1;
+    K4MITR(eh, in, 1, model, work, ev);
+    ASSERT_FALSE(eh.terminate()) << eh.EH_PRINT_TEXT();
+    ASSERT_EQ(ev.fault, 0) << eh.EH_PRINT_TEXT();
+    fold_followers(model, ev.information);
+    w = working_by_records(eh, in, model, work.equations, ev);
+  };
+  run();
+  return w;
 }
 
 /// LogL, scores and average information of a model by their definitions, of masters together with what follows them.
@@ -30,9 +39,8 @@ void check(Built& b, double step = 1e-5)
 {
   set_followers(b.model);
   EVALUATION ev;
-  evaluate(b, b.model, ev);
+  const std::vector<double> w = evaluate(b, b.model, ev);
   if (testing::Test::HasFatalFailure()) return;
-  fold_followers(b.model, ev.information);
   const auto k = static_cast<std::size_t>(ev.information.count());
   std::vector<Matrix> vdot;
   std::size_t free = 0;
@@ -57,6 +65,13 @@ void check(Built& b, double step = 1e-5)
   EXPECT_EQ(static_cast<double>(ev.nu), d.nu);
   for (std::size_t i = 0; i < k; ++i) EXPECT_NEAR(ev.information.score[i], d.score[i], 1e-6 * (1.0 + std::fabs(d.score[i]))) << i;
   for (std::size_t i = 0; i < d.ai.size(); ++i) EXPECT_NEAR(ev.information.ai[i], d.ai[i], 1e-6 * (1.0 + std::fabs(d.ai[i]))) << i;
+  // Working variables: Vdot P y.
+  Matrix y(b.design.response.size(), 1);
+  y.a = b.design.response;
+  for (std::size_t i = 0; i < k; ++i) {
+    const Matrix expected = vdot[i] * (d.p * y);
+    for (std::size_t r = 0; r < y.rows; ++r) EXPECT_NEAR(w[i * y.rows + r], expected(r, 0), 1e-6 * (1.0 + std::fabs(expected(r, 0)))) << i << ' ' << r;
+  }
 }
 
 TEST(Structures, EvaluationsAgreeWithTheDenseDefinitions)

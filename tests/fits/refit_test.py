@@ -206,6 +206,16 @@ def coefficients(library):
             data = file.read()
         with open(os.path.join(folder, "cmat.rcv")) as file:
             lines = [line.split() for line in file]
+        with open(os.path.join(folder, "wvar.rcv")) as file:
+            working = file.read().split("\n")
+    gammas = host.output_real("TABLE_VARCOMP:GAMMA")
+    records = len(host.output_real("TABLE_YHT:YHAT"))
+    check(working[0] == "   ROW  VPAR  Working_Variable" and len(working) == 2 + records * len(gammas), "wvar.rcv")
+    mu = host.output_real("TABLE_SLN:EFFECT")[0]
+    for record, number, value in (line.split() for line in working[1:-1]):
+        y = rows[int(record) - 1][2]
+        if int(number) == len(gammas) and y != MISSING:  # of the variance that all are ratios to: y less what is fixed in it
+            check(near(float(value), y - mu, 1e-6), "working variable of record %s: %s, %g" % (record, value, y - mu))
     mark, n, count = struct.unpack_from("<8sqq", data)
     check(mark == b"TLVCMAT1" and n == len(host.output_real("TABLE_SLN:EFFECT")) and len(data) == 24 + 24 * count, "head of the file")
     c = [[0.0] * n for _ in range(n)]
