@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "base/text.h"
+#include "estimation/absorb_equations.h"
 #include "estimation/em_updates.h"
 #include "estimation/iterative_mme.h"
 #include "estimation/keep_followers.h"
@@ -20,10 +21,8 @@ namespace tolvan {
 namespace {
 
 constexpr int repeats_of_damping = 10;
-constexpr std::int64_t out_of_memory_absorbing = 100001;
 constexpr std::int64_t structure_does_not_fit = 44;
 constexpr std::int64_t not_positive_definite = 1008;  // fault of a variance matrix that has lost its definiteness
-constexpr std::int64_t lost_in_rounding = 2000;       // fault of an absorption: a variance matrix is singular to rounding
 
 /// The list of parameters that take part, and the one held out of the update.
 void list_active(VARIANCE_MODEL& model, EVALUATION& ev)
@@ -110,109 +109,6 @@ void L_DROP_SMALL(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration
   }
 }
 
-/// Marks the effects of positive definite variance matrices, by elimination position: G^-1 bounds their pivots from below.  Where
-/// Lagrangian rows make a singular matrix whole, that holds for the effects that they neither bind nor are.
-std::vector<std::uint8_t> definite_effects(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, const FORMED& formed)
-{
-  std::vector<std::uint8_t> definite(static_cast<std::size_t>(q.n), 0);
-  for (std::size_t t = 0; t < model.terms.size(); ++t) {
-    if (model.terms[t].dropped) continue;
-    const COMPONENTS& components = formed.terms[t].components;
-    if (std::any_of(components.begin(), components.end(), [](const auto& c) {
-          return c->counted() < c->inverse().n || c->negative() != std::ssize(c->lagrangian());
-        })) {
-      continue;
-    }
-    const std::int64_t first = first_equation(in.terms, model.terms[t]);
-    const auto mark = [&](std::int64_t e, std::uint8_t value) { definite[static_cast<std::size_t>(q.position_of(first + e))] = value; };
-    for (std::int64_t e = 0; e < formed.terms[t].size; ++e) mark(e, 1);
-    for (std::size_t c = 0; c < components.size(); ++c) {
-      const PRODUCT_BLOCK block = block_of(components, c);
-      for (const auto& [row, level] : components[c]->lagrangian()) {
-        for (std::int64_t o = 0; o < block.outer; ++o) {
-          const std::int64_t from = o * components[c]->inverse().n;
-          for (std::int64_t i = 0; i < block.inner; ++i) {
-            mark((from + row) * block.inner + i, 0);
-            mark((from + level) * block.inner + i, 0);
-          }
-        }
-      }
-    }
-  }
-  return definite;
-}
-
-/// L_ABSORB: absorbs C and reports its singular pivots in the words of the rule.
-///
-/// Effects of a positive definite variance matrix are never singular.  Where that matrix is so close to a singular one that rounding
-/// leaves nothing of a pivot, LogL cannot be told: leaving the equation out would set the effect to zero, and with it those that are
-/// bound to it.
-void L_ABSORB(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, int threads, FIT_WORK& work, EVALUATION& ev)
-{
-  const Frame here{eh, __func__};
-  MIXED_EQUATIONS& q = work.equations;
-  ABSORB_CONTROL control;
-  control.t0 = work.tolerance;
-  control.default_tolerance = work.default_tolerance;
-  control.floor = 0.0;  // an absolute floor would drop equations by the unit of the response or of a covariate
-  control.threads = threads;
-  control.cancel = work.cancel;
-  const std::vector<std::uint8_t> definite = definite_effects(in, model, q, ev.formed);
-  control.definite = definite;
-  ev.absorbed = {};
-  {
-    const Timed timed{in.timing, "K4MXXAIL", "K4MITR"};
-    K4MXXAIL(eh, q.c, control, q.factor, ev.absorbed);
-  }
-  if (eh.terminate()) {
-    const bool short_of_memory = !eh.messages().empty() && eh.messages().back().ecode == Ecode::alloc_fail;
-    if (short_of_memory) ev.fault = out_of_memory_absorbing;
-    return;
-  }
-  for (std::size_t p = 0; p < definite.size() && !ev.absorbed.cancelled; ++p) {
-    if (definite[p] != 0 && q.factor.reciprocal[p] == 0.0) ev.fault = lost_in_rounding;
-  }
-  if (ev.absorbed.tightened) {
-    work.tolerance = ev.absorbed.t0;
-    work.default_tolerance = false;
-  }
-  if (ev.absorbed.reported.empty()) return;
-  std::vector<std::int64_t> equation(static_cast<std::size_t>(q.n));
-  for (std::int64_t e = 0; e < q.n; ++e) equation[static_cast<std::size_t>(q.position_of(e))] = e + 1;
-  for (const ABSORBED::SmallPivot& pivot : ev.absorbed.reported) {
-    bool repeated = false;
-    eh.EH_ADD_MESSAGE({.text = text("equation ", equation[static_cast<std::size_t>(pivot.position)], " appears singular"),
-                       .etype = Etype::warning,
-                       .unique = true,
-                       .is_duplicate = &repeated});
-    if (repeated) continue;
-    eh.continuation(pivot.accepted ? "assuming it is not singular, so setting the tolerance option to -1"
-                                   : "set the tolerance option to -2 if it should not be singular");
-  }
-}
-
-/// Whether V is positive definite on the data left by the fixed effects, by inertia: C and G^-1 then have equally many
-/// negative pivots (Sylvester's law).  Only negative variances can make it otherwise.
-bool is_positive_definite(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, EVALUATION& ev)
-{
-  std::int64_t negative = 0;
-  for (std::size_t t = 0; t < model.terms.size(); ++t) {
-    if (model.terms[t].dropped) continue;
-    const std::int64_t all = q.random[t].size();
-    const std::int64_t down = negative_eigenvalues(ev.formed.terms[t].components);
-    if (down < all) {
-      negative += down;
-      continue;
-    }
-    const std::int64_t first = first_equation(in.terms, model.terms[t]);
-    for (std::int64_t e = first; e < first + all; ++e) {
-      negative += q.factor.reciprocal[static_cast<std::size_t>(q.position_of(e))] != 0.0 ? 1 : 0;
-    }
-  }
-  ev.negative = ev.absorbed.negative - negative;
-  return negative == 0 || ev.negative == 0;
-}
-
 /// The solutions and what follows from them; the effects of a constant where mu was left out; nu.
 void solve(const FIT_MODEL& in, const VARIANCE_MODEL& model, int threads, FIT_WORK& work, EVALUATION& ev)
 {
@@ -289,7 +185,10 @@ void L_FORM(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, int 
     const Timed timed{in.timing, "REORDER_MATRIX"};
     q.solving = solving_of_mode(work.aiopt(Ai::mode));
     SETUP_EQUATIONS(eh, in.options, in.terms, in.design, model, ev.formed, q);
-    if (eh.terminate()) return;
+    if (eh.terminate()) {
+      ev.fault = fault_of_memory(eh);
+      return;
+    }
     if (q.solving == Solving::by_factor && !lagrangian_equations_in_order(in.terms, model, ev.formed, q)) {
       eh.error("Lagrangian Equation order issue was not fixed");
       return;

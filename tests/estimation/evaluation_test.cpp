@@ -1,11 +1,15 @@
 // One evaluation against the textbook: LogL, scores, average information, effects and leverages of small random models.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <numeric>
 #include <random>
 
+#include "estimation/absorb_equations.h"
 #include "estimation/evaluation.h"
 #include "estimation/final_results.h"
+#include "estimation/order_equations.h"
 #include "oracle/dense_reml.h"
 
 namespace tolvan {
@@ -265,7 +269,92 @@ TEST(Evaluation, AbsoluteVariancesGiveTheSameSurface)
   }
 }
 
-TEST(Evaluation, OrderOfRecordsAndOffsetsAreImmaterial)
+/// The same data in another order, its effects numbered otherwise within each random term.
+Model reordered(const Model& m, unsigned seed)
+{
+  std::mt19937 random(seed);
+  std::vector<std::int32_t> number(static_cast<std::size_t>(m.terms.equations));
+  std::iota(number.begin(), number.end(), 0);
+  for (const TERM_ROW& term : m.terms.rows) {
+    if (term.block == Block::random) std::shuffle(number.begin() + term.first, number.begin() + term.first + term.equations, random);
+  }
+  std::vector<std::size_t> order(m.design.response.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  std::shuffle(order.begin(), order.end(), random);
+  Model out = m;
+  out.design.equation.clear();
+  out.design.value.clear();
+  out.design.start.assign(1, 0);
+  out.design.mv.clear();
+  for (std::size_t r = 0; r < order.size(); ++r) {
+    const std::size_t from = order[r];
+    for (auto k = static_cast<std::size_t>(m.design.start[from]); k < static_cast<std::size_t>(m.design.start[from + 1]); ++k) {
+      out.design.equation.push_back(number[static_cast<std::size_t>(m.design.equation[k])]);
+      out.design.value.push_back(m.design.value[k]);
+    }
+    out.design.start.push_back(static_cast<std::int64_t>(out.design.equation.size()));
+    out.design.response[r] = m.design.response[from];
+    if (!m.design.weight.empty()) out.design.weight[r] = m.design.weight[from];
+    if (std::count(m.design.mv.begin(), m.design.mv.end(), static_cast<std::int64_t>(from)) > 0) out.design.mv.push_back(static_cast<std::int64_t>(r));
+  }
+  return out;
+}
+
+TEST(Evaluation, OrderOfRecordsAndLevelsIsImmaterial)
+{
+  for (const auto& [name, shape] : shapes) {
+    Model m = make(shape, 60, 4);
+    std::vector<double> gamma;
+    for (std::size_t t = 0; t < shape.random.size(); ++t) gamma.push_back(0.4 + 0.3 * static_cast<double>(t));
+    Evaluated e;
+    evaluate(m, gamma, e);
+    for (unsigned seed = 1; seed <= 5; ++seed) {
+      SCOPED_TRACE(testing::Message() << name << ", order " << seed);
+      Model other = reordered(m, seed);
+      Evaluated f;
+      evaluate(other, gamma, f);
+      EXPECT_NEAR(f.ev.logl, e.ev.logl, 1e-12 * std::fabs(e.ev.logl));
+      EXPECT_NEAR(f.ev.sigma2, e.ev.sigma2, 1e-12 * e.ev.sigma2);
+      for (std::size_t i = 0; i < gamma.size(); ++i) {
+        EXPECT_NEAR(f.ev.information.score[i], e.ev.information.score[i], 1e-11 * (1.0 + std::fabs(e.ev.information.score[i])));
+      }
+      for (std::size_t i = 0; i < e.ev.information.ai.size(); ++i) {
+        EXPECT_NEAR(f.ev.information.ai[i], e.ev.information.ai[i], 1e-11 * (1e-3 + std::fabs(e.ev.information.ai[i])));
+      }
+    }
+  }
+}
+
+// Two random terms with the same design, so large that rounding leaves nothing of what tells them apart.
+TEST(Evaluation, FailsWhereRoundingLeavesNothing)
+{
+  Model m = make({{}, {6, 6}}, 48, 2);
+  for (std::size_t k = 2; k < m.design.equation.size(); k += 3) m.design.equation[k] = m.design.equation[k - 1] + 6;
+  const FIT_MODEL in{m.options, m.variables, m.factors, m.terms, m.design, m.timing};
+  for (const auto& [variance, fault] : std::vector<std::pair<double, std::int64_t>>{{1e3, 0}, {1e9, 0}, {1e15, 2000}}) {
+    VARIANCE_MODEL variances = m.variance;
+    variances.parameters[0].value = variances.parameters[1].value = variance;
+    Evaluated e;
+    e.work.aiopt(Ai::penalty) = -1;
+    ERROR_HANDLER eh;
+    K4MITR(eh, in, 1, variances, e.work, e.ev);
+    EXPECT_FALSE(eh.terminate());
+    EXPECT_EQ(e.ev.fault, fault) << variance;
+  }
+}
+
+TEST(Evaluation, FaultsOfMemory)
+{
+  ERROR_HANDLER ordering, absorbing, other;
+  K4MEAB(ordering);
+  EXPECT_EQ(fault_of_memory(ordering), 7);
+  absorbing.error("Out of memory absorbing: the factor of 9 equations has 45 elements", Ecode::alloc_fail);
+  EXPECT_EQ(fault_of_memory(absorbing), 100001);
+  other.error("errors detected in sparse matrix");
+  EXPECT_EQ(fault_of_memory(other), 0);
+}
+
+TEST(Evaluation, OffsetsAreImmaterial)
 {
   Model m = make(shapes[1].second, 50, 9);
   Evaluated e;

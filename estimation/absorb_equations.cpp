@@ -1,0 +1,139 @@
+// The absorption of an evaluation's equations, and what its pivots tell.  Routine: L_ABSORB.
+#include "estimation/absorb_equations.h"
+
+#include <algorithm>
+
+#include "base/text.h"
+#include "estimation/fault_texts.h"
+
+namespace tolvan {
+namespace {
+
+constexpr std::int64_t failed_ordering = 7;
+constexpr std::int64_t lost_in_rounding = 2000;  // of an absorption: a variance matrix is singular to rounding
+constexpr std::int64_t out_of_memory_absorbing = 100001;
+
+/// Whether a structure has negative eigenvalues beside those of its Lagrangian rows.
+bool is_negative(const COMPONENTS& components)
+{
+  return std::any_of(components.begin(), components.end(),
+                     [](const auto& c) { return c->negative() != std::ssize(c->lagrangian()); });
+}
+
+bool has_negative_variances(const VARIANCE_MODEL& model, const FORMED& formed)
+{
+  for (std::size_t t = 0; t < model.terms.size(); ++t) {
+    if (!model.terms[t].dropped && is_negative(formed.terms[t].components)) return true;
+  }
+  return false;
+}
+
+/// Marks the effects of positive definite variance matrices, by elimination position: G^-1 bounds their pivots from below.  Where
+/// Lagrangian rows make a singular matrix whole, that holds for the effects that they neither bind nor are.
+std::vector<std::uint8_t> definite_effects(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, const FORMED& formed)
+{
+  std::vector<std::uint8_t> definite(static_cast<std::size_t>(q.n), 0);
+  for (std::size_t t = 0; t < model.terms.size(); ++t) {
+    if (model.terms[t].dropped) continue;
+    const COMPONENTS& components = formed.terms[t].components;
+    if (is_negative(components) ||
+        std::any_of(components.begin(), components.end(), [](const auto& c) { return c->counted() < c->inverse().n; })) {
+      continue;
+    }
+    const std::int64_t first = first_equation(in.terms, model.terms[t]);
+    const auto mark = [&](std::int64_t e, std::uint8_t value) { definite[static_cast<std::size_t>(q.position_of(first + e))] = value; };
+    for (std::int64_t e = 0; e < formed.terms[t].size; ++e) mark(e, 1);
+    for (std::size_t c = 0; c < components.size(); ++c) {
+      const PRODUCT_BLOCK block = block_of(components, c);
+      for (const auto& [row, level] : components[c]->lagrangian()) {
+        for (std::int64_t o = 0; o < block.outer; ++o) {
+          const std::int64_t from = o * components[c]->inverse().n;
+          for (std::int64_t i = 0; i < block.inner; ++i) {
+            mark((from + row) * block.inner + i, 0);
+            mark((from + level) * block.inner + i, 0);
+          }
+        }
+      }
+    }
+  }
+  return definite;
+}
+
+}  // namespace
+
+std::int64_t fault_of_memory(const ERROR_HANDLER& eh)
+{
+  bool short_of_memory = false;
+  for (const ERROR_MESSAGE& each : eh.messages()) {
+    if (each.message && each.message->find(fault_text(failed_ordering)) != std::string::npos) return failed_ordering;
+    short_of_memory = short_of_memory || each.ecode == Ecode::alloc_fail;
+  }
+  return short_of_memory ? out_of_memory_absorbing : 0;
+}
+
+void L_ABSORB(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, int threads, FIT_WORK& work, EVALUATION& ev)
+{
+  const Frame here{eh, __func__};
+  MIXED_EQUATIONS& q = work.equations;
+  ABSORB_CONTROL control;
+  control.t0 = work.tolerance;
+  control.default_tolerance = work.default_tolerance;
+  control.floor = 0.0;  // an absolute floor would drop equations by the unit of the response or of a covariate
+  control.threads = threads;
+  control.cancel = work.cancel;
+  const std::vector<std::uint8_t> definite = definite_effects(in, model, q, ev.formed);
+  control.definite = definite;
+  ev.absorbed = {};
+  {
+    const Timed timed{in.timing, "K4MXXAIL", "K4MITR"};
+    K4MXXAIL(eh, q.c, control, q.factor, ev.absorbed);
+  }
+  if (eh.terminate()) {
+    ev.fault = fault_of_memory(eh);
+    return;
+  }
+  const bool positive = !has_negative_variances(model, ev.formed);
+  for (std::size_t p = 0; p < definite.size() && !ev.absorbed.cancelled; ++p) {
+    const double r = q.factor.reciprocal[p];
+    if (definite[p] != 0 && (r == 0.0 || (r < 0.0 && positive))) ev.fault = lost_in_rounding;
+  }
+  if (ev.absorbed.tightened) {
+    work.tolerance = ev.absorbed.t0;
+    work.default_tolerance = false;
+  }
+  if (ev.absorbed.reported.empty()) return;
+  std::vector<std::int64_t> equation(static_cast<std::size_t>(q.n));
+  for (std::int64_t e = 0; e < q.n; ++e) equation[static_cast<std::size_t>(q.position_of(e))] = e + 1;
+  for (const ABSORBED::SmallPivot& pivot : ev.absorbed.reported) {
+    bool repeated = false;
+    eh.EH_ADD_MESSAGE({.text = text("equation ", equation[static_cast<std::size_t>(pivot.position)], " appears singular"),
+                       .etype = Etype::warning,
+                       .unique = true,
+                       .is_duplicate = &repeated});
+    if (repeated) continue;
+    eh.continuation(pivot.accepted ? "assuming it is not singular, so setting the tolerance option to -1"
+                                   : "set the tolerance option to -2 if it should not be singular");
+  }
+}
+
+bool is_positive_definite(const FIT_MODEL& in, const VARIANCE_MODEL& model, const MIXED_EQUATIONS& q, EVALUATION& ev)
+{
+  std::int64_t negative = 0;
+  for (std::size_t t = 0; t < model.terms.size(); ++t) {
+    if (model.terms[t].dropped) continue;
+    const std::int64_t all = q.random[t].size();
+    const std::int64_t down = negative_eigenvalues(ev.formed.terms[t].components);
+    if (down < all) {
+      negative += down;
+      continue;
+    }
+    const std::int64_t first = first_equation(in.terms, model.terms[t]);
+    for (std::int64_t e = first; e < first + all; ++e) {
+      negative += q.factor.reciprocal[static_cast<std::size_t>(q.position_of(e))] != 0.0 ? 1 : 0;
+    }
+  }
+  ev.negative = ev.absorbed.negative - negative;
+  return negative == 0 || ev.negative == 0;
+}
+
+}  // namespace tolvan
