@@ -16,6 +16,7 @@ namespace {
 
 constexpr double settled_move = 0.01;        // relative, of a parameter
 constexpr double last_rise = 1.4, last_fall = 1.3;  // of LogL in the last iteration: worth telling where it has not converged
+constexpr std::size_t most_named = 5;        // parameters without information
 constexpr std::int64_t factor_effects = 15;  // internal code of factor models with equations of their own
 
 /// Whether a pedigree with genetic groups has singular equations.
@@ -115,7 +116,24 @@ void note_criteria(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL&
   eh.note(text("Bayesian Information Criterion ", edit_f(fit.bic, width, 2), " (assuming ", fit.df, " degrees of freedom)."));
 }
 
-void tell_failure(ERROR_HANDLER& eh, const FIT_STATE& fit, std::int64_t singular)
+void name_singular(ERROR_HANDLER& eh, const UPDATE_STATE& update)
+{
+  const std::size_t named = std::min(update.singular.size(), most_named);
+  for (std::size_t i = 0; i < named; ++i) {
+    const SINGULAR_PARAMETER& p = update.singular[i];
+    if (p.silent) {
+      eh.continuation(text("the data say nothing about ", p.label));
+      continue;
+    }
+    std::string others;
+    for (const std::string& label : p.made_of) others += (others.empty() ? "" : " and ") + label;
+    if (others.empty()) others = "the other parameters";
+    eh.continuation(text("the data do not tell ", p.label, " from ", others, p.made_of.size() == 1 ? "" : " together"));
+  }
+  if (update.singular.size() > named) eh.continuation(text("and ", update.singular.size() - named, " more"));
+}
+
+void tell_failure(ERROR_HANDLER& eh, const FIT_STATE& fit, const UPDATE_STATE& update, std::int64_t singular)
 {
   const Frame here{eh, __func__};
   const auto begin = [&eh](const char* words) {
@@ -129,6 +147,7 @@ void tell_failure(ERROR_HANDLER& eh, const FIT_STATE& fit, std::int64_t singular
     begin("iteration aborted because of singularities in AI matrix");
     eh.continuation(text(singular, " singularities appeared in Average Information matrix, this could be a problem of scale or a "
                                    "problem with the model"));
+    name_singular(eh, update);
     eh.continuation(
         "it is preferable to revise the model to remove the singularity, you can specify !AISING to force the job to continue");
     return;

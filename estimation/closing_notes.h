@@ -19,6 +19,9 @@ void note_criteria(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL&
 
 /// The terminating words of a fit that failed; behind those that have ended it, where there are such.
 ///   singular  parameters without information, for a fit that ended so
-void tell_failure(ERROR_HANDLER& eh, const FIT_STATE& fit, std::int64_t singular);
+void tell_failure(ERROR_HANDLER& eh, const FIT_STATE& fit, const UPDATE_STATE& update, std::int64_t singular);
+
+/// Continues a message with the parameters without information and what they cannot be told from.
+void name_singular(ERROR_HANDLER& eh, const UPDATE_STATE& update);
 
 }  // namespace tolvan

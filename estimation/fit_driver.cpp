@@ -283,6 +283,7 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
     const std::int64_t singular = work.aiopt(Ai::ai_singularities);
     if (singular > 0 && fit.end == FitEnd::converged) {
       eh.warning(text(singular, " singularities in AI matrix"));
+      name_singular(eh, work.update);
       return;  // further iterations were asked for, and there is nothing more to find
     }
     const bool ridge = it.n >= 2 && it.singular_in_a_row < most_singular_in_a_row && (it.clean_before || it.singular_in_a_row > 0);
@@ -298,9 +299,16 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
       return;
     }
     if (singular > 0 && !passing) {
-      eh.EH_ADD_MESSAGE({.text = text(singular, " singularities in AI matrix"), .etype = Etype::warning, .unique = true});
+      bool told = false;
+      eh.EH_ADD_MESSAGE({.text = text(singular, " singularities in AI matrix"),
+                         .etype = Etype::warning,
+                         .unique = true,
+                         .is_duplicate = &told});
+      if (!told) name_singular(eh, work.update);
     }
-    if (residual_variance(call.model, ev) < wide(0.001f) && it.limit >= 2 && it.n >= 2) {
+    // Small against the response, too: small units alone say nothing.
+    const double residual = residual_variance(call.model, ev), least = wide(0.001f);
+    if (residual < least && residual < least * work.equations.mean_square_y && it.limit >= 2 && it.n >= 2) {
       eh.EH_ADD_MESSAGE({.text = "this error occurs in an animal model when the RESIDUAL variance is trying to go negative, i.e. "
                                  "heritability based on sire or dam variance would exceed 1",
                          .etype = Etype::warning,
@@ -423,7 +431,7 @@ void AIWORK(ERROR_HANDLER& eh, FIT_CALL& call, FIT_STATE& fit)
   TMG_LOG(call.timing, " EndingResiduals");
   const std::int64_t singular = work.aiopt(Ai::ai_singularities);
   L_REPORT(eh, call, in, work, ev, it, fit);
-  if (fit.end == FitEnd::failed) tell_failure(eh, fit, singular);
+  if (fit.end == FitEnd::failed) tell_failure(eh, fit, work.update, singular);
   const std::int64_t flag = fit.end == FitEnd::converged ? 0 : (fit.end == FitEnd::not_converged ? 2 : 1);
   ERROR_HANDLER aside;
   WARNING(eh.terminate() ? aside : eh, fit.status, flag, call.tables);

@@ -4,6 +4,7 @@
 
 #include "base/lapack.h"
 #include "base/text.h"
+#include "estimation/newton_step.h"
 #include "estimation/update_parameters.h"
 #include "varstruct/followers.h"
 
@@ -12,6 +13,8 @@ namespace {
 
 constexpr double dependent_from = 0.999999999;  // squared correlation of two linearly dependent parameters
 constexpr double dependent_to = 1.000000001;
+constexpr double least_part = 0.05;             // squared, of a parameter in another one's information, for it to be named
+constexpr std::size_t most_together = 3;
 constexpr std::int64_t many = 48;  // parameters from which the work is done by blocks
 
 std::size_t at(std::int64_t i, std::int64_t j) { return static_cast<std::size_t>(i * (i + 1) / 2 + j); }
@@ -106,6 +109,25 @@ std::int64_t most_alike(const INFORMATION& information, const std::vector<std::u
   return best;
 }
 
+/// The few parameters in use that make up the information of parameter i together, as far as they have a part worth naming; empty
+/// where they are many.
+std::vector<std::int64_t> makes_up(const INFORMATION& information, std::vector<std::uint8_t> used, std::int64_t i)
+{
+  const auto k = static_cast<std::size_t>(information.count());
+  INFORMATION column = information;
+  for (std::size_t j = 0; j < k; ++j) column.score[j] = information.at(static_cast<std::int64_t>(j), i);
+  used[static_cast<std::size_t>(i)] = 0;
+  std::vector<double> share(k, 0.0);
+  solve_step(column, used, share, share);
+  std::vector<std::int64_t> found;
+  for (std::size_t j = 0; j < k; ++j) {
+    const auto at_j = static_cast<std::int64_t>(j);
+    if (used[j] && share[j] * share[j] * information.at(at_j, at_j) > least_part * information.at(i, i)) found.push_back(at_j);
+  }
+  if (found.size() > most_together) found.clear();
+  return found;
+}
+
 /// Inverse from the factor: columns of the identity through both triangles.
 void invert(const std::vector<std::uint8_t>& used, const std::vector<double>& l, std::vector<double>& inverse)
 {
@@ -196,18 +218,23 @@ void K4MAII(ERROR_HANDLER& eh, bool update, std::int64_t iteration, INFORMATION&
 {
   const Frame here{eh, __func__};
   const std::int64_t k = information.count();
+  const auto label_of = [&](std::int64_t i) -> const std::string& {
+    return model.parameters[static_cast<std::size_t>(information.active[static_cast<std::size_t>(i)])].label;
+  };
+  if (update) state.singular.clear();
   used.assign(static_cast<std::size_t>(k), 1);
   std::vector<double> tolerance(static_cast<std::size_t>(k));
 
   // A parameter without information leaves the step.  The residual's own variance is never the one to blame: a parameter
   // that cannot be told from it gives way instead.
+  std::vector<std::int64_t> silent, confounded;
   const auto leave_out = [&](std::int64_t i, bool dependent) {
     used[static_cast<std::size_t>(i)] = 0;
     VARIANCE_PARAMETER& parameter = model.parameters[static_cast<std::size_t>(information.active[static_cast<std::size_t>(i)])];
     if (!update || !is_free(parameter.constraint)) return;
     ++aiopt(Ai::ai_singularities);
+    (dependent ? confounded : silent).push_back(i);
     if (dependent) parameter.constraint = Constraint::S;
-    if (state.first_singular.empty()) state.first_singular = parameter.label;
   };
 
   for (std::int64_t i = 0; i < k; ++i) {
@@ -252,6 +279,17 @@ void K4MAII(ERROR_HANDLER& eh, bool update, std::int64_t iteration, INFORMATION&
     }
   }
   for (const std::int64_t i : lost) leave_out(i, true);
+  for (const std::int64_t i : silent) state.singular.push_back({.label = label_of(i), .silent = true});
+  for (const std::int64_t i : confounded) {
+    SINGULAR_PARAMETER told{.label = label_of(i)};
+    bool with_residual = false;
+    for (const std::int64_t j : makes_up(information, used, i)) {
+      told.made_of.push_back(label_of(j));
+      with_residual = with_residual || information.active[static_cast<std::size_t>(j)] == model.residual_parameter;
+    }
+    if (state.first_singular.empty() && (with_residual || told.made_of.empty())) state.first_singular = told.label;
+    state.singular.push_back(std::move(told));
+  }
 
   // A correlation about which the data say next to nothing beside its score is held.  Both are what is left once the parameters
   // before it are eliminated: the score of theta in ARMA(1,1), say, is large while phi is far off, and all phi's.
@@ -272,8 +310,13 @@ void K4MAII(ERROR_HANDLER& eh, bool update, std::int64_t iteration, INFORMATION&
         sit_out.push_back(static_cast<std::size_t>(i));
         continue;
       }
-      eh.warning("Correlation parameter fixed; little information");
-      eh.continuation(parameter.label);
+      // A step taken back lets it go, and it may be fixed again.
+      const std::int64_t p = information.active[static_cast<std::size_t>(i)];
+      if (std::find(state.told.begin(), state.told.end(), p) == state.told.end()) {
+        eh.warning("Correlation parameter fixed; little information");
+        eh.continuation(parameter.label);
+        state.told.push_back(p);
+      }
       parameter.constraint = Constraint::F;
     }
   }

@@ -37,6 +37,13 @@ INFORMATION in_units(INFORMATION information);
 /// M' AI M.  A follower whose master takes no part leaves.
 void fold_followers(const VARIANCE_MODEL& model, INFORMATION& information);
 
+/// A parameter that left the step for want of information.
+struct SINGULAR_PARAMETER {
+  std::string label;
+  std::vector<std::string> made_of{};  // labels of those that it cannot be told from together; none where they are many
+  bool silent = false;                 // the likelihood does not change with it at all
+};
+
 /// What the update keeps between iterations.
 struct UPDATE_STATE {
   double step = 1.0;               // the step size of the fit
@@ -52,7 +59,9 @@ struct UPDATE_STATE {
   double expected_gain = 0.0;      // of LogL by the last step, by the quadratic model
   bool may_fix = true;             // LogL has settled so far that a correlation with little information is fixed for good
   bool growth_capped = false;      // a parameter wanted to grow by more than a step may: not at its optimum
-  std::string first_singular;      // label of the first parameter without information
+  std::string first_singular;      // label of the first parameter that the residual may make up
+  std::vector<SINGULAR_PARAMETER> singular;  // of the last information matrix
+  std::vector<std::int64_t> told;  // correlations of which it was told that they are fixed
   std::vector<DEFINITE_ROW> definite;  // unstructured matrices whose step is kept in their space, where EM was not asked for
 };
 

@@ -22,6 +22,7 @@ constexpr double smallest_power = 1e-7, largest_power = 0.999;
 constexpr double same_point = 1e-12;         // separations up to this are none
 constexpr double first_separation = 1e10;    // before any is known
 constexpr double share_moved = wide(0.01f);  // of the smallest separation so far
+constexpr int times_to_fix = 3;              // that a power is taken back to its limit
 constexpr int most_moves = 100;              // of one point
 constexpr double two_over_pi = 0.6366197722844561;
 constexpr double pivot_tolerance = 1e-12;  // times the mean of the first five diagonal elements, which are 1
@@ -150,8 +151,13 @@ class METRIC final : public DENSE_MATRIX {
   {
     const Frame here{context.eh, __func__};
     for (std::int64_t k = 0; k < parameters_; ++k) {
-      double& rho = parameter(context, k).value;
-      rho = std::min(std::max(rho, smallest_power), largest_power);
+      VARIANCE_PARAMETER& rho = parameter(context, k);
+      const double held = std::min(std::max(rho.value, smallest_power), largest_power);
+      int& times = times_held_[static_cast<std::size_t>(k)];
+      times = held == rho.value ? 0 : times + 1;
+      rho.value = held;
+      // Pulled beyond its limit again and again it is there to stay.
+      if (times >= times_to_fix && is_free(rho.constraint)) rho.constraint = Constraint::B;
     }
     COORDINATES& kept = context.model.coordinates[static_cast<std::size_t>(context.row.coordinates)];
     double smallest = first_separation;
@@ -250,6 +256,7 @@ class METRIC final : public DENSE_MATRIX {
   MATERN matern_;
   std::array<double, most_parameters> theta_{};
   std::array<double, 2> log_power_{};
+  std::array<int, 2> times_held_{};  // forms in a row that held a power at its limit
   std::vector<std::vector<double>>
       rdot_;  // n x n each, both triangles; empty for a parameter without a derivative
 };

@@ -10,6 +10,7 @@ namespace tolvan {
 
 namespace {
 
+constexpr double inside = 0.95;            // of the limit of ar1(): a start beyond it
 constexpr double sum_limit = wide(0.99f);
 constexpr double sum_margin = wide(0.01f);
 constexpr double root_limit = wide(0.995f);
@@ -40,6 +41,10 @@ double largest_partial(double a, double b, double c)
 void bound_ar1(const FORM_CONTEXT& context, VARIANCE_PARAMETER& rho)
 {
   if (!(std::fabs(rho.value) >= context.ar_limit)) return;
+  if (context.iteration == 1 && is_free(rho.constraint)) {
+    rho.value = std::copysign(inside * context.ar_limit, rho.value);
+    return;
+  }
   rho.value = std::copysign(context.ar_limit, rho.value);
   rho.constraint = Constraint::B;
 }

@@ -5,7 +5,7 @@
 
 namespace tolvan {
 
-/// For AR1, a value at or beyond the limit goes to it, with code B.
+/// For AR1, a value at or beyond the limit goes to it, with code B; on the first iteration it starts well inside.
 void bound_ar1(const FORM_CONTEXT& context, VARIANCE_PARAMETER& rho);
 /// For AR2 and MA2, |a + b| and |b - a| at most 0.99, each by a division of both.
 void bound_pair(double& a, double& b);

@@ -175,10 +175,14 @@ TEST(Update, ParametersWithoutInformationLeaveTheStep)
     const char* what;
     std::vector<double> ai;
     std::size_t singular;
+    std::vector<std::string> made_of;
+    bool residual;  // and no other
+    bool silent = false;
   };
-  for (const Case& c : {Case{"two equal variances", {2.0, 2.0, 2.0, 0.1, 0.1, 4.0}, 1},
-                        Case{"one confounded with the residual", {2.0, 0.1, 1.0, 0.1, 2.0, 4.0}, 1},
-                        Case{"one that is the sum of two others", {2.0, 2.0, 3.0, 2.0, 3.0, 3.0}, 1}}) {
+  for (const Case& c : {Case{"two equal variances", {2.0, 2.0, 2.0, 0.1, 0.1, 4.0}, 1, {"v0"}, false},
+                        Case{"one confounded with the residual", {2.0, 0.1, 1.0, 0.1, 2.0, 4.0}, 1, {"v2"}, true},
+                        Case{"one that is the sum of two others", {2.0, 2.0, 5.0, 0.0, 3.0, 3.0}, 1, {"v0", "v2"}, true},
+                        Case{"one without any", {2.0, 0.0, 0.0, 0.1, 0.0, 4.0}, 1, {}, false, true}}) {
     ERROR_HANDLER eh;
     VARIANCE_MODEL model = variances({1.0, 1.0, 1.0});
     AIOPT aiopt;
@@ -186,8 +190,12 @@ TEST(Update, ParametersWithoutInformationLeaveTheStep)
     UPDATE_STATE state;
     K4MUPD(eh, 1, 0.0, information({0.1, 0.1, 0.0}, c.ai), model, aiopt, state);
     EXPECT_EQ(aiopt(Ai::ai_singularities), 1) << c.what;
-    EXPECT_EQ(model.parameters[c.singular].constraint, Constraint::S) << c.what;
-    EXPECT_EQ(state.first_singular, model.parameters[c.singular].label) << c.what;
+    EXPECT_EQ(model.parameters[c.singular].constraint, c.silent ? Constraint::P : Constraint::S) << c.what;
+    EXPECT_EQ(state.first_singular, c.residual ? "v1" : "") << c.what;
+    ASSERT_EQ(state.singular.size(), 1U) << c.what;
+    EXPECT_EQ(state.singular[0].label, "v1") << c.what;
+    EXPECT_EQ(state.singular[0].made_of, c.made_of) << c.what;
+    EXPECT_EQ(state.singular[0].silent, c.silent) << c.what;
     EXPECT_EQ(model.parameters[c.singular].value, 1.0) << c.what;
   }
   ERROR_HANDLER eh;
