@@ -10,13 +10,13 @@
 #include "estimation/closing_notes.h"
 #include "estimation/coefficient_file.h"
 #include "estimation/evaluation.h"
+#include "estimation/far_starts.h"
 #include "estimation/fault_texts.h"
 #include "estimation/final_results.h"
 #include "estimation/imputation.h"
 #include "estimation/iteration.h"
 #include "estimation/iterative_mme.h"
 #include "estimation/keep_parameters.h"
-#include "estimation/search_ranges.h"
 #include "estimation/working_file.h"
 #include "reports/result_tables.h"
 #include "reports/user_abort.h"
@@ -205,6 +205,10 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
     L_COUNT_MATRICES(eh, call, it);
     if (eh.terminate()) return;
     if (lost) L_SEEK(eh, false, call, in, work, ev, it);
+    if (!lost && it.n == 2 && ev.fault == 0 && fit.mode == 0) {
+      const std::vector<double> start = ev.evaluated;
+      shrink_loadings(eh, in, it.n, start, call.model, work, ev);
+    }
     if (it.extra > 0) it.final_pass = false;
     if (it.n >= it.limit || fit.mode > 0) it.final_pass = true;
     work.aiopt(Ai::final_pass) = it.final_pass ? 1 : 0;
