@@ -2,6 +2,7 @@
 #include "estimation/absorb_equations.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "base/text.h"
 #include "estimation/fault_texts.h"
@@ -69,6 +70,16 @@ std::int64_t fault_of_memory(const ERROR_HANDLER& eh)
     short_of_memory = short_of_memory || each.ecode == Ecode::alloc_fail;
   }
   return short_of_memory ? out_of_memory_absorbing : 0;
+}
+
+double singularity_tolerance(const FIT_OPTIONS& options, std::int64_t equations)
+{
+  const auto power_of_ten = [](std::int64_t k) { return std::pow(10.0, static_cast<double>(std::clamp<std::int64_t>(k, -300, 300))); };
+  double t0 = options(Flag::k4mxxail_tol_42) ? 1e-9 : 1e-8;
+  if (!options.tolerance.empty() && options.tolerance[0] != 0) t0 *= power_of_ten(options.tolerance[0]);
+  if (equations > 1000000) t0 *= 5.0;
+  if (options.tolerance.size() >= 2) t0 *= power_of_ten(options.tolerance[1] - 1);
+  return t0;
 }
 
 void L_ABSORB(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, int threads, FIT_WORK& work, EVALUATION& ev)

@@ -8,6 +8,10 @@
 
 namespace tolvan {
 
+/// t0 of the rule of singularity: 1e-8 (1e-9 by its flag) times ten to the first value of the option tolerance, to the second less 1
+/// when there are two; five times as much above a million equations.
+double singularity_tolerance(const FIT_OPTIONS& options, std::int64_t equations);
+
 /// L_ABSORB: absorbs C and reports its singular pivots in the words of the rule.
 ///
 /// Effects of a positive definite variance matrix are never singular.  Where that matrix is so close to a singular one that rounding

@@ -1,9 +1,9 @@
 // What a fit settles and tells before its first iteration.
 #include <algorithm>
-#include <cmath>
 
 #include "base/clock.h"
 #include "base/text.h"
+#include "estimation/absorb_equations.h"
 #include "estimation/iteration.h"
 #include "estimation/iterative_mme.h"
 #include "reports/user_abort.h"
@@ -56,13 +56,7 @@ void open_fit(ERROR_HANDLER& eh, const FIT_CALL& call, FIT_WORK& work, ITERATION
         "(model term mv)");
   }
 
-  // t0 = 1e-8 (1e-9 by its flag) times ten to the first value of the option tolerance, to the second less 1 when there
-  // are two; five times as much above a million equations.
-  work.tolerance = options(Flag::k4mxxail_tol_42) ? 1e-9 : 1e-8;
-  const auto power_of_ten = [](std::int64_t k) { return std::pow(10.0, static_cast<double>(std::clamp<std::int64_t>(k, -300, 300))); };
-  if (!options.tolerance.empty() && options.tolerance[0] != 0) work.tolerance *= power_of_ten(options.tolerance[0]);
-  if (call.terms.equations > 1000000) work.tolerance *= 5.0;
-  if (options.tolerance.size() >= 2) work.tolerance *= power_of_ten(options.tolerance[1] - 1);
+  work.tolerance = singularity_tolerance(options, call.terms.equations);
   work.default_tolerance = work.tolerance == 1e-8;
   work.cancel.asked = [](void*) { return abort_file_exists(); };
 

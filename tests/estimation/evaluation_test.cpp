@@ -343,6 +343,27 @@ TEST(Evaluation, FailsWhereRoundingLeavesNothing)
   }
 }
 
+TEST(Evaluation, ToleranceOfSingularity)
+{
+  struct Case {
+    std::vector<std::int64_t> option;
+    bool flag;
+    std::int64_t equations;
+    double t0;
+  };
+  const std::vector<Case> cases = {{{}, false, 10, 1e-8},        {{}, true, 10, 1e-9},        {{2}, false, 10, 1e-6},
+                                   {{-1}, false, 10, 1e-9},      {{-1}, true, 10, 1e-10},     {{0, 1}, false, 10, 1e-8},
+                                   {{1, 3}, false, 10, 1e-5},    {{0, -1}, false, 10, 1e-10}, {{}, false, 1000000, 1e-8},
+                                   {{}, false, 1000001, 5e-8},   {{-2}, false, 1000001, 5e-10}};
+  for (const Case& each : cases) {
+    FIT_OPTIONS options;
+    options.tolerance = each.option;
+    options(Flag::k4mxxail_tol_42) = each.flag;
+    EXPECT_NEAR(singularity_tolerance(options, each.equations), each.t0, 1e-12 * each.t0);
+  }
+  EXPECT_EQ(singularity_tolerance({}, 10), 1e-8);  // exactly: only then may it be tightened
+}
+
 TEST(Evaluation, FaultsOfMemory)
 {
   ERROR_HANDLER ordering, absorbing, other;
