@@ -97,26 +97,38 @@ bool start_node(ABSORPTION& run, int32_t s, int thread)
   return true;
 }
 
-// A tile takes up all other blocks; the first one is then factorised, the others follow it.
-bool finish_tile(ABSORPTION& run, int32_t s, const TILES& tiles, int64_t k, int thread)
+// The tiles from `begin` to `end` of a node take up all other blocks.
+bool take_up(ABSORPTION& run, int32_t s, const TILES& tiles, int64_t begin, int64_t end, int thread)
 {
   FACTOR& factor = run.factor;
-  const SNODE& node = factor.nodes[s];
   NODE_WORK& work = run.work[thread];
-  double* panel = factor.panel.data() + node.panel;
-  double* reciprocal = factor.reciprocal.data() + node.first;
+  double* panel = factor.panel.data() + factor.nodes[s].panel;
   const ROW_PLACES places = place_rows(factor, s, work);
   for (int64_t b = factor.incoming_rest[s]; b < factor.incoming_start[s + 1]; ++b) {
     const SBLOCK& block = factor.blocks[factor.incoming[b]];
     if (run.watch.stop() || !run.wait(run.parts_left[block.source], 0)) return false;
-    if (is_plain(factor, block)) {
-      update_plain(factor, block, places, panel, tiles.begin(k), tiles.end(k));
-    } else {
-      update_blocked(factor, block, places, panel, tiles.begin(k), tiles.end(k), work);
+    const bool plain = is_plain(factor, block);
+    if (!plain) scale_columns(factor, block, work);
+    for (int64_t k = begin; k < end; ++k) {
+      if (plain) {
+        update_plain(factor, block, places, panel, tiles.begin(k), tiles.end(k));
+      } else {
+        update_blocked(factor, block, places, panel, tiles.begin(k), tiles.end(k), work);
+      }
     }
   }
+  return true;
+}
+
+// The first tile is factorised, the others follow it.
+bool finish_tile(ABSORPTION& run, int32_t s, const TILES& tiles, int64_t k, int thread)
+{
+  FACTOR& factor = run.factor;
+  const SNODE& node = factor.nodes[s];
+  double* panel = factor.panel.data() + node.panel;
+  double* reciprocal = factor.reciprocal.data() + node.first;
   if (k == 0) {
-    DSMINODEABS(node, factor.row_list.data() + node.row_list, panel, run.rule, reciprocal, work);
+    DSMINODEABS(node, factor.row_list.data() + node.row_list, panel, run.rule, reciprocal, run.work[thread]);
     run.count_down(run.diagonals_left[s]);
   } else if (!run.wait(run.diagonals_left[s], 0)) {
     return false;
@@ -128,8 +140,8 @@ bool finish_tile(ABSORPTION& run, int32_t s, const TILES& tiles, int64_t k, int 
 
 void absorb_node(ABSORPTION& run, int32_t s, int thread)
 {
-  if (!start_node(run, s, thread)) return;
   const TILES tiles(run.factor.nodes[s]);
+  if (!start_node(run, s, thread) || !take_up(run, s, tiles, 0, tiles.count, thread)) return;
   for (int64_t k = 0; k < tiles.count; ++k) finish_tile(run, s, tiles, k, thread);
 }
 
@@ -177,7 +189,8 @@ void absorb_items(ABSORPTION& run, const std::vector<ITEM>& items, int threads)
     }
     const TILES tiles(factor.nodes[item.which]);
     if (!run.wait(run.parts_left[item.which], static_cast<int32_t>(tiles.count))) return;
-    finish_tile(run, item.which, tiles, item.tile_number, thread);
+    const int32_t k = item.tile_number;
+    if (take_up(run, item.which, tiles, k, k + 1, thread)) finish_tile(run, item.which, tiles, k, thread);
   };
   share(threads, threads, [&](int64_t, int thread) {
     for (std::size_t k = next++; k < items.size() && !run.halted(); k = next++) work_off(items[k], thread);

@@ -89,7 +89,30 @@ void add_inverse(std::int64_t first, std::int64_t begin, std::int64_t end, PRODU
   }
 }
 
+/// The same for one dense matrix: every column of C is walked once, element by element.
+void add_dense(std::int64_t first, std::int64_t begin, std::int64_t end, PRODUCT_ROWS& rows, const std::vector<std::int32_t>& level,
+               MIXED_EQUATIONS& q)
+{
+  const double scale = rows.scale();
+  for (std::int64_t e = begin; e < end; ++e) {
+    const auto p = static_cast<std::size_t>(q.position_of(first + e));
+    rows.move_to(e);
+    const double* g = rows.dense_row();
+    for (std::size_t k = at(q.c.start, p); k < at(q.c.start, p + 1); ++k) {
+      const std::int32_t f = level[static_cast<std::size_t>(q.c.row[k])];
+      if (f >= 0) q.c.value[k] += scale * g[f];
+    }
+  }
+}
+
 }  // namespace
+
+std::vector<std::int32_t> levels_by_position(const MIXED_EQUATIONS& q, std::int64_t first, std::int64_t size)
+{
+  std::vector<std::int32_t> level(static_cast<std::size_t>(q.n), -1);
+  for (std::int64_t f = 0; f < size; ++f) level[static_cast<std::size_t>(q.position_of(first + f))] = static_cast<std::int32_t>(f);
+  return level;
+}
 
 void gather_effects(const MIXED_EQUATIONS& q, std::int64_t first, const double* from, std::vector<double>& u)
 {
@@ -145,8 +168,12 @@ void K4MXXG(ERROR_HANDLER& eh, const TERM_TABLE& terms, const VARIANCE_MODEL& mo
     if (q.solving == Solving::by_products) continue;
     q.random[t].refresh(formed.terms[t].components);
     std::vector<PRODUCT_ROWS> rows(static_cast<std::size_t>(threads), q.random[t]);
+    const bool dense = rows.front().is_one_dense();
+    std::vector<std::int32_t> level;
+    if (dense) level = levels_by_position(q, first, q.random[t].size());
     share_runs(threads, q.random[t].size(), columns_at_once, [&](std::int64_t begin, std::int64_t end, int thread) {
       const auto own = static_cast<std::size_t>(thread);
+      if (dense) return add_dense(first, begin, end, rows[own], level, q);
       add_inverse(first, begin, end, rows[own], q, place[own]);
     });
   }

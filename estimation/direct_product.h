@@ -69,6 +69,10 @@ class PRODUCT_ROWS {
   double scale() const;
   std::size_t components() const { return rows_.size(); }
 
+  /// Whether the product is one dense component; its present row without the scale.
+  bool is_one_dense() const { return rows_.size() == 1 && rows_.front().matrix().shape == Shape::dense; }
+  const double* dense_row() const { return lines_.front().value; }
+
   /// Moves to row e.
   void move_to(std::int64_t e);
   /// Calls f(column, value) for every element of the present row; value includes all scales.

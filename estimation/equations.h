@@ -116,6 +116,9 @@ inline std::int64_t structure_size(const VARIANCE_MODEL& model, const TERM_STRUC
   return size;
 }
 
+/// The level of a random structure whose equation stands at each position, -1 at the others'.
+std::vector<std::int32_t> levels_by_position(const MIXED_EQUATIONS& equations, std::int64_t first, std::int64_t size);
+
 /// The effects of a random structure out of a vector in elimination order, in the order of its product; and back, adding.
 void gather_effects(const MIXED_EQUATIONS& equations, std::int64_t first, const double* from, std::vector<double>& u);
 void scatter_effects(const MIXED_EQUATIONS& equations, std::int64_t first, const std::vector<double>& u, double* to);

@@ -61,6 +61,30 @@ double scaled_trace(std::int64_t first, std::int64_t begin, std::int64_t end, PR
   return total;
 }
 
+/// The same for one dense matrix: every column of C-inverse is walked once, element by element.
+double scaled_trace_dense(std::int64_t first, std::int64_t begin, std::int64_t end, PRODUCT_ROWS& rows, const MIXED_EQUATIONS& q,
+                          const std::vector<std::int32_t>& level, const std::vector<double>& inverse, const EVALUATION& ev)
+{
+  double total = 0.0;
+  for (std::int64_t e = begin; e < end; ++e) {
+    const auto p = static_cast<std::size_t>(q.position_of(first + e));
+    const auto from = static_cast<std::size_t>(q.c.start[p]);
+    const auto to = static_cast<std::size_t>(q.c.start[p + 1]);
+    const double up = ev.solution[p] / ev.sigma2;
+    rows.move_to(e);
+    const double* g = rows.dense_row();
+    double below = 0.0;
+#pragma omp simd reduction(+ : below)
+    for (std::size_t k = from + 1; k < to; ++k) {
+      const auto o = static_cast<std::size_t>(q.c.row[k]);
+      const std::int32_t f = level[o];
+      if (f >= 0) below += g[f] * (inverse[k] + up * ev.solution[o]);
+    }
+    total += g[e] * (inverse[from] + up * ev.solution[p]) + 2.0 * below;
+  }
+  return rows.scale() * total;
+}
+
 /// L_CHECK_XFA: factor models without specific variances: one of them in a product, first or last of two.  False when it is not so.
 bool L_CHECK_XFA(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const TERM_STRUCTURE& structure, const COMPONENTS& components,
                  std::int64_t& fault)
@@ -115,9 +139,14 @@ void K4MSCG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
       const auto at = std::lower_bound(active.begin(), active.end(), parameter);
       if (at == active.end() || *at != parameter) continue;
       std::array<double, sum_parts> traces{};
+      const bool dense = rows.front().is_one_dense();
+      std::vector<std::int32_t> level;
+      if (dense) level = levels_by_position(q, first, size);
       share_parts(threads, size, [&](std::int64_t part, std::int64_t begin, std::int64_t end, int thread) {
         const auto own = static_cast<std::size_t>(thread);
-        traces[static_cast<std::size_t>(part)] = scaled_trace(first, begin, end, rows[own], q, inverse, ev, work_of(thread));
+        traces[static_cast<std::size_t>(part)] =
+            dense ? scaled_trace_dense(first, begin, end, rows[own], q, level, inverse, ev)
+                  : scaled_trace(first, begin, end, rows[own], q, inverse, ev, work_of(thread));
       });
       const double trace = std::accumulate(traces.begin(), traces.end(), 0.0);
       ev.information.score[static_cast<std::size_t>(at - active.begin())] +=

@@ -20,9 +20,10 @@ namespace {
 using std::int32_t;
 using std::int64_t;
 
-constexpr int64_t group_columns = 256;  // columns of Z_RR gathered at a time
-constexpr int64_t group_tile = 80;      // columns of a group that one thread sums up at a time
-constexpr int64_t square_tile = 40;     // columns of the square on a node's diagonal, likewise
+constexpr int64_t group_columns = 256;    // columns of Z_RR gathered at a time
+constexpr int64_t group_tile = 80;        // columns of a group that one thread sums up at a time
+constexpr int64_t square_tile = 64;       // columns of the square on a node's diagonal, likewise
+constexpr int64_t product_columns = 128;  // of L_RJ M at a time
 
 // Columns of Z_RR from the node's row `begin` on.
 struct GROUP {
@@ -182,7 +183,7 @@ GROUP next_group(INVERSION& run, const SNODE& node, int64_t& b, int64_t b_end, i
 void add_columns(const GROUP& group, const PANEL& p, int64_t from, int64_t to)
 {
   dgemm('N', 'N', to - from, p.width, group.end - group.begin, -1.0, group.z + (from - group.begin), group.ld,
-        p.y + (group.begin - p.width), p.below, 1.0, p.z + from, p.ld);
+        p.y + (group.begin - p.width), p.below, group.begin == p.width ? 0.0 : 1.0, p.z + from, p.ld);
 }
 
 // What the rows below a group add to its own rows from..to: the same columns of Z_RR, transposed.
@@ -248,16 +249,22 @@ void invert_node(INVERSION& run, int32_t s, int threads, INVERSE_WORK& work)
   const bool tiled = below > inverse_untiled_rows;
   const int forked = static_cast<double>(below) * width * below > fork_above ? threads : 1;
 
+  // M = L_JJ^-1 (lower, unit) and Y = L_RJ M, by runs of columns, each from its own diagonal on.
+  double* m = work.square.data();
+  for (int64_t j = 0; j < width; ++j) {
+    std::fill_n(m + j * width, j, 0.0);
+    m[j + j * width] = 1.0;
+    std::copy(panel + j + 1 + j * ld, panel + width + j * ld, m + j + 1 + j * width);
+  }
+  dtrtri('L', 'U', width, m, width);
   if (below > 0) {
     const int64_t tile = tiled ? inverse_tile_rows(below) : below;
     share(forked, (below + tile - 1) / tile, [&](int64_t k, int) {
       const int64_t from = k * tile, rows = std::min(tile, below - from);
-      for (int64_t j = 0; j < width; ++j) {
-        double* l = panel + width + from + j * ld;
-        std::copy_n(l, rows, y + from + j * below);
-        std::fill_n(l, rows, 0.0);
+      for (int64_t j = 0; j < width; j += product_columns) {
+        dgemm('N', 'N', rows, std::min(product_columns, width - j), width - j, 1.0, panel + width + from + j * ld, ld,
+              m + j + j * width, width, 0.0, y + from + j * below, below);
       }
-      dtrsm('R', 'L', 'N', 'U', rows, width, 1.0, panel, ld, y + from, below);
     });
     const PANEL p{panel, ld, width, below, y};
     int64_t count = 0;
@@ -272,16 +279,8 @@ void invert_node(INVERSION& run, int32_t s, int threads, INVERSE_WORK& work)
     }
   }
 
-  // M = L_JJ^-1 (lower, unit), then Z_JJ = M' D^-1 M - Y' Z_RJ, its lower triangle, and the upper one from
-  // it.
-  double* m = work.square.data();
+  // Z_JJ = M' D^-1 M - Y' Z_RJ, its lower triangle, and the upper one from it.
   double* scaled = work.scaled.data();
-  for (int64_t j = 0; j < width; ++j) {
-    std::fill_n(m + j * width, j, 0.0);
-    m[j + j * width] = 1.0;
-    std::copy(panel + j + 1 + j * ld, panel + width + j * ld, m + j + 1 + j * width);
-  }
-  dtrtri('L', 'U', width, m, width);
   for (int64_t j = 0; j < width; ++j) {
     for (int64_t i = 0; i < width; ++i)
       scaled[i + j * width] = m[i + j * width] * factor.reciprocal[node.first + i];

@@ -148,8 +148,13 @@ void NOTRANS(const SNODE& node, double* panel, const double* reciprocal, int64_t
 {
   const int64_t ld = node.rows;
   const int64_t width = node.width();
-  if (width > 2) {
-    dtrsm('R', 'L', 'T', 'U', end - begin, width, 1.0, panel, ld, panel + begin, ld);
+  if (width > 2) {  // by columns of blocks, most of it through DGEMM
+    for (int64_t j = 0; j < width; j += solve_columns) {
+      const int64_t columns = std::min(solve_columns, width - j);
+      double* x = panel + begin + j * ld;
+      if (j > 0) dgemm('N', 'T', end - begin, columns, j, -1.0, panel + begin, ld, panel + j, ld, 1.0, x, ld);
+      dtrsm('R', 'L', 'T', 'U', end - begin, columns, 1.0, panel + j + j * ld, ld, x, ld);
+    }
   } else if (width == 2) {
     for (int64_t r = begin; r < end; ++r) panel[r + ld] -= panel[r] * panel[1];
   }

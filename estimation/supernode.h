@@ -16,14 +16,16 @@
 
 namespace tolvan {
 
-inline constexpr std::int32_t widest_panel = 160;  // columns of a node
+inline constexpr std::int32_t widest_panel = 176;  // columns of a node
 inline constexpr std::int64_t block_columns =
     80;                                         // columns factorised before the rest of the node is updated
+inline constexpr std::int64_t solve_columns = 64;     // solved at a time in the rows below a node's square
+inline constexpr std::int64_t triangle_columns = 64;  // of a square whose lower triangle alone is wanted, formed at a time
 // Rows of a large node that one thread works on at a time, and how many make it large: more for the factor, where
 // threads need not wait for each other.
 inline constexpr std::int64_t tile_rows = 512, untiled_rows = 640;
 inline constexpr std::int64_t inverse_untiled_rows = 384;
-inline std::int64_t inverse_tile_rows(std::int64_t below) { return std::max<std::int64_t>(256, below / 8); }
+inline std::int64_t inverse_tile_rows(std::int64_t below) { return std::max<std::int64_t>(512, below / 8); }
 
 // Rows by width by rows above which threads share a node: some 100 microseconds of work.
 inline constexpr double fork_above = 4e6;
@@ -81,7 +83,9 @@ void NOTRANS(const SNODE& node, double* panel, const double* reciprocal, std::in
 /// without BLAS, for short and narrow blocks.
 void update_plain(const FACTOR& factor, const SBLOCK& block, const ROW_PLACES& places, double* target,
                   std::int64_t begin, std::int64_t end);
-/// The same through DGEMM.
+/// L D of the columns that a block meets, into work.scaled: what update_blocked multiplies by.
+void scale_columns(const FACTOR& factor, const SBLOCK& block, NODE_WORK& work);
+/// The same as update_plain through DGEMM, behind scale_columns.
 void update_blocked(const FACTOR& factor, const SBLOCK& block, const ROW_PLACES& places, double* target,
                     std::int64_t begin, std::int64_t end, NODE_WORK& work);
 /// Whether a block is done without BLAS.

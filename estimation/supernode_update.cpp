@@ -91,6 +91,20 @@ void update_plain(const FACTOR& factor, const SBLOCK& block, const ROW_PLACES& p
   }
 }
 
+void scale_columns(const FACTOR& factor, const SBLOCK& block, NODE_WORK& work)
+{
+  const SNODE& source = factor.nodes[block.source];
+  const double* l = factor.panel.data() + source.panel;
+  const int64_t ld = source.rows, columns = block.end - block.begin;
+  for (int64_t k = 0; k < source.width(); ++k) {
+    const double d = l[k + k * ld];
+    const double* from_l = l + block.begin + k * ld;
+    double* scaled = work.scaled.data() + k * columns;
+#pragma omp simd
+    for (int64_t c = 0; c < columns; ++c) scaled[c] = from_l[c] * d;
+  }
+}
+
 void update_blocked(const FACTOR& factor, const SBLOCK& block, const ROW_PLACES& places, double* target,
                     int64_t begin, int64_t end, NODE_WORK& work)
 {
@@ -105,17 +119,20 @@ void update_blocked(const FACTOR& factor, const SBLOCK& block, const ROW_PLACES&
   const int64_t rows = to - from;
   if (rows == 0) return;
 
-  for (int64_t k = 0; k < width; ++k) {  // L D of the columns met
-    const double d = l[k + k * ld];
-    const double* from_l = l + block.begin + k * ld;
-    double* scaled = work.scaled.data() + k * columns;
-#pragma omp simd
-    for (int64_t c = 0; c < columns; ++c) scaled[c] = from_l[c] * d;
-  }
   const int64_t first_place = places(row[from]), first_column = row[block.begin] - node.first;
   if (places(row[to - 1]) - first_place == rows - 1 && row[block.end - 1] - row[block.begin] == columns - 1) {
-    dgemm('N', 'T', rows, columns, width, -1.0, l + from, ld, work.scaled.data(), columns, 1.0,
-          target + first_place + first_column * node.rows, node.rows);
+    double* at = target + first_place + first_column * node.rows;
+    const int64_t corner = std::clamp<int64_t>(block.end, from, to);  // above it the lower triangle alone is wanted
+    for (int64_t c = 0; from < corner && c < columns; c += triangle_columns) {
+      const int64_t r = std::max(from, block.begin + c), run = std::min(triangle_columns, columns - c);
+      if (r >= corner) break;
+      dgemm('N', 'T', corner - r, run, width, -1.0, l + r, ld, work.scaled.data() + c, columns, 1.0,
+            at + (r - from) + c * node.rows, node.rows);
+    }
+    if (corner < to) {
+      dgemm('N', 'T', to - corner, columns, width, -1.0, l + corner, ld, work.scaled.data(), columns, 1.0, at + (corner - from),
+            node.rows);
+    }
     return;
   }
   dgemm('N', 'T', rows, columns, width, 1.0, l + from, ld, work.scaled.data(), columns, 0.0,

@@ -161,7 +161,8 @@ void form_panels(const LOWER_PATTERN& lower, const NODE_TREE& tree, FACTOR& fact
     const int32_t panels = (width + widest_panel - 1) / widest_panel;
     int32_t done = 0;
     for (int32_t k = 0; k < panels; ++k) {
-      const int32_t take = (width - done + panels - k - 1) / (panels - k);
+      int32_t take = (width - done + panels - k - 1) / (panels - k);
+      if (panels > 1) take = std::min((take + 15) / 16 * 16, width - done);  // whole tiles of the BLAS
       SNODE node;
       node.first = tree.first[s] + done;
       node.last = node.first + take - 1;

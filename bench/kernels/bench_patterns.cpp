@@ -154,6 +154,12 @@ bool read_pattern(const std::string& workload, const std::string& folder, PATTER
         for (int64_t f = environments; f < size; ++f) pairs.join(v * size + e, v * size + f);
       }
     }
+  } else if (workload == "grm") {
+    const int64_t genotypes = csv.levels("geno");
+    design.factor(csv["geno"], genotypes);
+    for (int64_t a = 0; a < genotypes; ++a) {
+      for (int64_t b = 0; b < a; ++b) pairs.join(a, b);
+    }
   } else {
     return false;
   }
@@ -173,6 +179,8 @@ bool read_pattern(const std::string& workload, const std::string& folder, PATTER
       level[r] = (csv["env"][r] - 1) * csv.levels("block") + csv["block"][r];
     design.factor(csv["env"], csv.levels("env"));
     design.factor(level, csv.levels("env") * csv.levels("block"));
+  } else if (workload == "grm") {
+    design.factor(csv["rep"], csv.levels("rep"));
   } else if (csv.levels("trial") > 1) {
     design.factor(csv["trial"], csv.levels("trial"));
   }

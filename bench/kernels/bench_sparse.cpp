@@ -1,8 +1,9 @@
 // bench_sparse WORKLOAD FOLDER [THREADS [ROUNDS]]: ordering, symbolic step, factor, sweeps and inverse of one
 // C.
 //
-// The values are of no fit: off the diagonal -1, on it the row's count and a half, so that C is positive
-// definite. Seconds are the least of the rounds: of the processor on one thread, of the wall clock on more.
+// Beside them CHOLMOD's factorisations, or, for a dense C (grm), dpotrf and dpotri.  The values are of no fit: off the diagonal
+// -1, on it the row's count and a half, so that C is positive definite. Seconds are the least of the rounds: of the processor on
+// one thread, of the wall clock on more.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -141,6 +142,16 @@ void run_cholmod(const PATTERN& pattern, const Exact& ours, int rounds, double o
 }
 #endif
 
+// C whole, for dpotrf and dpotri beside it.
+std::vector<double> whole_matrix(const COEFFICIENTS& c)
+{
+  std::vector<double> whole(static_cast<std::size_t>(c.n * c.n));
+  for (std::int64_t j = 0; j < c.n; ++j) {
+    for (std::int64_t p = c.start[j]; p < c.start[j + 1]; ++p) whole[c.row[p] + j * c.n] = c.value[p];
+  }
+  return whole;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -148,7 +159,7 @@ int main(int argc, char** argv)
   PATTERN pattern;
   if (argc < 3 || !bench::read_pattern(argv[1], argv[2], pattern)) {
     std::fprintf(stderr,
-                 "usage: bench_sparse crossed|glmm|animal|ar1|ar1-nugget|met FOLDER [THREADS [ROUNDS]]\n");
+                 "usage: bench_sparse crossed|glmm|animal|ar1|ar1-nugget|met|grm FOLDER [THREADS [ROUNDS]]\n");
     return 2;
   }
   complete(pattern);
@@ -167,7 +178,10 @@ int main(int argc, char** argv)
   const double symbolic = least_seconds(rounds, 1, [&] { SYMBOLICABS2(eh, pattern, order, factor); });
   const Exact exact = exact_size(pattern, factor.order);
   fill(pattern, factor, c);
-  double numeric = 1e300, inverse = 1e300, solve = 1e300, forward = 1e300, gather = 1e300;
+  const bool is_dense = std::string(argv[1]) == "grm";
+  std::vector<double> whole, a;
+  if (is_dense) whole = whole_matrix(c);
+  double lapack = 1e300, numeric = 1e300, inverse = 1e300, solve = 1e300, forward = 1e300, gather = 1e300;
   constexpr std::int64_t many = 64;
   std::vector<double> b(static_cast<std::size_t>(pattern.n * many), 1.0), z;
   for (int k = 0; k < std::max(2, rounds) && !eh.terminate(); ++k) {  // the first round makes the panels
@@ -180,6 +194,12 @@ int main(int argc, char** argv)
     forward = std::min(forward, least_seconds(1, threads, [&] { SMIFWD(factor, b.data(), many, threads); }));
     inverse = std::min(inverse, least_seconds(1, threads, [&] { SMIREV(eh, factor, threads, {}); }));
     gather = std::min(gather, least_seconds(1, threads, [&] { gather_inverse(factor, c, z, threads); }));
+    if (!is_dense) continue;
+    a = whole;
+    lapack = std::min(lapack, least_seconds(1, 1, [&] {
+                        dpotrf('L', c.n, a.data(), c.n);
+                        dpotri('L', c.n, a.data(), c.n);
+                      }));
   }
   if (eh.terminate()) {
     std::fprintf(stderr, "%s\n", eh.EH_PRINT_TEXT().c_str());
@@ -197,6 +217,10 @@ int main(int argc, char** argv)
       ordering, symbolic, numeric, exact.flops / numeric / 1e9, solve, static_cast<long long>(many), forward, inverse, gather);
   std::printf("  log determinant %.10g, peak memory %.0f MB\n", absorbed.log_determinant,
               peak_megabytes());
+  if (is_dense) {
+    std::printf("  dpotrf and dpotri %.4f: factor and inverse %.2f of it\n", lapack, (numeric + inverse) / lapack);
+    return 0;
+  }
 #ifdef TOLVAN_HAVE_CHOLMOD
   run_cholmod(pattern, exact, rounds, ordering, numeric, inverse);
 #endif
