@@ -10,6 +10,7 @@
 #include "estimation/convergence.h"
 #include "estimation/em_updates.h"
 #include "estimation/fault_texts.h"
+#include "varstruct/lost_ranges.h"
 
 namespace tolvan {
 namespace {
@@ -103,6 +104,10 @@ void note_criteria(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL&
   }
   note_edges(eh, model, work, fit);
   note_last_change(eh, fit);
+  for (const std::int64_t range : ranges_with_kinks(model)) {
+    eh.note(text("LogL may have several tops along ", model.parameters[static_cast<std::size_t>(range)].label,
+                 ": other starting values may lead to a higher one"));
+  }
   if (em.used > 0) {
     eh.note(em.expanded ? text("used ", em_description(em), " you could try negative definite US or XFA instead")
                         : text("used !EMFLAG ", em.asked, " ", em_description(em),

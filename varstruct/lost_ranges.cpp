@@ -1,4 +1,4 @@
-// Ranges of models with distances about which the points tell nothing.  Routine: lost_ranges.
+// Ranges of models with distances about which the points tell nothing.  Routines: lost_ranges, ranges_with_kinks.
 #include "varstruct/lost_ranges.h"
 
 #include <algorithm>
@@ -155,18 +155,34 @@ void judge_row(const VARIANCE_MODEL& model, const STRUCTURE_ROW& row, const std:
     lost.push_back({smoothness, row.first, own, Lost::failed, {0.5, 1.5}});
 }
 
+/// Calls use(row) for the rows of the terms in the run and of the residual.
+template <class Use>
+void each_row(const VARIANCE_MODEL& model, Use use)
+{
+  for (const TERM_STRUCTURE& term : model.terms) {
+    if (term.dropped) continue;
+    for (std::int64_t r = term.first_row; r < term.first_row + term.rows; ++r) use(model.rows[static_cast<std::size_t>(r)]);
+  }
+  for (const STRUCTURE_ROW& row : model.residual) use(row);
+}
+
 }  // namespace
 
 std::vector<LOST_RANGE> lost_ranges(const VARIANCE_MODEL& model, const std::vector<double>& values, bool failed)
 {
   std::vector<LOST_RANGE> lost;
-  for (const TERM_STRUCTURE& term : model.terms) {
-    if (term.dropped) continue;
-    for (std::int64_t r = term.first_row; r < term.first_row + term.rows; ++r)
-      judge_row(model, model.rows[static_cast<std::size_t>(r)], values, failed, lost);
-  }
-  for (const STRUCTURE_ROW& row : model.residual) judge_row(model, row, values, failed, lost);
+  each_row(model, [&](const STRUCTURE_ROW& row) { judge_row(model, row, values, failed, lost); });
   return lost;
+}
+
+std::vector<std::int64_t> ranges_with_kinks(const VARIANCE_MODEL& model)
+{
+  std::vector<std::int64_t> found;
+  each_row(model, [&](const STRUCTURE_ROW& row) {
+    const bool kinks = row.model == metric_family && RANGE{row.sub_code}.has_kinks();
+    if (kinks && may_move(model.parameters[static_cast<std::size_t>(row.first)])) found.push_back(row.first);
+  });
+  return found;
 }
 
 }  // namespace tolvan

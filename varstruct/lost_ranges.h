@@ -26,4 +26,7 @@ struct LOST_RANGE {
 ///   failed  the structures could not be formed: all ranges are given, and the smoothness of mtrn()
 std::vector<LOST_RANGE> lost_ranges(const VARIANCE_MODEL& model, const std::vector<double>& values, bool failed);
 
+/// The ranges that may move and along which the likelihood has kinks, since correlations end at them: spherical, circular, linear.
+std::vector<std::int64_t> ranges_with_kinks(const VARIANCE_MODEL& model);
+
 }  // namespace tolvan

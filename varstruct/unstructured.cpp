@@ -24,6 +24,7 @@ constexpr double diagonal_increase = wide(1.1F);
 constexpr double diagonal_floor = wide(0.001F);
 constexpr double covariance_shrink = wide(0.55F);
 constexpr int attempts = 10;
+constexpr int most_halvings = 100;  // of the covariances of a start
 constexpr std::size_t elements_told = 6;
 
 class UNSTRUCTURED : public DENSE_COVARIANCE {
@@ -35,6 +36,7 @@ class UNSTRUCTURED : public DENSE_COVARIANCE {
   enum class Way { none, weakened, halved, repeated, bent };
 
   Way ADJUST(FORM_CONTEXT& context, std::int64_t minor);
+  Way weaken_all(const VARIANCE_MODEL& model, const STRUCTURE_ROW& row);
   Way L_REPEAT(ERROR_HANDLER& eh, const VARIANCE_MODEL& model, const STRUCTURE_ROW& row,
                std::vector<std::int64_t>& marked, std::int64_t minor);
   std::int64_t try_values(double tolerance);
@@ -123,6 +125,21 @@ UNSTRUCTURED::Way UNSTRUCTURED::L_REPEAT(ERROR_HANDLER& eh, const VARIANCE_MODEL
   return Way::none;
 }
 
+/// Halves all covariances as given until the matrix is sound: a start far out of the space.
+UNSTRUCTURED::Way UNSTRUCTURED::weaken_all(const VARIANCE_MODEL& model, const STRUCTURE_ROW& row)
+{
+  std::copy(proposed_.begin(), proposed_.end(), v_.begin());
+  const PackedSymmetric<double> v{v_};
+  for (int k = 0; k < most_halvings; ++k) {
+    for (std::int64_t i = 2; i <= n(); ++i) {
+      for (std::int64_t j = 1; j < i; ++j) v(i, j) *= 0.5;
+    }
+    keep_ties(model, row);
+    if (try_values(pivot_tolerance) == 0) return Way::weakened;
+  }
+  return Way::none;
+}
+
 /// ADJUST: makes the matrix at hand positive definite, by the mildest way that serves.  Three are tried, and
 /// the one that stays nearest to the matrix as given, on the scale of correlations, is taken:
 ///   - the covariances of the level at fault are weakened;
@@ -161,7 +178,8 @@ UNSTRUCTURED::Way UNSTRUCTURED::ADJUST(FORM_CONTEXT& context, std::int64_t minor
   if (context.iteration == 1) {
     // A starting matrix at the edge of its space is no place to begin from: covariances are weakened until it is well inside.
     if (taken == Way::weakened) return try_values(pivot_tolerance) == 0 ? taken : Way::none;
-    return L_REPEAT(eh, model, context.row, marked, minor);
+    const Way way = L_REPEAT(eh, model, context.row, marked, minor);
+    return way == Way::none && !eh.terminate() ? weaken_all(model, context.row) : way;
   }
   if (accepted_.size() == v_.size()) {
     for (std::size_t k = 0; k < v_.size(); ++k) v_[k] = 0.5 * (accepted_[k] + proposed_[k]);

@@ -41,7 +41,8 @@ STARTS = {"oats/case.json": (), "sire_h2/case.json": (), "animal_ainv/case.json"
           "repeated/us.json": (), "repeated/ar1h.json": (), "repeated/corh.json": (), "repeated/facv1.json": (),
           "repeated/ante1.json": ("C_2_1", "C_3_2", "C_4_3"), "repeated/idh.json": (), "repeated/ar1v.json": (), "bivariate/case.json": (),
           "trivariate/case.json": (), "sections/case.json": (), "field/case.json": (), "met/us.json": (),
-          "met/fa.json": (), "met_two/fa2.json": (), "met/facv.json": (), "met/sfa.json": (), "random_ar1v/case.json": (), "field_nugget_mv/case.json": (),
+          "met/fa.json": (), "met_two/fa2.json": (), "met/facv.json": (), "met/sfa.json": (), "random_ar1v/case.json": (), "sleepstudy/case.json": (),
+          "field_nugget_mv/case.json": (),
           "points/sph.json": (), "points/mtrn05.json": (), "points_aniso/mtrn_aniso.json": (),
           "points_mtrn/mtrn_nu.json": (), "points_smooth/agau.json": (), "points_smooth/igau.json": (), "repeated/lvr.json": ()}
 SIGMA = ["met/sfa.json", "random_ar1v/case.json", "field_nugget_mv/case.json", "repeated/lvr.json", "oats/case.json", "met/us.json"]

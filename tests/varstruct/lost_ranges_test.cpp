@@ -96,6 +96,7 @@ TEST(LostRanges, AreFoundAndOthersOffered)
         model.parameters[k].constraint = Constraint::P;
       }
     }
+    EXPECT_EQ(ranges_with_kinks(model).size(), m.sub_code >= 4 && m.sub_code <= 7 ? 1u : 0u);
     EXPECT_EQ(lost_ranges(model, m.values, true).size(), m.ranges) << "all where the matrix could not be inverted";
   }
   VARIANCE_MODEL smooth = field(models[std::size(models) - 1]);
