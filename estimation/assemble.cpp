@@ -9,6 +9,7 @@
 namespace tolvan {
 namespace {
 
+constexpr std::int64_t extended_factors = 15;  // model code
 constexpr std::int64_t columns_at_once = 128;  // of C, for one thread
 
 std::size_t at(const std::vector<std::int64_t>& start, std::size_t i) { return static_cast<std::size_t>(start[i]); }
@@ -64,6 +65,40 @@ void residual_right_hand_side(MIXED_EQUATIONS& q)
       sum += q.columns.value[k] * ry[static_cast<std::size_t>(q.columns.record[k])];
     }
     q.r0[p] = sum;
+  }
+}
+
+/// Calls f for the equations of Lagrangian rows and of factors at fixed genetic groups.  The rows of an inverse at its groups follow from
+/// the others and such equations have no data, so that they always are singular: without them LogL does not hang on which equations
+/// are found so, and multipliers, which have no diagonal to measure a pivot by, need not be found so.
+template <class F>
+void each_equation_without_data(const VARIANCE_MODEL& model, const TERM_STRUCTURE& structure, const COMPONENTS& components, F&& f)
+{
+  for (std::size_t g = 0; g < components.size(); ++g) {
+    const AINV_MTX* matrix = model.rows[static_cast<std::size_t>(structure.first_row) + g].matrix;
+    if (matrix == nullptr || matrix->absent == 0 || matrix->groups == 0) continue;
+    for (std::size_t c = 0; c < components.size(); ++c) {
+      const STRUCTURE_ROW& row = model.rows[static_cast<std::size_t>(structure.first_row) + c];
+      const bool factors = row.model == extended_factors;
+      if (c == g || (!factors && components[c]->lagrangian().empty())) continue;
+      const PRODUCT_BLOCK at_group = block_of(components, g);
+      const PRODUCT_BLOCK at_row = block_of(components, c);
+      std::vector<std::uint8_t> is_row(static_cast<std::size_t>(components[c]->inverse().n), 0);
+      for (const auto& binding : components[c]->lagrangian()) is_row[static_cast<std::size_t>(binding.first)] = 1;
+      if (factors) std::fill(is_row.begin() + row.parameters / (row.order + 1), is_row.end(), std::uint8_t{1});  // behind the levels
+      // An empty group that was given a variance stands by itself, with a diagonal.
+      const SYMMETRIC& inverse = components[g]->inverse();
+      const auto is_fixed = [&](std::int64_t group) {
+        if (inverse.shape != Shape::sparse) return matrix->absent == matrix->groups;
+        return inverse.start[group + 1] - inverse.start[group] > 1 || inverse.values[inverse.start[group]] == 0.0;
+      };
+      for (std::int64_t o = 0; o < at_group.outer; ++o) {
+        for (std::int64_t e = o * inverse.n * at_group.inner, k = 0; k < matrix->groups * at_group.inner; ++k) {
+          if (!is_fixed(k / at_group.inner)) continue;
+          if (is_row[static_cast<std::size_t>((e + k) / at_row.inner % components[c]->inverse().n)]) f(e + k);
+        }
+      }
+    }
   }
 }
 
@@ -154,16 +189,20 @@ void K4MXXG(ERROR_HANDLER& eh, const TERM_TABLE& terms, const VARIANCE_MODEL& mo
   const Frame here{eh, __func__};
   log_det_g = 0.0;
   std::vector<std::uint8_t> emptied;
+  const auto empty = [&](std::int64_t equation) {
+    if (emptied.empty()) emptied.assign(static_cast<std::size_t>(q.n), 0);
+    emptied[static_cast<std::size_t>(q.position_of(equation))] = 1;
+  };
   std::vector<std::vector<std::int64_t>> place(static_cast<std::size_t>(threads));
   for (auto& p : place) p.resize(static_cast<std::size_t>(q.n));
   for (std::size_t t = 0; t < model.terms.size(); ++t) {
     const std::int64_t first = first_equation(terms, model.terms[t]);
     if (model.terms[t].dropped) {
       // A variance of zero: the effects are zero, so their equations leave the system as singular ones.
-      if (emptied.empty()) emptied.assign(static_cast<std::size_t>(q.n), 0);
-      for (std::int64_t e = first; e < first + structure_size(model, model.terms[t]); ++e) emptied[static_cast<std::size_t>(q.position_of(e))] = 1;
+      for (std::int64_t e = first; e < first + structure_size(model, model.terms[t]); ++e) empty(e);
       continue;
     }
+    each_equation_without_data(model, model.terms[t], formed.terms[t].components, [&](std::int64_t e) { empty(first + e); });
     log_det_g += formed.terms[t].log_determinant;
     if (q.solving == Solving::by_products) continue;
     q.random[t].refresh(formed.terms[t].components);

@@ -185,44 +185,68 @@ void BOUND_EFFECTS::find(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_
   terms_.clear();
   for (std::size_t t = 0; t < model.terms.size(); ++t) {
     if (model.terms[t].dropped) continue;
-    TERM term{t, first_equation(in.terms, model.terms[t]), &ev.formed.terms[t].components, {}};
-    bool absent_elsewhere = false;  // in another component than the bound levels
-    for (std::size_t c = 0; c < term.all->size(); ++c) {
-      const COMPONENT_MATRIX& component = *(*term.all)[c];
-      if (component.lagrangian().empty()) {
-        absent_elsewhere = absent_elsewhere || component.counted() < component.inverse().n;
-        continue;
-      }
-      const PRODUCT_BLOCK block = block_of(*term.all, c);
-      COMPONENT& own = term.components.emplace_back(COMPONENT{c, block.outer, component.inverse().n, block.inner, {}});
-      if (!find_bound_levels(component, own.bound)) {
+    TERM term{t, first_equation(in.terms, model.terms[t]), &ev.formed.terms[t].components, {}, {}};
+    const COMPONENTS& all = *term.all;
+    std::vector<std::size_t> absent;  // components with dimensions that have no variance
+    for (std::size_t c = 0; c < all.size(); ++c) {
+      if (all[c]->counted() < all[c]->inverse().n) absent.push_back(c);
+      if (all[c]->lagrangian().empty()) continue;
+      const PRODUCT_BLOCK block = block_of(all, c);
+      COMPONENT& own = term.components.emplace_back(COMPONENT{c, block.outer, all[c]->inverse().n, block.inner, {}});
+      if (!find_bound_levels(*all[c], own.bound)) {
         eh.not_implemented("solving by iteration with Lagrangian rows that meet each other is not implemented, use !BLUP 2");
         return;
       }
     }
     if (term.components.empty()) continue;
-    for (const COMPONENT& c : term.components) {
-      const COMPONENT_MATRIX& own = *(*term.all)[c.number];
-      absent_elsewhere = absent_elsewhere || (term.components.size() > 1 && own.counted() < own.inverse().n);
-    }
-    if (absent_elsewhere) {
-      eh.not_implemented(text("solving by iteration with a singular factor structure of fixed groups, in ",
-                              in.terms.rows[static_cast<std::size_t>(model.terms[t].term)].name, ", is not implemented, use !BLUP 2"));
-      return;
+    const std::size_t bound = term.components.front().number;
+    const bool alone = term.components.size() == 1 && std::all_of(absent.begin(), absent.end(), [&](std::size_t c) { return c == bound; });
+    if (!absent.empty() && !alone) {
+      if (all.size() != 2 || term.components.size() != 1 || absent.size() != 1) {
+        eh.not_implemented(text("solving by iteration with a singular structure of several components beside fixed groups, in ",
+                                in.terms.rows[static_cast<std::size_t>(model.terms[t].term)].name, ", is not implemented, use !BLUP 2"));
+        return;
+      }
+      const std::size_t other = absent.front();
+      const AINV_MTX* matrix = model.rows[static_cast<std::size_t>(model.terms[t].first_row) + other].matrix;
+      find_absent_dimensions(eh, *all[other], matrix != nullptr ? matrix->groups : 0, term.absent);
+      if (eh.terminate()) return;
+      term.is_own.assign(static_cast<std::size_t>(all[other]->inverse().n), 0);
+      for (const std::int32_t level : term.absent.own) term.is_own[static_cast<std::size_t>(level)] = 1;
     }
     terms_.push_back(std::move(term));
   }
 }
 
-/// Calls f(position of level l) for every outer and inner level, as f(at) with at(l).
-template <class F>
-void BOUND_EFFECTS::each_block(const TERM& term, const COMPONENT& c, F&& f) const
+/// The position of a level of the component at a cell of the others' levels.
+std::size_t BOUND_EFFECTS::position(const TERM& term, const COMPONENT& c, std::int32_t level, std::size_t cell) const
 {
-  for (std::int64_t o = 0; o < c.outer; ++o) {
-    for (std::int64_t i = 0; i < c.inner; ++i) {
-      f([&, o, i](std::int32_t level) {
-        return static_cast<std::size_t>(q_->position_of(term.first + (o * c.n + level) * c.inner + i));
-      });
+  const auto o = static_cast<std::int64_t>(cell) / c.inner;
+  const auto i = static_cast<std::int64_t>(cell) % c.inner;
+  return static_cast<std::size_t>(q_->position_of(term.first + (o * c.n + level) * c.inner + i));
+}
+
+/// Calls f(at, cell) for every combination of the others' levels, at(level) being the position of a level.
+template <class F>
+void BOUND_EFFECTS::each_cell(const TERM& term, const COMPONENT& c, F&& f) const
+{
+  for (std::size_t cell = 0; cell < static_cast<std::size_t>(c.outer * c.inner); ++cell) {
+    f([&, cell](std::int32_t level) { return position(term, c, level, cell); }, cell);
+  }
+}
+
+/// Calls f(to, from, v) for the free part of bound effects: u(to) has v u(from) in it.
+template <class F>
+void BOUND_EFFECTS::each_free_part(const TERM& term, F&& f) const
+{
+  const COMPONENT& c = term.components.front();
+  for (std::size_t d = 0; d < term.absent.own.size(); ++d) {
+    for (auto k = static_cast<std::size_t>(term.absent.start[d]); k < static_cast<std::size_t>(term.absent.start[d + 1]); ++k) {
+      if (term.absent.level[k] == term.absent.own[d]) continue;
+      for (const std::int32_t level : c.bound.level) {
+        f(position(term, c, level, static_cast<std::size_t>(term.absent.level[k])),
+          position(term, c, level, static_cast<std::size_t>(term.absent.own[d])), term.absent.value[k]);
+      }
     }
   }
 }
@@ -232,24 +256,26 @@ void BOUND_EFFECTS::spread(double* x) const
   for (const TERM& term : terms_) {
     for (const COMPONENT& c : term.components) {
       const BOUND_LEVELS& b = c.bound;
-      each_block(term, c, [&](const auto& at) {
-        for (std::size_t k = 0; k < b.level.size(); ++k) {
+      each_cell(term, c, [&](const auto& at, std::size_t cell) {
+        for (std::size_t k = 0; k < b.level.size() && !term.free_at(cell); ++k) {
           double sum = 0.0;
           for (auto e = static_cast<std::size_t>(b.start[k]); e < static_cast<std::size_t>(b.start[k + 1]); ++e) sum += b.by[e] * x[at(b.of[e])];
           x[at(b.level[k])] = sum;
         }
       });
     }
+    each_free_part(term, [x](std::size_t to, std::size_t from, double v) { x[to] += v * x[from]; });
   }
 }
 
 void BOUND_EFFECTS::gather(double* y) const
 {
   for (const TERM& term : terms_) {
+    each_free_part(term, [y](std::size_t to, std::size_t from, double v) { y[from] += v * y[to]; });
     for (auto c = term.components.rbegin(); c != term.components.rend(); ++c) {
       const BOUND_LEVELS& b = c->bound;
-      each_block(term, *c, [&](const auto& at) {
-        for (std::size_t k = 0; k < b.level.size(); ++k) {
+      each_cell(term, *c, [&](const auto& at, std::size_t cell) {
+        for (std::size_t k = 0; k < b.level.size() && !term.free_at(cell); ++k) {
           double& own = y[at(b.level[k])];
           for (auto e = static_cast<std::size_t>(b.start[k]); e < static_cast<std::size_t>(b.start[k + 1]); ++e) y[at(b.of[e])] += b.by[e] * own;
           own = 0.0;
@@ -265,12 +291,13 @@ void BOUND_EFFECTS::diagonal(std::vector<double>& d) const
   for (const TERM& term : terms_) {
     std::vector<std::vector<double>> diagonals;
     for (const auto& component : *term.all) diagonals.push_back(diagonal_of(component->inverse()));
+    // A record has a part in one level, as a rule: then this is exact.
+    each_free_part(term, [&d](std::size_t to, std::size_t from, double v) { d[from] += v * v * d[to]; });
     for (auto c = term.components.rbegin(); c != term.components.rend(); ++c) {
       const BOUND_LEVELS& b = c->bound;
       diagonals[c->number] = reduced_diagonal((*term.all)[c->number]->inverse(), b);
-      // A record has a part in one level, as a rule: then this is exact.
-      each_block(term, *c, [&](const auto& at) {
-        for (std::size_t k = 0; k < b.level.size(); ++k) {
+      each_cell(term, *c, [&](const auto& at, std::size_t cell) {
+        for (std::size_t k = 0; k < b.level.size() && !term.free_at(cell); ++k) {
           double& own = d[at(b.level[k])];
           for (auto e = static_cast<std::size_t>(b.start[k]); e < static_cast<std::size_t>(b.start[k + 1]); ++e) d[at(b.of[e])] += b.by[e] * b.by[e] * own;
           own = 0.0;
@@ -291,7 +318,7 @@ void BOUND_EFFECTS::mark(std::vector<std::uint8_t>& marked) const
 {
   for (const TERM& term : terms_) {
     for (const COMPONENT& c : term.components) {
-      each_block(term, c, [&](const auto& at) {
+      each_cell(term, c, [&](const auto& at, std::size_t) {
         for (const std::int32_t level : c.bound.level) marked[at(level)] = 1;
         for (const std::int32_t row : c.bound.rows) marked[at(row)] = 1;
       });
@@ -307,7 +334,7 @@ bool BOUND_EFFECTS::multipliers(const std::vector<double>& left, const SOLVE& so
     const COMPONENT& c = term.components.front();
     if (term.components.size() > 1) {
       for (const COMPONENT& each : term.components) {
-        each_block(term, each, [&](const auto& at) {
+        each_cell(term, each, [&](const auto& at, std::size_t) {
           for (const std::int32_t row : each.bound.rows) x[at(row)] = no_value;
         });
       }
@@ -319,7 +346,10 @@ bool BOUND_EFFECTS::multipliers(const std::vector<double>& left, const SOLVE& so
     for (std::size_t k = 0; k < term.all->size(); ++k) {
       others.push_back(k == c.number ? std::vector<double>(1, 1.0) : diagonal_of((*term.all)[k]->inverse()));
     }
-    const std::vector<double> d = product_of_diagonals(others);
+    std::vector<double> d = product_of_diagonals(others);
+    for (std::size_t cell = 0; cell < size; ++cell) {
+      if (term.free_at(cell)) d[cell] = 0.0;  // no multiplier is needed there
+    }
     std::vector<double> buffer(size);
     const auto multiply = [&](const double* from, double* to) {
       std::copy(from, from + size, to);
@@ -334,19 +364,17 @@ bool BOUND_EFFECTS::multipliers(const std::vector<double>& left, const SOLVE& so
     };
     std::vector<double> force(size), y;
     for (std::size_t r = 0; r < b.rows.size(); ++r) {
-      std::size_t cell = 0;
-      each_block(term, c, [&](const auto& at) {
+      each_cell(term, c, [&](const auto& at, std::size_t cell) {
         double sum = 0.0;
         for (std::size_t k = 0; k < b.level.size(); ++k) sum += b.to_rows[r + k * b.rows.size()] * left[at(b.level[k])];
-        force[cell++] = sum;
+        force[cell] = sum;
       });
       if (term.all->size() == 1) {
         y = force;
       } else if (!solve(d, multiply, force, y)) {
         return false;
       }
-      cell = 0;
-      each_block(term, c, [&](const auto& at) { x[at(b.rows[r])] = y[cell++]; });
+      each_cell(term, c, [&](const auto& at, std::size_t cell) { x[at(b.rows[r])] = y[cell]; });
     }
   }
   return true;

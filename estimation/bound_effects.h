@@ -4,6 +4,9 @@
 // By iteration the effects that such rows bind are replaced instead: u = T z, z being the others, so that T'CT z = T'b is left,
 // which is positive definite.  T is made component by component, since a product of components binds what one of them binds at
 // every combination of the others' levels, and is never formed whole.
+//
+// Beside a component with dimensions that have no variance, such as genetic groups, S^-1 c'u = 0 is all that is said, S^-1 being 0
+// there: bound effects are free in these dimensions, u = T z + N g, g being those at the levels that the dimensions go with.
 #pragma once
 
 #include <cstdint>
@@ -12,6 +15,7 @@
 
 #include "api/error_handler.h"
 #include "estimation/evaluation.h"
+#include "estimation/fixed_part.h"
 
 namespace tolvan {
 
@@ -64,9 +68,15 @@ class BOUND_EFFECTS {
     std::int64_t first;
     const COMPONENTS* all;
     std::vector<COMPONENT> components;
+    ABSENT_DIMENSIONS absent;           // of the other component of two
+    std::vector<std::uint8_t> is_own{}; // its levels that a dimension goes with; empty when it has none
+    bool free_at(std::size_t cell) const { return !is_own.empty() && is_own[cell] != 0; }
   };
+  std::size_t position(const TERM& term, const COMPONENT& c, std::int32_t level, std::size_t cell) const;
   template <class F>
-  void each_block(const TERM& term, const COMPONENT& c, F&& f) const;
+  void each_cell(const TERM& term, const COMPONENT& c, F&& f) const;
+  template <class F>
+  void each_free_part(const TERM& term, F&& f) const;
 
   const MIXED_EQUATIONS* q_ = nullptr;
   std::vector<TERM> terms_;

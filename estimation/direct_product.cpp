@@ -217,7 +217,7 @@ std::int64_t negative_eigenvalues(const COMPONENTS& components)
   std::int64_t positive = 1;
   for (const auto& component : components) {
     const std::int64_t down = component->negative();
-    const std::int64_t up = component->inverse().n - down;
+    const std::int64_t up = component->counted() - down;  // in the dimensions without a variance it is 0
     const std::int64_t below = negative * up + positive * down;
     positive = negative * down + positive * up;
     negative = below;

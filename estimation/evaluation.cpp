@@ -332,8 +332,9 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
     {
       const Timed part{in.timing, "K4MWVG", "K4MITR"};
       K4MWVG(eh, in, model, q, ev, work.working);
-      K4MWVR(eh, model, q, ev, work.working);
+      if (!eh.terminate()) K4MWVR(eh, model, q, ev, work.working);
     }
+    if (eh.terminate()) return;
     K4MWVA(eh, in, q, work.working, threads, ev);
     if (eh.terminate()) return;
   }

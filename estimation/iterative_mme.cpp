@@ -199,7 +199,7 @@ void ITERATIVE_MME(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL&
     std::vector<std::uint8_t> marked(n, 0);
     bound.mark(marked);
     for (std::size_t p = 0; p < n; ++p) {
-      if (marked[p]) q.factor.reciprocal[p] = 1.0;
+      if (marked[p] && !left_out[p]) q.factor.reciprocal[p] = 1.0;
     }
   }
 

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "base/lapack.h"
+#include "base/memory.h"
 #include "estimation/evaluation.h"
 #include "estimation/share.h"
 
@@ -115,7 +116,7 @@ void K4MWVG(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model,
   const auto n = static_cast<std::size_t>(q.n);
   const auto k = static_cast<std::size_t>(ev.information.count());
   working.alpha.assign(k, 0.0);
-  working.a.assign(n * k, 0.0);
+  if (!assign(eh, working.a, q.n * ev.information.count(), 0.0)) return;
   working.has_a.assign(k, 0);
   working.data.clear();
   const std::ptrdiff_t residual = model.profiled ? column_of(ev.information, model.residual_parameter) : -1;
@@ -273,7 +274,7 @@ void K4MWVA(ERROR_HANDLER& eh, const FIT_MODEL& in, const MIXED_EQUATIONS& q, WO
   // in the place of a_i, so that there never are two large matrices of equations by parameters.
   const bool one_tile = k <= tile;
   std::vector<double>& c = working.tile;
-  c.resize(n * std::min(tile, k));
+  if (!resize(eh, c, q.n * static_cast<std::int64_t>(std::min(tile, k)))) return;
   std::vector<double> product;
   TALL_WORK work;
   for (std::size_t j0 = 0; j0 < k && a_end > 0; j0 += tile) {

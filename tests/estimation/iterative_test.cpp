@@ -192,40 +192,6 @@ bool is_bound(const EVALUATION& ev)
   return false;
 }
 
-/// The inverse relationship matrix of nine animals whose unknown parents are in two fixed groups, the first levels (Quaas 1988).
-const AINV_MTX& grouped_animals()
-{
-  static const AINV_MTX matrix = [] {
-    const std::vector<std::pair<int, int>> parents{{0, 0}, {0, 1}, {2, 3}, {2, 3}, {4, 1}, {4, 5}, {1, 1}, {7, 8}, {7, 8}};
-    const std::size_t n = parents.size() + 2;
-    Matrix a(n, n);
-    AINV_MTX m;
-    for (std::size_t i = 2; i < n; ++i) {
-      const auto [sire, dam] = parents[i - 2];
-      const double d = 1.0 - (sire >= 2 ? 0.25 : 0.0) - (dam >= 2 ? 0.25 : 0.0);
-      m.log_determinant += std::log(d);
-      const std::pair<int, double> line[] = {{static_cast<int>(i), 1.0}, {sire, -0.5}, {dam, -0.5}};
-      for (const auto& [r, x] : line) {
-        for (const auto& [c, z] : line) a(static_cast<std::size_t>(r), static_cast<std::size_t>(c)) += x * z / d;
-      }
-    }
-    m.order = static_cast<std::int64_t>(n);
-    m.groups = m.absent = 2;
-    m.pedigree = true;
-    m.start.push_back(0);
-    for (std::size_t j = 0; j < n; ++j) {
-      for (std::size_t i = j; i < n; ++i) {
-        if (i != j && a(i, j) == 0.0) continue;
-        m.row.push_back(static_cast<std::int32_t>(i));
-        m.values.push_back(a(i, j));
-      }
-      m.start.push_back(static_cast<std::int64_t>(m.row.size()));
-    }
-    return m;
-  }();
-  return matrix;
-}
-
 /// A matrix that knows nothing of two of its five levels.
 const AINV_MTX& two_unknown()
 {
@@ -252,6 +218,12 @@ const std::vector<Case> fixed_within = {
     {"levels of which nothing is known", {{{33, -1, 5, {0.8}, 1, 0, {}, 0, &two_unknown()}, {1, 1, 3, {0.4}}}}, {{{0, 0, 60, {1.2}}}}},
     {"groups by levels of which nothing is known",
      {{{33, -1, 11, {0.8}, 1, 0, {}, 0, &grouped_animals()}, {33, -1, 5, {}, 1, 0, {}, 0, &two_unknown()}}}, {{{0, 0, 160, {1.2}}}}},
+    {"a factor by animals with groups, no variances of their own",
+     {{{31, 15, 7, {0.0, 0.0, 0.0, 0.8, 0.5, 0.9}, 1, 0, {}, 3}, {33, -1, 11, {}, 1, 0, {}, 0, &grouped_animals()}}},
+     {{{0, 0, 80, {1.1}}}}},
+    {"animals with groups by two factors, one level exact",
+     {{{33, -1, 11, {}, 1, 0, {}, 0, &grouped_animals()}, {31, 15, 6, {0.3, 0.0, 0.4, 0.8, 0.5, 0.9, 0.0, 0.3, -0.2}, 2, 0, {}, 3}}},
+     {{{0, 0, 80, {1.1}}}}, true},
     {"groups without records", {{{0, 0, 4, {0.4}, 1, 0, {}, 2}, {33, -1, 11, {}, 1, 0, {}, 0, &grouped_animals()}}}, {{{0, 0, 40, {1.2}}}}},
 };
 

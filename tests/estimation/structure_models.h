@@ -268,6 +268,40 @@ inline const AINV_MTX& nine_animals()
   return matrix;
 }
 
+/// The inverse relationship matrix of nine animals whose unknown parents are in two fixed groups, the first levels (Quaas 1988).
+inline const AINV_MTX& grouped_animals()
+{
+  static const AINV_MTX matrix = [] {
+    const std::vector<std::pair<int, int>> parents{{0, 0}, {0, 1}, {2, 3}, {2, 3}, {4, 1}, {4, 5}, {1, 1}, {7, 8}, {7, 8}};
+    const std::size_t n = parents.size() + 2;
+    Matrix a(n, n);
+    AINV_MTX m;
+    for (std::size_t i = 2; i < n; ++i) {
+      const auto [sire, dam] = parents[i - 2];
+      const double d = 1.0 - (sire >= 2 ? 0.25 : 0.0) - (dam >= 2 ? 0.25 : 0.0);
+      m.log_determinant += std::log(d);
+      const std::pair<int, double> line[] = {{static_cast<int>(i), 1.0}, {sire, -0.5}, {dam, -0.5}};
+      for (const auto& [r, x] : line) {
+        for (const auto& [c, z] : line) a(static_cast<std::size_t>(r), static_cast<std::size_t>(c)) += x * z / d;
+      }
+    }
+    m.order = static_cast<std::int64_t>(n);
+    m.groups = m.absent = 2;
+    m.pedigree = true;
+    m.start.push_back(0);
+    for (std::size_t j = 0; j < n; ++j) {
+      for (std::size_t i = j; i < n; ++i) {
+        if (i != j && a(i, j) == 0.0) continue;
+        m.row.push_back(static_cast<std::int32_t>(i));
+        m.values.push_back(a(i, j));
+      }
+      m.start.push_back(static_cast<std::int64_t>(m.row.size()));
+    }
+    return m;
+  }();
+  return matrix;
+}
+
 /// The inverse of a covariance matrix of six levels and rank four, with two Lagrangian rows; mixed: these are combined, so that each
 /// binds both levels.
 inline const AINV_MTX& six_of_rank_four(bool mixed)

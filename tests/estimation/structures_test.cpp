@@ -225,6 +225,73 @@ TEST(Structures, FollowersAreScoredWithTheirMasters)
   check(b);
 }
 
+// A factor by animals with fixed groups, no variances of its own: every trait has its groups as fixed effects.
+TEST(Structures, FactorsOfAnimalsWithGroupsAgree)
+{
+  const std::size_t traits = 3, animals = 9, groups = 2, levels = animals + groups;
+  Built b = build({"", {{{31, 15, 7, {0.0, 0.0, 0.0, 0.8, 0.5, 0.9}, 1, 0, {}, 3}, {33, -1, 11, {}, 1, 0, {}, 0, &grouped_animals()}}},
+                   {{{0, 0, 80, {1.1}}}}}, 7);
+  EVALUATION ev;
+  evaluate(b, b.model, ev);
+  if (HasFatalFailure()) return;
+  // A and the groups' shares out of the inverse: its blocks are A^-1 and -A^-1 Q.
+  Matrix inverse(levels, levels);
+  const AINV_MTX& star = grouped_animals();
+  for (std::size_t j = 0; j < levels; ++j) {
+    for (auto k = static_cast<std::size_t>(star.start[j]); k < static_cast<std::size_t>(star.start[j + 1]); ++k) {
+      inverse(static_cast<std::size_t>(star.row[k]), j) = inverse(j, static_cast<std::size_t>(star.row[k])) = star.values[k];
+    }
+  }
+  Matrix own(animals, animals), between(animals, groups);
+  for (std::size_t i = 0; i < animals; ++i) {
+    for (std::size_t j = 0; j < animals; ++j) own(i, j) = inverse(groups + i, groups + j);
+    for (std::size_t g = 0; g < groups; ++g) between(i, g) = -inverse(groups + i, g);
+  }
+  double log_determinant = 0.0;
+  const Matrix a = tolvan_test::inverse_spd(own, log_determinant);
+  const Matrix q = a * between;
+  const std::size_t n = b.x.rows;
+  Matrix x(n, b.x.columns + traits * groups);
+  std::vector<Matrix> z(traits, Matrix(n, animals));
+  for (std::size_t r = 0; r < n; ++r) {
+    for (std::size_t c = 0; c < b.x.columns; ++c) x(r, c) = b.x(r, c);
+    for (std::size_t t = 0; t < traits; ++t) {
+      for (std::size_t g = 0; g < groups; ++g) {
+        double& sum = x(r, b.x.columns + t * groups + g);
+        sum = b.z[0](r, t * levels + g);
+        for (std::size_t i = 0; i < animals; ++i) sum += b.z[0](r, t * levels + groups + i) * q(i, g);
+      }
+      for (std::size_t i = 0; i < animals; ++i) z[t](r, i) = b.z[0](r, t * levels + groups + i);
+    }
+  }
+  const auto variance = [&](const std::vector<double>& theta) {  // three loadings, the residual variance
+    Matrix zl(n, animals);
+    for (std::size_t t = 0; t < traits; ++t) {
+      for (std::size_t k = 0; k < zl.a.size(); ++k) zl.a[k] += theta[t] * z[t].a[k];
+    }
+    Matrix v = zl * a * transpose(zl);
+    for (std::size_t r = 0; r < n; ++r) v(r, r) += theta[3];
+    return v;
+  };
+  const std::vector<double> theta{0.8, 0.5, 0.9, 1.1};
+  std::vector<Matrix> vdot;
+  for (std::size_t i = 0; i < theta.size(); ++i) {
+    std::vector<double> up = theta, down = theta;
+    up[i] += 0.1;
+    down[i] -= 0.1;
+    vdot.push_back(variance(up));
+    const Matrix below = variance(down);
+    for (std::size_t k = 0; k < below.a.size(); ++k) vdot.back().a[k] = (vdot.back().a[k] - below.a[k]) / 0.2;
+  }
+  const DenseVariance d = dense_variance(x, b.design.response, variance(theta), vdot);
+  EXPECT_EQ(static_cast<double>(ev.nu), d.nu);
+  EXPECT_NEAR(ev.quadratic, d.quadratic, 1e-8 * d.quadratic);
+  EXPECT_NEAR(ev.logl, d.logl, 1e-8 * std::fabs(d.logl));
+  ASSERT_EQ(ev.information.count(), 4);
+  for (std::size_t i = 0; i < 4; ++i) EXPECT_NEAR(ev.information.score[i], d.score[i], 1e-6 * (1.0 + std::fabs(d.score[i]))) << i;
+  for (std::size_t i = 0; i < d.ai.size(); ++i) EXPECT_NEAR(ev.information.ai[i], d.ai[i], 1e-6 * (1.0 + std::fabs(d.ai[i]))) << i;
+}
+
 // Reduced factor models: one a product, at an end of it, and not in a product of three.
 TEST(Structures, ReducedFactorModelsHaveTheirPlace)
 {
