@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "base/lapack.h"
+#include "base/large_pages.h"
 #include "base/memory.h"
 #include "estimation/supernode.h"
 
@@ -239,6 +240,10 @@ void K4MXXAIL(ERROR_HANDLER& eh, const COEFFICIENTS& c, const ABSORB_CONTROL& co
   std::vector<std::uint8_t> report;
   std::vector<int32_t> parts_left, diagonals_left;
   std::vector<ITEM> items;
+  if (std::ssize(factor.panel) < factor.panel_size) {  // the first time
+    if (!reserve(eh, factor.panel, factor.panel_size)) return;
+    advise_large_pages(factor.panel.data(), factor.panel_size * static_cast<int64_t>(sizeof(double)));
+  }
   if (!resize(eh, factor.panel, factor.panel_size) || !resize(eh, factor.reciprocal, factor.n) ||
       !resize(eh, tolerance, factor.n) || !assign(eh, report, factor.n, std::uint8_t{0}) ||
       !reserve_work(eh, factor, threads, work) || !resize(eh, parts_left, std::ssize(factor.nodes)) ||
