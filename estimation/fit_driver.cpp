@@ -37,12 +37,16 @@ constexpr std::int64_t most_singular_in_a_row = 3;  // evaluations while the ite
 constexpr double fall_seen = 1e-5;         // of LogL from the best evaluation: the step was too long
 constexpr double fall_reported = 2e-4;     // more than this, and the best evaluation is reported instead of the last
 
-/// L_SET_BASE: keeps the reported LogL small by a base once it is beyond 120000.
+/// L_SET_BASE: keeps the reported LogL small by a base once it is beyond 120000; the earlier rows of the trace follow.
 void L_SET_BASE(ERROR_HANDLER& eh, double logl, FIT_STATE& fit)
 {
   const Frame here{eh, __func__};
   if (!std::isfinite(logl) || std::fabs(logl - fit.base) < base_needed) return;
-  fit.base = std::trunc(logl / base_unit) * base_unit;
+  const double earlier = fit.base;
+  fit.base = std::trunc(logl / base_unit) * base_unit + 0.0;  // not -0
+  for (ITERATION_ROW& row : fit.trace) {
+    if (!is_no_value(row.logl)) row.logl += earlier - fit.base;
+  }
   eh.note(text("LogL values are reported relative to a base of ", trim(edit_g(fit.base, 15, 8))));
 }
 
@@ -111,6 +115,20 @@ bool L_USER_STOP(ERROR_HANDLER& eh, FIT_WORK& work, ITERATION& it, FIT_STATE& fi
   return false;
 }
 
+/// Singular equations but for those of terms that were taken out of the run.
+std::int64_t singular_equations(const FIT_CALL& call, const MIXED_EQUATIONS& q, const EVALUATION& ev)
+{
+  std::int64_t count = ev.absorbed.singular;
+  for (const TERM_STRUCTURE& structure : call.model.terms) {
+    if (!structure.dropped || q.factor.reciprocal.empty()) continue;
+    const std::int64_t first = first_equation(call.terms, structure);
+    for (std::int64_t e = first; e < first + structure_size(call.model, structure); ++e) {
+      count -= q.factor.reciprocal[static_cast<std::size_t>(q.position_of(e))] == 0.0 ? 1 : 0;
+    }
+  }
+  return count;
+}
+
 /// L_ACCEPT: records an evaluation without fault: best LogL, falls in a row, the parameters to go back to.
 void L_ACCEPT(ERROR_HANDLER& eh, FIT_CALL& call, const EVALUATION& ev, FIT_WORK& work, ITERATION& it)
 {
@@ -130,16 +148,17 @@ void L_ACCEPT(ERROR_HANDLER& eh, FIT_CALL& call, const EVALUATION& ev, FIT_WORK&
                        .etype = Etype::note,
                        .unique = true});
   }
+  const std::int64_t singular = singular_equations(call, work.equations, ev);
   if (it.singular_at_first < 0) {
-    it.singular_at_first = ev.absorbed.singular;
+    it.singular_at_first = singular;
     if (it.singular_at_first > 0) {
       eh.note(text(it.singular_at_first, " singularties detected (tolerance: ", trim(edit_e(work.tolerance, 10, 2)), ")"));
     }
-  } else if (ev.absorbed.singular > it.singular_at_first) {
-    eh.warning(text(ev.absorbed.singular - it.singular_at_first, " more singularities detected in design)"));
+  } else if (singular > it.singular_at_first) {
+    eh.warning(text(singular - it.singular_at_first, " more singularities detected in design)"));
     eh.continuation(text("reset tolerance to ", trim(edit_e(work.tolerance, 10, 2)), " if the new DF are correct, otherwise try ",
                          trim(edit_e(0.1 * work.tolerance, 10, 2))));
-    it.singular_at_first = ev.absorbed.singular;
+    it.singular_at_first = singular;
   }
 }
 
@@ -260,6 +279,7 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
       eh.warning("iteration was aborted because model is not converging");
       eh.continuation("consider changing the starting values, the model or use !CONTINUE to push on regardless");
       fit.status = "Convergence failed";
+      fit.end = FitEnd::not_converged;
       it.go_back = true;
       return;
     }
@@ -303,6 +323,7 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
       return;
     }
     if (singular > 0 && !passing) {
+      it.let_go = true;
       bool told = false;
       eh.EH_ADD_MESSAGE({.text = text(singular, " singularities in AI matrix"),
                          .etype = Etype::warning,
@@ -331,6 +352,7 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
       eh.continuation("use !MAXIT 1 instead of !BLUP to get correct standard errors");
       eh.continuation("AI updates repeatedly lowered the LogL");
       fit.status = "Convergence failure";
+      fit.end = FitEnd::not_converged;
       return;
     }
     work.previous_logl = ev.logl;
@@ -344,7 +366,8 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
     }
     if (it.n >= 2 && L_USER_STOP(eh, work, it, fit)) return;
     if (it.final_pass) {
-      if (!converged && singular > 0) fit.status = "Warning: iteration aborted because of singularities in AI matrix";
+      const bool told = fit.end == FitEnd::converged || it.interrupted;
+      if (!told && it.let_go) fit.status = "Warning: iteration aborted because of singularities in AI matrix";
       return;
     }
     if (!converged) continue;

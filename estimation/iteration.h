@@ -24,6 +24,7 @@ struct ITERATION {
   double started = 0.0;
   std::int64_t modified = 0;         // unstructured matrices made positive definite so far
   std::int64_t em_updates = 0;       // of rows, so far
+  bool let_go = false;               // singular information was only warned of
   bool came_by_em = false;           // the present evaluation is where an EM update led
   std::int64_t matrices = -1;        // known matrices in use; -1: not counted yet
   bool final_pass = false;

@@ -79,6 +79,11 @@ void FINISH_TRACE(ERROR_HANDLER& eh, const FIT_STATE& fit, OUTPUT_TABLE_STORE& s
   OUTPUT_TABLE* t = store.find_table(table_name);
   if (t == nullptr) return;
   OTT_RESIZE(eh, *t, t->nrows);
+  // LogL once more: it may have got another base since.
+  std::vector<double> logl;
+  for (const ITERATION_ROW& row : fit.trace) logl.push_back(row.logl);
+  if (std::ssize(logl) == t->nrows) OTT_SET_COLUMN_REAL_WP(eh, *t, t->find_column("LOGL"), logl);
+  if (eh.terminate()) return;
   std::size_t parameters = 0;
   for (const ITERATION_ROW& row : fit.trace) parameters = std::max(parameters, row.gammas.size());
   std::vector<double> values(static_cast<std::size_t>(t->nrows));

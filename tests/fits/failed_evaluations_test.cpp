@@ -30,12 +30,14 @@ struct OwnProgram : testing::Test {
 k=$(($(cat count 2>/dev/null || echo 0) + 1)); echo $k > count
 mode=$(awk -v k=$k '$1 == k || ($1 ~ /[+]$/ && k >= $1 + 0) { print $2 }' modes)
 [ "$mode" = fails ] && exit 1
-awk -v mode="$mode" '
+awk -v mode="$mode" -v k=$k '
 function d(x,  s) { s = sprintf("%14.6E", x); sub("E", "D", s); return s }
-function put(a, b,  i, j) { for (i = 1; i <= n; ++i) for (j = 1; j <= i; ++j) printf "%s%s", d(i == j ? a + b : b), ++k % 6 ? "" : "\n" }
+function put(a, b,  i, j) { for (i = 1; i <= n; ++i) for (j = 1; j <= i; ++j) printf "%s%s", d((i == j ? a + b : b) + (i == 1 ? more : 0)), ++put_so_far % 6 ? "" : "\n" }
 NR == 1 { n = substr($0, 1, 5) + 0; print $0 }
 NR == 2 { a = substr($0, 1, 14); b = substr($0, 15, 14); sub("D", "E", a); sub("D", "E", b); a += 0; b += 0; print $0
+  if (mode == "drifts") more = 0.2 * k
   if (mode == "indefinite") put(-1, 2); else if (mode == "large") put(1000 * a, 1000 * b); else put(a, b)
+  more = 0
   put(1, 0); put(0, 1) }' mineA3.own > mine.gdg
 )x";
     std::mt19937 random(5);
@@ -56,14 +58,14 @@ NR == 2 { a = substr($0, 1, 14); b = substr($0, 15, 14); sub("D", "E", a); sub("
   }
   void TearDown() override { fs::remove_all(folder); }
 
-  void fit(Host& host, const std::string& modes)
+  void fit(Host& host, const std::string& modes, const std::string& options = R"("maxiterations":30)")
   {
     fs::remove(folder / "count");
     std::ofstream(folder / "modes") << modes << "\n";
     host.info("{\"dataset\":" + dataset("d", count, {{"env", environments}, {"geno", genotypes}, {"y", 0}}) + "}");
     host.matrix("d", data, count, 3);
-    host.process(R"x({"model":{"response":"y","fixed":"env","random":"id(env):id(geno)"},"options":{"maxiterations":30},
-      "own":{"term":"env:geno","component":"env","values":[0.5,0.2],"control":3,"program":"sh )x" +
+    host.process(R"x({"model":{"response":"y","fixed":"env","random":"id(env):id(geno)"},"options":{)x" +
+                 options + R"x(},"own":{"term":"env:geno","component":"env","values":[0.5,0.2],"control":3,"program":"sh )x" +
                  (folder / "own.sh").string() + R"(","file":")" + (folder / "mine").string() + "\"}}");
   }
 };
@@ -143,6 +145,27 @@ TEST_F(OwnProgram, WhatEndsTheFitIsToldAndTheLastGoodEvaluationReported)
     if (c.reported > 0) {
       EXPECT_NEAR(host.real("SCALAR_LOGLIK"), logl[static_cast<std::size_t>(c.reported - 1)], 1e-6);
     }
+  }
+}
+
+TEST_F(OwnProgram, AFitWhoseStepsOnlyLoseIsGivenUp)
+{
+  // With each call the matrix has more variance in the first environment than the parameters say: LogL falls whatever the step.
+  Host host;
+  fit(host, "3+ drifts", R"("maxiterations":60,"extra":50)");
+  EXPECT_NE(host.json("SCALAR_FINAL_MESSAGE").find("Convergence failure"), std::string::npos) << host.errors();
+  EXPECT_EQ(host.integer("SCALAR_CONVERGENCE_FLG"), 2);
+  const std::vector<double> logl = host.reals("TABLE_TRACE:LOGL");
+  // More than min(n, 8) + 2 falls in a row.
+  ASSERT_GT(logl.size(), 11U);
+  for (std::size_t k = logl.size() - 11; k < logl.size(); ++k) EXPECT_LT(logl[k], logl[k - 1] - 0.001);
+  EXPECT_FALSE(logl[logl.size() - 12] < logl[logl.size() - 13] - 0.001) << "the first of them is the first after a gain";
+  const std::string told = host.errors();
+  std::size_t at = 0;
+  for (const char* words : {"convergence has failed, this may be because you have specified  an inappropriate model",
+                            "derived quantities are wrong", "use !MAXIT 1 instead of !BLUP", "AI updates repeatedly lowered the LogL"}) {
+    at = told.find(words, at);
+    ASSERT_NE(at, std::string::npos) << words << told;
   }
 }
 

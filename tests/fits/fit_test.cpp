@@ -443,6 +443,9 @@ TEST(Fit, HardModelsEndWithTheirWords)
       {"a saturated model", R"({"model":{"response":"y","fixed":"units"}})", y, true, ""},
       {"a term that is the residual again", R"({"model":{"response":"y","random":"group + units"}})", y, true,
        "singularities appeared in Average Information matrix"},
+      {"a singularity that is let go, to the limit",
+       R"({"model":{"response":"y","random":"group + units"},"options":{"aisingularities":1,"maxiterations":3}})", y, false,
+       "Warning: iteration aborted because of singularities in AI matrix"},
       {"a zero start", model + R"(,"initial_values":[{"term":"group","value":0.0,"constraint":"P"}]})", y, false,
        "group dropped from model at iteration 1 because variance is negligible"},
       {"all responses missing", model + "}", std::vector<double>(7, -1e-37), true, ""},
@@ -493,6 +496,34 @@ TEST(Fit, ReportsRelativeToABaseWhenLogLIsLarge)
   EXPECT_NEAR(host.reals("TABLE_TRACE:LOGL").back(), logl, 1e-6);
   const double full = 0.5 * (2.0 * host.integer("SCALAR_AIC_NPARAM") - host.real("SCALAR_AIC"));
   EXPECT_NEAR(std::fmod(full - logl, 100000.0), 0.0, 1e-6);
+
+  // Starting variances far too small: the base changes on the way, and the whole trace is told on the last one.
+  Host far;
+  hand_in(far, data);
+  ASSERT_LE(far.process(R"({"model":{"response":"y","random":"s"},"options":{"varscale":1,"maxiterations":60},
+    "initial_values":[{"term":"units","value":100.0}]})"), 0) << far.errors();
+  const std::vector<double> trace = far.reals("TABLE_TRACE:LOGL");
+  ASSERT_GT(trace.size(), 5U);
+  EXPECT_GT(trace.back() - trace.front(), 1e6);
+  for (std::size_t k = 1; k < trace.size(); ++k) EXPECT_GT(trace[k], trace[k - 1] - 0.01) << k;
+  EXPECT_NEAR(trace.back(), far.real("SCALAR_LOGLIK"), 1e-6);
+}
+
+// Equations of a term that was taken out are no singularities of the design.
+TEST(Fit, DroppedTermsAreNoSingularities)
+{
+  for (const auto& [fixed, count] : {std::pair{"mu", 0}, std::pair{"mu + group", 1}}) {
+    Host host;
+    hand_in(host, {{{"group", 3}, {"f", 3}, {"y", 0}}, {{1, 1, 1, 2, 2, 3, 3}, {1, 2, 1, 2, 1, 2, 3}, {10, 12, 9, 15, 14, 20, 18}}});
+    host.process(std::string(R"({"model":{"response":"y","fixed":")") + fixed +
+                 R"(","random":"f"},"initial_values":[{"term":"f","value":0.0}]})");
+    const std::string told = host.errors();
+    EXPECT_NE(told.find("f dropped from model at iteration 1"), std::string::npos) << told;
+    EXPECT_EQ(told.find("singularties detected") != std::string::npos, count > 0) << told;
+    if (count > 0) {
+      EXPECT_NE(told.find("1 singularties detected (tolerance: 0.10E-07)"), std::string::npos) << told;
+    }
+  }
 }
 
 }  // namespace
