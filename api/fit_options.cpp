@@ -72,6 +72,23 @@ FileOption& file_option(FIT_OPTIONS& options, std::string_view key)
   return key == "tsv" ? options.tsv : options.msv;
 }
 
+/// The names that a value holds, one or a list: texts but for numbers, truth values and what stands for no value.
+std::vector<std::string> names_in(const JsonNode& node)
+{
+  std::vector<std::string> names;
+  if (node.is(JsonType::array) && !node.packed()) {
+    for (const auto& each : node.children()) {
+      for (std::string& name : names_in(*each)) names.push_back(std::move(name));
+    }
+  } else if (node.is(JsonType::string)) {
+    const std::string name(trim(node.text()));
+    double number = 0.0;
+    const bool truth = lower(name) == "true" || lower(name) == "false";
+    if (!name.empty() && !truth && name != no_value_supplied && !read_real(name, number)) names.push_back(name);
+  }
+  return names;
+}
+
 /// L_CHECK_BLUP: complains of a mode that there is not.  Over-relaxation by a factor of 2 never converges.
 void L_CHECK_BLUP(ERROR_HANDLER& eh, std::int64_t mode)
 {
@@ -135,6 +152,7 @@ void L_READ_OPTION(ERROR_HANDLER& eh, const OptionRow& row, const JsonNode& node
       break;
     case OptionReader::cinv:
       options.inverse_table = asks(node);
+      options.inverse_terms = names_in(node);
       break;
     case OptionReader::elsewhere:
       break;

@@ -48,6 +48,7 @@ struct FIT_OPTIONS {
   std::vector<std::int64_t> tolerance;  // up to three values; empty: not given
   std::string outfolder;                // empty: not given
   bool inverse_table = false;           // cinv: the elements of C-inverse are wanted as a table
+  std::vector<std::string> inverse_terms;  // those of these terms alone, "random": of all random terms; empty: all elements
 
   std::int64_t operator()(Slot s) const { return integers[static_cast<std::size_t>(s)]; }
   std::int64_t& operator()(Slot s) { return integers[static_cast<std::size_t>(s)]; }

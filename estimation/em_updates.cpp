@@ -232,8 +232,8 @@ void K4MEMM(ERROR_HANDLER& eh, const FIT_MODEL& in, MIXED_EQUATIONS& q, const EV
 std::string em_description(const EM_STATE& em)
 {
   const bool single = em.asked == 1;
-  if (em.expanded) return text(single ? "Single step PXEM" : "Iterated PXEM", " update when AI update unacceptable");
-  return text(single ? "Single standard EM" : "Iterated EM", " update when AI update unacceptable");
+  if (em.expanded) return single ? "Single step PXEM update when AI update unacceptable" : "Iterated PXEM update when AI update unacceptable";
+  return single ? "Single standard EM update when AI update unacceptable" : "Iterated EM update when AI update unacceptable";
 }
 
 }  // namespace tolvan

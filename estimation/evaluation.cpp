@@ -332,7 +332,11 @@ void K4MITR(ERROR_HANDLER& eh, const FIT_MODEL& in, std::int64_t iteration, VARI
     {
       const Timed part{in.timing, "K4MWVG", "K4MITR"};
       K4MWVG(eh, in, model, q, ev, work.working);
-      if (!eh.terminate()) K4MWVR(eh, model, q, ev, work.working);
+    }
+    if (eh.terminate()) return;
+    {
+      const Timed part{in.timing, "K4MWVR", "K4MITR"};
+      K4MWVR(eh, model, q, ev, work.working);
     }
     if (eh.terminate()) return;
     K4MWVA(eh, in, q, work.working, threads, ev);

@@ -8,16 +8,12 @@
 #include "base/clock.h"
 #include "base/text.h"
 #include "estimation/closing_notes.h"
-#include "estimation/coefficient_file.h"
 #include "estimation/evaluation.h"
 #include "estimation/far_starts.h"
 #include "estimation/fault_texts.h"
-#include "estimation/final_results.h"
-#include "estimation/imputation.h"
 #include "estimation/iteration.h"
 #include "estimation/iterative_mme.h"
 #include "estimation/keep_parameters.h"
-#include "estimation/working_file.h"
 #include "reports/result_tables.h"
 #include "reports/user_abort.h"
 #include "varstruct/lost_ranges.h"
@@ -35,7 +31,6 @@ constexpr double far_move = 0.05;          // that a parameter may still have to
 constexpr const char* not_converged = " Warning: LogL not converged";
 constexpr std::int64_t most_singular_in_a_row = 3;  // evaluations while the iteration passes over a ridge
 constexpr double fall_seen = 1e-5;         // of LogL from the best evaluation: the step was too long
-constexpr double fall_reported = 2e-4;     // more than this, and the best evaluation is reported instead of the last
 
 /// L_SET_BASE: keeps the reported LogL small by a base once it is beyond 120000; the earlier rows of the trace follow.
 void L_SET_BASE(ERROR_HANDLER& eh, double logl, FIT_STATE& fit)
@@ -187,12 +182,6 @@ bool L_SEEK(ERROR_HANDLER& eh, bool failed, FIT_CALL& call, const FIT_MODEL& in,
   if (!failed) free_dependent(call.model, work);
   const std::vector<double> start = failed ? parameter_values(call.model) : ev.evaluated;
   return search_ranges(eh, in, it.n, start, failed, call.model, work, ev);
-}
-
-/// Whether something is wanted that only a final pass forms.
-bool final_pass_due(const FIT_WORK& work)
-{
-  return work.aiopt(Ai::final_required) < 0 || work.aiopt(Ai::outliers) > 1;
 }
 
 /// The residual variance as it is reported: profiled, else the residual's own; 1 where there is no one such variance.
@@ -385,61 +374,6 @@ void L_ITERATE(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK&
   }
 }
 
-/// L_REPORT: fills tables and scalars from the last completed evaluation, whatever the handler of the fit already holds.
-void L_REPORT(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& work, EVALUATION& ev, const ITERATION& it, FIT_STATE& fit)
-{
-  const Frame here{eh, __func__};
-  ERROR_HANDLER aside;  // an aborted fit still reports: routines leave at once when their handler has terminated
-  ERROR_HANDLER& own = eh.terminate() ? aside : eh;
-  FINISH_TRACE(own, fit, call.tables);
-  const bool evaluated = work.has_saved && fit.end != FitEnd::aborted;
-  const bool failed = fit.fault > 0 || it.go_back;
-  const bool better_before = !failed && work.best_logl - ev.logl > fall_reported;
-  const bool unfinished = fit.mode == 0 && final_pass_due(work) && work.aiopt(Ai::final_pass) == 0;
-  if (evaluated && (failed || better_before || unfinished)) {
-    // The failed or rejected evaluation is nothing to report from: evaluate once more at the last good parameters.  A likelihood
-    // with kinks, as ranges of spherical models have, keeps stepping over its top: there the best parameters met are reported.
-    for (std::size_t i = 0; i < work.saved.size(); ++i) {
-      call.model.parameters[i] = work.saved[i];
-      if (better_before || failed) call.model.parameters[i].value = work.best.parameters[i].value;
-    }
-    if (better_before) own.note("the parameters of an earlier iteration are reported, its LogL was the best");
-    work.aiopt(Ai::final_pass) = 1;
-    K4MITR(own, in, std::max<std::int64_t>(it.n, 2), call.model, work, ev);
-    if (own.terminate() && eh.terminate()) return;  // it failed again: that has been told
-  }
-  if (evaluated && !own.terminate() && ev.fault == 0 && !ev.absorbed.cancelled) {
-    K4MFIN(own, in, call.model, work, ev, fit);
-    if (!own.terminate()) {
-      fit.logl = ev.logl - fit.base;
-      judge_status(own, call.model, work, ev, it.limit == 1, fit);
-      if (fit.mode > 0) {
-        own.note("variance parameters were not estimated because the !BLUP qualifier was specified");
-        own.continuation("the Standard Errors of variance components (and solutions?) and derived quantities are wrong");
-        own.continuation("use !MAXIT 1 instead of !BLUP to get correct standard errors");
-      } else {
-        note_criteria(own, in, call.model, work, fit);
-      }
-      if (call.options(Slot::impute) > 0 && fit.mode == 0 && fit.end == FitEnd::converged) K4MIMPT(own, call, in, work, fit);
-      STORE_FIT_SCALARS(own, call.model, fit, call.tables);
-      AIDRPT(own, call.variables, call.factors, call.terms, call.design, call.model, fit, call.genomic, call.tables);
-      if (call.options.inverse_table) {
-        const auto threads = static_cast<int>(std::max<std::int64_t>(1, work.aiopt(Ai::threads)));
-        AIRCINV(own, call.terms, work.equations, threads, call.tables);
-      }
-      if (call.options(Slot::cmat) > 0 && call.files != nullptr && call.files->in_use)
-        WRITE_CMAT(own, work.equations, text(call.files->folder(), "CMAT.bin"));
-      if (call.options(Slot::debug) > 0 && call.files != nullptr && call.files->in_use)
-        WRITE_CMAT_TEXT(own, work.equations, text(call.files->folder(), "cmat.rcv"));
-      if (call.options(Slot::debug) > 0 && call.files != nullptr && call.files->in_use && fit.mode == 0 && ev.information.count() > 0)
-        AIDWVR(own, in, call.model, work.equations, ev, text(call.files->folder(), "wvar.rcv"));
-      if (call.files != nullptr) SAVE_PARAMETERS(own, call.model, fit.evaluated, *call.files);
-      TMG_LOG(call.timing, " TLV/SLN/YHT written");
-    }
-  }
-  eh.EH_ADD_ALL(aside);
-}
-
 }  // namespace
 
 void AIWORK(ERROR_HANDLER& eh, FIT_CALL& call, FIT_STATE& fit)
@@ -457,7 +391,7 @@ void AIWORK(ERROR_HANDLER& eh, FIT_CALL& call, FIT_STATE& fit)
   if (call.files != nullptr && !factor.order.empty()) call.files->order = {factor.order, factor.dense};
   TMG_LOG(call.timing, " EndingResiduals");
   const std::int64_t singular = work.aiopt(Ai::ai_singularities);
-  L_REPORT(eh, call, in, work, ev, it, fit);
+  report_fit(eh, call, in, work, it, ev, fit);
   if (fit.end == FitEnd::failed) tell_failure(eh, fit, work.update, singular);
   const std::int64_t flag = fit.end == FitEnd::converged ? 0 : (fit.end == FitEnd::not_converged ? 2 : 1);
   ERROR_HANDLER aside;

@@ -1,4 +1,4 @@
-// What the fit driver keeps between iterations.
+// What the fit driver keeps between iterations.  Routine: HIT_RESET.
 #pragma once
 
 #include <cstdint>
@@ -33,7 +33,18 @@ struct ITERATION {
   CONVERGENCE convergence;
 };
 
+/// HIT_RESET: sets the state of the update back to where it is before the first iteration.
+void HIT_RESET(ERROR_HANDLER& eh, const FIT_OPTIONS& options, FIT_WORK& work, ITERATION& it);
+
 /// open_fit: the settings and messages before the first iteration; an error where the options leave nothing to do.
 void open_fit(ERROR_HANDLER& eh, const FIT_CALL& call, FIT_WORK& work, ITERATION& it, FIT_STATE& fit);
+
+/// Whether something is wanted that only a final pass forms.
+bool final_pass_due(const FIT_WORK& work);
+
+/// report_fit: fills tables and scalars from the last completed evaluation, whatever eh already holds; where that is nothing to
+/// report from, or an earlier one was better, the parameters are evaluated once more.
+void report_fit(ERROR_HANDLER& eh, FIT_CALL& call, const FIT_MODEL& in, FIT_WORK& work, const ITERATION& it, EVALUATION& ev,
+                FIT_STATE& fit);
 
 }  // namespace tolvan

@@ -1,4 +1,4 @@
-// What a fit settles and tells before its first iteration.
+// What a fit settles and tells before its first iteration.  Routine: HIT_RESET.
 #include <algorithm>
 
 #include "base/clock.h"
@@ -9,6 +9,17 @@
 #include "reports/user_abort.h"
 
 namespace tolvan {
+
+void HIT_RESET(ERROR_HANDLER& eh, const FIT_OPTIONS& options, FIT_WORK& work, ITERATION& it)
+{
+  const Frame here{eh, __func__};
+  work.update = {};
+  it.reset_step = 1.0 / (1.0 + static_cast<double>(std::max<std::int64_t>(0, options(Slot::slow))));
+  work.update.step = it.limit == 1 ? 1.0 : std::min(options(RealSlot::step_size), it.reset_step);
+  if (!(work.update.step > 0.0)) work.update.step = it.reset_step;
+  work.update.saved_step = work.update.step;
+  work.aiopt(Ai::penalty) = options(Slot::aipenalty);
+}
 
 void open_fit(ERROR_HANDLER& eh, const FIT_CALL& call, FIT_WORK& work, ITERATION& it, FIT_STATE& fit)
 {
@@ -21,16 +32,11 @@ void open_fit(ERROR_HANDLER& eh, const FIT_CALL& call, FIT_WORK& work, ITERATION
     eh.error(text("model not processed because maximum number of iterations was set to ", it.limit));
     return;
   }
-  it.reset_step = 1.0 / (1.0 + static_cast<double>(std::max<std::int64_t>(0, options(Slot::slow))));
-  work.update.step = it.limit == 1 ? 1.0 : std::min(options(RealSlot::step_size), it.reset_step);
-  if (!(work.update.step > 0.0)) work.update.step = it.reset_step;
   if (options.final_file.asked) {
     fit.status = " Warning: Only one iteration performed";
     it.limit = 1;
-    work.update.step = 1.0;
   }
-  work.update.saved_step = work.update.step;
-  work.aiopt(Ai::penalty) = options(Slot::aipenalty);
+  HIT_RESET(eh, options, work, it);
   work.aiopt(Ai::mode) = std::max<std::int64_t>(0, options(Slot::blup));
   fit.mode = work.aiopt(Ai::mode);
   work.aiopt(Ai::outliers) = options(Slot::outlier) > 0 ? 2 : 0;

@@ -97,8 +97,8 @@ void L_WRITE_TABLE(ERROR_HANDLER& eh, const OUTPUT_TABLE_STORE& store, std::stri
   L_COMMIT(eh, text(stem, '.', extension), file);
 }
 
-/// L_WRITE_EQUATIONS_OF_TERMS: the .cii file: the equations of the terms in C-inverse.
-void L_WRITE_EQUATIONS_OF_TERMS(ERROR_HANDLER& eh, const OUTPUT_TABLE_STORE& store, const std::string& name)
+/// L_WRITE_EQUATIONS_OF_TERMS: the .cii file: the equations of the terms in C-inverse and, where terms were chosen, the elements.
+void L_WRITE_EQUATIONS_OF_TERMS(ERROR_HANDLER& eh, const OUTPUT_TABLE_STORE& store, bool elements, const std::string& name)
 {
   const Frame here{eh, __func__};
   const OUTPUT_TABLE* t = store.find_table("TABLE_CINV_INFO");
@@ -112,6 +112,10 @@ void L_WRITE_EQUATIONS_OF_TERMS(ERROR_HANDLER& eh, const OUTPUT_TABLE_STORE& sto
   std::string printed;
   OTT_PRETTY_PRINT(eh, *t, printed);
   file.write(printed);
+  if (const OUTPUT_TABLE* values = store.find_table("TABLE_CINV"); elements && values != nullptr) {
+    file.write("\n");
+    write_separated(*values, ' ', file);
+  }
   L_COMMIT(eh, name, file);
 }
 
@@ -229,7 +233,9 @@ void WRITE_REPORT_FILES(ERROR_HANDLER& eh, const RUN_REPORT& run, REPORT_FILES& 
   if (run.fit.usable) {
     with_own([&](ERROR_HANDLER& own) { L_WRITE_TABLE(own, run.store, "TABLE_SLN", files.stem, "sln", run.options(Slot::slnform)); });
     with_own([&](ERROR_HANDLER& own) { L_WRITE_TABLE(own, run.store, "TABLE_YHT", files.stem, "yht", run.options(Slot::yhtform)); });
-    with_own([&](ERROR_HANDLER& own) { L_WRITE_EQUATIONS_OF_TERMS(own, run.store, files.stem + ".cii"); });
+    with_own([&](ERROR_HANDLER& own) {
+      L_WRITE_EQUATIONS_OF_TERMS(own, run.store, !run.options.inverse_terms.empty(), files.stem + ".cii");
+    });
     with_own([&](ERROR_HANDLER& own) { L_WRITE_TABLE(own, run.store, "TABLE_KCV", files.stem, "kcv", 0); });
     if (run.options(Flag::vrb)) with_own([&](ERROR_HANDLER& own) { L_AIDRPT_BRIEF_DUMP(own, run, files.stem); });
     with_own([&](ERROR_HANDLER& own) { L_ADD_WALD_TABLES(own, run, files.stem); });

@@ -167,6 +167,47 @@ TEST_F(ReportFiles, RestartReachesTheSameOptimum)
   EXPECT_EQ(last.integer("SCALAR_CONVERGENCE_FLG"), 2);
 }
 
+TEST_F(ReportFiles, ElementsOfInverseOfChosenTerms)
+{
+  Host whole;
+  fit(whole, R"("cinv":true)");
+  const std::vector<int> rows = whole.integers("TABLE_CINV:ROWID"), columns = whole.integers("TABLE_CINV:COLID");
+  const std::vector<double> values = whole.reals("TABLE_CINV:VALUES");
+  const std::vector<int> first = whole.integers("TABLE_CINV_INFO:START"), last = whole.integers("TABLE_CINV_INFO:END");
+  ASSERT_EQ(first.size(), 4U);  // mu, x, site by trial, line
+
+  struct Case {
+    const char* asked;
+    std::vector<std::size_t> terms;
+    const char* words;
+  };
+  for (const Case& c : {Case{R"("line")", {3}, "line portion of C-Inverse written to file"},
+                        Case{R"(["line","x"])", {1, 3}, "x portion of C-Inverse written to file"},
+                        Case{R"("random")", {2, 3}, "all random terms portion of C-Inverse written to file"},
+                        Case{R"("plot")", {}, "the term plot is not in the sparse model, so unable to output the associated part of C-Inverse"}}) {
+    SCOPED_TRACE(c.asked);
+    Host host;
+    const std::string told = fit(host, std::string(R"("tmp_file_root":"r","cinv":)") + c.asked);
+    EXPECT_NE(told.find(c.words), std::string::npos) << told;
+    const auto chosen = [&](int equation) {
+      return std::any_of(c.terms.begin(), c.terms.end(), [&](std::size_t t) { return first[t] <= equation && equation <= last[t]; });
+    };
+    std::vector<int> wanted_rows;
+    std::vector<double> wanted;
+    for (std::size_t k = 0; k < rows.size(); ++k) {
+      if (!chosen(rows[k]) || !chosen(columns[k])) continue;
+      wanted_rows.push_back(rows[k]);
+      wanted.push_back(values[k]);
+    }
+    EXPECT_EQ(host.integers("TABLE_CINV:ROWID"), wanted_rows);
+    EXPECT_EQ(host.reals("TABLE_CINV:VALUES"), wanted);
+    const std::string file = read("r.cii");
+    EXPECT_EQ(std::count(file.begin() + static_cast<std::ptrdiff_t>(std::min(file.find("ROWID"), file.size())), file.end(), '\n'),
+              c.terms.empty() ? 0 : std::ssize(wanted) + 1);
+    fs::remove("r.cii");
+  }
+}
+
 TEST_F(ReportFiles, EditedTablesAreFollowed)
 {
   Host first;
