@@ -250,7 +250,7 @@ void K4MXXAIL(ERROR_HANDLER& eh, const COEFFICIENTS& c, const ABSORB_CONTROL& co
       !resize(eh, diagonals_left, std::ssize(factor.nodes)) || !list_items(eh, factor, items)) {
     return;
   }
-  const auto is_definite = [&](int64_t p) { return !control.definite.empty() && control.definite[p] != 0; };
+  const auto is_definite = [&](int64_t p) { return !control.definite.empty() && control.definite[p] == 1; };
   for (int64_t p = 0; p < factor.n; ++p) {
     const double d = std::abs(c.diagonal(p));
     tolerance[p] = is_definite(p) ? d * std::min(control.t0, rounding_t0) : std::max(d, control.floor) * control.t0;

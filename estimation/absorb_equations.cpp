@@ -6,6 +6,7 @@
 
 #include "base/text.h"
 #include "estimation/fault_texts.h"
+#include "estimation/fixed_part.h"
 
 namespace tolvan {
 namespace {
@@ -60,6 +61,55 @@ std::vector<std::uint8_t> definite_effects(const FIT_MODEL& in, const VARIANCE_M
   return definite;
 }
 
+/// L_FIND_ALIASED: finds how many fixed effects the design cannot tell apart.  Not where random structures have fixed dimensions.
+void L_FIND_ALIASED(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, int threads, FIT_WORK& work, EVALUATION& ev)
+{
+  const Frame here{eh, __func__};
+  for (std::size_t t = 0; t < model.terms.size(); ++t) {
+    if (model.terms[t].dropped) continue;
+    for (const auto& component : ev.formed.terms[t].components) {
+      if (component->counted() < component->inverse().n) return;
+    }
+  }
+  std::vector<std::uint8_t> left_out(static_cast<std::size_t>(work.equations.n), 0);
+  ABSORBED absorbed;
+  ABSORB_FIXED(eh, in, model, work.equations, ev, threads, work, left_out, absorbed);
+  if (eh.terminate() || absorbed.cancelled) return;
+  work.aliased.known = true;
+  work.aliased.count = std::count(left_out.begin(), left_out.end(), std::uint8_t{1});
+  work.aliased.left_out = std::move(left_out);
+}
+
+/// L_ABSORB_ANEW: absorbs C again where more or fewer fixed effects were left out than the design asks for.
+///
+/// A pivot is judged by its diagonal in C, x'R^-1 x.  Close to a singular R that may be any multiple of what random effects leave of
+/// it, so that effects well told by the data would go; and it is a sum of large elements whose rounding may pass for a pivot.  Which
+/// effects depend on others is a property of the design alone.
+void L_ABSORB_ANEW(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& model, int threads, ABSORB_CONTROL& control,
+                   std::vector<std::uint8_t>& definite, FIT_WORK& work, EVALUATION& ev)
+{
+  const Frame here{eh, __func__};
+  MIXED_EQUATIONS& q = work.equations;
+  if (!work.aliased.known) L_FIND_ALIASED(eh, in, model, threads, work, ev);
+  if (eh.terminate() || !work.aliased.known) return;
+  std::vector<std::uint8_t> fixed(static_cast<std::size_t>(q.n), 0);
+  for (std::int64_t e = 0; e < q.n; ++e) fixed[static_cast<std::size_t>(q.position_of(e))] = q.fixed[static_cast<std::size_t>(e)];
+  std::vector<std::uint8_t> left_out(fixed.size(), 0);
+  std::int64_t count = 0;
+  for (std::size_t p = 0; p < fixed.size(); ++p) {
+    left_out[p] = fixed[p] != 0 && q.factor.reciprocal[p] == 0.0 ? 1 : 0;
+    count += left_out[p];
+  }
+  if (count == work.aliased.count) {
+    work.aliased.left_out = std::move(left_out);
+    return;
+  }
+  for (std::size_t p = 0; p < fixed.size(); ++p) {
+    if (fixed[p] != 0) definite[p] = work.aliased.left_out[p] != 0 ? 2 : 1;
+  }
+  K4MXXAIL(eh, q.c, control, q.factor, ev.absorbed);
+}
+
 }  // namespace
 
 std::int64_t fault_of_memory(const ERROR_HANDLER& eh)
@@ -92,12 +142,16 @@ void L_ABSORB(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& mode
   control.floor = 0.0;  // an absolute floor would drop equations by the unit of the response or of a covariate
   control.threads = threads;
   control.cancel = work.cancel;
-  const std::vector<std::uint8_t> definite = definite_effects(in, model, q, ev.formed);
+  std::vector<std::uint8_t> definite = definite_effects(in, model, q, ev.formed);
   control.definite = definite;
   ev.absorbed = {};
   {
     const Timed timed{in.timing, "K4MXXAIL", "K4MITR"};
     K4MXXAIL(eh, q.c, control, q.factor, ev.absorbed);
+    const bool scaled_identity = q.residual.empty();
+    if (!scaled_identity && !eh.terminate() && !ev.absorbed.cancelled) {
+      L_ABSORB_ANEW(eh, in, model, threads, control, definite, work, ev);
+    }
   }
   if (eh.terminate()) {
     ev.fault = fault_of_memory(eh);
@@ -106,7 +160,7 @@ void L_ABSORB(ERROR_HANDLER& eh, const FIT_MODEL& in, const VARIANCE_MODEL& mode
   const bool positive = !has_negative_variances(model, ev.formed);
   for (std::size_t p = 0; p < definite.size() && !ev.absorbed.cancelled; ++p) {
     const double r = q.factor.reciprocal[p];
-    if (definite[p] != 0 && (r == 0.0 || (r < 0.0 && positive))) ev.fault = lost_in_rounding;
+    if (definite[p] == 1 && (r == 0.0 || (r < 0.0 && positive))) ev.fault = lost_in_rounding;
   }
   if (ev.absorbed.tightened) {
     work.tolerance = ev.absorbed.t0;

@@ -87,6 +87,14 @@ struct WORKING_VARIABLES {
   std::vector<double> tile;             // scratch of K4MWVA
 };
 
+/// What of the fixed effects the design itself cannot tell apart; known once a fit, where the residual variance matrix is no scaled
+/// identity.
+struct ALIASED {
+  bool known = false;
+  std::int64_t count = 0;              // of fixed effects
+  std::vector<std::uint8_t> left_out;  // by elimination position: those that an absorption left out, when there were as many
+};
+
 /// What evaluations share with the fit driver.
 struct FIT_WORK {
   AIOPT aiopt;
@@ -102,6 +110,7 @@ struct FIT_WORK {
   double previous_logl = 0.0;
   double tolerance = 1e-8;                // t0 of the singularity rule, tightened once at most
   bool default_tolerance = true;
+  ALIASED aliased;
   CANCEL cancel;
   std::vector<double> inverse;            // C-inverse on the pattern of C; as `working`, kept for its room alone
   WORKING_VARIABLES working;

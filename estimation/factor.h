@@ -72,8 +72,8 @@ struct ABSORB_CONTROL {
   double floor = 1.0;             // 0 makes the tolerance relative, free of the units of data and parameters
   bool default_tolerance = true;  // t0 stands at exactly 1e-8: a small pivot may tighten it tenfold, once
   std::span<const signed char> flags;  // by position, or empty; below 0 leaves the equation out as singular
-  // By position, or empty: 1 for effects of a positive definite variance matrix.  Their pivots are above zero however small, so
-  // only what rounding has left nothing of counts as singular.
+  // By position, or empty: 1 for equations known not to be singular, such as effects of a positive definite variance matrix, whose
+  // pivots are above zero however small: only what rounding has left nothing of counts as singular; 2 leaves an equation out.
   std::span<const std::uint8_t> definite;
   int threads = 1;
   CANCEL cancel;

@@ -1,4 +1,4 @@
-// What is fixed in the equations when they are solved by iteration.  Routine: ABSORB_FIXED.
+// What is fixed in the equations: which of it is singular by the design alone.  Routine: ABSORB_FIXED.
 #include "estimation/fixed_part.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
-// What is fixed in the equations when they are solved by iteration: which of it is singular, and its rank.
+// What is fixed in the equations: which of it is singular by the design alone, and its rank.  Equations solved by iteration are
+// judged so, and those of a residual variance matrix close to a singular one.
 //
 // Fixed are the effects of X, and the dimensions of random structures that have no variance: genetic groups, levels of which a
 // matrix knows nothing.  There G^-1 n = 0, and W n takes its place beside X.

@@ -50,7 +50,7 @@ bool accept(const SNODE& node, const int32_t* rows, const double* panel, int64_t
     rule.not_finite = true;
     return false;
   }
-  if (p == 0.0) return false;
+  if (p == 0.0 || (rule.definite != nullptr && rule.definite[position] == 2)) return false;
   if (rule.flags != nullptr && (rule.flags[position] < 0 || p < t)) return false;
   if (std::abs(p) >= t) return true;
   if (rule.definite != nullptr && rule.definite[position] != 0) return false;

@@ -70,6 +70,38 @@ TEST(NearlySingular, PlacesThatAlmostCoincide)
   }
 }
 
+// Plots in pairs under a spatial residual with a nugget: treatments stay, however close the two plots of a pair come.
+TEST(NearlySingular, PlotsThatAlmostCoincide)
+{
+  constexpr int records = 40;
+  const auto run = [](double gap, const std::string& model) {
+    std::mt19937 random(8);
+    std::normal_distribution<double> normal;
+    std::vector<double> treatment, x, y;
+    for (int r = 0; r < records; ++r) {
+      treatment.push_back(static_cast<double>(random() % 3 + 1));
+      x.push_back(r / 2 + (r % 2 == 0 ? 0.0 : gap));
+      y.push_back(5.0 + 0.4 * treatment.back() + normal(random));
+    }
+    std::vector<double> values = treatment;
+    values.insert(values.end(), x.begin(), x.end());
+    values.insert(values.end(), y.begin(), y.end());
+    Host host;
+    host.info("{\"dataset\":" + dataset("d", records, {{"treatment", 3}, {"x", 0}, {"y", 0}}) + "}");
+    host.matrix("d", values, records, 3);
+    host.process("{\"model\":" + model + R"(,"initial_values":[{"term":"units","value":0.7}],"options":{"maxiterations":1}})");
+    const std::vector<double> trace = host.reals("TABLE_TRACE:LOGL");
+    EXPECT_FALSE(trace.empty()) << host.errors();
+    EXPECT_EQ(host.integer("SCALAR_DF"), records - 3);
+    return trace.empty() ? 0.0 : trace[0];
+  };
+  for (const std::string fixed : {R"("fixed":"treatment")", R"("sparse":"treatment")"}) {
+    const std::string model = R"({"response":"y",)" + fixed + R"j(,"random":"units","residual":"exp(x,init=[0.3])"})j";
+    const double limit = run(1e-6, model);
+    for (const double gap : {1e-8, 1e-9, 1e-10, 1e-11}) EXPECT_NEAR(run(gap, model), limit, 1e-4) << fixed << gap;
+  }
+}
+
 // Records of two lines that a given inverse takes for twins but for a little.
 TEST(NearlySingular, TwinsOfAGivenInverse)
 {
