@@ -20,11 +20,8 @@ constexpr double nothing = 1e-20;          // of its unit: a variance that has s
 constexpr double settled_gain = 1.0;       // of LogL: a variance may settle at zero once an iteration changes no more than this
 constexpr double settled_ratio = 1e3;      // a variance this far above its unit may grow on: the residual's is going to zero
 constexpr int most_shortening = 40;
-constexpr double swinging_line = 0.7, creeping_line = 0.95;  // squared cosine between two steps
-constexpr double least_swing = 0.2, most_swing = 2.0;        // the last step over the one before, against it
-constexpr double least_creep = 0.4, most_creep = 0.8;        // along it
-constexpr double least_left = 0.5;            // of a variance, by a lengthened step
-constexpr double top_gain = 0.1;              // of LogL: creeping
+constexpr double swinging_line = 0.7;                  // squared cosine between two steps
+constexpr double least_swing = 0.2, most_swing = 2.0;  // the last step over the one before, against it
 constexpr double near_gain = 5.0;             // of LogL: the last step came near the optimum
 
 /// L_PENALTY: the damping number by the change of LogL, and the multiplier of the information's diagonal it gives.
@@ -74,12 +71,11 @@ double settled_value(const VARIANCE_MODEL& model, std::int64_t parameter, double
   return value;
 }
 
-/// What the last two steps tell of the next (Aitken 1926): where d = r d_before along one line in the metric of the information, the
-/// place that they lead to is d / (1 - r) away.  Steps that go to and fro are shortened by it, steps that creep are lengthened, these
-/// only near the top, and only while nothing is held and no parameter comes near its bound by it.
-void judge_by_last_step(const INFORMATION& information, const INFORMATION& plain, const VARIANCE_MODEL& model, bool near_top,
-                        const std::vector<std::uint8_t>& open, const std::vector<std::uint8_t>& used, const std::vector<double>& before,
-                        std::vector<double>& delta)
+/// Shortens a step that goes back along the last one by what the two tell (Aitken 1926): where d = r d_before along one line in the
+/// metric of the information, the place that they lead to is d / (1 - r) away.  For steps too long to take secants from; only while
+/// nothing is held.
+void shorten_swing(const INFORMATION& information, const INFORMATION& plain, const std::vector<std::uint8_t>& open,
+                   const std::vector<std::uint8_t>& used, const std::vector<double>& before, std::vector<double>& delta)
 {
   if (open != used || before.empty()) return;
   double now = 0.0, then = 0.0, both = 0.0;
@@ -97,19 +93,8 @@ void judge_by_last_step(const INFORMATION& information, const INFORMATION& plain
   }
   if (!(now > 0.0) || !(then > 0.0)) return;
   const double r = both / then;
-  const double along = both * both / (now * then);
-  const bool swings = r <= -least_swing && r >= -most_swing && along >= swinging_line;
-  const bool creeps = near_top && r >= least_creep && r <= most_creep && along >= creeping_line;
-  if (!swings && !creeps) return;
-  const double by = 1.0 / (1.0 - r);
-  for (std::size_t i = 0; creeps && i < k; ++i) {
-    const VARIANCE_PARAMETER& v = model.parameters[static_cast<std::size_t>(information.active[i])];
-    const double x = v.value / information.unit[i];
-    const double next = x + by * delta[i];
-    if (v.role == ParamRole::variance && next < least_left * x) return;
-    if (v.role == ParamRole::correlation && std::fabs(next) > near_one) return;
-  }
-  for (double& d : delta) d *= by;
+  if (r > -least_swing || r < -most_swing || both * both < swinging_line * now * then) return;
+  for (double& d : delta) d /= 1.0 - r;
 }
 
 }  // namespace
@@ -132,6 +117,7 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
   aiopt(Ai::restrained) = 0;
   aiopt(Ai::boundary) = 0;
   const std::vector<double> ratio = data_ratios(model, information);
+  add_secant(model, information, iteration > 1 ? gain : INFINITY, state.secants);
   information = in_units(std::move(information));
   const auto p = model.parameters.size();
   if (state.reference.size() != p) {
@@ -143,7 +129,8 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
   state.change.assign(p, 0.0);
   state.largest_change = 0.0;
 
-  const INFORMATION plain = information;
+  INFORMATION plain = information;
+  correct_by_secants(state.secants, plain);
   L_PENALTY(eh, iteration, gain, information, aiopt, state);
   const double c = std::min(state.step, 1.0 / state.step);
   if (c < 1.0) {
@@ -158,6 +145,7 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
   K4MAII(eh, true, iteration, information, model, aiopt, state, covariance, used);
   if (eh.terminate()) return;
 
+  correct_by_secants(state.secants, information);
   make_expected(ratio, information);
 
   // The joint step includes the profiled residual variance, whose score is zero and whose own step is not applied:
@@ -249,8 +237,7 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
     while (pass(false)) held_more = true;
   }
 
-  const bool near_top = iteration > 1 && gain >= 0.0 && gain < top_gain;
-  if (state.shortening == 0) judge_by_last_step(information, plain, model, near_top, open, used, state.moved, delta);
+  if (state.shortening == 0 && state.secants.latest.empty()) shorten_swing(information, plain, open, used, state.moved, delta);
   double largest_loading = 0.0;
   std::vector<double> moved(k, 0.0);  // in units
   state.growth_capped = false;

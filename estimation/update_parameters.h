@@ -9,6 +9,7 @@
 #include "api/error_handler.h"
 #include "estimation/control_slots.h"
 #include "estimation/keep_inside.h"
+#include "estimation/secant_information.h"
 #include "varstruct/parameter_table.h"
 
 namespace tolvan {
@@ -62,6 +63,7 @@ struct UPDATE_STATE {
   std::string first_singular;      // label of the first parameter that the residual may make up
   std::vector<SINGULAR_PARAMETER> singular;  // of the last information matrix
   std::vector<std::int64_t> told;  // correlations of which it was told that they are fixed
+  SECANTS secants;
   std::vector<DEFINITE_ROW> definite;  // unstructured matrices whose step is kept in their space, where EM was not asked for
 };
 

@@ -125,6 +125,55 @@ TEST(Update, JointStepHoldsTheProfiledVarianceAndSolvesAgainForTheRest)
   EXPECT_FALSE(eh.terminate());
 }
 
+// What B s is once the profiled residual variance, the last one, has followed.
+std::vector<double> beside_profiled(const INFORMATION& b, const std::vector<double>& s)
+{
+  const std::int64_t h = b.count() - 1;
+  std::vector<double> out;
+  for (std::int64_t i = 0; i < h; ++i) {
+    out.push_back(0.0);
+    for (std::int64_t j = 0; j < h; ++j) out.back() += (b.at(i, j) - b.at(i, h) * b.at(j, h) / b.at(h, h)) * s[static_cast<std::size_t>(j)];
+  }
+  return out;
+}
+
+TEST(Update, SecantsCorrectTheInformationAlongTheStepsTaken)
+{
+  const std::vector<double> ai = {2.0, 0.4, 1.0, 0.5, 0.3, 4.0};
+  // LogL is quadratic with S = (3, 0.2; 0.2, 0.5) for the curvature beside the profiled variance, its top at (1, 2).
+  const auto at = [&](double x, double y) {
+    return information({3.0 * (1.0 - x) + 0.2 * (2.0 - y), 0.2 * (1.0 - x) + 0.5 * (2.0 - y), 0.0}, ai);
+  };
+  SECANTS secants;
+  const std::vector<std::vector<double>> places = {{0.5, 0.5, 1.0}, {1.2, 1.1, 1.1}, {1.1, 1.7, 1.3}};
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    add_secant(variances(places[i]), at(places[i][0], places[i][1]), i == 0 ? INFINITY : 0.1, secants);
+  }
+  ASSERT_EQ(secants.latest.size(), 2U);
+  INFORMATION corrected = at(1.1, 1.7);
+  for (double& u : corrected.unit) u = 2.0;
+  corrected = in_units(corrected);
+  correct_by_secants(secants, corrected);
+  const std::vector<double> fall = beside_profiled(corrected, {-0.1 / 2.0, 0.6 / 2.0});
+  EXPECT_NEAR(fall[0], 2.0 * (3.0 * -0.1 + 0.2 * 0.6), 1e-12);
+  EXPECT_NEAR(fall[1], 2.0 * (0.2 * -0.1 + 0.5 * 0.6), 1e-12);
+  EXPECT_DOUBLE_EQ(corrected.at(2, 2), 4.0 * 4.0) << "the profiled variance keeps its own";
+
+  // Where the score rises along a step a fifth of the promised curvature is kept, so that steps stay bounded.
+  SECANTS bent;
+  add_secant(variances({1.0, 1.0, 1.0}), information({0.0, 0.0, 0.0}, ai), INFINITY, bent);
+  add_secant(variances({1.3, 1.1, 1.0}), information({0.9, 0.4, 0.0}, ai), -0.2, bent);
+  INFORMATION kept = information({0.9, 0.4, 0.0}, ai);
+  const std::vector<double> s = {0.3, 0.1};
+  const std::vector<double> before = beside_profiled(kept, s);
+  correct_by_secants(bent, kept);
+  const std::vector<double> after = beside_profiled(kept, s);
+  EXPECT_NEAR(s[0] * after[0] + s[1] * after[1], 0.2 * (s[0] * before[0] + s[1] * before[1]), 1e-12);
+
+  add_secant(variances({1.5, 1.1, 1.0}), information({0.1, 0.4, 0.0}, ai), 4.0, bent);
+  EXPECT_TRUE(bent.latest.empty()) << "over a large change of LogL the curvature is not the one here";
+}
+
 TEST(Update, DampingFollowsTheChangeOfLogL)
 {
   struct Case {
