@@ -13,6 +13,7 @@ namespace {
 
 constexpr std::size_t most_secants = 5;
 constexpr double near_gain = 0.1;        // of LogL
+constexpr double alike = 0.15;           // the information is right enough about a step
 constexpr double least_curvature = 0.2;  // of what the information promises along a step
 constexpr double most_curvature = 5.0;
 
@@ -73,13 +74,16 @@ void correct_by_secants(const SECANTS& secants, INFORMATION& information)
     for (std::size_t i = 0; i < k; ++i) s[i] = secant.step[i] / information.unit[i];
     std::vector<double> y = times_step(information, plain, s);
     const std::vector<double> bs = times_step(information, information.ai, s);
-    double sbs = 0.0, sy = 0.0;
+    double sbs = 0.0, sy = 0.0, unlike = 0.0;
     for (std::size_t i = 0; i < k; ++i) {
       y[i] += secant.excess[i] * information.unit[i];
       sbs += s[i] * bs[i];
       sy += s[i] * y[i];
+      const double own = information.at(static_cast<std::int64_t>(i), static_cast<std::int64_t>(i));
+      if (own > 0.0) unlike += (y[i] - bs[i]) * (y[i] - bs[i]) / own;
     }
     if (!(sbs > 0.0) || !std::isfinite(sy) || sy > most_curvature * sbs) continue;
+    if (unlike < alike * alike * sbs) continue;
     if (sy < least_curvature * sbs) {
       const double share = (1.0 - least_curvature) * sbs / (sbs - sy);
       sy = 0.0;

@@ -162,7 +162,7 @@ TEST(Update, SecantsCorrectTheInformationAlongTheStepsTaken)
   // Where the score rises along a step a fifth of the promised curvature is kept, so that steps stay bounded.
   SECANTS bent;
   add_secant(variances({1.0, 1.0, 1.0}), information({0.0, 0.0, 0.0}, ai), INFINITY, bent);
-  add_secant(variances({1.3, 1.1, 1.0}), information({0.9, 0.4, 0.0}, ai), -0.2, bent);
+  add_secant(variances({1.3, 1.1, 1.0}), information({0.9, 0.4, 0.0}, ai), -0.02, bent);
   INFORMATION kept = information({0.9, 0.4, 0.0}, ai);
   const std::vector<double> s = {0.3, 0.1};
   const std::vector<double> before = beside_profiled(kept, s);

@@ -172,7 +172,7 @@ code B - fixed at a boundary             F - fixed by user
 Time
 ----
 END OF AIDATA_BODY
-AIDATA_BODY                   0.04      1 calls)
+AIDATA_BODY                   0.01      1 calls)
 AIPEDA                        0.00      1 calls)
 INITFLL                       0.00      1 calls)
 GIV_GRM                       0.00      1 calls)
@@ -183,7 +183,7 @@ REORDER_MODEL_TERMS           0.00      1 calls)
 K4MPRS                        0.00      1 calls)
 AIDSGN                        0.00      1 calls)
 BIG_CHUNK_OF_AIDATA           0.00      1 calls)
-K4MITR                        0.01      7 calls)
+K4MITR                        0.00      7 calls)
 K4MSSF                        0.00      7 calls)
 REORDER_MATRIX                0.00      1 calls)
 K4MXXS                        0.00      7 calls)
@@ -191,10 +191,12 @@ K4MXXG                        0.00      7 calls)
 K4MXXAIL                      0.00      7 calls)
 SMIFWD                        0.00      7 calls)
 K4MWVG                        0.00      7 calls)
+K4MWVR                        0.00      7 calls)
 K4MWVA                        0.00      7 calls)
 K4MSMI                        0.00      7 calls)
 K4MSCG                        0.00      7 calls)
 K4MSCR                        0.00      7 calls)
 K4MUPD                        0.00      7 calls)
-K4MRIE                        0.00      1 calls)
-Other                         0.03
+K4MRIE                        0.01      1 calls)
+NEW_AIDRPT                    0.00      1 calls)
+Other                         0.00
