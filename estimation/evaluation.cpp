@@ -418,7 +418,9 @@ void step_from_best(ERROR_HANDLER& eh, std::int64_t iteration, double gain, VARI
   const int shortening = work.update.shortening;
   const double step = work.update.step;
   const double saved_step = work.update.saved_step;
+  SECANTS secants = std::move(work.update.secants);  // the step that was too long tells the most
   work.update = work.best.update;
+  work.update.secants = std::move(secants);
   work.update.shortening = shortening;
   work.update.step = step;
   work.update.saved_step = saved_step;

@@ -102,7 +102,7 @@ void shorten_swing(const INFORMATION& information, const INFORMATION& plain, con
 void damp_steps(bool fell, UPDATE_STATE& state)
 {
   if (fell) {
-    state.shortening = std::min(state.shortening + 1, most_shortening);
+    state.shortening = std::min(state.came_with + 1, most_shortening);
   } else {
     state.shortening = std::max(state.shortening - 1, 0);
   }
@@ -116,6 +116,8 @@ void K4MUPD(ERROR_HANDLER& eh, std::int64_t iteration, double gain, INFORMATION 
   aiopt(Ai::step_thousandths) = 1000;
   aiopt(Ai::restrained) = 0;
   aiopt(Ai::boundary) = 0;
+  state.came_with = state.taken_with;
+  state.taken_with = state.shortening;
   const std::vector<double> ratio = data_ratios(model, information);
   add_secant(model, information, iteration > 1 ? gain : INFINITY, state.secants);
   information = in_units(std::move(information));

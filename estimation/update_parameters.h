@@ -51,6 +51,8 @@ struct UPDATE_STATE {
   double saved_step = 1.0;         // what a reset goes back to
   double multiplier = 1.0;         // the last multiplier of the information's diagonal
   int shortening = 0;              // times that steps are halved since they lowered the LogL, see damp_steps
+  int taken_with = 0;              // that of the last step
+  int came_with = 0;               // that of the step before, which led to the present evaluation
   std::vector<double> reference;   // a reference value a parameter
   std::vector<double> last;        // the values before the present ones
   std::vector<double> moved;       // the last step, one a parameter, in units of that time
