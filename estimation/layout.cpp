@@ -6,6 +6,7 @@
 #include "base/memory.h"
 #include "base/text.h"
 #include "estimation/equations.h"
+#include "estimation/lagrangian_order.h"
 #include "estimation/null_levels.h"
 #include "estimation/order_equations.h"
 
@@ -314,34 +315,6 @@ DESIGN_COLUMNS by_records(const DESIGN_COLUMNS& columns, std::int64_t records)
   return rows;
 }
 
-/// The Lagrangian equations with the ones that they bind, by their inner numbers.
-std::vector<std::pair<std::int32_t, std::int32_t>> bound_equations(const TERM_TABLE& terms, const VARIANCE_MODEL& model,
-                                                                   const FORMED& formed, const MIXED_EQUATIONS& q)
-{
-  std::vector<std::pair<std::int32_t, std::int32_t>> bound;
-  for (std::size_t t = 0; t < model.terms.size(); ++t) {
-    if (model.terms[t].dropped) continue;
-    const COMPONENTS& components = formed.terms[t].components;
-    const std::int64_t first = first_equation(terms, model.terms[t]);
-    for (std::size_t c = 0; c < components.size(); ++c) {
-      if (components[c]->lagrangian().empty()) continue;
-      const PRODUCT_BLOCK block = block_of(components, c);
-      const std::int64_t n = components[c]->inverse().n;
-      for (std::int64_t o = 0; o < block.outer; ++o) {
-        for (const auto& [row, level] : components[c]->lagrangian()) {
-          for (std::int64_t i = 0; i < block.inner; ++i) {
-            const auto inner = [&](std::int64_t l) {
-              return static_cast<std::int32_t>(q.inner[static_cast<std::size_t>(first + (o * n + l) * block.inner + i)]);
-            };
-            bound.emplace_back(inner(row), inner(level));
-          }
-        }
-      }
-    }
-  }
-  return bound;
-}
-
 /// Moves every Lagrangian equation behind the one that it binds, by exchanging the two where the order has them the other way.
 void bind_after(const PATTERN& pattern, std::vector<std::int32_t>& order)
 {
@@ -458,7 +431,9 @@ void SETUP_EQUATIONS(ERROR_HANDLER& eh, const FIT_OPTIONS& options, const TERM_T
       q.columns = {};
       {
         PATTERN pattern = pattern_of(inner, dense);
-        pattern.bound = bound_equations(terms, model, formed, q);
+        for (const auto& [binding, with] : bound_equations(terms, model, formed)) {
+          pattern.bound.emplace_back(q.inner[static_cast<std::size_t>(binding)], q.inner[static_cast<std::size_t>(with)]);
+        }
         std::vector<std::int32_t> order;
         if (is_order_of(q.given_order, q.n, dense)) {
           order = std::move(q.given_order.order);
