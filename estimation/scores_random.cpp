@@ -12,6 +12,13 @@ namespace {
 
 constexpr std::size_t most_sums = 1 << 20;  // that are kept for every part of a structure's equations
 
+/// Column p of C-inverse from its diagonal on, each element at its row in `work`.
+void spread_column(const MIXED_EQUATIONS& q, std::size_t p, const std::vector<double>& inverse, std::vector<double>& work)
+{
+  const auto to = static_cast<std::size_t>(q.c.start[p + 1]);
+  for (auto k = static_cast<std::size_t>(q.c.start[p]); k < to; ++k) work[static_cast<std::size_t>(q.c.row[k])] = inverse[k];
+}
+
 /// The equations of one structure in C-inverse plus u u'/s2, summed for every component that has parameters over the others:
 /// S_c(a, b) = sum over pairs of equations at levels a and b of c of T(e, f) times the inverse elements of the other components.
 void gather_pairs(std::int64_t first, std::int64_t begin, std::int64_t end, PRODUCT_ROWS& rows, const MIXED_EQUATIONS& q,
@@ -19,16 +26,14 @@ void gather_pairs(std::int64_t first, std::int64_t begin, std::int64_t end, PROD
 {
   for (std::int64_t e = begin; e < end; ++e) {
     const auto p = static_cast<std::size_t>(q.position_of(first + e));
-    const auto from = static_cast<std::size_t>(q.c.start[p]);
-    const auto to = static_cast<std::size_t>(q.c.start[p + 1]);
     const double up = ev.solution[p] / ev.sigma2;
     rows.move_to(e);
     if (rows.diagonal()) {
-      const double t = inverse[from] + up * ev.solution[p];
+      const double t = inverse[static_cast<std::size_t>(q.c.start[p])] + up * ev.solution[p];
       rows.contract([t](std::int64_t) { return t; }, e, false, s);
       continue;
     }
-    for (std::size_t k = from; k < to; ++k) work[static_cast<std::size_t>(q.c.row[k])] = inverse[k];
+    spread_column(q, p, inverse, work);
     rows.contract(
         [&](std::int64_t f) {
           const auto o = static_cast<std::size_t>(q.position_of(first + f));
@@ -46,9 +51,8 @@ double scaled_trace(std::int64_t first, std::int64_t begin, std::int64_t end, PR
   double total = 0.0;
   for (std::int64_t e = begin; e < end; ++e) {
     const auto p = static_cast<std::size_t>(q.position_of(first + e));
-    const auto from = static_cast<std::size_t>(q.c.start[p]);
     const double up = ev.solution[p] / ev.sigma2;
-    for (auto k = from; k < static_cast<std::size_t>(q.c.start[p + 1]); ++k) work[static_cast<std::size_t>(q.c.row[k])] = inverse[k];
+    spread_column(q, p, inverse, work);
     double below = 0.0;
     rows.move_to(e);
     rows.each([&](std::int64_t f, double v) {
